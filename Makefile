@@ -1,0 +1,40 @@
+# The two commands a newcomer runs: `make demo` and `make test`.
+BUILD   ?= build
+JOBS    ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+DEBIAN_PACKAGES = build-essential cmake pkg-config libexpat1-dev libboost-dev \
+  libboost-date-time-dev libgtest-dev libgmock-dev libbenchmark-dev libplist-dev \
+  libdbus-1-dev dbus-daemon
+
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+.PHONY: all deps configure build test demo clean
+
+all: build
+
+# Installs only what is missing, so a prepared machine never touches the network.
+deps:
+	@missing=""; for p in $(DEBIAN_PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q 'install ok installed' || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:$$missing"; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends $$missing; \
+	fi
+
+configure: deps
+	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+demo: build
+	$(BUILD)/tools/esd_demo
+
+clean:
+	rm -rf $(BUILD)

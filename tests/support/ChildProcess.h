@@ -1,0 +1,34 @@
+#ifndef TESTS_SUPPORT_CHILDPROCESS_H
+#define TESTS_SUPPORT_CHILDPROCESS_H
+
+#include <sys/types.h>
+
+#include <functional>
+
+namespace testing_support {
+
+// Runs `body` in a forked child whose exit status is body's return value. The child leaves with
+// _exit, so it never runs the parent's atexit handlers or GoogleTest's teardown.
+pid_t StartChild(const std::function<int()>& body);
+
+// Waits for the child and returns its exit status, or -1 when it did not exit normally.
+int WaitChild(pid_t pid);
+
+// A one-shot signal from one process to another over a pipe (for "I hold the lock now").
+class Pipe {
+ public:
+  Pipe();
+  ~Pipe();
+  Pipe(const Pipe&) = delete;
+  Pipe& operator=(const Pipe&) = delete;
+  void Signal();  // writes one byte
+  // Waits up to timeoutMs for one byte; true when it arrived.
+  bool Wait(int timeoutMs = 10000);
+
+ private:
+  int mFds[2];
+};
+
+}  // namespace testing_support
+
+#endif
