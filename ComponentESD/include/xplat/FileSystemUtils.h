@@ -1,0 +1,115 @@
+#ifndef ESD_XPLAT_FILESYSTEMUTILS_H
+#define ESD_XPLAT_FILESYSTEMUTILS_H
+
+// Path and file operations shared by the stores, the preference engine and the updater folders.
+// Paths are POSIX paths in UTF-8 with "/" as the delimiter. Every operation reports an ordinary
+// failure by returning false and prints nothing; none throws. Symbolic links are followed when a
+// path is resolved (DoesPathExist, times, permissions, copy source) but are never followed when
+// something is deleted or renamed: the link itself is what goes.
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace FileSystemUtils {
+
+// Thrown by callers that cannot go on without a valid path; carries the offending path.
+class path_invalid_error : public std::runtime_error {
+ public:
+  path_invalid_error(const std::string& message, const std::string& path);
+  ~path_invalid_error() override;
+  virtual std::string GetPath() const;
+
+ private:
+  std::string mPath;
+};
+
+// True when the path names an existing file system object (a dangling link does not count).
+bool DoesPathExist(const std::string& path);
+
+// "/".
+std::string GetPathDelimiter();
+
+// The text before the last "/"; "/" when the only "/" is the first character; empty when the
+// path holds no "/". "/x/" gives "/x" (the trailing delimiter is the last one).
+std::string GetParentPath(const std::string& path);
+
+// The text after the last "/"; the whole path when it holds none; empty when it ends in "/".
+std::string GetPathLastComponent(const std::string& path);
+
+// sPath joined with sAppend by exactly one "/": one leading "/" of sAppend is dropped, and no "/"
+// is inserted when sPath already ends with one. Both must be non-empty (asserted).
+std::string AppendPathElement(const std::string& sPath, const std::string& sAppend);
+
+// The content-modification time of the object the path resolves to, as nanoseconds since
+// 1970-01-01 00:00:00 UTC. Nanoseconds, so that two saves within the same second give two
+// different values on file systems that keep them. False when the path does not resolve or the
+// time lies before 1970 (it has no honest value in this encoding).
+bool GetFileLastModifiedTime(const std::string& path, uint64_t& timeNs);
+
+// The permission bits (st_mode & 07777: rwx for owner/group/other plus setuid, setgid, sticky);
+// the file-type bits are not included.
+bool GetFilePermission(const std::string& path, uint16_t& mode);
+
+// ORs `mode` (07777 bits) into the object's permission bits: bits are only ever added, never
+// removed, so a caller that wants a file shared cannot make it less usable for anyone else.
+bool SetFilePermission(const std::string& path, uint16_t mode);
+
+// Sets the permission bits to exactly 0775 for a folder and 0664 for anything else (also when
+// the object cannot be examined; then the chmod decides).
+bool SetRestrictedFilePermission(const std::string& path);
+
+// Deletes a folder: with `recursive` the whole tree, else only the folder itself, which must be
+// empty. False when the path does not exist or is not a folder (a link to a folder is not one).
+// True also when the folder vanished under us (someone else deleted it).
+bool DeleteDirectory(const std::string& path, bool recursive);
+
+// Deletes a file, or a whole folder tree. A missing path is true (nothing to delete). A file is
+// refused (false) unless its own write bit for the caller is set: the owner bit when the
+// effective user owns it, else the group bit when the effective group is its group, else the
+// other bit. This is deliberately stricter than the system (which only asks for a writable
+// folder) and holds by the bits alone, for root too: a read-only file is never deleted here.
+// A symbolic link is removed itself, never its target.
+bool DeleteLocalFile(const std::string& path);
+
+// Creates sDir and any missing parents. Each folder created gets its parent's permission bits
+// (set after mkdir, so the umask does not narrow them), then its parent's owner and group.
+// Changing ownership needs privileges a normal user lacks; when the folder's owner or group
+// cannot be changed (EPERM) the folder is kept with the caller's identity, because the folder
+// itself is what the caller asked for and the caller can use it. True when sDir is a folder
+// afterwards (also when it already was). False when a path component is a file.
+bool CreateLocalDirectory(const std::string& sDir);
+
+// Copies the bytes and permission bits of the file src resolves to into dst. src must exist and
+// be a regular file, and dst's parent folder must exist; else false and nothing is created.
+// An existing dst is replaced atomically: the copy is written to a hidden temporary file beside
+// dst and renamed over it only once complete, so dst is always either the old file or the whole
+// new one. On any failure the partial copy is deleted and dst is untouched.
+bool CopyLocalFile(const std::string& src, const std::string& dst);
+
+// Afterwards the content that was at `a` is at `b` and the reverse. When only one exists it is
+// renamed to the other name (the missing name's parent folder is created if needed). False when
+// neither exists, or when the swap failed; on failure both contents are still present under
+// their original names (or, after a crash between steps, under "TempSwap.N" in a's folder).
+// Both present: an atomic kernel exchange where the file system supports it, else
+// ExchangeFilesByRenaming.
+bool ExchangeFiles(const std::string& a, const std::string& b);
+
+// The swap by three renames, used by ExchangeFiles when the kernel cannot exchange atomically:
+// a is renamed to a free "TempSwap.N" (N = 0..31) in a's folder, b moved to a, the temporary
+// moved to b. Moves across file systems copy then delete. False when all 32 temporary names
+// exist or a step fails; a failed step is undone so each content is back under its own name.
+// Both a and b must exist. Public so the fallback can be exercised on any file system.
+bool ExchangeFilesByRenaming(const std::string& a, const std::string& b);
+
+// Flushes a file's data to stable storage (fsync). Needed before a rename that must not expose
+// an empty or partial file after a power loss.
+bool SyncFile(const std::string& path);
+
+// Flushes a folder (fsync on the folder), which makes creations, renames and deletions of its
+// entries durable.
+bool SyncDirectory(const std::string& dir);
+
+}  // namespace FileSystemUtils
+
+#endif
