@@ -1,0 +1,171 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <iterator>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "xplat/Base64.h"
+#include "xplat/MD5Hash.h"
+#include "xplat/NameHash.h"
+
+namespace {
+
+std::string Hex(const std::vector<unsigned char>& bytes) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (unsigned char b : bytes) {
+    text += kDigits[b >> 4];
+    text += kDigits[b & 0xF];
+  }
+  return text;
+}
+
+std::string MD5Hex(const std::string& message) {
+  esd::MD5Hash hash;
+  hash.Update(message.begin(), message.end());
+  std::vector<unsigned char> digest;
+  hash.Finalize(std::back_inserter(digest));
+  return Hex(digest);
+}
+
+std::string Base64(const std::string& bytes) {
+  std::string text;
+  esd::Base64Encode(bytes.begin(), bytes.end(), std::back_inserter(text));
+  return text;
+}
+
+struct Vector {
+  const char* input;
+  const char* expected;
+};
+
+// The test suite of the MD5 definition: every message, including those longer than one block.
+TEST(MD5Hash, MatchesTheReferenceTestSuite) {
+  const Vector kSuite[] = {
+      {"", "d41d8cd98f00b204e9800998ecf8427e"},
+      {"a", "0cc175b9c0f1b6a831c399e269772661"},
+      {"abc", "900150983cd24fb0d6963f7d28e17f72"},
+      {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+      {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
+      {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789",
+       "d174ab98d277d9f5a5611c2c9f419d9f"},
+      {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+       "57edf4a22be3c955ac49da2e2107b67a"},
+  };
+  for (const Vector& v : kSuite) EXPECT_EQ(v.expected, MD5Hex(v.input)) << '"' << v.input << '"';
+}
+
+// Feeding in pieces, across block boundaries, gives the digest of the whole; Finalize leaves the
+// object ready for a new message and Init discards what was fed.
+TEST(MD5Hash, PiecewiseUpdatesAndReuse) {
+  const std::string message(1000, 'x');
+  const std::string whole = MD5Hex(message);
+
+  esd::MD5Hash hash;
+  std::vector<unsigned char> digest;
+  for (std::size_t at = 0; at < message.size(); at += 63) {
+    const std::size_t end = std::min(message.size(), at + 63);
+    hash.Update(message.begin() + at, message.begin() + end);
+  }
+  hash.Finalize(std::back_inserter(digest));
+  EXPECT_EQ(whole, Hex(digest));
+
+  digest.clear();
+  hash.Update(message.begin(), message.begin() + 10);
+  hash.Init();
+  const std::string abc = "abc";
+  hash.Update(abc.begin(), abc.end());
+  hash.Finalize(std::back_inserter(digest));
+  EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", Hex(digest));
+
+  digest.clear();
+  hash.Finalize(std::back_inserter(digest));  // nothing fed since the last Finalize
+  EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", Hex(digest));
+}
+
+// Bytes above 0x7F in a signed-char string hash as the same bytes held unsigned.
+TEST(MD5Hash, HighBytesHashTheSameFromSignedAndUnsignedRanges) {
+  const std::string text = "caf\xc3\xa9\xff";
+  const std::vector<unsigned char> bytes(text.begin(), text.end());
+  esd::MD5Hash hash;
+  std::vector<unsigned char> a, b;
+  hash.Update(text.begin(), text.end());
+  hash.Finalize(std::back_inserter(a));
+  hash.Update(bytes.begin(), bytes.end());
+  hash.Finalize(std::back_inserter(b));
+  EXPECT_EQ(Hex(a), Hex(b));
+}
+
+// The vectors of the Base64 definition cover every padding case.
+TEST(Base64Encode, MatchesTheStandardVectors) {
+  const Vector kVectors[] = {
+      {"", ""},         {"f", "Zg=="},        {"fo", "Zm8="},         {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+  };
+  for (const Vector& v : kVectors) EXPECT_EQ(v.expected, Base64(v.input)) << '"' << v.input << '"';
+}
+
+// All 64 characters of the alphabet appear where expected, high bytes in a signed-char string
+// encode like the same unsigned bytes, long input gets no line breaks, and the returned iterator
+// points past the last character written.
+TEST(Base64Encode, AlphabetHighBytesAndLength) {
+  std::vector<unsigned char> ramp;
+  for (unsigned i = 0; i < 64; ++i) {  // three bytes per group carrying 6-bit values i, i, i, i
+    const unsigned v = i;
+    ramp.push_back(static_cast<unsigned char>((v << 2) | (v >> 4)));
+    ramp.push_back(static_cast<unsigned char>(((v & 0xF) << 4) | (v >> 2)));
+    ramp.push_back(static_cast<unsigned char>(((v & 0x3) << 6) | v));
+  }
+  std::string text;
+  esd::Base64Encode(ramp.begin(), ramp.end(), std::back_inserter(text));
+  std::string expected;
+  for (char c : std::string("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"))
+    expected += std::string(4, c);
+  EXPECT_EQ(expected, text);
+
+  EXPECT_EQ("/+8=", Base64("\xff\xef"));
+  const std::vector<unsigned char> high = {0xFF, 0xEF};
+  std::string fromBytes;
+  esd::Base64Encode(high.begin(), high.end(), std::back_inserter(fromBytes));
+  EXPECT_EQ("/+8=", fromBytes);
+
+  const std::string longInput(1000, '\x5a');
+  const std::string encoded = Base64(longInput);
+  EXPECT_EQ(1336u, encoded.size());
+  EXPECT_EQ(std::string::npos, encoded.find_first_of("\r\n"));
+
+  char buffer[9] = {};
+  const std::string two = "fo";
+  char* end = esd::Base64Encode(two.begin(), two.end(), buffer);
+  EXPECT_EQ(buffer + 4, end);
+  EXPECT_STREQ("Zm8=", buffer);
+}
+
+// Lock names come from this token, so it must be stable, fixed in length and case sensitive.
+TEST(GetNameHashValue, IsAFixedLengthStableCaseSensitiveToken) {
+  // Base64 of the digest of "abc" (900150983cd24fb0d6963f7d28e17f72).
+  EXPECT_EQ("kAFQmDzST7DWlj99KOF/cg==", esd::GetNameHashValue("abc"));
+
+  const std::string names[] = {"a", "com.vantu.app", "COM.VANTU.APP", std::string(5000, 'n'),
+                               "caf\xc3\xa9", std::string("nul\0inside", 10)};
+  std::set<std::string> seen;
+  for (const std::string& name : names) {
+    const std::string token = esd::GetNameHashValue(name);
+    EXPECT_EQ(24u, token.size()) << name;
+    EXPECT_EQ("==", token.substr(22)) << name;
+    EXPECT_EQ(token, esd::GetNameHashValue(name)) << name;
+    seen.insert(token);
+  }
+  EXPECT_EQ(std::size(names), seen.size());  // differing names, including by case, differ
+  // The terminator is not hashed: the embedded NUL name differs from its prefix.
+  EXPECT_NE(esd::GetNameHashValue("nul"), esd::GetNameHashValue(std::string("nul\0", 4)));
+}
+
+TEST(GetNameHashValueDeathTest, EmptyNameIsAProgrammingError) {
+  EXPECT_DEATH(esd::GetNameHashValue(""),
+               "NameHash\\.cpp:[0-9]+: failed assertion `!inString\\.empty\\(\\)'\n");
+}
+
+}  // namespace
