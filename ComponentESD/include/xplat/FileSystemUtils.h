@@ -80,7 +80,8 @@ bool DeleteLocalFile(const std::string& path);
 // afterwards (also when it already was). False when a path component is a file.
 bool CreateLocalDirectory(const std::string& sDir);
 
-// Copies the bytes and permission bits of the file src resolves to into dst. src must exist and
+// Copies the bytes and rwx permission bits of the file src resolves to into dst (setuid, setgid
+// and sticky are not carried over to a copy the caller now owns). src must exist and
 // be a regular file, and dst's parent folder must exist; else false and nothing is created.
 // An existing dst is replaced atomically: the copy is written to a hidden temporary file beside
 // dst and renamed over it only once complete, so dst is always either the old file or the whole
@@ -89,18 +90,14 @@ bool CopyLocalFile(const std::string& src, const std::string& dst);
 
 // Afterwards the content that was at `a` is at `b` and the reverse. When only one exists it is
 // renamed to the other name (the missing name's parent folder is created if needed). False when
-// neither exists, or when the swap failed; on failure both contents are still present under
-// their original names (or, after a crash between steps, under "TempSwap.N" in a's folder).
-// Both present: an atomic kernel exchange where the file system supports it, else
-// ExchangeFilesByRenaming.
+// neither exists, or when the swap failed. A failure never loses a content: each is back under
+// its original name, or, when even the undo failed or the process died between steps, one of
+// them waits under "TempSwap.N" in a's folder.
+// Both present: an atomic kernel exchange where the file system supports it; otherwise a is
+// renamed to a free "TempSwap.N" (N = 0..31) in a's folder, b moved to a, the temporary moved to
+// b, with moves across file systems done as copy-then-delete (false when all 32 temporary names
+// exist).
 bool ExchangeFiles(const std::string& a, const std::string& b);
-
-// The swap by three renames, used by ExchangeFiles when the kernel cannot exchange atomically:
-// a is renamed to a free "TempSwap.N" (N = 0..31) in a's folder, b moved to a, the temporary
-// moved to b. Moves across file systems copy then delete. False when all 32 temporary names
-// exist or a step fails; a failed step is undone so each content is back under its own name.
-// Both a and b must exist. Public so the fallback can be exercised on any file system.
-bool ExchangeFilesByRenaming(const std::string& a, const std::string& b);
 
 // Flushes a file's data to stable storage (fsync). Needed before a rename that must not expose
 // an empty or partial file after a power loss.
