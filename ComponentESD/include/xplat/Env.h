@@ -1,0 +1,127 @@
+#ifndef ESD_XPLAT_ENV_H
+#define ESD_XPLAT_ENV_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include <boost/date_time/gregorian/gregorian_types.hpp>
+
+namespace esd {
+
+// Every operating-system service that the folder, launch, process, notification, group and date
+// code needs, one virtual function each. The portable code asks `Env::Default()` and never the
+// system itself, so a test (or one of the project's own tools) can move the machine root, give
+// the caller other groups or record launches by installing an `EnvWrapper` with a `ScopedEnv`.
+// File operations on known paths (stat, mkdir, chmod, rename) are not here: they belong to
+// FileSystemUtils, which works on whatever paths the folder lookup produced.
+//
+// Implementations must be safe to call from several threads at once; none of the calls throws.
+class Env {
+ public:
+  // One entry of the process table.
+  struct ProcessInfo {
+    pid_t pid = 0;
+    pid_t parentPid = 0;
+    std::string executablePath;          // the program file; empty when it cannot be read
+    std::vector<std::string> arguments;  // argv as the process holds it now, argv[0] included
+  };
+
+  Env() = default;
+  virtual ~Env();
+  Env(const Env&) = delete;
+  Env& operator=(const Env&) = delete;
+
+  // The Env the library uses right now: the one of the innermost live ScopedEnv, otherwise
+  // Platform(). Never null.
+  static Env* Default();
+
+  // The real operating system (Linux). Lives until the process ends; the usual target of an
+  // EnvWrapper.
+  static Env* Platform();
+
+  // --- Folders -------------------------------------------------------------------------------
+
+  // The folder under which every machine-wide location lies ("var/lib", "etc", "opt", ...).
+  // "/" for the real system.
+  virtual std::string GetRootDirectory() = 0;
+
+  // The user's home folder: $HOME, or the password-database entry of the effective user when
+  // $HOME is unset or empty. False when neither gives an absolute path.
+  virtual bool GetHomeDirectory(std::string& path) = 0;
+
+  // The process environment. The folder lookup reads the standard XDG_* and TMPDIR variables
+  // through this; the launch code sets the updater's parameters and restores them through it.
+  // Get is false when the variable is unset (an empty value is a value).
+  virtual bool GetEnvironmentVariable(const std::string& name, std::string& value) = 0;
+  virtual bool SetEnvironmentVariable(const std::string& name, const std::string& value) = 0;
+  virtual bool UnsetEnvironmentVariable(const std::string& name) = 0;
+
+  // --- Users and groups ----------------------------------------------------------------------
+
+  virtual uid_t GetEffectiveUserId() = 0;
+
+  // The caller's supplementary groups alone (getgroups), in the system's order. The effective
+  // and real group ids are not added. False when the list cannot be read.
+  virtual bool GetSupplementaryGroups(std::vector<gid_t>& groups) = 0;
+
+  // The name of a group from the group database; false when the id has no entry.
+  virtual bool GetGroupName(gid_t group, std::string& name) = 0;
+
+  // Whether the effective user may access `path` in every way named by `mode` (a combination
+  // of R_OK, W_OK and X_OK). False also when the path does not exist.
+  virtual bool IsAccessible(const std::string& path, int mode) = 0;
+
+  // --- Processes -----------------------------------------------------------------------------
+
+  virtual pid_t GetCurrentProcessId() = 0;
+
+  // The absolute path of the running program file.
+  virtual bool GetCurrentExecutablePath(std::string& path) = 0;
+
+  // The ids of every process now running, in ascending order. The list is a snapshot: any of
+  // them may be gone by the time it is looked at.
+  virtual bool ListProcessIds(std::vector<pid_t>& pids) = 0;
+
+  // One process's entry; false when the process does not exist (any more) or cannot be read.
+  virtual bool GetProcessInfo(pid_t pid, ProcessInfo& info) = 0;
+
+  // Raises a process's windows. Linux has no general way to do that, so the real system
+  // succeeds without effect; the call exists so that callers state the intent and tests can
+  // see which process was chosen.
+  virtual bool BringProcessToFront(pid_t pid) = 0;
+
+  // Starts `program` with `arguments` (argv[0] included) as a new detached process: its own
+  // session, standard streams on /dev/null, the caller's environment, not waited for and never
+  // left as the caller's child. True when the program was executed; false when it could not be
+  // (missing, not executable, not a binary or script with an interpreter line). No search of
+  // PATH and no shell.
+  virtual bool StartDetachedProcess(const std::string& program,
+                                    const std::vector<std::string>& arguments) = 0;
+
+  // Runs `command` with /bin/sh and waits for the shell; returns its wait status as system()
+  // does (0 when the shell ran and exited with 0, -1 when no shell could be started).
+  virtual int RunShellCommand(const std::string& command) = 0;
+
+  // --- Session bus ---------------------------------------------------------------------------
+
+  // Broadcasts a signal with string arguments on the user's session bus. True when it was
+  // handed to a bus; false when no session bus could be reached in a short time. Never blocks
+  // for long and never starts a bus.
+  virtual bool PostSessionBusSignal(const std::string& objectPath,
+                                    const std::string& interfaceName, const std::string& member,
+                                    const std::vector<std::string>& arguments) = 0;
+
+  // --- System --------------------------------------------------------------------------------
+
+  // The kernel's release text (uname -r), for example "6.1.0-18-amd64".
+  virtual bool GetKernelRelease(std::string& release) = 0;
+
+  // Today in the local time zone.
+  virtual boost::gregorian::date GetLocalDay() = 0;
+};
+
+}  // namespace esd
+
+#endif

@@ -1,0 +1,354 @@
+// The real operating system behind esd::Env: /proc, fork/exec, libdbus, the user and group
+// databases, uname and the local clock.
+#include <dbus/dbus.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/date_time/gregorian/gregorian.hpp>
+
+#include "xplat/Env.h"
+
+namespace esd {
+
+namespace {
+
+// How long a signal may wait for the bus to answer our greeting. A bus that does not answer
+// within this is treated as unreachable rather than holding up the host application.
+constexpr int kBusReplyTimeoutMs = 2000;
+
+bool ReadLink(const std::string& link, std::string& target) {
+  std::vector<char> buffer(256);
+  for (;;) {
+    ssize_t length = readlink(link.c_str(), buffer.data(), buffer.size());
+    if (length < 0) return false;
+    if (static_cast<size_t>(length) < buffer.size()) {
+      target.assign(buffer.data(), static_cast<size_t>(length));
+      return true;
+    }
+    if (buffer.size() >= 65536) return false;
+    buffer.resize(buffer.size() * 2);
+  }
+}
+
+bool ReadWholeFile(const std::string& path, std::string& bytes) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return false;
+  bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return !in.bad();
+}
+
+struct FdCloser {
+  int fd;
+  ~FdCloser() {
+    if (fd >= 0) close(fd);
+  }
+};
+
+// libdbus objects, released on every path out of PostSessionBusSignal.
+struct ConnectionCloser {
+  void operator()(DBusConnection* connection) const {
+    dbus_connection_close(connection);
+    dbus_connection_unref(connection);
+  }
+};
+struct MessageUnref {
+  void operator()(DBusMessage* message) const { dbus_message_unref(message); }
+};
+struct ScopedDBusError {
+  DBusError error;
+  ScopedDBusError() { dbus_error_init(&error); }
+  ~ScopedDBusError() { dbus_error_free(&error); }
+};
+
+// The session bus address: $DBUS_SESSION_BUS_ADDRESS, or the per-user socket that systemd
+// and dbus-broker place at $XDG_RUNTIME_DIR/bus. We never autolaunch a bus.
+bool FindSessionBusAddress(std::string& address) {
+  const char* given = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+  if (given && *given) {
+    address = given;
+    return true;
+  }
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  if (!runtime || runtime[0] != '/') return false;
+  std::string socketPath = std::string(runtime) + "/bus";
+  struct stat info;
+  if (stat(socketPath.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode)) return false;
+  char* escaped = dbus_address_escape_value(socketPath.c_str());
+  if (!escaped) return false;
+  address = std::string("unix:path=") + escaped;
+  dbus_free(escaped);
+  return true;
+}
+
+class LinuxEnv : public Env {
+ public:
+  std::string GetRootDirectory() override { return "/"; }
+
+  bool GetHomeDirectory(std::string& path) override {
+    const char* home = std::getenv("HOME");
+    if (home && *home) {
+      if (home[0] != '/') return false;
+      path = home;
+      return true;
+    }
+    long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 16384);
+    struct passwd entry;
+    struct passwd* found = nullptr;
+    while (getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found) == ERANGE &&
+           buffer.size() < (1u << 20)) {
+      buffer.resize(buffer.size() * 2);
+    }
+    if (!found || !found->pw_dir || found->pw_dir[0] != '/') return false;
+    path = found->pw_dir;
+    return true;
+  }
+
+  bool GetEnvironmentVariable(const std::string& name, std::string& value) override {
+    const char* text = std::getenv(name.c_str());
+    if (!text) return false;
+    value = text;
+    return true;
+  }
+
+  bool SetEnvironmentVariable(const std::string& name, const std::string& value) override {
+    return setenv(name.c_str(), value.c_str(), 1) == 0;
+  }
+
+  bool UnsetEnvironmentVariable(const std::string& name) override {
+    return unsetenv(name.c_str()) == 0;
+  }
+
+  uid_t GetEffectiveUserId() override { return geteuid(); }
+
+  bool GetSupplementaryGroups(std::vector<gid_t>& groups) override {
+    for (int attempt = 0; attempt < 4; ++attempt) {
+      int count = getgroups(0, nullptr);
+      if (count < 0) return false;
+      groups.resize(static_cast<size_t>(count));
+      if (count == 0) return true;
+      int got = getgroups(count, groups.data());
+      if (got >= 0) {
+        groups.resize(static_cast<size_t>(got));
+        return true;
+      }
+      if (errno != EINVAL) return false;  // the list grew in between: ask again
+    }
+    return false;
+  }
+
+  bool GetGroupName(gid_t group, std::string& name) override {
+    long size = sysconf(_SC_GETGR_R_SIZE_MAX);
+    std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 16384);
+    struct group entry;
+    struct group* found = nullptr;
+    while (getgrgid_r(group, &entry, buffer.data(), buffer.size(), &found) == ERANGE &&
+           buffer.size() < (1u << 22)) {
+      buffer.resize(buffer.size() * 2);
+    }
+    if (!found || !found->gr_name) return false;
+    name = found->gr_name;
+    return true;
+  }
+
+  bool IsAccessible(const std::string& path, int mode) override {
+    return faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0;
+  }
+
+  pid_t GetCurrentProcessId() override { return getpid(); }
+
+  bool GetCurrentExecutablePath(std::string& path) override {
+    return ReadLink("/proc/self/exe", path);
+  }
+
+  bool ListProcessIds(std::vector<pid_t>& pids) override {
+    DIR* dir = opendir("/proc");
+    if (!dir) return false;
+    pids.clear();
+    while (struct dirent* entry = readdir(dir)) {
+      char* end = nullptr;
+      long pid = std::strtol(entry->d_name, &end, 10);
+      if (end != entry->d_name && *end == '\0' && pid > 0) pids.push_back(static_cast<pid_t>(pid));
+    }
+    closedir(dir);
+    std::sort(pids.begin(), pids.end());
+    return true;
+  }
+
+  bool GetProcessInfo(pid_t pid, ProcessInfo& info) override {
+    const std::string base = "/proc/" + std::to_string(pid);
+    std::string stat;
+    if (!ReadWholeFile(base + "/stat", stat)) return false;
+    // "pid (comm) state ppid ...": comm may hold blanks and parentheses, so parse after the
+    // last ')'.
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos) return false;
+    char state = 0;
+    long parent = 0;
+    if (std::sscanf(stat.c_str() + close + 1, " %c %ld", &state, &parent) != 2) return false;
+    info.pid = pid;
+    info.parentPid = static_cast<pid_t>(parent);
+    info.executablePath.clear();
+    ReadLink(base + "/exe", info.executablePath);  // unreadable for other users and kernel threads
+    info.arguments.clear();
+    std::string cmdline;
+    if (ReadWholeFile(base + "/cmdline", cmdline)) {
+      size_t start = 0;
+      while (start < cmdline.size()) {
+        size_t end = cmdline.find('\0', start);
+        if (end == std::string::npos) end = cmdline.size();
+        info.arguments.push_back(cmdline.substr(start, end - start));
+        start = end + 1;
+      }
+    }
+    return true;
+  }
+
+  bool BringProcessToFront(pid_t) override { return true; }
+
+  bool StartDetachedProcess(const std::string& program,
+                            const std::vector<std::string>& arguments) override {
+    // Everything the children need is prepared before fork: after it only async-signal-safe
+    // calls are allowed, as the host may have other threads.
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    if (argv.empty()) argv.push_back(const_cast<char*>(program.c_str()));
+    argv.push_back(nullptr);
+
+    // The grandchild reports a failed exec through this pipe; a successful exec closes it.
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) != 0) return false;
+    FdCloser readEnd{report[0]};
+    FdCloser writeEnd{report[1]};
+
+    pid_t middle = fork();
+    if (middle < 0) return false;
+    if (middle == 0) {
+      // The middle process exists only so that the program is not our child: it exits at once
+      // and the program is adopted by init (or the nearest subreaper).
+      setsid();
+      pid_t grandchild = fork();
+      if (grandchild != 0) _exit(grandchild < 0 ? 1 : 0);
+      sigset_t none;
+      sigemptyset(&none);
+      sigprocmask(SIG_SETMASK, &none, nullptr);
+      for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
+      int null = open("/dev/null", O_RDWR);
+      if (null >= 0) {
+        dup2(null, 0);
+        dup2(null, 1);
+        dup2(null, 2);
+      }
+      // Keep only the standard streams and the report pipe (close-on-exec).
+      int keep = report[1];
+      if (keep > 3) close_range(3, static_cast<unsigned>(keep) - 1, 0);
+      close_range(static_cast<unsigned>(keep) + 1, ~0u, 0);
+      execv(program.c_str(), argv.data());
+      int error = errno;
+      ssize_t ignored = write(report[1], &error, sizeof error);
+      (void)ignored;
+      _exit(127);
+    }
+    close(writeEnd.fd);
+    writeEnd.fd = -1;
+    int status = 0;
+    while (waitpid(middle, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) != 0) return false;
+    int error = 0;
+    ssize_t got;
+    do {
+      got = read(readEnd.fd, &error, sizeof error);
+    } while (got < 0 && errno == EINTR);
+    return got == 0;
+  }
+
+  int RunShellCommand(const std::string& command) override { return std::system(command.c_str()); }
+
+  bool PostSessionBusSignal(const std::string& objectPath, const std::string& interfaceName,
+                            const std::string& member,
+                            const std::vector<std::string>& arguments) override {
+    // libdbus aborts the process on malformed names or text, so everything is checked first.
+    if (!dbus_validate_path(objectPath.c_str(), nullptr) ||
+        !dbus_validate_interface(interfaceName.c_str(), nullptr) ||
+        !dbus_validate_member(member.c_str(), nullptr))
+      return false;
+    for (const std::string& argument : arguments) {
+      if (argument.find('\0') != std::string::npos ||
+          !dbus_validate_utf8(argument.c_str(), nullptr))
+        return false;
+    }
+    std::string address;
+    if (!FindSessionBusAddress(address)) return false;
+    if (!dbus_threads_init_default()) return false;
+
+    ScopedDBusError error;
+    std::unique_ptr<DBusConnection, ConnectionCloser> connection(
+        dbus_connection_open_private(address.c_str(), &error.error));
+    if (!connection) return false;
+    dbus_connection_set_exit_on_disconnect(connection.get(), FALSE);
+
+    // A bus drops a client whose first message is not Hello. Waiting for its answer (with a
+    // bound) also tells us that the bus is there and has accepted us.
+    std::unique_ptr<DBusMessage, MessageUnref> hello(dbus_message_new_method_call(
+        DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "Hello"));
+    if (!hello) return false;
+    std::unique_ptr<DBusMessage, MessageUnref> welcome(dbus_connection_send_with_reply_and_block(
+        connection.get(), hello.get(), kBusReplyTimeoutMs, &error.error));
+    if (!welcome) return false;
+
+    std::unique_ptr<DBusMessage, MessageUnref> broadcast(
+        dbus_message_new_signal(objectPath.c_str(), interfaceName.c_str(), member.c_str()));
+    if (!broadcast) return false;
+    DBusMessageIter iter;
+    dbus_message_iter_init_append(broadcast.get(), &iter);
+    for (const std::string& argument : arguments) {
+      const char* text = argument.c_str();
+      if (!dbus_message_iter_append_basic(&iter, DBUS_TYPE_STRING, &text)) return false;
+    }
+    if (!dbus_connection_send(connection.get(), broadcast.get(), nullptr)) return false;
+    dbus_connection_flush(connection.get());
+    return true;
+  }
+
+  bool GetKernelRelease(std::string& release) override {
+    struct utsname name;
+    if (uname(&name) != 0) return false;
+    release = name.release;
+    return true;
+  }
+
+  boost::gregorian::date GetLocalDay() override {
+    return boost::gregorian::day_clock::local_day();
+  }
+};
+
+}  // namespace
+
+Env* Env::Platform() {
+  // Never destroyed, so that code running from other objects' destructors at exit can still
+  // reach the system.
+  static Env* const platform = new LinuxEnv;
+  return platform;
+}
+
+}  // namespace esd
