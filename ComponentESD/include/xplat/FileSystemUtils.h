@@ -83,9 +83,11 @@ bool CreateLocalDirectory(const std::string& sDir);
 // Copies the bytes and rwx permission bits of the file src resolves to into dst (setuid, setgid
 // and sticky are not carried over to a copy the caller now owns). src must exist and
 // be a regular file, and dst's parent folder must exist; else false and nothing is created.
-// An existing dst is replaced atomically: the copy is written to a hidden temporary file beside
-// dst and renamed over it only once complete, so dst is always either the old file or the whole
-// new one. On any failure the partial copy is deleted and dst is untouched.
+// An existing dst is replaced atomically: the copy is written and synced to a hidden temporary
+// file beside dst and renamed over it only once complete, so dst is always either the old file
+// or the whole new one. Replacing deletes the old dst, so the write-bit rule of DeleteLocalFile
+// applies to it: a read-only dst is refused (false), as is a folder. On any failure the partial
+// copy is deleted and dst is untouched.
 bool CopyLocalFile(const std::string& src, const std::string& dst);
 
 // Afterwards the content that was at `a` is at `b` and the reverse. When only one exists it is

@@ -1,0 +1,451 @@
+#include "xplat/FileSystemUtils.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+#include <vector>
+
+#include "linux/FileSystemUtilsLinux.h"
+#include "xplat/ESDAssert.h"
+
+#ifndef RENAME_NOREPLACE
+#define RENAME_NOREPLACE (1 << 0)
+#endif
+#ifndef RENAME_EXCHANGE
+#define RENAME_EXCHANGE (1 << 1)
+#endif
+
+namespace FileSystemUtils {
+
+path_invalid_error::path_invalid_error(const std::string& message, const std::string& path)
+    : std::runtime_error(message), mPath(path) {}
+
+path_invalid_error::~path_invalid_error() = default;
+
+std::string path_invalid_error::GetPath() const { return mPath; }
+
+namespace {
+
+using internal::FsOp;
+
+internal::FaultHook& Hook() {
+  static internal::FaultHook hook;
+  return hook;
+}
+
+int InjectedFault(FsOp op, const std::string& from, const std::string& to) {
+  const internal::FaultHook& hook = Hook();
+  return hook ? hook(op, from, to) : 0;
+}
+
+class Fd {
+ public:
+  explicit Fd(int fd) : mFd(fd) {}
+  ~Fd() { Close(); }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  int get() const { return mFd; }
+  bool valid() const { return mFd >= 0; }
+  // Closing reports the last deferred write error on some file systems, so callers check it.
+  bool Close() {
+    if (mFd < 0) return true;
+    const int rc = ::close(mFd);
+    mFd = -1;
+    return rc == 0;
+  }
+
+ private:
+  int mFd;
+};
+
+int Open(const std::string& path, int flags, mode_t mode = 0) {
+  int fd;
+  do {
+    fd = ::open(path.c_str(), flags | O_CLOEXEC, mode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+// ENOTDIR counts as missing: "file/x" names nothing.
+bool IsMissing(int err) { return err == ENOENT || err == ENOTDIR; }
+
+// The folder a path lives in, usable in system calls ("." for a bare name).
+std::string FolderOf(const std::string& path) {
+  const std::string parent = GetParentPath(path);
+  return parent.empty() ? "." : parent;
+}
+
+// Returns 0 or the errno of the lstat.
+int LStat(const std::string& path, struct stat& st) {
+  return ::lstat(path.c_str(), &st) == 0 ? 0 : errno;
+}
+
+// The object's own write bit for the effective user: owner, else group, else other. Only the
+// effective ids count, and root gets no exemption: the bits are the file's own protection.
+bool CallerHasWriteBit(const struct stat& st) {
+  if (::geteuid() == st.st_uid) return (st.st_mode & S_IWUSR) != 0;
+  if (::getegid() == st.st_gid) return (st.st_mode & S_IWGRP) != 0;
+  return (st.st_mode & S_IWOTH) != 0;
+}
+
+bool WriteAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::write(fd, data, size);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool CopyBytes(int in, int out) {
+  std::vector<char> buffer(64 * 1024);
+  for (;;) {
+    const ssize_t n = ::read(in, buffer.data(), buffer.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    if (n == 0) return true;
+    if (!WriteAll(out, buffer.data(), static_cast<size_t>(n))) return false;
+  }
+}
+
+// Deletes a folder tree without following links. A tree that is already gone counts as deleted.
+bool RemoveTree(const std::string& path) {
+  std::error_code ec;
+  std::filesystem::remove_all(path, ec);
+  return !ec;
+}
+
+int Renameat2(const std::string& from, const std::string& to, unsigned flags) {
+#ifdef SYS_renameat2
+  if (::syscall(SYS_renameat2, AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0) return 0;
+  return errno;
+#else
+  (void)from;
+  (void)to;
+  (void)flags;
+  return ENOSYS;
+#endif
+}
+
+// rename that never replaces an existing `to`. File systems without the kernel's no-replace
+// flag get a check followed by a plain rename; the window between them is accepted there.
+int RenameNoReplace(const std::string& from, const std::string& to) {
+  const int err = Renameat2(from, to, RENAME_NOREPLACE);
+  if (err != EINVAL && err != ENOSYS) return err;
+  struct stat st;
+  const int statErr = LStat(to, st);
+  if (statErr == 0) return EEXIST;
+  if (!IsMissing(statErr)) return statErr;
+  return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+// Copies a regular file or a symbolic link to the new name `to` for a move across file systems:
+// content, ownership (where permitted), mode and times, synced before the caller deletes the
+// source. Folders are refused: a tree copy cannot be undone without risk once its source is
+// partly deleted. On failure nothing is left at `to`.
+bool CopyForMove(const std::string& from, const std::string& to) {
+  struct stat st;
+  if (LStat(from, st) != 0) return false;
+
+  if (S_ISLNK(st.st_mode)) {
+    std::vector<char> target(PATH_MAX + 1);
+    const ssize_t n = ::readlink(from.c_str(), target.data(), PATH_MAX);
+    if (n < 0 || n >= PATH_MAX) return false;
+    target[static_cast<size_t>(n)] = '\0';
+    if (::symlink(target.data(), to.c_str()) != 0) return false;
+    if (::lchown(to.c_str(), st.st_uid, st.st_gid) != 0) {
+      // Keeping the caller as owner is the best a non-root mover can do.
+    }
+    return true;
+  }
+  if (!S_ISREG(st.st_mode)) return false;
+
+  Fd in(Open(from, O_RDONLY | O_NOFOLLOW));
+  if (!in.valid()) return false;
+  Fd out(Open(to, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+  if (!out.valid()) return false;
+  bool ok = CopyBytes(in.get(), out.get());
+  if (ok && ::fchown(out.get(), st.st_uid, st.st_gid) != 0) {
+    // As above: ownership is kept where permitted, the content is what must not be lost.
+  }
+  // After fchown, which may clear setuid and setgid.
+  ok = ok && ::fchmod(out.get(), st.st_mode & 07777) == 0;
+  const struct timespec times[2] = {st.st_atim, st.st_mtim};
+  ok = ok && ::futimens(out.get(), times) == 0;
+  ok = ok && ::fsync(out.get()) == 0;
+  ok = out.Close() && ok;
+  if (!ok) ::unlink(to.c_str());
+  return ok;
+}
+
+bool RemoveObject(const std::string& path) {
+  struct stat st;
+  const int err = LStat(path, st);
+  if (err != 0) return IsMissing(err);
+  if (S_ISDIR(st.st_mode)) return ::rmdir(path.c_str()) == 0;
+  return ::unlink(path.c_str()) == 0;
+}
+
+// MoveObject with its errno: 0 on success.
+int Move(const std::string& from, const std::string& to) {
+  int err = InjectedFault(FsOp::Rename, from, to);
+  if (err == 0) err = RenameNoReplace(from, to);
+  if (err != EXDEV) return err;
+
+  err = InjectedFault(FsOp::Copy, from, to);
+  if (err != 0) return err;
+  errno = 0;
+  if (!CopyForMove(from, to)) return errno != 0 ? errno : EIO;
+  SyncDirectory(FolderOf(to));
+  err = InjectedFault(FsOp::Unlink, from, to);
+  errno = 0;
+  if (err == 0 && !RemoveObject(from)) err = errno != 0 ? errno : EIO;
+  if (err != 0) {
+    // The source stays whole, so the copy goes: a move happens entirely or not at all.
+    RemoveObject(to);
+    return err;
+  }
+  SyncDirectory(FolderOf(from));
+  return 0;
+}
+
+}  // namespace
+
+namespace internal {
+
+void SetFaultHookForTesting(FaultHook hook) { Hook() = std::move(hook); }
+
+bool MoveObject(const std::string& from, const std::string& to) { return Move(from, to) == 0; }
+
+bool ExchangeFilesByRenaming(const std::string& a, const std::string& b) {
+  const std::string folder = FolderOf(a);
+  std::string temp;
+  bool parked = false;
+  for (int n = 0; n < 32 && !parked; ++n) {
+    temp = AppendPathElement(folder, "TempSwap." + std::to_string(n));
+    struct stat st;
+    const int statErr = LStat(temp, st);
+    if (statErr == 0) continue;
+    if (!IsMissing(statErr)) return false;
+    const int err = Move(a, temp);
+    if (err == 0) {
+      parked = true;
+    } else if (err != EEXIST) {
+      return false;  // another process may have taken the name; anything else is final
+    }
+  }
+  if (!parked) return false;
+
+  if (!MoveObject(b, a)) {
+    // If even this fails, a's content waits under the temporary name.
+    MoveObject(temp, a);
+    return false;
+  }
+  if (!MoveObject(temp, b)) {
+    if (MoveObject(a, b)) MoveObject(temp, a);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace internal
+
+bool DoesPathExist(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+std::string GetPathDelimiter() { return "/"; }
+
+std::string GetParentPath(const std::string& path) {
+  const std::string::size_type pos = path.rfind('/');
+  if (pos == std::string::npos) return std::string();
+  if (pos == 0) return "/";
+  return path.substr(0, pos);
+}
+
+std::string GetPathLastComponent(const std::string& path) {
+  const std::string::size_type pos = path.rfind('/');
+  if (pos == std::string::npos) return path;
+  return path.substr(pos + 1);
+}
+
+std::string AppendPathElement(const std::string& sPath, const std::string& sAppend) {
+  ESD_ASSERT(!sPath.empty());
+  ESD_ASSERT(!sAppend.empty());
+  std::string result = sPath;
+  if (result.back() != '/') result += '/';
+  result.append(sAppend, sAppend.front() == '/' ? 1 : 0, std::string::npos);
+  return result;
+}
+
+bool GetFileLastModifiedTime(const std::string& path, uint64_t& timeNs) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return false;
+  if (st.st_mtim.tv_sec < 0) return false;
+  const uint64_t seconds = static_cast<uint64_t>(st.st_mtim.tv_sec);
+  if (seconds > (UINT64_MAX - 999999999u) / 1000000000u) return false;
+  timeNs = seconds * 1000000000u + static_cast<uint64_t>(st.st_mtim.tv_nsec);
+  return true;
+}
+
+bool GetFilePermission(const std::string& path, uint16_t& mode) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return false;
+  mode = static_cast<uint16_t>(st.st_mode & 07777);
+  return true;
+}
+
+bool SetFilePermission(const std::string& path, uint16_t mode) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return false;
+  const mode_t wanted = (st.st_mode & 07777) | (mode & 07777);
+  return ::chmod(path.c_str(), wanted) == 0;
+}
+
+bool SetRestrictedFilePermission(const std::string& path) {
+  struct stat st;
+  const bool isFolder = ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  return ::chmod(path.c_str(), isFolder ? 0775 : 0664) == 0;
+}
+
+bool DeleteDirectory(const std::string& path, bool recursive) {
+  struct stat st;
+  if (LStat(path, st) != 0 || !S_ISDIR(st.st_mode)) return false;
+  if (recursive) return RemoveTree(path);
+  return ::rmdir(path.c_str()) == 0 || errno == ENOENT;
+}
+
+bool DeleteLocalFile(const std::string& path) {
+  struct stat st;
+  const int err = LStat(path, st);
+  if (err != 0) return IsMissing(err);
+  if (S_ISDIR(st.st_mode)) return RemoveTree(path);
+  // A link's own bits mean nothing; removing it leaves its target alone.
+  if (!S_ISLNK(st.st_mode) && !CallerHasWriteBit(st)) return false;
+  return ::unlink(path.c_str()) == 0 || errno == ENOENT;
+}
+
+bool CreateLocalDirectory(const std::string& sDir) {
+  if (sDir.empty()) return false;
+  struct stat st;
+  if (::stat(sDir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
+
+  std::string parentPath = GetParentPath(sDir);
+  ESD_ASSERT(parentPath != sDir);
+  if (parentPath.empty()) parentPath = ".";
+  struct stat parent;
+  if (::stat(parentPath.c_str(), &parent) != 0) {
+    if (!CreateLocalDirectory(parentPath) || ::stat(parentPath.c_str(), &parent) != 0) {
+      return false;
+    }
+  }
+  if (!S_ISDIR(parent.st_mode)) return false;
+
+  // Created closed; opened up to the parent's bits only once they can be set exactly.
+  if (::mkdir(sDir.c_str(), S_IRWXU) != 0) {
+    return errno == EEXIST && ::stat(sDir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  }
+  const mode_t mode = parent.st_mode & 07777;
+  ::chmod(sDir.c_str(), mode);
+  if (::chown(sDir.c_str(), parent.st_uid, parent.st_gid) != 0 && errno == EPERM) {
+    // Not allowed to give the folder away; the parent's group is still possible for a member.
+    if (::chown(sDir.c_str(), static_cast<uid_t>(-1), parent.st_gid) != 0) {
+      // The folder keeps the caller's identity and the parent's bits, and is usable.
+    }
+  }
+  if (::stat(sDir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+  // A change of owner may have cleared setuid or setgid.
+  if ((st.st_mode & 07777) != mode) ::chmod(sDir.c_str(), mode);
+  return true;
+}
+
+bool CopyLocalFile(const std::string& src, const std::string& dst) {
+  const std::string name = GetPathLastComponent(dst);
+  if (name.empty()) return false;
+  const std::string folder = FolderOf(dst);
+  struct stat st;
+  if (::stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+  // An existing destination obeys the same write-bit rule as DeleteLocalFile, which it
+  // effectively is; a folder is never replaced.
+  if (::lstat(dst.c_str(), &st) == 0) {
+    if (S_ISDIR(st.st_mode)) return false;
+    if (!S_ISLNK(st.st_mode) && !CallerHasWriteBit(st)) return false;
+  }
+
+  Fd in(Open(src, O_RDONLY));
+  if (!in.valid()) return false;
+  if (::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+
+  // Hidden beside dst, so the final rename stays on one file system and is atomic.
+  std::string temp = AppendPathElement(folder, "." + name.substr(0, 200) + ".XXXXXX");
+  std::vector<char> templ(temp.begin(), temp.end());
+  templ.push_back('\0');
+  Fd out(::mkostemp(templ.data(), O_CLOEXEC));
+  if (!out.valid()) return false;
+  temp = templ.data();
+
+  bool ok = CopyBytes(in.get(), out.get());
+  ok = ok && ::fchmod(out.get(), st.st_mode & 0777) == 0;
+  ok = ok && ::fsync(out.get()) == 0;
+  ok = out.Close() && ok;
+  if (ok && ::rename(temp.c_str(), dst.c_str()) == 0) return true;
+  ::unlink(temp.c_str());
+  return false;
+}
+
+bool ExchangeFiles(const std::string& a, const std::string& b) {
+  struct stat stA;
+  struct stat stB;
+  const int errA = LStat(a, stA);
+  if (errA != 0 && !IsMissing(errA)) return false;
+  const int errB = LStat(b, stB);
+  if (errB != 0 && !IsMissing(errB)) return false;
+  const bool hasA = errA == 0;
+  const bool hasB = errB == 0;
+  if (!hasA && !hasB) return false;
+
+  if (hasA && hasB) {
+    // Two names of one file: swapping them changes nothing.
+    if (stA.st_dev == stB.st_dev && stA.st_ino == stB.st_ino) return true;
+    int err = InjectedFault(FsOp::Exchange, a, b);
+    if (err == 0) err = Renameat2(a, b, RENAME_EXCHANGE);
+    if (err == 0) return true;
+    if (err != EINVAL && err != ENOSYS && err != EXDEV && err != EOPNOTSUPP) return false;
+    return internal::ExchangeFilesByRenaming(a, b);
+  }
+
+  const std::string& from = hasA ? a : b;
+  const std::string& to = hasA ? b : a;
+  const std::string parent = GetParentPath(to);
+  if (!parent.empty() && !DoesPathExist(parent) && !CreateLocalDirectory(parent)) return false;
+  return internal::MoveObject(from, to);
+}
+
+bool SyncFile(const std::string& path) {
+  Fd fd(Open(path, O_RDONLY));
+  if (!fd.valid()) return false;
+  return ::fsync(fd.get()) == 0;
+}
+
+bool SyncDirectory(const std::string& dir) {
+  Fd fd(Open(dir, O_RDONLY | O_DIRECTORY));
+  if (!fd.valid()) return false;
+  // EINVAL: a file system that keeps nothing to flush for folders.
+  return ::fsync(fd.get()) == 0 || errno == EINVAL;
+}
+
+}  // namespace FileSystemUtils
