@@ -1,0 +1,171 @@
+#include "xplat/FileSystemVersion.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "xplat/ChangeDiffType.h"
+
+namespace {
+
+FileSystemVersion V(const std::string& text) { return FileSystemVersion(text); }
+
+struct ParseCase {
+  std::string text;
+  std::string result;  // ToString() after parsing, partial result when the parse fails
+};
+
+TEST(FileSystemVersion, AcceptsLooseForms) {
+  const ParseCase kAccepted[] = {
+      {"1.2.3.4", "1.2.3.4"},
+      {"1,2,3,4", "1.2.3.4"},
+      {"1 2 3 4", "1.2.3.4"},
+      {"1-2-3-4", "1.2.3.4"},
+      {"1,2.3-4", "1.2.3.4"},  // delimiters may be mixed
+      {"7", "7.0.0.0"},
+      {"", "0.0.0.0"},
+      {FileSystemVersion::kInvalidVersion, "0.0.0.0"},
+      {"10.4.11", "10.4.11.0"},
+      {"1.10", "1.10.0.0"},
+      {"007.08", "7.8.0.0"},
+      {"2147483647.0.0.1", "2147483647.0.0.1"},
+      {"1.2.", "1.2.0.0"},            // trailing delimiter: the empty last piece is ignored
+      {"1.2.beta", "1.2.0.0"},        // a non-numeric last piece is ignored
+      {"1.2.3.x", "1.2.3.0"},
+      {"1.2.3.4.", "1.2.3.4"},        // an empty fifth piece is ignored like any last piece
+      {"1.2.3.4.beta", "1.2.3.4"},
+      {"1.2.2147483648", "1.2.0.0"},  // an overflowing last piece does not convert: ignored
+  };
+  for (const ParseCase& c : kAccepted) {
+    FileSystemVersion parsed(FileSystemVersion::kInvalidVersion);
+    EXPECT_TRUE(FileSystemVersion::ParseVersionString(c.text, parsed)) << '"' << c.text << '"';
+    EXPECT_EQ(c.result, parsed.ToString()) << '"' << c.text << '"';
+    EXPECT_NO_THROW(EXPECT_EQ(c.result, V(c.text).ToString())) << '"' << c.text << '"';
+  }
+}
+
+// A failed parse keeps what it read before the bad piece, zeroes the rest, and never grows the
+// components past four.
+TEST(FileSystemVersion, RejectsMalformedTextKeepingThePartialResult) {
+  const ParseCase kRejected[] = {
+      {"1..2", "1.0.0.0"},
+      {".1", "0.0.0.0"},
+      {"-1", "0.0.0.0"},  // the minus sign is a delimiter, so negatives cannot be written
+      {"1.-2", "1.0.0.0"},
+      {",", "0.0.0.0"},
+      {" 1", "0.0.0.0"},
+      {"1.x.3", "1.0.0.0"},
+      {"1.2a.3", "1.0.0.0"},
+      {"2147483648.1", "0.0.0.0"},  // overflows 32 bits
+      {"1.2.99999999999.0", "1.2.0.0"},
+      {"1.2.3.4.5", "1.2.3.4"},  // a fifth number has no place: fail rather than drop it
+      {"9.8.7.6.5.4.3.2.1", "9.8.7.6"},
+  };
+  for (const ParseCase& c : kRejected) {
+    FileSystemVersion parsed("5.5.5.5");
+    EXPECT_FALSE(FileSystemVersion::ParseVersionString(c.text, parsed)) << '"' << c.text << '"';
+    EXPECT_EQ(4u, parsed.versionComps.size()) << '"' << c.text << '"';
+    EXPECT_EQ(c.result, parsed.ToString()) << '"' << c.text << '"';
+    try {
+      V(c.text);
+      ADD_FAILURE() << "no exception for \"" << c.text << '"';
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ("Unable to parse version", e.what());
+    }
+  }
+}
+
+struct CompareCase {
+  const char* lhs;
+  const char* rhs;
+  int order;  // sign of lhs - rhs
+};
+
+// Every comparison object against less, equal and greater pairs, where each component position
+// decides once and numbering is numeric (1.10 after 1.9).
+TEST(FileSystemVersion, CompareWithEachComparisonObject) {
+  const CompareCase kCases[] = {
+      {"1.2", "1.10", -1},      {"1.9", "1.10", -1},    {"2", "1.99.99.99", 1},
+      {"1.2.3.4", "1.2.3.5", -1}, {"1.2.4", "1.2.3.9", 1}, {"1.2.3.4", "1,2-3 4", 0},
+      {"0.0.0.0", FileSystemVersion::kInvalidVersion, 0},
+  };
+  for (const CompareCase& c : kCases) {
+    const FileSystemVersion lhs(c.lhs), rhs(c.rhs);
+    SCOPED_TRACE(std::string(c.lhs) + " vs " + c.rhs);
+    EXPECT_EQ(c.order < 0, FileSystemVersion::Compare(lhs, rhs, std::less<int>()));
+    EXPECT_EQ(c.order <= 0, FileSystemVersion::Compare(lhs, rhs, std::less_equal<int>()));
+    EXPECT_EQ(c.order == 0, FileSystemVersion::Compare(lhs, rhs, std::equal_to<int>()));
+    EXPECT_EQ(c.order >= 0, FileSystemVersion::Compare(lhs, rhs, std::greater_equal<int>()));
+    EXPECT_EQ(c.order > 0, FileSystemVersion::Compare(lhs, rhs, std::greater<int>()));
+    EXPECT_EQ(c.order == 0, lhs == rhs);
+    EXPECT_EQ(c.order == 0, rhs == lhs);
+  }
+
+  // Components are signed; negative ones can only be set directly.
+  FileSystemVersion negative("1.0.0.0");
+  negative.versionComps[1] = -1;
+  EXPECT_TRUE(FileSystemVersion::Compare(negative, V("1"), std::less<int>()));
+  EXPECT_EQ("1.-1.0.0", negative.ToString());
+
+  FileSystemVersion copy = negative;
+  EXPECT_TRUE(copy == negative);
+  copy = V("3.2.1");
+  EXPECT_EQ("3.2.1.0", copy.ToString());
+  EXPECT_EQ("1.-1.0.0", negative.ToString());
+}
+
+// A caller that resizes the public components breaks an invariant every operation relies on.
+TEST(FileSystemVersionDeathTest, WrongComponentCountIsAProgrammingError) {
+  FileSystemVersion shortened("1.2.3.4");
+  shortened.versionComps.pop_back();
+  const FileSystemVersion whole("1.2.3.4");
+  EXPECT_DEATH(FileSystemVersion::Compare(shortened, whole, std::less<int>()),
+               "failed assertion `4 == lhs\\.versionComps\\.size\\(\\)'");
+  EXPECT_DEATH(FileSystemVersion::Compare(whole, shortened, std::less<int>()),
+               "failed assertion `4 == rhs\\.versionComps\\.size\\(\\)'");
+  EXPECT_DEATH(FileSystemVersion::ParseVersionString("1", shortened),
+               "failed assertion `4 == outVersion\\.versionComps\\.size\\(\\)'");
+}
+
+// Stored "version" attributes are read through the stream operators: a word that does not parse
+// still yields its partial version and the stream stays good.
+TEST(FileSystemVersion, StreamOperatorsAreLenientOnContent) {
+  std::ostringstream out;
+  out << V("1,2") << ' ' << V("");
+  EXPECT_EQ("1.2.0.0 0.0.0.0", out.str());
+
+  std::istringstream in("  1.x.3 4-5\t1.2.3.4.5");
+  FileSystemVersion version(FileSystemVersion::kInvalidVersion);
+  EXPECT_TRUE(static_cast<bool>(in >> version));
+  EXPECT_EQ("1.0.0.0", version.ToString());
+  EXPECT_TRUE(static_cast<bool>(in >> version));
+  EXPECT_EQ("4.5.0.0", version.ToString());
+  EXPECT_TRUE(static_cast<bool>(in >> version));
+  EXPECT_EQ("1.2.3.4", version.ToString());
+  EXPECT_FALSE(static_cast<bool>(in >> version));  // no word left: only now does the stream fail
+  EXPECT_EQ("1.2.3.4", version.ToString());
+}
+
+TEST(FileSystemVersion, ConvertsToAndFromTextThroughChangeType) {
+  FileSystemVersion version(FileSystemVersion::kInvalidVersion);
+  EXPECT_TRUE(esd::ChangeType(std::string("1.2.3.4"), version));
+  EXPECT_EQ("1.2.3.4", version.ToString());
+  EXPECT_TRUE(esd::ChangeType(std::string(" 10,4 "), version));
+  EXPECT_EQ("10.4.0.0", version.ToString());
+  EXPECT_TRUE(esd::ChangeType(std::string("1.x.3"), version));  // partial, reported as success
+  EXPECT_EQ("1.0.0.0", version.ToString());
+  EXPECT_FALSE(esd::ChangeType(std::string(""), version));        // no word to read
+  EXPECT_FALSE(esd::ChangeType(std::string("1.2 3.4"), version));  // a second word is left over
+
+  std::string text;
+  EXPECT_TRUE(esd::ChangeType(V("5-6"), text));
+  EXPECT_EQ("5.6.0.0", text);
+  FileSystemVersion back(FileSystemVersion::kInvalidVersion);
+  EXPECT_TRUE(esd::ChangeType(text, back));
+  EXPECT_TRUE(back == V("5.6"));
+}
+
+}  // namespace
