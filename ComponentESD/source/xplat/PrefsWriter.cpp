@@ -1,0 +1,385 @@
+#include "xplat/PrefsWriter.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+#include "xplat/ChangeDiffType.h"
+#include "xplat/ESDAssert.h"
+#include "xplat/FileSystemUtils.h"
+#include "xplat/LockPolicyInterface.h"
+#include "xplat/PrefsLockScope.h"
+
+namespace esd {
+
+namespace {
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// Text values are stored whole; ChangeType would keep only their first word.
+bool ValueToText(const std::string& value, std::string& text) {
+  text = value;
+  return true;
+}
+template <class T>
+bool ValueToText(const T& value, std::string& text) {
+  return ChangeDiffTypeImpl<T, std::string>::ChangeType(value, text);
+}
+
+bool TextToValue(const std::string& text, std::string& value) {
+  value = text;
+  return true;
+}
+template <class T>
+bool TextToValue(const std::string& text, T& value) {
+  return ChangeDiffTypeImpl<std::string, T>::ChangeType(text, value);
+}
+
+bool IsAsciiLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool IsAsciiDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Decodes one UTF-8 sequence at text[i] into `code` and advances i. False for anything that is
+// not the shortest encoding of a Unicode scalar value: a parser would refuse the whole file.
+bool NextCodePoint(const std::string& text, std::size_t& i, unsigned long& code) {
+  const unsigned char lead = static_cast<unsigned char>(text[i]);
+  std::size_t extra;
+  unsigned long minimum;
+  if (lead < 0x80) {
+    code = lead;
+    ++i;
+    return true;
+  } else if (lead >= 0xC2 && lead <= 0xDF) {
+    extra = 1;
+    minimum = 0x80;
+    code = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    extra = 2;
+    minimum = 0x800;
+    code = lead & 0x0F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    extra = 3;
+    minimum = 0x10000;
+    code = lead & 0x07;
+  } else {
+    return false;
+  }
+  if (text.size() - i - 1 < extra) return false;
+  for (std::size_t k = 1; k <= extra; ++k) {
+    const unsigned char next = static_cast<unsigned char>(text[i + k]);
+    if ((next & 0xC0) != 0x80) return false;
+    code = (code << 6) | (next & 0x3F);
+  }
+  if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
+  i += extra + 1;
+  return true;
+}
+
+// A name for the next version of `path`, beside it so that the final rename stays on one file
+// system. Random, because two writers without a lock must never share one.
+std::string TemporaryPathFor(const std::string& path) {
+  static std::mt19937_64 generator{std::random_device{}() ^
+                                   static_cast<std::uint64_t>(
+                                       std::chrono::steady_clock::now().time_since_epoch().count())};
+  std::ostringstream name;
+  name << path << ".new" << std::hex << generator();
+  return name.str();
+}
+
+// Gives the file at `temporary` a modification time after `floorNs`. Several saves can fall
+// within one tick of the file system clock, and a reader decides whether to reload by comparing
+// times: without this, another process could keep a stale copy of a file that changed.
+void MakeNewerThan(const std::string& temporary, uint64_t floorNs) {
+  uint64_t current = 0;
+  if (!FileSystemUtils::GetFileLastModifiedTime(temporary, current) || current > floorNs) return;
+  std::error_code error;
+  const auto stamp = std::filesystem::last_write_time(temporary, error);
+  if (error) return;
+  const auto shift = std::chrono::nanoseconds(static_cast<std::int64_t>(floorNs - current + 1));
+  std::filesystem::last_write_time(
+      temporary, stamp + std::chrono::duration_cast<std::filesystem::file_time_type::duration>(shift),
+      error);
+}
+
+}  // namespace
+
+PrefsWriter::PrefsWriter(const std::string& path, std::string rootName)
+    : m_pSettingsNode(nullptr),
+      m_PrefsPath(path),
+      m_RootName(std::move(rootName)),
+      m_pLock(nullptr),
+      m_LastModTime(0) {
+  if (!path.empty()) SetPrefsPath(path);
+}
+
+PrefsWriter::~PrefsWriter() = default;
+
+void PrefsWriter::SetLockPolicy(LockPolicyInterface* lock) {
+  if (m_pLock && m_pLock->HasLock()) return;
+  m_pLock = lock;
+}
+
+bool PrefsWriter::LockPrefs() {
+  if (!m_pLock) return RefreshIfModified();
+  bool took = false;
+  if (!m_pLock->HasLock()) {
+    if (!m_pLock->Lock()) return false;
+    took = true;
+  }
+  try {
+    if (RefreshIfModified()) return true;
+  } catch (...) {
+    if (took) m_pLock->Unlock(false);
+    throw;
+  }
+  m_pLock->Unlock(false);
+  return false;
+}
+
+bool PrefsWriter::UnlockPrefs() {
+  if (!m_pLock || !m_pLock->HasLock()) return false;
+  return m_pLock->Unlock(false);
+}
+
+bool PrefsWriter::RefreshIfModified() {
+  if (m_PrefsPath.empty()) return true;
+  uint64_t fileTime = 0;
+  if (FileSystemUtils::GetFileLastModifiedTime(m_PrefsPath, fileTime)) {
+    // A writer whose first load was skipped (its lock was busy) loads now.
+    if (fileTime > m_LastModTime || m_pSettingsNode == nullptr) {
+      try {
+        SetPrefsPath(m_PrefsPath);
+      } catch (const std::invalid_argument&) {
+        // Remember the broken file's time so it is not parsed again until it changes.
+        EmptyDOM();
+        m_LastModTime = fileTime;
+      }
+    }
+  } else if (m_LastModTime != 0 || m_pSettingsNode == nullptr) {
+    EmptyDOM();
+    m_LastModTime = 0;
+  }
+  return true;
+}
+
+void PrefsWriter::SetPrefsPath(const std::string& path) {
+  PrefsLockScope lock(*this);
+  if (!lock.IsHeld()) return;
+
+  m_PrefsPath = path;
+  m_DOMBuilder.Clear();
+  m_pSettingsNode = nullptr;
+  m_DOMBuilder.Create(nullptr, nullptr);
+  if (m_PrefsPath.empty()) throw std::runtime_error("Prefs file unable to lock file for reading!");
+
+  if (!m_DOMBuilder.ParseFile(m_PrefsPath, true)) {
+    // Drop the half-built tree; the caller decides what to do with the file.
+    m_DOMBuilder.Create(nullptr, nullptr);
+    throw std::invalid_argument("Unable to parse settings file");
+  }
+  XMLDocumentNode* document = m_DOMBuilder.GetDocumentNode();
+  ESD_ASSERT(document);
+
+  for (XMLDocumentNode* child : document->GetChildNodes()) {
+    if (child->GetElementName() == m_RootName) {
+      m_pSettingsNode = child;
+      break;
+    }
+  }
+  if (!m_pSettingsNode) {
+    // A file has one top element. Another program's element is dropped rather than written
+    // beside ours, which would leave a file that no parser accepts.
+    while (!document->GetChildNodes().empty())
+      document->DeleteChildNode(document->GetChildNodes().front());
+    std::unique_ptr<XMLDocumentNode> settings(new XMLDocumentNode(m_RootName));
+    document->AddChildNode(settings.get());
+    m_pSettingsNode = settings.release();
+  }
+  uint64_t fileTime = 0;
+  m_LastModTime = FileSystemUtils::GetFileLastModifiedTime(m_PrefsPath, fileTime) ? fileTime : 0;
+  ESD_ASSERT(m_pSettingsNode);
+}
+
+void PrefsWriter::EmptyDOM() {
+  PrefsLockScope lock(*this);
+  if (!lock.IsHeld()) return;
+  m_DOMBuilder.Clear();
+  m_pSettingsNode = nullptr;
+  if (!m_DOMBuilder.Create(nullptr, nullptr)) return;
+  try {
+    std::unique_ptr<XMLDocumentNode> settings(new XMLDocumentNode(m_RootName));
+    m_DOMBuilder.GetDocumentNode()->AddChildNode(settings.get());
+    m_pSettingsNode = settings.release();
+  } catch (const std::exception&) {
+    // Out of memory: the writer stays without settings, reads give defaults and sets fail.
+  }
+}
+
+XMLDocumentNode* PrefsWriter::GetPrefsNode(const std::string& key, bool create) {
+  if (!m_pSettingsNode) return nullptr;
+  for (XMLDocumentNode* child : m_pSettingsNode->GetChildNodes()) {
+    if (child->GetElementName() == key) return child;
+  }
+  if (!create) return nullptr;
+  std::unique_ptr<XMLDocumentNode> node(new XMLDocumentNode(key));
+  m_pSettingsNode->AddChildNode(node.get());
+  return node.release();
+}
+
+template <class T>
+bool PrefsWriter::GetPref(const std::string& key, T& out, const T& defaultValue) {
+  PrefsLockScope lock(*this);
+  if (!lock.IsHeld()) return false;
+  const XMLDocumentNode* node = GetPrefsNode(key, false);
+  const std::string text = node ? node->GetData() : std::string();
+  if (text.empty()) {
+    out = defaultValue;
+    return true;
+  }
+  return TextToValue(text, out);
+}
+
+template <class T>
+bool PrefsWriter::SetPref(const std::string& key, const T& value) {
+  PrefsLockScope lock(*this);
+  if (!lock.IsHeld()) return false;
+  std::string text;
+  if (!IsStorableKey(key) || !ValueToText(value, text) || !IsStorableText(text)) return false;
+  XMLDocumentNode* node = GetPrefsNode(key, true);
+  if (!node) return false;
+  node->SetElementData(text);
+  return Save();
+}
+
+template bool PrefsWriter::GetPref<bool>(const std::string&, bool&, const bool&);
+template bool PrefsWriter::GetPref<int>(const std::string&, int&, const int&);
+template bool PrefsWriter::GetPref<unsigned long>(const std::string&, unsigned long&,
+                                                  const unsigned long&);
+template bool PrefsWriter::GetPref<std::string>(const std::string&, std::string&,
+                                                const std::string&);
+template bool PrefsWriter::SetPref<bool>(const std::string&, const bool&);
+template bool PrefsWriter::SetPref<int>(const std::string&, const int&);
+template bool PrefsWriter::SetPref<unsigned long>(const std::string&, const unsigned long&);
+template bool PrefsWriter::SetPref<std::string>(const std::string&, const std::string&);
+
+bool PrefsWriter::GetPref(const std::string& key, XMLDocumentNode*& node) {
+  PrefsLockScope lock(*this);
+  if (!lock.IsHeld()) return false;
+  node = GetPrefsNode(key, false);
+  return node != nullptr;
+}
+
+bool PrefsWriter::SetPref(const std::string& key, XMLDocumentNode* node) {
+  std::unique_ptr<XMLDocumentNode> owned(node);
+  PrefsLockScope lock(*this);
+  if (!lock.IsHeld() || !owned || !IsStorableKey(owned->GetElementName())) return false;
+  ESD_ASSERT(m_pSettingsNode);
+  XMLDocumentNode* existing = GetPrefsNode(key, false);
+  if (existing && !m_pSettingsNode->DeleteChildNode(existing)) return false;
+  m_pSettingsNode->AddChildNode(owned.get());
+  owned.release();
+  return Save();
+}
+
+bool PrefsWriter::Save() {
+  PrefsLockScope lock(*this);
+  if (!lock.IsHeld()) return false;
+  const XMLDocumentNode* document = m_DOMBuilder.GetDocumentNode();
+  if (m_PrefsPath.empty() || !document) return false;
+
+  // A file we may not write is left alone, as writing it in place would be refused; replacing it
+  // by rename would otherwise succeed wherever the folder is writable.
+  if (FileSystemUtils::DoesPathExist(m_PrefsPath)) {
+    FilePtr probe(std::fopen(m_PrefsPath.c_str(), "r+b"));
+    if (!probe) return false;
+  }
+
+  std::ostringstream text;
+  text << *document;
+  const std::string bytes = text.str();
+
+  std::string temporary;
+  FilePtr out;
+  for (int attempt = 0; attempt < 8 && !out; ++attempt) {
+    temporary = TemporaryPathFor(m_PrefsPath);
+    out.reset(std::fopen(temporary.c_str(), "wbx"));
+    if (!out && errno != EEXIST) return false;
+  }
+  if (!out) return false;
+
+  bool written = std::fwrite(bytes.data(), 1, bytes.size(), out.get()) == bytes.size() &&
+                 std::fflush(out.get()) == 0;
+  written = (std::fclose(out.release()) == 0) && written;
+
+  uint16_t mode = 0;
+  if (written && FileSystemUtils::GetFilePermission(m_PrefsPath, mode)) {
+    std::error_code error;
+    std::filesystem::permissions(temporary, static_cast<std::filesystem::perms>(mode & 07777),
+                                 std::filesystem::perm_options::replace, error);
+    written = !error;
+  }
+  if (written) {
+    uint64_t floor = m_LastModTime;
+    uint64_t current = 0;
+    if (FileSystemUtils::GetFileLastModifiedTime(m_PrefsPath, current) && current > floor)
+      floor = current;
+    MakeNewerThan(temporary, floor);
+    written = FileSystemUtils::SyncFile(temporary) &&
+              std::rename(temporary.c_str(), m_PrefsPath.c_str()) == 0;
+  }
+  if (!written) {
+    std::remove(temporary.c_str());
+    return false;
+  }
+  std::string folder = FileSystemUtils::GetParentPath(m_PrefsPath);
+  FileSystemUtils::SyncDirectory(folder.empty() ? "." : folder);
+
+  uint64_t fileTime = 0;
+  m_LastModTime = FileSystemUtils::GetFileLastModifiedTime(m_PrefsPath, fileTime) ? fileTime : 0;
+  return lock.TookLock() ? lock.Release() : true;
+}
+
+bool PrefsWriter::DeleteAllPrefs() {
+  PrefsLockScope lock(*this);
+  if (!lock.IsHeld() || m_PrefsPath.empty()) return false;
+  if (!FileSystemUtils::DeleteLocalFile(m_PrefsPath)) return false;
+  SetPrefsPath(m_PrefsPath);
+  return true;
+}
+
+bool PrefsWriter::IsStorableKey(const std::string& key) {
+  if (key.empty()) return false;
+  const char first = key[0];
+  if (!IsAsciiLetter(first) && first != '_' && first != ':') return false;
+  for (char c : key) {
+    if (!IsAsciiLetter(c) && !IsAsciiDigit(c) && c != '_' && c != '-' && c != '.' && c != ':')
+      return false;
+  }
+  return true;
+}
+
+bool PrefsWriter::IsStorableText(const std::string& text) {
+  std::size_t i = 0;
+  while (i < text.size()) {
+    unsigned long code = 0;
+    if (!NextCodePoint(text, i, code)) return false;
+    if (code < 0x20 && code != '\t' && code != '\n') return false;
+    if (code == 0xFFFE || code == 0xFFFF) return false;
+  }
+  return true;
+}
+
+bool PrefsWriter::IsStorableAttributeValue(const std::string& value) {
+  if (!IsStorableText(value)) return false;
+  return value.find_first_of("\"<&\t\n") == std::string::npos;
+}
+
+}  // namespace esd
