@@ -1,0 +1,182 @@
+#ifndef ESD_XPLAT_EXPATDOMBUILDER_H
+#define ESD_XPLAT_EXPATDOMBUILDER_H
+
+#include <expat.h>
+
+#include <exception>
+#include <ios>
+#include <memory>
+#include <stack>
+#include <string>
+
+#include "xplat/ESDAssert.h"
+#include "xplat/ESDIOFileStream.h"
+#include "xplat/XMLDocumentNode.h"
+
+namespace esd {
+
+// Builds a tree of NodeType from an XML file with the Expat parser. The builder owns the tree:
+// users read, change and write its document node but never delete it.
+//
+// What the tree keeps is decided by the handlers: an element's text is the character data
+// between its start tag and the next tag (white space included), and text that follows a
+// child's end tag is dropped. The declaration's version is kept; the declared encoding is not:
+// the parser hands over UTF-8 and every document is written back declaring "UTF-8".
+template <class NodeType>
+class ExpatDOMBuilder {
+ public:
+  ExpatDOMBuilder() : m_bCollectText(false), m_pExpatParser(nullptr), m_bHandlerFailed(false) {}
+  virtual ~ExpatDOMBuilder() { Clear(); }
+
+  ExpatDOMBuilder(const ExpatDOMBuilder&) = delete;
+  ExpatDOMBuilder& operator=(const ExpatDOMBuilder&) = delete;
+
+  // Discards any earlier tree and parser and prepares a fresh document node (version "1.0",
+  // encoding "UTF-8") and parser. encoding null takes the encoding from the document;
+  // namespaceSeparator null turns namespace processing off. False when no parser could be made.
+  bool Create(const char* encoding, const char* namespaceSeparator) {
+    Clear();
+    m_pExpatParser = XML_ParserCreate_MM(encoding, nullptr, namespaceSeparator);
+    if (!m_pExpatParser) return false;
+    XML_SetUserData(m_pExpatParser, this);
+    m_pDocumentNode.reset(new NodeType());
+    m_pDocumentNode->SetAttributeData("version", "1.0");
+    m_pDocumentNode->SetAttributeData("encoding", "UTF-8");
+    m_NodeHistory.push(m_pDocumentNode.get());
+    XML_SetStartElementHandler(m_pExpatParser, &ExpatDOMBuilder::StartElementHandler);
+    XML_SetEndElementHandler(m_pExpatParser, &ExpatDOMBuilder::EndElementHandler);
+    XML_SetCharacterDataHandler(m_pExpatParser, &ExpatDOMBuilder::CharacterDataHandler);
+    XML_SetXmlDeclHandler(m_pExpatParser, &ExpatDOMBuilder::XmlDeclHandler);
+    return true;
+  }
+
+  // Parses the whole file into the tree made by Create. A file that cannot be opened or is
+  // empty is not parsed and gives resultIfEmpty (the caller decides whether "nothing there"
+  // counts as parsed). Otherwise true exactly when the whole file is well-formed XML; after a
+  // failure the tree holds what was built up to the error and is fit only to be discarded.
+  bool ParseFile(const std::string& path, bool resultIfEmpty) {
+    ESDifstream file(path, "rb", std::ios::in | std::ios::binary);
+    std::ifstream& in = file.GetStream();
+    if (!in.is_open()) return resultIfEmpty;
+    if (!in.seekg(0, std::ios::end)) return resultIfEmpty;
+    const std::streamoff length = in.tellg();
+    if (length <= 0) return resultIfEmpty;
+    if (!in.seekg(0, std::ios::beg)) return false;
+
+    const int kChunk = 1024;
+    bool parsed = true;
+    while (in.good() && parsed) {
+      char* buffer = static_cast<char*>(GetBuffer(kChunk));
+      if (!buffer) {
+        parsed = false;
+        break;
+      }
+      in.read(buffer, kChunk);
+      const int got = static_cast<int>(in.gcount());
+      // The read that reaches the end of the file is the final one.
+      parsed = ParseBuffer(got, in.fail());
+    }
+    in.close();
+    return parsed;
+  }
+
+  // A parser buffer of len bytes to read the next chunk into, or null when the parser cannot
+  // provide one. Needs Create.
+  void* GetBuffer(int len) {
+    ESD_ASSERT(m_pExpatParser != NULL);
+    return XML_GetBuffer(m_pExpatParser, len);
+  }
+
+  // Parses len bytes placed in the buffer of GetBuffer; isFinal marks the last chunk. True when
+  // the document is well-formed so far (and complete, for the final chunk).
+  bool ParseBuffer(int len, bool isFinal) {
+    ESD_ASSERT(m_pExpatParser != NULL);
+    const XML_Status status = XML_ParseBuffer(m_pExpatParser, len, isFinal ? XML_TRUE : XML_FALSE);
+    (void)XML_GetErrorCode(m_pExpatParser);
+    return status == XML_STATUS_OK && !m_bHandlerFailed;
+  }
+
+  // Frees the parser and the tree.
+  void Clear() {
+    if (m_pExpatParser) {
+      XML_ParserFree(m_pExpatParser);
+      m_pExpatParser = nullptr;
+    }
+    while (!m_NodeHistory.empty()) m_NodeHistory.pop();
+    m_pDocumentNode.reset();
+    m_bCollectText = false;
+    m_bHandlerFailed = false;
+  }
+
+  // The document node of the last Create, or null after Clear. Owned by the builder.
+  NodeType* GetDocumentNode() const { return m_pDocumentNode.get(); }
+
+ private:
+  // The handlers run inside the C parser, which no exception may cross. An exception (only
+  // memory exhaustion can raise one) marks the parse as failed and silences later events.
+  static ExpatDOMBuilder* Self(void* pThisParser) {
+    ESD_ASSERT(pThisParser);
+    return static_cast<ExpatDOMBuilder*>(pThisParser);
+  }
+
+  static void XMLCALL StartElementHandler(void* pThisParser, const XML_Char* name,
+                                          const XML_Char** atts) {
+    ExpatDOMBuilder* pThis = Self(pThisParser);
+    if (pThis->m_bHandlerFailed) return;
+    try {
+      ESD_ASSERT(pThis->m_NodeHistory.size());
+      pThis->m_bCollectText = true;
+      std::unique_ptr<NodeType> node(new NodeType(name));
+      NodeType* pNode = node.get();
+      pThis->m_NodeHistory.top()->AddChildNode(pNode);
+      node.release();
+      pThis->m_NodeHistory.push(pNode);
+      for (const XML_Char** attr = atts; attr && attr[0] && attr[1]; attr += 2)
+        pNode->SetAttributeData(attr[0], attr[1]);
+    } catch (const std::exception&) {
+      pThis->m_bHandlerFailed = true;
+    }
+  }
+
+  static void XMLCALL EndElementHandler(void* pThisParser, const XML_Char*) {
+    ExpatDOMBuilder* pThis = Self(pThisParser);
+    if (pThis->m_bHandlerFailed) return;
+    pThis->m_bCollectText = false;
+    // The document node stays at the bottom; the parser never ends more elements than it began.
+    if (pThis->m_NodeHistory.size() > 1) pThis->m_NodeHistory.pop();
+  }
+
+  static void XMLCALL CharacterDataHandler(void* pThisParser, const XML_Char* s, int len) {
+    ExpatDOMBuilder* pThis = Self(pThisParser);
+    if (pThis->m_bHandlerFailed || !pThis->m_bCollectText) return;
+    try {
+      NodeType* pNode = pThis->m_NodeHistory.top();
+      ESD_ASSERT(pNode);
+      pNode->AppendElementData(std::string(s, static_cast<std::size_t>(len)));
+    } catch (const std::exception&) {
+      pThis->m_bHandlerFailed = true;
+    }
+  }
+
+  static void XMLCALL XmlDeclHandler(void* pThisParser, const XML_Char* version,
+                                     const XML_Char*, int) {
+    ExpatDOMBuilder* pThis = Self(pThisParser);
+    if (pThis->m_bHandlerFailed || !version) return;
+    try {
+      pThis->m_pDocumentNode->SetAttributeData("version", version);
+      pThis->m_pDocumentNode->SetAttributeData("encoding", "UTF-8");
+    } catch (const std::exception&) {
+      pThis->m_bHandlerFailed = true;
+    }
+  }
+
+  std::unique_ptr<NodeType> m_pDocumentNode;
+  std::stack<NodeType*> m_NodeHistory;
+  bool m_bCollectText;
+  XML_Parser m_pExpatParser;
+  bool m_bHandlerFailed;
+};
+
+}  // namespace esd
+
+#endif

@@ -1,0 +1,189 @@
+#include "xplat/XMLDocumentNode.h"
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+
+#include "xplat/ESDAssert.h"
+#include "xplat/XMLEscaping.h"
+
+namespace esd {
+
+XMLDocumentNode::XMLDocumentNode() : mIsDocument(true) {}
+
+XMLDocumentNode::XMLDocumentNode(const std::string& name)
+    : mElementName(name), mIsDocument(false) {}
+
+XMLDocumentNode::~XMLDocumentNode() {
+  mElementData.clear();
+  mAttributes.clear();
+  // Each node taken off the list hands its children to the list before it is deleted, so every
+  // delete below meets a node without children and the destructor never nests.
+  ChildList pending;
+  pending.swap(mChildren);
+  while (!pending.empty()) {
+    XMLDocumentNode* node = pending.back();
+    pending.pop_back();
+    if (!node) continue;
+    pending.insert(pending.end(), node->mChildren.begin(), node->mChildren.end());
+    node->mChildren.clear();
+    delete node;
+  }
+}
+
+void XMLDocumentNode::SetElementData(const std::string& data) { mElementData = data; }
+
+void XMLDocumentNode::AppendElementData(const std::string& data) { mElementData += data; }
+
+void XMLDocumentNode::SetAttributeData(const std::string& name, const std::string& value) {
+  if (mIsDocument && name == "version") {
+    mVersion = value;
+    return;
+  }
+  mAttributes[name] = value;
+}
+
+void XMLDocumentNode::AddChildNode(XMLDocumentNode* pNode) {
+  ESD_ASSERT(pNode != NULL);
+  mChildren.push_back(pNode);
+}
+
+bool XMLDocumentNode::DeleteChildNode(XMLDocumentNode* pNode) {
+  const auto found = std::find(mChildren.begin(), mChildren.end(), pNode);
+  if (found == mChildren.end()) return false;
+  mChildren.erase(found);
+  delete pNode;
+  return true;
+}
+
+void XMLDocumentNode::Dump(std::ostream&) {}
+
+std::string XMLDocumentNode::GetData() const { return mElementData; }
+
+std::string XMLDocumentNode::GetElementName() const { return mElementName; }
+
+XMLDocumentNode::AttributeList XMLDocumentNode::GetAllAttrs() const {
+  return AttributeList(mAttributes.begin(), mAttributes.end());
+}
+
+bool XMLDocumentNode::GetAttrValue(const std::string& name, std::string& out) const {
+  const auto found = mAttributes.find(name);
+  if (found == mAttributes.end()) return false;
+  out = found->second;
+  return true;
+}
+
+XMLDocumentNode* XMLDocumentNode::DuplicateNode(const XMLDocumentNode* inNode) {
+  ESD_ASSERT(inNode);
+  std::unique_ptr<XMLDocumentNode> copy(new XMLDocumentNode(inNode->mElementName));
+  copy->mVersion = inNode->mVersion;
+  copy->mAttributes = inNode->mAttributes;
+  copy->mElementData = inNode->mElementData;
+  copy->mIsDocument = inNode->mIsDocument;
+  return copy.release();
+}
+
+XMLDocumentNode* XMLDocumentNode::DuplicateAndAttach(const XMLDocumentNode* inCopyMe,
+                                                     XMLDocumentNode* parent) {
+  ESD_ASSERT(inCopyMe);
+  // The subtree is listed in pre-order before anything is copied, so copies attached while we
+  // work (parent may lie inside the subtree) are never copied again. Each entry names the index
+  // of its parent's entry.
+  struct Entry {
+    const XMLDocumentNode* source;
+    std::size_t parentIndex;
+  };
+  std::vector<Entry> order;
+  std::vector<Entry> stack{{inCopyMe, 0}};
+  while (!stack.empty()) {
+    const Entry item = stack.back();
+    stack.pop_back();
+    const std::size_t index = order.size();
+    order.push_back(item);
+    const ChildList& children = item.source->mChildren;
+    for (auto child = children.rbegin(); child != children.rend(); ++child)
+      stack.push_back(Entry{*child, index});
+  }
+
+  std::vector<XMLDocumentNode*> copies(order.size(), nullptr);
+  std::unique_ptr<XMLDocumentNode> unattachedRoot;
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    std::unique_ptr<XMLDocumentNode> copy(DuplicateNode(order[i].source));
+    if (!copy) throw std::runtime_error("Unable to duplicate node!");
+    copies[i] = copy.get();
+    // Ownership passes only once AddChildNode has returned, so a throwing add frees the copy.
+    if (i != 0) {
+      copies[order[i].parentIndex]->AddChildNode(copy.get());
+      copy.release();
+    } else if (parent) {
+      parent->AddChildNode(copy.get());
+      copy.release();
+    } else {
+      unattachedRoot = std::move(copy);
+    }
+  }
+  if (unattachedRoot) return unattachedRoot.release();
+  return copies[0];
+}
+
+XMLDocumentNode* XMLDocumentNode::Duplicate(const XMLDocumentNode* node) {
+  try {
+    return DuplicateAndAttach(node, nullptr);
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+namespace {
+
+// Everything of a node that comes before its children.
+void WriteOpening(std::ostream& stream, const XMLDocumentNode& node) {
+  if (node.IsDocumentNode()) {
+    stream << "<?xml version=\"" << node.GetVersion() << "\" ";
+    for (const auto& attr : node.GetAttributeMap())
+      stream << attr.first << "=\"" << attr.second << "\" ";
+    stream << "?>" << std::endl;
+    return;
+  }
+  const std::string& name = node.GetElementName();
+  stream << '<' << name;
+  for (const auto& attr : node.GetAttributeMap())
+    stream << ' ' << attr.first << "=\"" << attr.second << '"';
+  stream << '>';
+  const std::string data = node.GetData();
+  if (data.empty()) {
+    if (!node.GetChildNodes().empty()) stream << std::endl;
+  } else {
+    stream << XMLEscaping::EscapeXML(data.begin(), data.end());
+  }
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& stream, const XMLDocumentNode& node) {
+  // Depth-first with an explicit stack of (node, next child to write).
+  struct Frame {
+    const XMLDocumentNode* node;
+    std::size_t nextChild;
+  };
+  std::vector<Frame> stack;
+  WriteOpening(stream, node);
+  stack.push_back(Frame{&node, 0});
+  while (!stack.empty()) {
+    Frame& top = stack.back();
+    const XMLDocumentNode::ChildList& children = top.node->GetChildNodes();
+    if (top.nextChild < children.size()) {
+      const XMLDocumentNode* child = children[top.nextChild++];
+      WriteOpening(stream, *child);
+      stack.push_back(Frame{child, 0});
+      continue;
+    }
+    const XMLDocumentNode* done = top.node;
+    stack.pop_back();
+    if (!done->IsDocumentNode()) stream << "</" << done->GetElementName() << '>';
+    if (!stack.empty()) stream << std::endl;
+  }
+  return stream;
+}
+
+}  // namespace esd
