@@ -1,0 +1,108 @@
+// The updater's folders and its installed location.
+#include <cstdint>
+#include <string>
+
+#include "xplat/FileSystemUtils.h"
+#include "xplat/FolderFinder.h"
+#include "xplat/PathConversions.h"
+#include "xplat/ProcessUtils.h"
+#include "xplat/VantuUpdaterUtils.h"
+
+namespace VantuUpdaterUtils {
+
+namespace {
+
+// Used for a new product folder when its parent's bits cannot be read.
+constexpr uint16_t kFallbackFolderMode = 0774;
+
+uint16_t GetFolderModeOr(const std::string& folder, uint16_t fallback) {
+  uint16_t mode = 0;
+  return FileSystemUtils::GetFilePermission(folder, mode) ? mode : fallback;
+}
+
+// Appends `name` to `parent`, creating the folder when it is missing. A new folder is given
+// the restricted permission or `inheritedMode`; an existing one is left exactly as it is, so
+// an administrator's choice of permissions survives.
+bool ProvideProductFolder(const std::string& parent, const char* name, bool restricted,
+                          std::string& folder) {
+  const uint16_t inheritedMode = GetFolderModeOr(parent, kFallbackFolderMode);
+  folder = FileSystemUtils::AppendPathElement(parent, name);
+  if (FileSystemUtils::DoesPathExist(folder)) return true;
+  if (!FileSystemUtils::CreateLocalDirectory(folder)) return false;
+  return restricted ? FileSystemUtils::SetRestrictedFilePermission(folder)
+                    : FileSystemUtils::SetFilePermission(folder, inheritedMode);
+}
+
+// <standard folder>/Vantu/Updater5, each missing level created.
+bool GetVantuUpdaterDir(esd::FolderFinder::FolderID id, std::string& path, bool restricted) {
+  std::string base;
+  if (!esd::FolderFinder::GetFolderPath(id, base, true)) return false;
+  std::string vantu;
+  if (!ProvideProductFolder(base, "Vantu", restricted, vantu)) return false;
+  std::string updater;
+  if (!ProvideProductFolder(vantu, kVantuUpdaterFolder, restricted, updater)) return false;
+  path = updater;
+  return true;
+}
+
+}  // namespace
+
+std::string GetStartupModeName(ROZStartupMode mode) {
+  switch (mode) {
+    case kManual:
+      return "Manual";
+    case kScheduled:
+      return "Scheduled";
+  }
+  return std::string();
+}
+
+bool GetVantuUpdaterAllUserDataDir(std::string& path) {
+  return GetVantuUpdaterDir(esd::FolderFinder::kLocalApplicationSupport, path, true);
+}
+
+bool GetVantuUpdaterDataDir(std::string& path) {
+  const std::string overridden = kVantuUpdaterDataDir;
+  if (!overridden.empty()) {
+    path = overridden;
+    return true;
+  }
+  return GetVantuUpdaterDir(esd::FolderFinder::kUserApplicationSupport, path, false);
+}
+
+bool GetVantuUpdaterCacheDataDir(std::string& path) {
+  std::string data;
+  if (!GetVantuUpdaterDataDir(data)) return false;
+  const std::string cache = FileSystemUtils::AppendPathElement(data, "Data");
+  if (!FileSystemUtils::DoesPathExist(cache) && !FileSystemUtils::CreateLocalDirectory(cache))
+    return false;
+  path = cache;
+  return true;
+}
+
+bool GetUpdaterLocation(std::string& path) {
+  std::string utilities;
+  if (!esd::FolderFinder::GetFolderPath(esd::FolderFinder::kUtilities, utilities, false))
+    return false;
+  std::string location = utilities;
+  for (const char* element : {"Vantu Utilities.localized", "Vantu Updater5", "Vantu Updater.app"})
+    location = FileSystemUtils::AppendPathElement(location, element);
+  path = location;
+  return true;
+}
+
+bool GetUpdaterLocation(esd::FSRef& ref) {
+  std::string path;
+  if (!GetUpdaterLocation(path)) return false;
+  esd::FSRef found;
+  if (!esd::StdioPathToFSRef(path, found)) return false;
+  if (!FileSystemUtils::DoesPathExist(path)) return false;
+  ref = found;
+  return true;
+}
+
+bool GetVantuUpdaterDirectory(std::string& path) {
+  return esd::ProcessUtils::GetCurProcessDir(path);
+}
+
+}  // namespace VantuUpdaterUtils
