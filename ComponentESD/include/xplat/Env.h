@@ -77,7 +77,8 @@ class Env {
 
   virtual pid_t GetCurrentProcessId() = 0;
 
-  // The absolute path of the running program file.
+  // The absolute path of the running program file (where it was started from, also when it
+  // has been replaced on disk since).
   virtual bool GetCurrentExecutablePath(std::string& path) = 0;
 
   // The ids of every process now running, in ascending order. The list is a snapshot: any of

@@ -26,6 +26,7 @@
 #include <boost/date_time/gregorian/gregorian.hpp>
 
 #include "xplat/Env.h"
+#include "xplat/ProcessUtils.h"
 
 namespace esd {
 
@@ -177,7 +178,7 @@ class LinuxEnv : public Env {
   pid_t GetCurrentProcessId() override { return getpid(); }
 
   bool GetCurrentExecutablePath(std::string& path) override {
-    return ReadLink("/proc/self/exe", path);
+    return ProcessUtils::GetCurProcessPath(path);
   }
 
   bool ListProcessIds(std::vector<pid_t>& pids) override {

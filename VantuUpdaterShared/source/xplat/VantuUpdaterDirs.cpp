@@ -2,10 +2,10 @@
 #include <cstdint>
 #include <string>
 
+#include "xplat/Env.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/FolderFinder.h"
 #include "xplat/PathConversions.h"
-#include "xplat/ProcessUtils.h"
 #include "xplat/VantuUpdaterUtils.h"
 
 namespace VantuUpdaterUtils {
@@ -102,7 +102,12 @@ bool GetUpdaterLocation(esd::FSRef& ref) {
 }
 
 bool GetVantuUpdaterDirectory(std::string& path) {
-  return esd::ProcessUtils::GetCurProcessDir(path);
+  std::string program;
+  if (!esd::Env::Default()->GetCurrentExecutablePath(program)) return false;
+  const std::string folder = FileSystemUtils::GetParentPath(program);
+  if (folder.empty()) return false;
+  path = folder;
+  return true;
 }
 
 }  // namespace VantuUpdaterUtils

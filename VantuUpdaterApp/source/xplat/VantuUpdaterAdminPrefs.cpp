@@ -1,0 +1,36 @@
+#include "xplat/VantuUpdaterAdminPrefs.h"
+
+#include <string>
+
+#include "xplat/FileSystemUtils.h"
+#include "xplat/FolderFinder.h"
+
+namespace {
+
+// The maker's reverse-domain prefix followed by ".VantuUpdater.Admin.plist".
+constexpr char kAdminPrefsFileName[] = "com.vantu.VantuUpdater.Admin.plist";
+constexpr char kDisableUpdateKey[] = "Disable.Update";
+
+}  // namespace
+
+esd::PropertyList CreateVantuUpdaterAdminPrefsPropListRef() {
+  std::string folder;
+  if (!esd::FolderFinder::GetLocalPreferencesFolderPath(folder)) return esd::PropertyList();
+  return esd::PropertyList::ReadFile(
+      FileSystemUtils::AppendPathElement(folder, kAdminPrefsFileName));
+}
+
+VantuUpdaterAdminPrefs& VantuUpdaterAdminPrefs::GetVantuUpdaterAdminPrefs() {
+  static VantuUpdaterAdminPrefs instance;
+  return instance;
+}
+
+VantuUpdaterAdminPrefs::~VantuUpdaterAdminPrefs() = default;
+
+bool VantuUpdaterAdminPrefs::GetUpdateCheckEnabled(bool& enabled) {
+  const esd::PropertyList policy = CreateVantuUpdaterAdminPrefsPropListRef();
+  bool disabled = false;
+  if (!policy.GetBoolean(kDisableUpdateKey, disabled)) return false;
+  enabled = !disabled;
+  return true;
+}
