@@ -1,0 +1,201 @@
+// The standard folders: where each identifier lands for a relocated root and a temporary home,
+// when folders are created, and which folders are refused.
+#include "xplat/FolderFinder.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+#include "support/TempDir.h"
+#include "support/TestEnv.h"
+#include "xplat/ScopedEnv.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using esd::FolderFinder;
+using testing_support::TempDir;
+using testing_support::TestEnv;
+using testing_support::WriteFile;
+
+class FolderFinderTest : public ::testing::Test {
+ protected:
+  FolderFinderTest() : mScope(&mEnv) {
+    mEnv.SetRoot(root());
+    mEnv.SetHome(home());
+    mEnv.SetVariable("TMPDIR", tmp());
+    fs::create_directories(home());
+  }
+
+  std::string root() const { return mBase / "root"; }
+  std::string home() const { return mBase / "home"; }
+  std::string tmp() const { return mBase / "tmp"; }
+  std::string privateTmp() const {
+    return tmp() + "/TemporaryItems-" + std::to_string(geteuid());
+  }
+
+  static std::string Find(int id, bool create) {
+    std::string path = "untouched";
+    if (!FolderFinder::GetFolderPath(static_cast<FolderFinder::FolderID>(id), path, create))
+      return "<failed>";
+    return path;
+  }
+
+  static mode_t ModeOf(const std::string& path) {
+    struct stat info;
+    return lstat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
+  }
+
+  TempDir mBase;
+  TestEnv mEnv;
+  esd::ScopedEnv mScope;
+};
+
+// Every identifier resolves as the platform maps it, 8 to the same folder as 7, and "create"
+// leaves each folder in place.
+TEST_F(FolderFinderTest, EveryIdentifierLandsInItsMappedFolder) {
+  const std::string expected[] = {
+      tmp(),
+      privateTmp(),
+      home() + "/Desktop",
+      home() + "/Documents",
+      home() + "/.cache",
+      home() + "/.config",
+      home() + "/.local/share",
+      root() + "/var/lib",
+      root() + "/var/lib",
+      root() + "/usr/local/share/fonts",
+      root() + "/usr",
+      root() + "/opt",
+      "/",
+  };
+  for (int id = 0; id <= 12; ++id) {
+    SCOPED_TRACE(id);
+    EXPECT_EQ(Find(id, true), expected[id]);
+    EXPECT_TRUE(fs::is_directory(expected[id]));
+    EXPECT_EQ(Find(id, false), expected[id]);
+  }
+}
+
+// Without "create" a missing folder is a failure and nothing is made; the root needs no lookup.
+TEST_F(FolderFinderTest, LookupWithoutCreateNeitherFindsNorMakesMissingFolders) {
+  for (int id = 0; id <= 11; ++id) {
+    SCOPED_TRACE(id);
+    EXPECT_EQ(Find(id, false), "<failed>");
+  }
+  EXPECT_EQ(Find(12, false), "/");
+  EXPECT_FALSE(fs::exists(root()));
+  EXPECT_FALSE(fs::exists(tmp()));
+  EXPECT_TRUE(fs::is_empty(home()));
+
+  std::string path;
+  EXPECT_FALSE(FolderFinder::GetLocalPreferencesFolderPath(path));
+  EXPECT_FALSE(FolderFinder::GetLocalApplicationsFolderPath(path));
+  EXPECT_FALSE(fs::exists(root()));
+  fs::create_directories(root() + "/etc");
+  fs::create_directories(root() + "/Applications");
+  ASSERT_TRUE(FolderFinder::GetLocalPreferencesFolderPath(path));
+  EXPECT_EQ(path, root() + "/etc");
+  ASSERT_TRUE(FolderFinder::GetLocalApplicationsFolderPath(path));
+  EXPECT_EQ(path, root() + "/Applications");
+}
+
+// Absolute base-directory variables replace the home-relative defaults; relative ones are
+// invalid by convention and ignored.
+TEST_F(FolderFinderTest, BaseDirectoryVariablesCountOnlyWhenAbsolute) {
+  mEnv.SetVariable("XDG_CACHE_HOME", mBase / "cache");
+  mEnv.SetVariable("XDG_CONFIG_HOME", mBase / "config");
+  mEnv.SetVariable("XDG_DATA_HOME", mBase / "data");
+  mEnv.SetVariable("XDG_RUNTIME_DIR", mBase / "run");
+  EXPECT_EQ(Find(4, true), mBase / "cache");
+  EXPECT_EQ(Find(5, true), mBase / "config");
+  EXPECT_EQ(Find(6, true), mBase / "data");
+  EXPECT_EQ(Find(1, true), mBase / "run");
+
+  for (const char* name : {"XDG_CACHE_HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR"})
+    mEnv.SetVariable(name, "relative/dir");
+  mEnv.SetVariable("TMPDIR", "relative/tmp");
+  EXPECT_EQ(Find(4, true), home() + "/.cache");
+  EXPECT_EQ(Find(5, true), home() + "/.config");
+  EXPECT_EQ(Find(6, true), home() + "/.local/share");
+  EXPECT_EQ(Find(0, false), "/tmp");
+  EXPECT_FALSE(fs::exists("relative"));
+}
+
+// Desktop and Documents come from user-dirs.dirs in the configuration folder when it names
+// them: "$HOME/..." and absolute values, quoted with escapes; anything else falls back.
+TEST_F(FolderFinderTest, UserDirsFileNamesDesktopAndDocuments) {
+  const std::string config = mBase / "config";
+  mEnv.SetVariable("XDG_CONFIG_HOME", config);
+  fs::create_directories(config);
+  const std::string documents = mBase / "My \"Docs\"";
+  WriteFile(config + "/user-dirs.dirs",
+            "# written by xdg-user-dirs-update\n"
+            "XDG_DESKTOP_DIR=\"$HOME/Arbeitsfläche\"\n"
+            "XDG_DOCUMENTS_DIR=\"/nowhere\"\n"
+            "  XDG_DOCUMENTS_DIR=\"" + mBase.path() + "/My \\\"Docs\\\"\"\n"
+            "XDG_MUSIC_DIR=\"$HOME/Music\"\n");
+  EXPECT_EQ(Find(2, true), home() + "/Arbeitsfläche");
+  EXPECT_EQ(Find(3, true), documents);
+  EXPECT_TRUE(fs::is_directory(documents));
+
+  // A relative value, an unterminated quote and a "$HOMEWORK" lookalike are not folders.
+  WriteFile(config + "/user-dirs.dirs",
+            "XDG_DESKTOP_DIR=\"Desktop\"\n"
+            "XDG_DOCUMENTS_DIR=\"$HOME/unterminated\n"
+            "XDG_DESKTOP_DIR=\"$HOMEWORK/x\"\n");
+  EXPECT_EQ(Find(2, true), home() + "/Desktop");
+  EXPECT_EQ(Find(3, true), home() + "/Documents");
+  EXPECT_FALSE(fs::exists(home() + "/unterminated"));
+}
+
+// Without a home folder the per-user folders cannot be had, unless a variable names them;
+// machine-wide folders do not depend on it.
+TEST_F(FolderFinderTest, NoHomeFailsOnlyTheFoldersThatNeedIt) {
+  mEnv.SetHome("");
+  for (int id : {2, 3, 4, 5, 6}) {
+    SCOPED_TRACE(id);
+    EXPECT_EQ(Find(id, true), "<failed>");
+  }
+  mEnv.SetVariable("XDG_DATA_HOME", mBase / "data");
+  EXPECT_EQ(Find(6, true), mBase / "data");
+  EXPECT_EQ(Find(7, true), root() + "/var/lib");
+  EXPECT_EQ(Find(1, true), privateTmp());
+}
+
+// The per-user temporary folder in a shared temporary folder is private (0700) and is refused
+// when someone else could have planted it: a symbolic link, or a folder of another user.
+TEST_F(FolderFinderTest, PrivateTemporaryFolderIsRefusedUnlessOurs) {
+  ASSERT_EQ(Find(1, true), privateTmp());
+  EXPECT_EQ(ModeOf(privateTmp()), 0700u);
+
+  chmod(privateTmp().c_str(), 0777);
+  EXPECT_EQ(Find(1, false), privateTmp());
+  EXPECT_EQ(ModeOf(privateTmp()), 0700u) << "a widened folder is narrowed again";
+
+  // The same folder seen by another user is not that user's.
+  mEnv.SetEffectiveUserId(geteuid() + 1);
+  const std::string others = tmp() + "/TemporaryItems-" + std::to_string(geteuid() + 1);
+  fs::rename(privateTmp(), others);
+  EXPECT_EQ(Find(1, true), "<failed>");
+  mEnv.SetEffectiveUserId(geteuid());
+
+  const std::string target = mBase / "planted";
+  fs::create_directories(target);
+  chmod(target.c_str(), 0755);
+  fs::create_directory_symlink(target, privateTmp());
+  EXPECT_EQ(Find(1, true), "<failed>");
+  EXPECT_EQ(ModeOf(target), 0755u) << "the link's target was changed";
+}
+
+// An identifier beyond the table is a programming error.
+TEST(FolderFinderDeathTest, IdentifierAboveTwelveStopsTheProcess) {
+  std::string path;
+  EXPECT_DEATH(FolderFinder::GetFolderPath(static_cast<FolderFinder::FolderID>(13), path, false),
+               "failed assertion `!\"Invalid FolderID\"'");
+}
+
+}  // namespace

@@ -1,0 +1,190 @@
+#include "support/TestEnv.h"
+
+#include <unistd.h>
+
+namespace testing_support {
+
+namespace {
+
+// Far above the ids of any real group, so a made-up group never names a real one.
+constexpr gid_t kFirstFakeGroup = 3000000;
+
+}  // namespace
+
+TestEnv::TestEnv() : esd::EnvWrapper(esd::Env::Platform()) {
+  for (const char* name :
+       {"XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR", "TMPDIR"})
+    mViewedNames.insert(name);
+}
+
+TestEnv::~TestEnv() = default;
+
+void TestEnv::SetVariable(const std::string& name, const std::string& value) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mViewedNames.insert(name);
+  mVariables[name] = value;
+}
+
+void TestEnv::UnsetVariable(const std::string& name) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mViewedNames.insert(name);
+  mVariables.erase(name);
+}
+
+void TestEnv::SetGroups(const std::vector<std::string>& names) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mGroups = names;
+}
+
+void TestEnv::RecordLaunches(bool startResult, int shellResult) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mRecordStarts = mRecordShell = true;
+  mStartResult = startResult;
+  mShellResult = shellResult;
+}
+
+void TestEnv::FailDetachedStarts() {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mRecordStarts = true;
+  mStartResult = false;
+}
+
+std::vector<TestEnv::Launch> TestEnv::Launches() const {
+  std::lock_guard<std::mutex> lock(mMutex);
+  return mLaunches;
+}
+
+std::vector<std::string> TestEnv::ShellCommands() const {
+  std::lock_guard<std::mutex> lock(mMutex);
+  return mShellCommands;
+}
+
+std::vector<pid_t> TestEnv::BroughtToFront() const {
+  std::lock_guard<std::mutex> lock(mMutex);
+  return mBroughtToFront;
+}
+
+std::string TestEnv::GetRootDirectory() {
+  return mRoot ? *mRoot : EnvWrapper::GetRootDirectory();
+}
+
+bool TestEnv::GetHomeDirectory(std::string& path) {
+  if (!mHome) return EnvWrapper::GetHomeDirectory(path);
+  if (mHome->empty()) return false;
+  path = *mHome;
+  return true;
+}
+
+bool TestEnv::GetEnvironmentVariable(const std::string& name, std::string& value) {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mViewedNames.count(name)) {
+      auto found = mVariables.find(name);
+      if (found == mVariables.end()) return false;
+      value = found->second;
+      return true;
+    }
+  }
+  return EnvWrapper::GetEnvironmentVariable(name, value);
+}
+
+uid_t TestEnv::GetEffectiveUserId() { return mUser ? *mUser : EnvWrapper::GetEffectiveUserId(); }
+
+bool TestEnv::GetSupplementaryGroups(std::vector<gid_t>& groups) {
+  std::lock_guard<std::mutex> lock(mMutex);
+  if (!mGroups) return EnvWrapper::GetSupplementaryGroups(groups);
+  groups.clear();
+  for (size_t i = 0; i < mGroups->size(); ++i)
+    groups.push_back(kFirstFakeGroup + static_cast<gid_t>(i));
+  return true;
+}
+
+bool TestEnv::GetGroupName(gid_t group, std::string& name) {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mGroups) {
+      if (group < kFirstFakeGroup || group - kFirstFakeGroup >= mGroups->size()) return false;
+      name = (*mGroups)[group - kFirstFakeGroup];
+      return true;
+    }
+  }
+  return EnvWrapper::GetGroupName(group, name);
+}
+
+bool TestEnv::IsAccessible(const std::string& path, int mode) {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mDenied.count(path)) return false;
+  }
+  return EnvWrapper::IsAccessible(path, mode);
+}
+
+bool TestEnv::ListProcessIds(std::vector<pid_t>& pids) {
+  if (!EnvWrapper::ListProcessIds(pids)) return false;
+  if (!mOwnProcessesOnly) return true;
+  const pid_t self = getpid();
+  std::set<pid_t> ancestors;
+  for (pid_t pid = self; pid > 0 && ancestors.size() < 256;) {
+    ancestors.insert(pid);
+    ProcessInfo info;
+    if (!EnvWrapper::GetProcessInfo(pid, info)) break;
+    pid = info.parentPid;
+  }
+  std::vector<pid_t> own;
+  for (pid_t pid : pids) {
+    bool keep = ancestors.count(pid) > 0;
+    ProcessInfo info;
+    for (pid_t at = pid; !keep && at > 1 && EnvWrapper::GetProcessInfo(at, info);
+         at = info.parentPid) {
+      keep = info.parentPid == self;
+    }
+    if (keep) own.push_back(pid);
+  }
+  pids = own;
+  return true;
+}
+
+bool TestEnv::BringProcessToFront(pid_t pid) {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mBroughtToFront.push_back(pid);
+  }
+  return EnvWrapper::BringProcessToFront(pid);
+}
+
+bool TestEnv::StartDetachedProcess(const std::string& program,
+                                   const std::vector<std::string>& arguments) {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mRecordStarts) {
+      mLaunches.push_back({program, arguments});
+      return mStartResult;
+    }
+  }
+  return EnvWrapper::StartDetachedProcess(program, arguments);
+}
+
+int TestEnv::RunShellCommand(const std::string& command) {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mRecordShell) {
+      mShellCommands.push_back(command);
+      return mShellResult;
+    }
+    mShellCommands.push_back(command);
+  }
+  return EnvWrapper::RunShellCommand(command);
+}
+
+bool TestEnv::GetKernelRelease(std::string& release) {
+  if (!mKernelReleaseSet) return EnvWrapper::GetKernelRelease(release);
+  if (!mKernelRelease) return false;
+  release = *mKernelRelease;
+  return true;
+}
+
+boost::gregorian::date TestEnv::GetLocalDay() {
+  return mToday ? *mToday : EnvWrapper::GetLocalDay();
+}
+
+}  // namespace testing_support

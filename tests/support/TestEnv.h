@@ -1,0 +1,108 @@
+#ifndef TESTS_SUPPORT_TESTENV_H
+#define TESTS_SUPPORT_TESTENV_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <boost/date_time/gregorian/gregorian_types.hpp>
+
+#include "xplat/EnvWrapper.h"
+
+namespace testing_support {
+
+// A real Env with the knobs a platform test turns. Everything not set here is the real
+// system. Install it with esd::ScopedEnv.
+//   - root and home: relocated (the root is the machine's "/" until set);
+//   - the folder variables (XDG_CONFIG_HOME, XDG_CACHE_HOME, XDG_DATA_HOME, XDG_RUNTIME_DIR,
+//     TMPDIR and any name given to SetVariable) are answered from this object alone: unset
+//     unless the test sets them, whatever the test runner's environment holds. Other names are
+//     the real process environment;
+//   - groups by name (the ids are made up), the effective user, the kernel release, today;
+//   - launches and shell commands recorded (and optionally not run, with chosen results);
+//   - a process table limited to the test process, its ancestors and its descendants;
+//   - paths made inaccessible, whoever the caller is (root included).
+class TestEnv : public esd::EnvWrapper {
+ public:
+  struct Launch {
+    std::string program;
+    std::vector<std::string> arguments;
+  };
+
+  TestEnv();
+  ~TestEnv() override;
+
+  void SetRoot(const std::string& root) { mRoot = root; }
+  // An empty home means "no home folder can be found".
+  void SetHome(const std::string& home) { mHome = home; }
+  void SetVariable(const std::string& name, const std::string& value);
+  void UnsetVariable(const std::string& name);
+  void SetGroups(const std::vector<std::string>& names);
+  void SetEffectiveUserId(uid_t user) { mUser = user; }
+  // nullopt: the kernel release cannot be read.
+  void SetKernelRelease(const std::optional<std::string>& release) {
+    mKernelRelease = release;
+    mKernelReleaseSet = true;
+  }
+  void SetToday(const boost::gregorian::date& day) { mToday = day; }
+  void DenyAccess(const std::string& path) { mDenied.insert(path); }
+  void ShowOnlyOwnProcesses() { mOwnProcessesOnly = true; }
+
+  // From now on StartDetachedProcess and RunShellCommand are recorded and answer with these
+  // results instead of running anything.
+  void RecordLaunches(bool startResult, int shellResult);
+  // Only StartDetachedProcess is recorded (with this result); the shell stays real.
+  void FailDetachedStarts();
+
+  // Detached starts recorded instead of run.
+  std::vector<Launch> Launches() const;
+  // Every shell command passed, also those run for real.
+  std::vector<std::string> ShellCommands() const;
+  std::vector<pid_t> BroughtToFront() const;
+
+  // --- Env ---
+  std::string GetRootDirectory() override;
+  bool GetHomeDirectory(std::string& path) override;
+  bool GetEnvironmentVariable(const std::string& name, std::string& value) override;
+  uid_t GetEffectiveUserId() override;
+  bool GetSupplementaryGroups(std::vector<gid_t>& groups) override;
+  bool GetGroupName(gid_t group, std::string& name) override;
+  bool IsAccessible(const std::string& path, int mode) override;
+  bool ListProcessIds(std::vector<pid_t>& pids) override;
+  bool BringProcessToFront(pid_t pid) override;
+  bool StartDetachedProcess(const std::string& program,
+                            const std::vector<std::string>& arguments) override;
+  int RunShellCommand(const std::string& command) override;
+  bool GetKernelRelease(std::string& release) override;
+  boost::gregorian::date GetLocalDay() override;
+
+ private:
+  mutable std::mutex mMutex;
+  std::optional<std::string> mRoot;
+  std::optional<std::string> mHome;
+  std::set<std::string> mViewedNames;
+  std::map<std::string, std::string> mVariables;
+  std::optional<std::vector<std::string>> mGroups;
+  std::optional<uid_t> mUser;
+  bool mKernelReleaseSet = false;
+  std::optional<std::string> mKernelRelease;
+  std::optional<boost::gregorian::date> mToday;
+  std::set<std::string> mDenied;
+  bool mOwnProcessesOnly = false;
+  bool mRecordStarts = false;
+  bool mStartResult = false;
+  bool mRecordShell = false;
+  int mShellResult = 0;
+  std::vector<Launch> mLaunches;
+  std::vector<std::string> mShellCommands;
+  std::vector<pid_t> mBroughtToFront;
+};
+
+}  // namespace testing_support
+
+#endif
