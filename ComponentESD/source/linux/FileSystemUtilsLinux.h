@@ -18,8 +18,8 @@ bool ExchangeFilesByRenaming(const std::string& a, const std::string& b);
 
 // Moves `from` to `to`, which must not exist (an object that appears there meanwhile is never
 // overwritten). Across file systems: copies a file or link, syncs the copy, then deletes the
-// source (a folder is not moved across file systems); when the source cannot be deleted the copy is removed again and the move
-// fails, so a move either happened wholly or not at all.
+// source (a folder is not moved across file systems); when the source cannot be deleted the copy
+// is removed again and the move fails, so a move either happens wholly or not at all.
 bool MoveObject(const std::string& from, const std::string& to);
 
 // The file system operations the exchange makes, as seen by the fault hook.
@@ -28,7 +28,8 @@ enum class FsOp { Exchange, Rename, Copy, Unlink };
 // Test seam: when set, called before each operation above; a non-zero result is taken as the
 // errno of that operation, which then is not performed (EXDEV on Rename makes a move take the
 // copy path, EINVAL on Exchange makes ExchangeFiles fall back to the renames). Not thread-safe.
-using FaultHook = std::function<int(FsOp op, const std::string& from, const std::string& to)>;
+using FaultHook =
+    std::function<int(FsOp op, const std::string& from, const std::string& to)>;
 void SetFaultHookForTesting(FaultHook hook);
 
 }  // namespace internal
