@@ -1,0 +1,167 @@
+#include "xplat/JournaledXMLFile.h"
+
+#include <cstdio>
+#include <exception>
+#include <sstream>
+
+#include "xplat/ESDAssert.h"
+#include "xplat/ESDIOFileStream.h"
+#include "xplat/FileSystemUtils.h"
+
+namespace {
+
+// Removes a journal whatever its permission bits. DeleteLocalFile refuses files the caller has
+// no write bit on, but after an exchange the journal name holds the previous saver's file,
+// which may belong to another user; left in place it would parse and roll the store back at
+// the next load. Removing a name needs only the folder's permission.
+bool RemoveJournal(const std::string& journalPath) {
+  if (FileSystemUtils::DeleteLocalFile(journalPath)) return true;
+  return std::remove(journalPath.c_str()) == 0 || !FileSystemUtils::DoesPathExist(journalPath);
+}
+
+}  // namespace
+
+JournaledXMLFile::JournaledXMLFile(esd::ExpatDOMBuilder<esd::XMLDocumentNode>& builder)
+    : mBuilder(builder), mDurableSaves(true), mLoadFailed(false) {}
+
+JournaledXMLFile::~JournaledXMLFile() = default;
+
+bool JournaledXMLFile::Save() {
+  try {
+    const esd::XMLDocumentNode* document = mBuilder.GetDocumentNode();
+    if (!document || mLoadFailed || mFilePath.empty()) return false;
+    // A document without an element writes as a lone declaration, which no later Load could
+    // parse: saving it would lock every user out of the store.
+    if (document->GetChildNodes().empty()) return false;
+
+    std::ostringstream text;
+    text << *document;
+    if (!text) return false;
+    const std::string bytes = text.str();
+
+    // A leftover journal may belong to someone else or be a link planted beside the store;
+    // start from a fresh file rather than write through it.
+    RemoveJournal(mJournalPath);
+    {
+      ESDofstream journal(mJournalPath, "wb");
+      std::ofstream& out = journal.GetStream();
+      if (!out.is_open()) return false;
+      out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+      out.flush();
+      out.close();
+      if (out.fail()) {
+        RemoveJournal(mJournalPath);
+        return false;
+      }
+    }
+    // The bits are set on the journal so that the file has them from the moment it appears.
+    FileSystemUtils::SetFilePermission(mJournalPath, 0666);
+    // Without this a power cut after the exchange could leave the new name on empty or partial
+    // data: the rename reaches the disk before the data it points to.
+    if (mDurableSaves && !FileSystemUtils::SyncFile(mJournalPath)) {
+      RemoveJournal(mJournalPath);
+      return false;
+    }
+
+    const bool exchanged = FileSystemUtils::ExchangeFiles(mFilePath, mJournalPath);
+    // After the exchange the journal holds the old text; after a failed one, the unused new
+    // text. Either way it must go, or the next Load would take it for an interrupted save.
+    if (FileSystemUtils::DoesPathExist(mJournalPath)) RemoveJournal(mJournalPath);
+    if (!exchanged) return false;
+    // Makes the exchange and the journal's removal durable together.
+    if (mDurableSaves &&
+        !FileSystemUtils::SyncDirectory(FileSystemUtils::GetParentPath(mFilePath)))
+      return false;
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+bool JournaledXMLFile::Load(void* context) {
+  mLoadFailed = true;
+  try {
+    mBuilder.Clear();
+    if (!mBuilder.Create(nullptr, nullptr)) return false;
+
+    bool journalInstalled = false;
+    bool builderUsed = false;
+    if (!mJournalPath.empty() && FileSystemUtils::DoesPathExist(mJournalPath)) {
+      builderUsed = true;
+      if (mBuilder.ParseFile(mJournalPath, false)) {
+        // A complete journal is the text of a save that was cut short after writing it. When it
+        // cannot be put in place it stays for the next load, and the file is read instead.
+        if (FileSystemUtils::ExchangeFiles(mJournalPath, mFilePath)) {
+          if (FileSystemUtils::DoesPathExist(mJournalPath)) RemoveJournal(mJournalPath);
+          journalInstalled = !FileSystemUtils::DoesPathExist(mJournalPath);
+        }
+        if (journalInstalled && mDurableSaves)
+          FileSystemUtils::SyncDirectory(FileSystemUtils::GetParentPath(mFilePath));
+      }
+    }
+
+    if (!journalInstalled && !mFilePath.empty() && FileSystemUtils::DoesPathExist(mFilePath)) {
+      // The parser stops for good at its first error, and a journal it read is not the file:
+      // start again from a fresh document.
+      if (builderUsed && !mBuilder.Create(nullptr, nullptr)) return false;
+      if (!mBuilder.ParseFile(mFilePath, false)) return false;
+    } else if (!journalInstalled && builderUsed) {
+      // Only an unusable journal was there: the store is empty.
+      if (!mBuilder.Create(nullptr, nullptr)) return false;
+    }
+  } catch (const std::exception&) {
+    return false;
+  }
+
+  // Cleared before the call: stores may save from inside OnLoadSuccess (to persist a repair).
+  mLoadFailed = false;
+  const bool bound = OnLoadSuccess(mBuilder.GetDocumentNode(), context);
+  if (!bound) mLoadFailed = true;
+  return bound;
+}
+
+bool JournaledXMLFile::Delete() {
+  if (!mJournalPath.empty() && FileSystemUtils::DoesPathExist(mJournalPath))
+    RemoveJournal(mJournalPath);
+  if (!mFilePath.empty() && FileSystemUtils::DoesPathExist(mFilePath) &&
+      !FileSystemUtils::DeleteLocalFile(mFilePath))
+    return false;
+  mBuilder.Clear();
+  // A deletion that a power cut undoes brings back a whole old store, never a damaged one; the
+  // sync only makes it less likely.
+  if (mDurableSaves && !mFilePath.empty())
+    FileSystemUtils::SyncDirectory(FileSystemUtils::GetParentPath(mFilePath));
+  return true;
+}
+
+bool JournaledXMLFile::OnLoadSuccess(esd::XMLDocumentNode* inRootNode, void*) {
+  ESD_ASSERT(inRootNode);
+  return true;
+}
+
+void JournaledXMLFile::OnLoadFailed() {}
+
+bool JournaledXMLFile::SetPath(const std::string& newPath) {
+  const std::string oldPath = mFilePath;
+  const std::string oldJournalPath = mJournalPath;
+  if (!oldPath.empty() && oldPath != newPath && FileSystemUtils::DoesPathExist(oldPath) &&
+      !FileSystemUtils::CopyLocalFile(oldPath, newPath))
+    return false;
+  mFilePath = newPath;
+  GetJournalPath(newPath, mJournalPath);
+  if (!oldPath.empty() && oldPath != newPath) {
+    FileSystemUtils::DeleteLocalFile(oldPath);
+    FileSystemUtils::DeleteLocalFile(oldJournalPath);
+  }
+  return true;
+}
+
+bool JournaledXMLFile::GetJournalPath(const std::string& path, std::string& out) {
+  out = path + "_";
+  return true;
+}
+
+bool JournaledXMLFile::GetXMLFileFullPath(std::string& out) const {
+  out = mFilePath;
+  return !mFilePath.empty();
+}
