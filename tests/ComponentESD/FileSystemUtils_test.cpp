@@ -491,15 +491,4 @@ TEST(FileSystemUtils, SyncFileAndFolder) {
   EXPECT_FALSE(SyncDirectory(dir / "f"));
 }
 
-TEST(FileSystemUtils, PathInvalidErrorCarriesThePath) {
-  try {
-    throw path_invalid_error("bad path", "/no/where");
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ("bad path", e.what());
-    const auto* error = dynamic_cast<const path_invalid_error*>(&e);
-    ASSERT_NE(nullptr, error);
-    EXPECT_EQ("/no/where", error->GetPath());
-  }
-}
-
 }  // namespace
