@@ -1,0 +1,125 @@
+#ifndef VANTUUPDATERSHARED_XPLAT_VANTUUPDATERREGISTRATIONMANAGER_H
+#define VANTUUPDATERSHARED_XPLAT_VANTUUPDATERREGISTRATIONMANAGER_H
+
+// The machine-wide register of host applications, "VantuESDGlobalApps.xml" in the all-users
+// updater data folder. The file is shared by every process and user, so each public operation
+// loads it afresh under the store's inter-process lock and saves through the journal before the
+// lock is released. The manager's own element is the store root "VantuUpdaterRegistrationManager"
+// of the loaded tree; its records are "Application" elements below it.
+//
+// The updater itself is never stored: a lookup of its identifier is answered with a record made
+// up on the spot from its running location.
+
+#include <algorithm>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "xplat/ExpatDOMBuilder.h"
+#include "xplat/JournaledXMLLockedFile.h"
+#include "xplat/VantuUpdaterRegisteredApp.h"
+#include "xplat/XMLBoundObject.h"
+#include "xplat/XMLBoundObjectUtils.h"
+#include "xplat/XMLDocumentNode.h"
+
+class VantuUpdaterRegistrationManager
+    : public JournaledXMLLockedFile,
+      public XMLBoundObject<VantuUpdaterRegistrationManager> {
+ public:
+  // How long an operation waits for another process to release the store, in milliseconds.
+  static constexpr unsigned long kLockTimeout = 2000;
+
+  // True for a record whose "appID" equals the identifier exactly (byte-wise, case-sensitive).
+  // Every stored record has an "appID"; one without is a programming error.
+  class RegisteredAppMatcher {
+   public:
+    explicit RegisteredAppMatcher(const std::string& appID);
+    bool operator()(const VantuUpdaterRegisteredApp& inApp) const;
+
+   private:
+    std::string mAppID;
+  };
+
+  // True ("remove it") for a record with no "InstallPath" or an empty one: such an entry cannot be
+  // updated by the updater, so loading drops it. The file system is not consulted.
+  class RegisteredAppVerifier {
+   public:
+    explicit RegisteredAppVerifier(VantuUpdaterRegistrationManager* inManager);
+    bool operator()(const VantuUpdaterRegisteredApp& inApp) const;
+
+   private:
+    VantuUpdaterRegistrationManager* mManager;
+  };
+
+  // Finds the store's path; throws std::runtime_error "Unable to determine registration filepath!"
+  // when the all-users data folder cannot be had. Neither locks nor loads.
+  VantuUpdaterRegistrationManager();
+  // Releases the lock when an operation left it held.
+  ~VantuUpdaterRegistrationManager() override;
+  VantuUpdaterRegistrationManager(const VantuUpdaterRegistrationManager&) = delete;
+  VantuUpdaterRegistrationManager& operator=(const VantuUpdaterRegistrationManager&) = delete;
+
+  // Saves through the journal, then narrows the file to the restricted permission (the machine-
+  // wide register must not stay world-writable once written).
+  bool Save() override;
+
+  // Binds the manager to the store root of the loaded document (adding a root when the file had
+  // none), drops entries without an install path and, when it dropped any, saves at once so the
+  // repair reaches the disk even if the caller goes on only to read.
+  bool OnLoadSuccess(esd::XMLDocumentNode* root, void* context) override;
+
+  // 0 inserted, 1 replaced an entry whose name or path differed (it moves to the end), 2 already
+  // registered unchanged (nothing written), 3 failure: no lock, no load, an empty identifier,
+  // name or path, or a failed save. `app` itself is not added, a copy of its element is.
+  unsigned InsertOrUpdateRegisteredApp(VantuUpdaterRegisteredApp& app);
+
+  // 0 removed and saved (the file is deleted when it was the last entry), 1 no entry has that
+  // identifier, 2 refused or failed: the updater's own identifier, no store file, no lock, no
+  // load, a failed save.
+  unsigned UnregisterApp(const std::string& appID);
+
+  // Every entry in file order, detached: the caller's records never write into the store.
+  bool GetRegisteredApps(std::list<VantuUpdaterRegisteredApp>& out);
+
+  // The entry for appID as a detached copy owned by `out`; false (and `out` untouched) when there
+  // is none. The updater's identifier is answered by GetVantuUpdaterInfo without reading the file.
+  bool GetRegisteredApplicationByAppID(const std::string& appID,
+                                       std::unique_ptr<VantuUpdaterRegisteredApp>& out);
+
+  // The updater's own record: "VantuUpdater", "Vantu Updater" and the folder of the running
+  // updater; false (and `out` untouched) when that folder cannot be found.
+  bool GetVantuUpdaterInfo(std::unique_ptr<VantuUpdaterRegisteredApp>& out);
+
+  // Writes the loaded tree, or deletes the file when the store root has no children left (an
+  // empty register is no register). Exceptions become false.
+  bool SaveRegisteredApps();
+
+  // Removes the record's element from the store root; false when it is not a child of it. The
+  // record is left dangling and must not be used again.
+  bool DeleteVantuUpdaterRegisteredApp(VantuUpdaterRegisteredApp& app);
+
+  // Removes every entry for which pred is true and returns how many; the tree only, no save.
+  template <class Pred>
+  unsigned long DeleteVantuUpdaterRegisteredAppIf(Pred pred);
+
+  static std::string GetNodeRootName();
+
+ private:
+  std::string mFilePath;
+  esd::ExpatDOMBuilder<esd::XMLDocumentNode> mBuilder;
+};
+
+template <class Pred>
+unsigned long VantuUpdaterRegistrationManager::DeleteVantuUpdaterRegisteredAppIf(Pred pred) {
+  esd::XMLDocumentNode* storeRoot = GetObjectRoot();
+  std::vector<VantuUpdaterRegisteredApp> apps;
+  if (!XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterRegisteredApp>(
+          storeRoot, VantuUpdaterRegisteredApp::GetNodeRootName(), apps))
+    return 0;
+  auto firstKept = std::partition(apps.begin(), apps.end(), pred);
+  for (auto it = apps.begin(); it != firstKept; ++it) storeRoot->DeleteChildNode(it->GetObjectRoot());
+  return static_cast<unsigned long>(firstKept - apps.begin());
+}
+
+#endif

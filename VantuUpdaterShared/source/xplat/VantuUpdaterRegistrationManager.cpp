@@ -1,0 +1,202 @@
+#include "xplat/VantuUpdaterRegistrationManager.h"
+
+#include <stdexcept>
+
+#include "xplat/ESDAssert.h"
+#include "xplat/FileSystemUtils.h"
+#include "xplat/SearchResults.h"
+#include "xplat/StoreLockScope.h"
+#include "xplat/VantuUpdaterUtils.h"
+
+namespace {
+
+const char kRegistrationFileName[] = "VantuESDGlobalApps.xml";
+const char kAppIDAttr[] = "appID";
+const char kVantuUpdaterDisplayName[] = "Vantu Updater";
+
+enum InsertResult : unsigned { kInserted = 0, kReplaced = 1, kUnchanged = 2, kInsertFailed = 3 };
+enum UnregisterResult : unsigned { kRemoved = 0, kNotFound = 1, kUnregisterFailed = 2 };
+
+// Adds a deep copy of `record` as the last child of `storeRoot`; false when it cannot be copied.
+bool AppendCopy(esd::XMLDocumentNode* storeRoot, esd::XMLDocumentNode* record) {
+  esd::XMLDocumentNode* copy = esd::XMLDocumentNode::Duplicate(record);
+  if (copy == nullptr) return false;
+  storeRoot->AddChildNode(copy);
+  return true;
+}
+
+}  // namespace
+
+VantuUpdaterRegistrationManager::RegisteredAppMatcher::RegisteredAppMatcher(
+    const std::string& appID)
+    : mAppID(appID) {}
+
+bool VantuUpdaterRegistrationManager::RegisteredAppMatcher::operator()(
+    const VantuUpdaterRegisteredApp& inApp) const {
+  std::string sAppID;
+  ESD_ASSERT(inApp.GetappID(sAppID));
+  return sAppID == mAppID;
+}
+
+VantuUpdaterRegistrationManager::RegisteredAppVerifier::RegisteredAppVerifier(
+    VantuUpdaterRegistrationManager* inManager)
+    : mManager(inManager) {
+  ESD_ASSERT(inManager);
+}
+
+bool VantuUpdaterRegistrationManager::RegisteredAppVerifier::operator()(
+    const VantuUpdaterRegisteredApp& inApp) const {
+  std::string installPath;
+  return !inApp.GetInstallPath(installPath) || installPath.empty();
+}
+
+VantuUpdaterRegistrationManager::VantuUpdaterRegistrationManager()
+    : JournaledXMLLockedFile(mBuilder, kLockTimeout) {
+  std::string dataDir;
+  if (!VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(dataDir))
+    throw std::runtime_error("Unable to determine registration filepath!");
+  mFilePath = FileSystemUtils::AppendPathElement(dataDir, kRegistrationFileName);
+  SetPath(mFilePath);
+}
+
+VantuUpdaterRegistrationManager::~VantuUpdaterRegistrationManager() {
+  try {
+    if (HasLock()) Unlock(false);
+  } catch (...) {
+  }
+}
+
+std::string VantuUpdaterRegistrationManager::GetNodeRootName() {
+  return "VantuUpdaterRegistrationManager";
+}
+
+bool VantuUpdaterRegistrationManager::Save() {
+  if (!JournaledXMLLockedFile::Save()) return false;
+  FileSystemUtils::SetRestrictedFilePermission(mFilePath);
+  return true;
+}
+
+bool VantuUpdaterRegistrationManager::OnLoadSuccess(esd::XMLDocumentNode* root, void*) {
+  esd::SearchResult<esd::XMLDocumentNode> roots =
+      esd::SearchResult<esd::XMLDocumentNode>(root).Children(esd::NodeName(GetNodeRootName()));
+  esd::XMLDocumentNode* storeRoot = nullptr;
+  if (roots.empty()) {
+    try {
+      std::unique_ptr<esd::XMLDocumentNode> fresh(new esd::XMLDocumentNode(GetNodeRootName()));
+      root->AddChildNode(fresh.get());
+      storeRoot = fresh.release();
+    } catch (...) {
+      return false;
+    }
+  } else {
+    storeRoot = roots.GetSingleMatch();
+  }
+  SetObjectRoot(storeRoot);
+  if (DeleteVantuUpdaterRegisteredAppIf(RegisteredAppVerifier(this)) > 0) Save();
+  return true;
+}
+
+bool VantuUpdaterRegistrationManager::SaveRegisteredApps() {
+  try {
+    if (GetObjectRoot()->GetChildNodes().empty()) return Delete();
+    return Save();
+  } catch (...) {
+    return false;
+  }
+}
+
+bool VantuUpdaterRegistrationManager::DeleteVantuUpdaterRegisteredApp(
+    VantuUpdaterRegisteredApp& app) {
+  return GetObjectRoot()->DeleteChildNode(app.GetObjectRoot());
+}
+
+unsigned VantuUpdaterRegistrationManager::InsertOrUpdateRegisteredApp(
+    VantuUpdaterRegisteredApp& app) {
+  StoreLockScope lock(*this);
+  if (!lock.Held()) return kInsertFailed;
+  if (!Load(nullptr)) return kInsertFailed;
+
+  std::string appID, installPath, displayName;
+  if (!app.GetappID(appID) || appID.empty() || !app.GetInstallPath(installPath) ||
+      installPath.empty() || !app.GetDisplayName(displayName) || displayName.empty())
+    return kInsertFailed;
+
+  esd::XMLDocumentNode* storeRoot = GetObjectRoot();
+  esd::SearchResult<esd::XMLDocumentNode> existing =
+      esd::SearchResult<esd::XMLDocumentNode>(storeRoot).Children(
+          esd::NodeBoth(esd::NodeName(VantuUpdaterRegisteredApp::GetNodeRootName()),
+                        esd::NodeAttr(kAppIDAttr, appID)));
+
+  unsigned result = kInsertFailed;
+  if (existing.empty()) {
+    if (AppendCopy(storeRoot, app.GetObjectRoot())) result = kInserted;
+  } else {
+    VantuUpdaterRegisteredApp stored(existing.GetSingleMatch());
+    std::string storedPath, storedName;
+    if (stored.GetInstallPath(storedPath) && storedPath == installPath &&
+        stored.GetDisplayName(storedName) && storedName == displayName) {
+      result = kUnchanged;
+    } else if (DeleteVantuUpdaterRegisteredApp(stored)) {
+      // Replacing rather than editing in place moves the entry to the end of the file, which is
+      // where readers of the file expect the most recently registered application.
+      if (AppendCopy(storeRoot, app.GetObjectRoot())) result = kReplaced;
+    }
+  }
+
+  if ((result == kInserted || result == kReplaced) && !SaveRegisteredApps()) result = kInsertFailed;
+  return result;
+}
+
+unsigned VantuUpdaterRegistrationManager::UnregisterApp(const std::string& appID) {
+  if (appID == VantuUpdaterUtils::kVantuUpdaterName) return kUnregisterFailed;
+  if (!FileSystemUtils::DoesPathExist(mFilePath)) return kUnregisterFailed;
+
+  StoreLockScope lock(*this);
+  if (!lock.Held()) return kUnregisterFailed;
+  std::list<VantuUpdaterRegisteredApp> scratch;
+  if (!GetRegisteredApps(scratch)) return kUnregisterFailed;
+  if (DeleteVantuUpdaterRegisteredAppIf(RegisteredAppMatcher(appID)) == 0) return kNotFound;
+  return SaveRegisteredApps() ? kRemoved : kUnregisterFailed;
+}
+
+bool VantuUpdaterRegistrationManager::GetRegisteredApps(
+    std::list<VantuUpdaterRegisteredApp>& out) {
+  StoreLockScope lock(*this);
+  if (!lock.Held()) return false;
+  if (!Load(nullptr)) return false;
+
+  out.clear();
+  std::vector<VantuUpdaterRegisteredApp> apps;
+  XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterRegisteredApp>(
+      GetObjectRoot(), VantuUpdaterRegisteredApp::GetNodeRootName(), apps);
+  for (VantuUpdaterRegisteredApp& app : apps) {
+    out.push_back(app);
+    out.back().Detach();
+  }
+  return true;
+}
+
+bool VantuUpdaterRegistrationManager::GetRegisteredApplicationByAppID(
+    const std::string& appID, std::unique_ptr<VantuUpdaterRegisteredApp>& out) {
+  if (appID == VantuUpdaterUtils::kVantuUpdaterName) return GetVantuUpdaterInfo(out);
+
+  StoreLockScope lock(*this);
+  if (!lock.Held()) return false;
+  std::list<VantuUpdaterRegisteredApp> apps;
+  if (!GetRegisteredApps(apps)) return false;
+  auto found = std::find_if(apps.begin(), apps.end(), RegisteredAppMatcher(appID));
+  if (found == apps.end()) return false;
+  out.reset(new VantuUpdaterRegisteredApp(*found));
+  return true;
+}
+
+bool VantuUpdaterRegistrationManager::GetVantuUpdaterInfo(
+    std::unique_ptr<VantuUpdaterRegisteredApp>& out) {
+  VantuUpdaterRegisteredApp updater(VantuUpdaterUtils::kVantuUpdaterName);
+  updater.SetDisplayName(kVantuUpdaterDisplayName);
+  std::string updaterDir;
+  if (!VantuUpdaterUtils::GetVantuUpdaterDirectory(updaterDir)) return false;
+  updater.SetInstallPath(updaterDir);
+  out.reset(new VantuUpdaterRegisteredApp(updater));
+  return true;
+}
