@@ -1,0 +1,122 @@
+#ifndef VANTUUPDATERSHARED_XPLAT_VANTUUPDATERMISSINGCOMPSMANAGER_H
+#define VANTUUPDATERSHARED_XPLAT_VANTUUPDATERMISSINGCOMPSMANAGER_H
+
+// The user's pending missing-component requests, "VantuMissingComps.xml" in the per-user updater
+// data folder: one "VantuUpdaterMissingCompsApp" entry per application below the store root
+// "VantuUpdaterMissingCompsManager", each listing the components the application still lacks.
+// The updater application consumes the file; this library only adds to it.
+//
+// Unlike the registered-applications store, the entries handed out stay bound to the manager's
+// loaded tree: a change made through one, followed by SaveMissingCompsApps(), changes the file.
+// UpdateWithAppAndCompData relies on that.
+
+#include <algorithm>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "xplat/ExpatDOMBuilder.h"
+#include "xplat/JournaledXMLLockedFile.h"
+#include "xplat/VantuUpdaterMissingCompsApp.h"
+#include "xplat/XMLBoundObject.h"
+#include "xplat/XMLBoundObjectUtils.h"
+#include "xplat/XMLDocumentNode.h"
+
+class VantuUpdaterMissingCompsManager
+    : public JournaledXMLLockedFile,
+      public XMLBoundObject<VantuUpdaterMissingCompsManager> {
+ public:
+  // How long an operation waits for another process to release the store, in milliseconds.
+  static constexpr unsigned long kLockTimeout = 2000;
+
+  // True for an entry whose "AppID" equals the identifier exactly. Every stored entry has one;
+  // an entry without is a programming error.
+  class VantuUpdaterMissingCompsAppMatcher {
+   public:
+    explicit VantuUpdaterMissingCompsAppMatcher(const std::string& appID);
+    bool operator()(const VantuUpdaterMissingCompsApp& inApp) const;
+
+   private:
+    std::string mAppID;
+  };
+
+  // True ("remove it") for an entry without a non-empty "DisplayName" and "InstallPath": the
+  // updater could neither show nor install such a request.
+  class VantuUpdaterMissingCompsAppVerifier {
+   public:
+    explicit VantuUpdaterMissingCompsAppVerifier(VantuUpdaterMissingCompsManager* inManager);
+    bool operator()(const VantuUpdaterMissingCompsApp& inApp) const;
+
+   private:
+    VantuUpdaterMissingCompsManager* mManager;
+  };
+
+  // Finds the store's path; throws std::runtime_error "Unable to determine missing comps
+  // filepath!" when the per-user data folder cannot be had. Neither locks nor loads.
+  VantuUpdaterMissingCompsManager();
+  // Not passive: loads the store and deletes the file when it holds no entries or cannot be
+  // parsed, so an empty or damaged request list never outlives the request that made it. A store
+  // that could not be read only because another process held the lock is left alone (the delete
+  // needs the lock too). Releases the lock if it is still held.
+  ~VantuUpdaterMissingCompsManager() override;
+  VantuUpdaterMissingCompsManager(const VantuUpdaterMissingCompsManager&) = delete;
+  VantuUpdaterMissingCompsManager& operator=(const VantuUpdaterMissingCompsManager&) = delete;
+
+  // Binds the manager to the store root of the loaded document (adding a root when the file had
+  // none), drops entries without a display name or install path and, when it dropped any, saves
+  // at once.
+  bool OnLoadSuccess(esd::XMLDocumentNode* root, void* context) override;
+
+  // Records one missing component of one application. 0 the component was added (to a new or an
+  // existing entry), 1 the entry already listed a matching component (a changed name, path or
+  // operation type is still saved), 2 failure: a null argument, no lock, no load, an unreadable
+  // field of the existing entry, a failed save. An unparsable compVersion throws
+  // std::runtime_error "Unable to parse version" and nothing is saved.
+  //
+  // The lookup and the save each take the lock on their own; the lock is not held in between
+  // unless the caller holds it, so a concurrent writer's tree can be overwritten by this one's.
+  unsigned UpdateWithAppAndCompData(const char* appID, const unsigned char* displayName,
+                                    const unsigned char* installPath, int opType, char* compName,
+                                    char* compCategory, char* compVersion);
+
+  // Appends a copy of the entry and saves: 0 done, 2 failure (no lock, no load, an empty
+  // identifier, display name or install path, a failed save). It does not look for an existing
+  // entry of the same identifier; the caller does.
+  unsigned InsertMissingCompsApp(VantuUpdaterMissingCompsApp& app);
+
+  // Loads the store and lists its entries in file order, bound to the loaded tree.
+  bool GetMissingCompsApps(std::list<VantuUpdaterMissingCompsApp>& out);
+
+  // The entry for appID, as a heap copy still bound to the loaded tree; false (and `out`
+  // untouched) when there is none or the store cannot be read.
+  bool GetMissingCompsAppByAppID(const std::string& appID,
+                                 std::unique_ptr<VantuUpdaterMissingCompsApp>& out);
+
+  // Writes the loaded tree, or deletes the file when the store root has no children left.
+  // Exceptions become false.
+  bool SaveMissingCompsApps();
+
+  // Removes every entry for which pred is true and returns how many; the tree only, no save.
+  template <class Pred>
+  unsigned long DeleteVantuUpdaterMissingCompsAppIf(Pred pred);
+
+  static std::string GetNodeRootName();
+
+ private:
+  std::string mFilePath;
+  esd::ExpatDOMBuilder<esd::XMLDocumentNode> mBuilder;
+};
+
+template <class Pred>
+unsigned long VantuUpdaterMissingCompsManager::DeleteVantuUpdaterMissingCompsAppIf(Pred pred) {
+  esd::XMLDocumentNode* storeRoot = GetObjectRoot();
+  std::vector<VantuUpdaterMissingCompsApp> apps;
+  XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterMissingCompsApp>(
+      storeRoot, VantuUpdaterMissingCompsApp::GetNodeRootName(), apps);
+  auto firstKept = std::partition(apps.begin(), apps.end(), pred);
+  for (auto it = apps.begin(); it != firstKept; ++it) storeRoot->DeleteChildNode(it->GetObjectRoot());
+  return static_cast<unsigned long>(firstKept - apps.begin());
+}
+
+#endif

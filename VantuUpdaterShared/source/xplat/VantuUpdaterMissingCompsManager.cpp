@@ -1,0 +1,191 @@
+#include "xplat/VantuUpdaterMissingCompsManager.h"
+
+#include <stdexcept>
+
+#include "xplat/ESDAssert.h"
+#include "xplat/FileSystemUtils.h"
+#include "xplat/SearchResults.h"
+#include "xplat/StoreLockScope.h"
+#include "xplat/VantuUpdaterUtils.h"
+
+namespace {
+
+const char kMissingCompsFileName[] = "VantuMissingComps.xml";
+
+enum UpdateResult : unsigned { kAdded = 0, kAlreadyListed = 1, kUpdateFailed = 2 };
+
+}  // namespace
+
+VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsAppMatcher::
+    VantuUpdaterMissingCompsAppMatcher(const std::string& appID)
+    : mAppID(appID) {}
+
+bool VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsAppMatcher::operator()(
+    const VantuUpdaterMissingCompsApp& inApp) const {
+  std::string sAppID;
+  ESD_ASSERT(inApp.GetAppID(sAppID));
+  return sAppID == mAppID;
+}
+
+VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsAppVerifier::
+    VantuUpdaterMissingCompsAppVerifier(VantuUpdaterMissingCompsManager* inManager)
+    : mManager(inManager) {
+  ESD_ASSERT(inManager);
+}
+
+bool VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsAppVerifier::operator()(
+    const VantuUpdaterMissingCompsApp& inApp) const {
+  std::string installPath, displayName;
+  return !inApp.GetInstallPath(installPath) || installPath.empty() ||
+         !inApp.GetDisplayName(displayName) || displayName.empty();
+}
+
+VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsManager()
+    : JournaledXMLLockedFile(mBuilder, kLockTimeout) {
+  std::string dataDir;
+  if (!VantuUpdaterUtils::GetVantuUpdaterDataDir(dataDir))
+    throw std::runtime_error("Unable to determine missing comps filepath!");
+  mFilePath = FileSystemUtils::AppendPathElement(dataDir, kMissingCompsFileName);
+  SetPath(mFilePath);
+}
+
+VantuUpdaterMissingCompsManager::~VantuUpdaterMissingCompsManager() {
+  try {
+    std::list<VantuUpdaterMissingCompsApp> apps;
+    if (!GetMissingCompsApps(apps) || apps.empty()) Delete();
+    if (HasLock()) Unlock(false);
+  } catch (...) {
+  }
+}
+
+std::string VantuUpdaterMissingCompsManager::GetNodeRootName() {
+  return "VantuUpdaterMissingCompsManager";
+}
+
+bool VantuUpdaterMissingCompsManager::OnLoadSuccess(esd::XMLDocumentNode* root, void*) {
+  esd::SearchResult<esd::XMLDocumentNode> roots =
+      esd::SearchResult<esd::XMLDocumentNode>(root).Children(esd::NodeName(GetNodeRootName()));
+  esd::XMLDocumentNode* storeRoot = nullptr;
+  if (roots.empty()) {
+    try {
+      std::unique_ptr<esd::XMLDocumentNode> fresh(new esd::XMLDocumentNode(GetNodeRootName()));
+      root->AddChildNode(fresh.get());
+      storeRoot = fresh.release();
+    } catch (...) {
+      return false;
+    }
+  } else {
+    storeRoot = roots.GetSingleMatch();
+  }
+  SetObjectRoot(storeRoot);
+  if (DeleteVantuUpdaterMissingCompsAppIf(VantuUpdaterMissingCompsAppVerifier(this)) > 0) Save();
+  return true;
+}
+
+bool VantuUpdaterMissingCompsManager::SaveMissingCompsApps() {
+  try {
+    if (GetObjectRoot()->GetChildNodes().empty()) return Delete();
+    return Save();
+  } catch (...) {
+    return false;
+  }
+}
+
+bool VantuUpdaterMissingCompsManager::GetMissingCompsApps(
+    std::list<VantuUpdaterMissingCompsApp>& out) {
+  StoreLockScope lock(*this);
+  if (!lock.Held()) return false;
+  if (!Load(nullptr)) return false;
+
+  out.clear();
+  std::vector<VantuUpdaterMissingCompsApp> apps;
+  XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterMissingCompsApp>(
+      GetObjectRoot(), VantuUpdaterMissingCompsApp::GetNodeRootName(), apps);
+  out.assign(apps.begin(), apps.end());
+  return true;
+}
+
+bool VantuUpdaterMissingCompsManager::GetMissingCompsAppByAppID(
+    const std::string& appID, std::unique_ptr<VantuUpdaterMissingCompsApp>& out) {
+  StoreLockScope lock(*this);
+  if (!lock.Held()) return false;
+  std::list<VantuUpdaterMissingCompsApp> apps;
+  if (!GetMissingCompsApps(apps)) return false;
+  auto found = std::find_if(apps.begin(), apps.end(), VantuUpdaterMissingCompsAppMatcher(appID));
+  if (found == apps.end()) return false;
+  out.reset(new VantuUpdaterMissingCompsApp(*found));
+  return true;
+}
+
+unsigned VantuUpdaterMissingCompsManager::InsertMissingCompsApp(VantuUpdaterMissingCompsApp& app) {
+  StoreLockScope lock(*this);
+  if (!lock.Held()) return kUpdateFailed;
+  if (!Load(nullptr)) return kUpdateFailed;
+
+  std::string appID, installPath, displayName;
+  if (!app.GetAppID(appID) || appID.empty() || !app.GetInstallPath(installPath) ||
+      installPath.empty() || !app.GetDisplayName(displayName) || displayName.empty())
+    return kUpdateFailed;
+
+  esd::XMLDocumentNode* copy = esd::XMLDocumentNode::Duplicate(app.GetObjectRoot());
+  if (copy == nullptr) return kUpdateFailed;
+  GetObjectRoot()->AddChildNode(copy);
+  return SaveMissingCompsApps() ? kAdded : kUpdateFailed;
+}
+
+unsigned VantuUpdaterMissingCompsManager::UpdateWithAppAndCompData(
+    const char* appID, const unsigned char* displayName, const unsigned char* installPath,
+    int opType, char* compName, char* compCategory, char* compVersion) {
+  if (appID == nullptr || displayName == nullptr || installPath == nullptr ||
+      compName == nullptr || compCategory == nullptr || compVersion == nullptr)
+    return kUpdateFailed;
+  const std::string sDisplayName(reinterpret_cast<const char*>(displayName));
+  const std::string sInstallPath(reinterpret_cast<const char*>(installPath));
+
+  std::unique_ptr<VantuUpdaterMissingCompsApp> entry;
+  if (GetMissingCompsAppByAppID(appID, entry)) {
+    // The entry is bound to the tree just loaded, so the changes below go into that tree and the
+    // save writes them.
+    std::string storedName, storedPath;
+    int storedType = 0;
+    if (!entry->GetDisplayName(storedName) || !entry->GetInstallPath(storedPath) ||
+        !entry->GetOperationType(storedType))
+      return kUpdateFailed;
+
+    bool changed = false;
+    if (storedName != sDisplayName) {
+      entry->SetDisplayName(sDisplayName);
+      changed = true;
+    }
+    if (storedPath != sInstallPath) {
+      entry->SetInstallPath(sInstallPath);
+      changed = true;
+    }
+    if (storedType != opType) {
+      entry->SetOperationType(opType);
+      changed = true;
+    }
+
+    const FileSystemVersion version(compVersion);
+    unsigned result = kAlreadyListed;
+    std::unique_ptr<VantuUpdaterAMissingComponent> match;
+    if (!entry->GetAMatchingMIssingComponent(compName, compCategory, version, match)) {
+      VantuUpdaterAMissingComponent comp(compName, compCategory, version);
+      entry->AddAMissingComponent(comp);
+      result = kAdded;
+      changed = true;
+    }
+    // A refreshed name, path or type is worth keeping even when the component was listed
+    // already: the updater shows and installs by what the entry says now.
+    if (changed && !SaveMissingCompsApps()) result = kUpdateFailed;
+    return result;
+  }
+
+  VantuUpdaterMissingCompsApp fresh(appID, opType);
+  if (!fresh.SetDisplayName(sDisplayName) || !fresh.SetInstallPath(sInstallPath))
+    return kUpdateFailed;
+  const FileSystemVersion version(compVersion);
+  VantuUpdaterAMissingComponent comp(compName, compCategory, version);
+  if (!fresh.AddAMissingComponent(comp)) return kUpdateFailed;
+  return InsertMissingCompsApp(fresh) == kAdded ? kAdded : kUpdateFailed;
+}
