@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <functional>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,9 +34,9 @@ namespace esd {
 
 namespace {
 
-// How long a signal may wait for the bus to answer our greeting. A bus that does not answer
-// within this is treated as unreachable rather than holding up the host application.
-constexpr int kBusReplyTimeoutMs = 2000;
+// How long posting a signal may take in all. A bus that has not taken the signal by then is
+// treated as unreachable rather than holding up the host application.
+constexpr std::chrono::milliseconds kBusReplyTimeout(2000);
 
 bool ReadLink(const std::string& link, std::string& target) {
   std::vector<char> buffer(256);
@@ -73,6 +75,12 @@ struct ConnectionCloser {
 };
 struct MessageUnref {
   void operator()(DBusMessage* message) const { dbus_message_unref(message); }
+};
+struct PendingCallUnref {
+  void operator()(DBusPendingCall* call) const {
+    dbus_pending_call_cancel(call);
+    dbus_pending_call_unref(call);
+  }
 };
 struct ScopedDBusError {
   DBusError error;
@@ -308,14 +316,36 @@ class LinuxEnv : public Env {
     if (!connection) return false;
     dbus_connection_set_exit_on_disconnect(connection.get(), FALSE);
 
-    // A bus drops a client whose first message is not Hello. Waiting for its answer (with a
-    // bound) also tells us that the bus is there and has accepted us.
+    // libdbus's own blocking calls wait for the authentication without any limit, so the
+    // conversation is driven here, one bounded round of I/O at a time, against one deadline.
+    const auto deadline = std::chrono::steady_clock::now() + kBusReplyTimeout;
+    auto runUntil = [&](const std::function<bool()>& done) {
+      while (!done()) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        if (!dbus_connection_read_write_dispatch(connection.get(),
+                                                 static_cast<int>(left.count())))
+          return false;  // disconnected
+      }
+      return true;
+    };
+    // A bus drops a client whose first message is not Hello; its answer also tells us that the
+    // bus authenticated and accepted us.
     std::unique_ptr<DBusMessage, MessageUnref> hello(dbus_message_new_method_call(
         DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "Hello"));
     if (!hello) return false;
-    std::unique_ptr<DBusMessage, MessageUnref> welcome(dbus_connection_send_with_reply_and_block(
-        connection.get(), hello.get(), kBusReplyTimeoutMs, &error.error));
-    if (!welcome) return false;
+    DBusPendingCall* rawPending = nullptr;
+    if (!dbus_connection_send_with_reply(connection.get(), hello.get(), &rawPending,
+                                         DBUS_TIMEOUT_INFINITE) ||
+        !rawPending)
+      return false;
+    std::unique_ptr<DBusPendingCall, PendingCallUnref> pending(rawPending);
+    if (!runUntil([&] { return dbus_pending_call_get_completed(pending.get()) != 0; }))
+      return false;
+    std::unique_ptr<DBusMessage, MessageUnref> welcome(dbus_pending_call_steal_reply(pending.get()));
+    if (!welcome || dbus_message_get_type(welcome.get()) != DBUS_MESSAGE_TYPE_METHOD_RETURN)
+      return false;
 
     std::unique_ptr<DBusMessage, MessageUnref> broadcast(
         dbus_message_new_signal(objectPath.c_str(), interfaceName.c_str(), member.c_str()));
@@ -327,8 +357,7 @@ class LinuxEnv : public Env {
       if (!dbus_message_iter_append_basic(&iter, DBUS_TYPE_STRING, &text)) return false;
     }
     if (!dbus_connection_send(connection.get(), broadcast.get(), nullptr)) return false;
-    dbus_connection_flush(connection.get());
-    return true;
+    return runUntil([&] { return dbus_connection_has_messages_to_send(connection.get()) == 0; });
   }
 
   bool GetKernelRelease(std::string& release) override {
