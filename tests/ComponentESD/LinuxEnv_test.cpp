@@ -1,0 +1,280 @@
+// The real Env: the process table, detached starts, the shell, the session bus, groups and the
+// substitution machinery that every other test relies on.
+#include "xplat/Env.h"
+
+#include <gtest/gtest.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <boost/date_time/gregorian/gregorian.hpp>
+
+#include "support/ChildProcess.h"
+#include "support/FakeUpdaterBundle.h"
+#include "support/PrivateSessionBus.h"
+#include "support/TempDir.h"
+#include "support/TestEnv.h"
+#include "xplat/EnvWrapper.h"
+#include "xplat/ScopedEnv.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using esd::Env;
+using testing_support::TempDir;
+using testing_support::WriteFile;
+
+constexpr char kBusPath[] = "/org/esd/DistributedNotificationCenter";
+constexpr char kBusInterface[] = "org.esd.DistributedNotificationCenter";
+
+// Sets a process environment variable for one test and puts the old state back.
+class ScopedVariable {
+ public:
+  ScopedVariable(const char* name, const char* value) : mName(name) {
+    if (const char* old = std::getenv(name)) mOld = old, mHad = true;
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
+  }
+  ~ScopedVariable() {
+    if (mHad)
+      setenv(mName.c_str(), mOld.c_str(), 1);
+    else
+      unsetenv(mName.c_str());
+  }
+
+ private:
+  std::string mName;
+  std::string mOld;
+  bool mHad = false;
+};
+
+class RootOnly : public esd::EnvWrapper {
+ public:
+  explicit RootOnly(std::string root) : EnvWrapper(Env::Default()), mRoot(std::move(root)) {}
+  std::string GetRootDirectory() override { return mRoot; }
+
+ private:
+  std::string mRoot;
+};
+
+// Without a scope the library sees the system; scopes nest and each end restores the Env that
+// was current before it, while a wrapper passes on everything it does not override.
+TEST(EnvTest, ScopesNestAndWrappersForwardTheRest) {
+  EXPECT_EQ(Env::Default(), Env::Platform());
+  EXPECT_EQ(Env::Default()->GetRootDirectory(), "/");
+  {
+    RootOnly outer("/outer");
+    esd::ScopedEnv outerScope(&outer);
+    EXPECT_EQ(Env::Default()->GetRootDirectory(), "/outer");
+    EXPECT_EQ(Env::Default()->GetCurrentProcessId(), getpid());
+    {
+      RootOnly inner("/inner");
+      esd::ScopedEnv innerScope(&inner);
+      EXPECT_EQ(Env::Default(), &inner);
+      EXPECT_EQ(Env::Default()->GetRootDirectory(), "/inner");
+    }
+    EXPECT_EQ(Env::Default(), &outer);
+  }
+  EXPECT_EQ(Env::Default(), Env::Platform());
+}
+
+// The process table shows this process and a child with their parents, program and arguments,
+// and a process that is gone is simply not there.
+TEST(LinuxEnvTest, ProcessTableShowsLiveProcessesOnly) {
+  Env* env = Env::Platform();
+  Env::ProcessInfo self;
+  ASSERT_TRUE(env->GetProcessInfo(getpid(), self));
+  EXPECT_EQ(self.pid, getpid());
+  EXPECT_EQ(self.parentPid, getppid());
+  EXPECT_EQ(self.executablePath, fs::read_symlink("/proc/self/exe").string());
+  std::string program;
+  ASSERT_TRUE(env->GetCurrentExecutablePath(program));
+  EXPECT_EQ(program, self.executablePath);
+  ASSERT_FALSE(self.arguments.empty());
+
+  testing_support::Pipe ready;
+  testing_support::Pipe release;
+  const pid_t child = testing_support::StartChild([&] {
+    ready.Signal();
+    release.Wait();
+    return 0;
+  });
+  ASSERT_TRUE(ready.Wait());
+  std::vector<pid_t> pids;
+  ASSERT_TRUE(env->ListProcessIds(pids));
+  EXPECT_TRUE(std::is_sorted(pids.begin(), pids.end()));
+  EXPECT_NE(std::find(pids.begin(), pids.end(), getpid()), pids.end());
+  EXPECT_NE(std::find(pids.begin(), pids.end(), child), pids.end());
+  Env::ProcessInfo info;
+  ASSERT_TRUE(env->GetProcessInfo(child, info));
+  EXPECT_EQ(info.parentPid, getpid());
+  release.Signal();
+  EXPECT_EQ(testing_support::WaitChild(child), 0);
+  EXPECT_FALSE(env->GetProcessInfo(child, info));
+}
+
+// A detached start runs the program outside the caller's session with the standard streams on
+// /dev/null and the caller's environment; what cannot be executed is reported as a failure.
+TEST(LinuxEnvTest, DetachedStartRunsProgramsAndReportsWhatCannotRun) {
+  TempDir temp;
+  testing_support::FakeUpdaterBundle bundle(temp / "Fake.app");
+  ScopedVariable marker("LINUX_ENV_TEST_MARKER", "handed on");
+  const std::string program = bundle.programPath();
+  ASSERT_TRUE(Env::Platform()->StartDetachedProcess(program, {program}));
+  const auto reports = bundle.WaitForReports(1);
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_NE(reports[0].sessionId, getsid(0));
+  EXPECT_EQ(reports[0].standardInput, "/dev/null");
+  EXPECT_EQ(reports[0].environment.at("LINUX_ENV_TEST_MARKER"), "handed on");
+  EXPECT_TRUE(bundle.Stop());
+
+  WriteFile(temp / "plain", "echo never\n");
+  chmod((temp / "plain").c_str(), 0644);
+  WriteFile(temp / "no-interpreter-line", "touch '" + (temp / "ran") + "'\n");
+  chmod((temp / "no-interpreter-line").c_str(), 0755);
+  for (const std::string& path :
+       {temp / "missing", temp / "plain", temp / "no-interpreter-line", temp.path()}) {
+    SCOPED_TRACE(path);
+    EXPECT_FALSE(Env::Platform()->StartDetachedProcess(path, {path}));
+  }
+  EXPECT_FALSE(fs::exists(temp / "ran")) << "a detached start must not fall back to the shell";
+}
+
+// The shell's exit status comes back as system() gives it.
+TEST(LinuxEnvTest, ShellCommandReturnsItsWaitStatus) {
+  EXPECT_EQ(Env::Platform()->RunShellCommand("true"), 0);
+  const int status = Env::Platform()->RunShellCommand("exit 3");
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 3);
+}
+
+// A signal reaches a listener on the session bus with its arguments in order.
+TEST(LinuxEnvTest, SignalReachesSessionBusListener) {
+  testing_support::PrivateSessionBus bus;
+  testing_support::BusSignalListener listener(bus.address(), kBusInterface);
+  ASSERT_TRUE(Env::Platform()->PostSessionBusSignal(kBusPath, kBusInterface, "Notification",
+                                                    {"first", "second ü"}));
+  const auto signals = listener.WaitForSignals(1, 5000);
+  ASSERT_EQ(signals.size(), 1u);
+  EXPECT_EQ(signals[0].path, kBusPath);
+  EXPECT_EQ(signals[0].member, "Notification");
+  EXPECT_EQ(signals[0].arguments, (std::vector<std::string>{"first", "second ü"}));
+
+  // Text the bus would reject is refused here rather than ending the process.
+  EXPECT_FALSE(Env::Platform()->PostSessionBusSignal(kBusPath, kBusInterface, "Notification",
+                                                     {"bad \xff text"}));
+  EXPECT_FALSE(Env::Platform()->PostSessionBusSignal("no/slash", kBusInterface, "Notification",
+                                                     {"x"}));
+  EXPECT_EQ(listener.WaitForSignals(2, 200).size(), 1u);
+}
+
+// With no bus, a bus address that goes nowhere, or a socket that never answers, posting fails
+// within the bounded wait instead of hanging or starting a bus.
+TEST(LinuxEnvTest, SignalWithoutReachableBusFailsQuickly) {
+  TempDir temp;
+  {
+    ScopedVariable address("DBUS_SESSION_BUS_ADDRESS", nullptr);
+    ScopedVariable runtime("XDG_RUNTIME_DIR", temp.path().c_str());
+    ScopedVariable display("DISPLAY", ":99");
+    EXPECT_FALSE(Env::Platform()->PostSessionBusSignal(kBusPath, kBusInterface, "Notification", {}));
+  }
+  {
+    const std::string address = "unix:path=" + (temp / "nothing-here");
+    ScopedVariable variable("DBUS_SESSION_BUS_ADDRESS", address.c_str());
+    EXPECT_FALSE(Env::Platform()->PostSessionBusSignal(kBusPath, kBusInterface, "Notification", {}));
+  }
+  {
+    // Accepts connections (the kernel does that) but never speaks.
+    const std::string socketPath = temp / "silent";
+    const int listening = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(listening, 0);
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    socketPath.copy(name.sun_path, sizeof name.sun_path - 1);
+    ASSERT_EQ(bind(listening, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
+    ASSERT_EQ(listen(listening, 4), 0);
+    const std::string address = "unix:path=" + socketPath;
+    ScopedVariable variable("DBUS_SESSION_BUS_ADDRESS", address.c_str());
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(Env::Platform()->PostSessionBusSignal(kBusPath, kBusInterface, "Notification", {}));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    close(listening);
+  }
+}
+
+// Groups are the supplementary list alone, with names from the group database; access is
+// judged for the effective user, so root and an unprivileged user differ on a read-only folder.
+TEST(LinuxEnvTest, GroupsAndAccessAreTheCallers) {
+  Env* env = Env::Platform();
+  std::vector<gid_t> groups;
+  ASSERT_TRUE(env->GetSupplementaryGroups(groups));
+  std::vector<gid_t> expected(static_cast<size_t>(getgroups(0, nullptr)));
+  ASSERT_EQ(getgroups(static_cast<int>(expected.size()), expected.data()),
+            static_cast<int>(expected.size()));
+  EXPECT_EQ(groups, expected);
+  std::string name;
+  ASSERT_TRUE(env->GetGroupName(0, name));
+  EXPECT_EQ(name, "root");
+  EXPECT_FALSE(env->GetGroupName(4000000000u, name));
+
+  TempDir temp;
+  const std::string folder = temp / "read-only";
+  fs::create_directory(folder);
+  chmod(temp.path().c_str(), 0755);
+  chmod(folder.c_str(), 0555);
+  EXPECT_TRUE(env->IsAccessible(folder, R_OK | X_OK));
+  EXPECT_EQ(env->IsAccessible(folder, W_OK), geteuid() == 0);
+  EXPECT_FALSE(env->IsAccessible(temp / "missing", R_OK));
+  if (geteuid() == 0) {
+    const pid_t child = testing_support::StartChild([&] {
+      if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) return 100;
+      std::vector<gid_t> none;
+      if (!Env::Platform()->GetSupplementaryGroups(none) || !none.empty()) return 101;
+      return Env::Platform()->IsAccessible(folder, W_OK) ? 1 : 0;
+    });
+    EXPECT_EQ(testing_support::WaitChild(child), 0);
+  }
+}
+
+// The kernel release and today's date are the system's own.
+TEST(LinuxEnvTest, KernelReleaseAndTodayAreTheSystems) {
+  utsname name;
+  ASSERT_EQ(uname(&name), 0);
+  std::string release;
+  ASSERT_TRUE(Env::Platform()->GetKernelRelease(release));
+  EXPECT_EQ(release, name.release);
+  const auto before = boost::gregorian::day_clock::local_day();
+  const auto today = Env::Platform()->GetLocalDay();
+  EXPECT_TRUE(today == before || today == boost::gregorian::day_clock::local_day());
+}
+
+// The home folder is $HOME, or the password database's entry when $HOME is unset or empty.
+TEST(LinuxEnvTest, HomeFallsBackToPasswordDatabase) {
+  std::string home;
+  {
+    ScopedVariable variable("HOME", "/some/home");
+    ASSERT_TRUE(Env::Platform()->GetHomeDirectory(home));
+    EXPECT_EQ(home, "/some/home");
+  }
+  for (const char* value : {static_cast<const char*>(nullptr), ""}) {
+    ScopedVariable variable("HOME", value);
+    ASSERT_TRUE(Env::Platform()->GetHomeDirectory(home));
+    EXPECT_EQ(home, std::string(getpwuid(geteuid())->pw_dir));
+  }
+}
+
+}  // namespace
