@@ -1,6 +1,5 @@
 #include "xplat/VantuUpdaterMissingCompsManager.h"
 
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
@@ -14,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
+#include "support/FileStamp.h"
 #include "support/SemaphoreGuard.h"
 #include "support/TestEnv.h"
 #include "support/TempDir.h"
@@ -59,17 +59,7 @@ unsigned Request(const char* appID, const char* name, const char* path, int opTy
       compCategory ? &c[0] : nullptr, compVersion ? &v[0] : nullptr);
 }
 
-struct FileStamp {
-  ino_t inode = 0;
-  long long mtimeNs = 0;
-  bool operator==(const FileStamp& o) const { return inode == o.inode && mtimeNs == o.mtimeNs; }
-};
-
-FileStamp Stamp(const std::string& path) {
-  struct stat info {};
-  EXPECT_EQ(0, stat(path.c_str(), &info)) << path;
-  return {info.st_ino, info.st_mtim.tv_sec * 1000000000LL + info.st_mtim.tv_nsec};
-}
+using testing_support::StampOf;
 
 // Each test gets a private machine: a relocated machine root and a temporary home folder,
 // installed as the library's Env (forked children inherit it). Any lock a test leaves behind,
@@ -131,12 +121,12 @@ TEST_F(MissingCompsStore, FirstRequestWritesTheExactText) {
 TEST_F(MissingCompsStore, RepeatedRequestWritesNothingButAnotherVersionIsAdded) {
   ASSERT_EQ(0u, Request("A", "Alpha", "/opt/a", 1, "Spelling", "Dictionary", "1.0"));
   const std::string before = ReadFile(mStorePath);
-  const FileStamp stamp = Stamp(mStorePath);
+  const testing_support::FileStamp stamp = StampOf(mStorePath);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
 
   EXPECT_EQ(1u, Request("A", "Alpha", "/opt/a", 1, "Spelling", "Dictionary", "1.0.0.0"));
   EXPECT_EQ(before, ReadFile(mStorePath));
-  EXPECT_TRUE(stamp == Stamp(mStorePath));
+  EXPECT_TRUE(stamp == StampOf(mStorePath));
 
   EXPECT_EQ(0u, Request("A", "Alpha", "/opt/a", 1, "Spelling", "Dictionary", "1.0.0.1"));
   EXPECT_EQ(StoreText(EntryText("A", 1, "Alpha", "/opt/a",

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
+#include "support/FileStamp.h"
 #include "support/SemaphoreGuard.h"
 #include "support/TestEnv.h"
 #include "support/TempDir.h"
@@ -47,17 +48,7 @@ std::string StoreText(const std::string& entries) {
          "</VantuUpdaterRegistrationManager>\n";
 }
 
-struct FileStamp {
-  ino_t inode = 0;
-  long long mtimeNs = 0;
-  bool operator==(const FileStamp& o) const { return inode == o.inode && mtimeNs == o.mtimeNs; }
-};
-
-FileStamp Stamp(const std::string& path) {
-  struct stat info {};
-  EXPECT_EQ(0, stat(path.c_str(), &info)) << path;
-  return {info.st_ino, info.st_mtim.tv_sec * 1000000000LL + info.st_mtim.tv_nsec};
-}
+using testing_support::StampOf;
 
 std::vector<std::string> ListAppIDs() {
   VantuUpdaterRegistrationManager store;
@@ -151,12 +142,12 @@ TEST_F(RegistrationStore, FirstInsertionsWriteTheExactText) {
 TEST_F(RegistrationStore, UnchangedReinsertionLeavesTheFileUntouched) {
   ASSERT_EQ(0u, Insert("com.example.Writer", "Writer", "/opt/Writer"));
   const std::string before = ReadFile(mStorePath);
-  const FileStamp stamp = Stamp(mStorePath);
+  const testing_support::FileStamp stamp = StampOf(mStorePath);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
 
   EXPECT_EQ(2u, Insert("com.example.Writer", "Writer", "/opt/Writer"));
   EXPECT_EQ(before, ReadFile(mStorePath));
-  EXPECT_TRUE(stamp == Stamp(mStorePath));
+  EXPECT_TRUE(stamp == StampOf(mStorePath));
 }
 
 // A changed path or name replaces the entry, which then comes last; identifiers compare exactly.
@@ -213,13 +204,13 @@ TEST_F(RegistrationStore, UnregisterResults) {
   ASSERT_EQ(0u, Insert("A", "Alpha", "/opt/a"));
   ASSERT_EQ(0u, Insert("B", "Beta", "/opt/b"));
   const std::string before = ReadFile(mStorePath);
-  const FileStamp stamp = Stamp(mStorePath);
+  const testing_support::FileStamp stamp = StampOf(mStorePath);
 
   // The updater cannot be unregistered; an unknown identifier is reported, not saved.
   EXPECT_EQ(2u, Unregister("VantuUpdater"));
   EXPECT_EQ(1u, Unregister("Z"));
   EXPECT_EQ(before, ReadFile(mStorePath));
-  EXPECT_TRUE(stamp == Stamp(mStorePath));
+  EXPECT_TRUE(stamp == StampOf(mStorePath));
 
   EXPECT_EQ(0u, Unregister("A"));
   EXPECT_EQ(StoreText(EntryText("B", "Beta", "/opt/b")), ReadFile(mStorePath));
@@ -313,6 +304,9 @@ TEST_F(RegistrationStore, UnparsableFileIsRefusedAndKept) {
     EXPECT_FALSE(store.GetRegisteredApps(all));
     std::unique_ptr<VantuUpdaterRegisteredApp> found;
     EXPECT_FALSE(store.GetRegisteredApplicationByAppID("A", found));
+    // The failed load freed the tree; the manager must not reach into it any more.
+    EXPECT_EQ(0u, store.DeleteVantuUpdaterRegisteredAppIf(
+                      VantuUpdaterRegistrationManager::RegisteredAppMatcher("A")));
     EXPECT_EQ(bytes, ReadFile(mStorePath));
   }
 }

@@ -104,6 +104,14 @@ class VantuUpdaterMissingCompsManager
   static std::string GetNodeRootName();
 
  private:
+  // Load(nullptr), and on failure ForgetLoadedTree(): a failed load has already destroyed the
+  // tree the manager was bound to.
+  bool LoadStore();
+
+  // Rebinds the manager to a fresh, empty root of its own, so that nothing reaches the elements
+  // of a tree the builder has freed (after a failed load or a delete).
+  void ForgetLoadedTree();
+
   std::string mFilePath;
   esd::ExpatDOMBuilder<esd::XMLDocumentNode> mBuilder;
 };

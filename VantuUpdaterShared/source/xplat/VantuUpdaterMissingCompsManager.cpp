@@ -62,6 +62,16 @@ std::string VantuUpdaterMissingCompsManager::GetNodeRootName() {
   return "VantuUpdaterMissingCompsManager";
 }
 
+bool VantuUpdaterMissingCompsManager::LoadStore() {
+  if (Load(nullptr)) return true;
+  ForgetLoadedTree();
+  return false;
+}
+
+void VantuUpdaterMissingCompsManager::ForgetLoadedTree() {
+  XMLBoundObject<VantuUpdaterMissingCompsManager>::operator=(XMLBoundObject<VantuUpdaterMissingCompsManager>());
+}
+
 bool VantuUpdaterMissingCompsManager::OnLoadSuccess(esd::XMLDocumentNode* root, void*) {
   esd::SearchResult<esd::XMLDocumentNode> roots =
       esd::SearchResult<esd::XMLDocumentNode>(root).Children(esd::NodeName(GetNodeRootName()));
@@ -84,7 +94,11 @@ bool VantuUpdaterMissingCompsManager::OnLoadSuccess(esd::XMLDocumentNode* root, 
 
 bool VantuUpdaterMissingCompsManager::SaveMissingCompsApps() {
   try {
-    if (GetObjectRoot()->GetChildNodes().empty()) return Delete();
+    if (GetObjectRoot()->GetChildNodes().empty()) {
+      if (!Delete()) return false;
+      ForgetLoadedTree();
+      return true;
+    }
     return Save();
   } catch (...) {
     return false;
@@ -95,7 +109,7 @@ bool VantuUpdaterMissingCompsManager::GetMissingCompsApps(
     std::list<VantuUpdaterMissingCompsApp>& out) {
   StoreLockScope lock(*this);
   if (!lock.Held()) return false;
-  if (!Load(nullptr)) return false;
+  if (!LoadStore()) return false;
 
   out.clear();
   std::vector<VantuUpdaterMissingCompsApp> apps;
@@ -120,7 +134,7 @@ bool VantuUpdaterMissingCompsManager::GetMissingCompsAppByAppID(
 unsigned VantuUpdaterMissingCompsManager::InsertMissingCompsApp(VantuUpdaterMissingCompsApp& app) {
   StoreLockScope lock(*this);
   if (!lock.Held()) return kUpdateFailed;
-  if (!Load(nullptr)) return kUpdateFailed;
+  if (!LoadStore()) return kUpdateFailed;
 
   std::string appID, installPath, displayName;
   if (!app.GetAppID(appID) || appID.empty() || !app.GetInstallPath(installPath) ||

@@ -70,6 +70,16 @@ std::string VantuUpdaterRegistrationManager::GetNodeRootName() {
   return "VantuUpdaterRegistrationManager";
 }
 
+bool VantuUpdaterRegistrationManager::LoadStore() {
+  if (Load(nullptr)) return true;
+  ForgetLoadedTree();
+  return false;
+}
+
+void VantuUpdaterRegistrationManager::ForgetLoadedTree() {
+  XMLBoundObject<VantuUpdaterRegistrationManager>::operator=(XMLBoundObject<VantuUpdaterRegistrationManager>());
+}
+
 bool VantuUpdaterRegistrationManager::Save() {
   if (!JournaledXMLLockedFile::Save()) return false;
   FileSystemUtils::SetRestrictedFilePermission(mFilePath);
@@ -98,7 +108,11 @@ bool VantuUpdaterRegistrationManager::OnLoadSuccess(esd::XMLDocumentNode* root, 
 
 bool VantuUpdaterRegistrationManager::SaveRegisteredApps() {
   try {
-    if (GetObjectRoot()->GetChildNodes().empty()) return Delete();
+    if (GetObjectRoot()->GetChildNodes().empty()) {
+      if (!Delete()) return false;
+      ForgetLoadedTree();
+      return true;
+    }
     return Save();
   } catch (...) {
     return false;
@@ -114,7 +128,7 @@ unsigned VantuUpdaterRegistrationManager::InsertOrUpdateRegisteredApp(
     VantuUpdaterRegisteredApp& app) {
   StoreLockScope lock(*this);
   if (!lock.Held()) return kInsertFailed;
-  if (!Load(nullptr)) return kInsertFailed;
+  if (!LoadStore()) return kInsertFailed;
 
   std::string appID, installPath, displayName;
   if (!app.GetappID(appID) || appID.empty() || !app.GetInstallPath(installPath) ||
@@ -163,7 +177,7 @@ bool VantuUpdaterRegistrationManager::GetRegisteredApps(
     std::list<VantuUpdaterRegisteredApp>& out) {
   StoreLockScope lock(*this);
   if (!lock.Held()) return false;
-  if (!Load(nullptr)) return false;
+  if (!LoadStore()) return false;
 
   out.clear();
   std::vector<VantuUpdaterRegisteredApp> apps;
