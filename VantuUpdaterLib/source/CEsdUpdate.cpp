@@ -1,0 +1,493 @@
+#include "CEsdUpdate.h"
+
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "xplat/CKVXVersion.h"
+#include "xplat/ChangeDiffType.h"
+#include "xplat/ExpatDOMBuilder.h"
+#include "xplat/FileSystemUtils.h"
+#include "xplat/PrefsLockScope.h"
+#include "xplat/SearchResults.h"
+#include "xplat/SystemUtils.h"
+#include "xplat/TextValidation.h"
+#include "xplat/VantuUpdaterAdminPrefs.h"
+#include "xplat/VantuUpdaterMissingCompsManager.h"
+#include "xplat/VantuUpdaterNotifyWorkflowLocker.h"
+#include "xplat/VantuUpdaterPrefs.h"
+#include "xplat/VantuUpdaterRegisteredApp.h"
+#include "xplat/VantuUpdaterRegistrationManager.h"
+#include "xplat/VantuUpdaterUtils.h"
+#include "xplat/XMLDocumentNode.h"
+
+namespace {
+
+// The version this library reports; packed by ROZGetVersion.
+const char kLibraryVersion[] = "5.1.0.6";
+
+// Byte limits of the host's text arguments, without the terminating NUL.
+const size_t kMaxAppIDLength = 256;
+const size_t kMaxDisplayNameLength = 512;
+const size_t kMaxInstallPathLength = 255;
+
+// The availability exchange with the updater, below its cache-data folder.
+const char kUpdateAvailableFolder[] = "UpdateAvailable";
+const char kHAElemRoot[] = "UpdateInfo";
+const char kHAElemResult[] = "Result";
+// The per-application update result the updater caches; stale once the application leaves.
+const char kUpdateResultSuffix[] = ".rzp.xml";
+
+// Launch modes handed to the updater in kEnvStartMode.
+const int kStartModeManualCheck = 0;
+const int kStartModeScheduledCheck = 1;
+const int kStartModeDownloadMissing = 3;
+const int kStartModeCleanUp = 5;
+
+typedef std::vector<std::pair<std::string, std::string>> LaunchParams;
+
+size_t Length(const char* text) { return std::strlen(text); }
+size_t Length(const unsigned char* text) { return std::strlen(reinterpret_cast<const char*>(text)); }
+
+bool IsNullOrEmpty(const char* text) { return text == nullptr || text[0] == '\0'; }
+bool IsNullOrEmpty(const unsigned char* text) { return text == nullptr || text[0] == '\0'; }
+
+// Application identifiers name files, locks and environment values the updater reads back, so
+// they are plain 7-bit text: valid UTF-8 is not enough.
+bool HasHighBitByte(const char* text) {
+  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p != 0; ++p) {
+    if (*p >= 0x80) return true;
+  }
+  return false;
+}
+
+bool IsValidUTF8(const unsigned char* text) { return validate_utf8(text); }
+
+std::string AsString(const unsigned char* text) {
+  return std::string(reinterpret_cast<const char*>(text));
+}
+
+// The launch-mode pair; left out when the number cannot be written as text, as the updater
+// then starts in its default mode.
+void AddStartMode(LaunchParams& params, int mode) {
+  std::string text;
+  if (esd::ChangeDiffTypeImpl<int, std::string>::ChangeType(mode, text))
+    params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kEnvStartMode), text));
+}
+
+// The host's language code in the updater's form ("en_US"); empty when it is too short to be one.
+std::string NormalisedLanguage(const char* displayLanguage) {
+  char code[11];
+  ValidateIsoCode(displayLanguage, code);
+  return std::string(code);
+}
+
+// The stores throw when they cannot even find their folder (no HOME, a machine folder the user
+// may not create). For a host that is an ordinary failure of the store, so it is reported as the
+// workflow's store failure code instead of unwinding into C code; every other exception passes.
+template <class Store>
+bool OpenStore(std::optional<Store>& store) {
+  try {
+    store.emplace();
+  } catch (const std::runtime_error&) {
+    return false;
+  }
+  return true;
+}
+
+// Sets "Launch" to "Manual" so the updater knows the user asked for this launch.
+void RecordManualLaunch() {
+  VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
+  esd::PrefsLockScope lock(*prefs);
+  if (lock.IsHeld()) prefs->Launch.Set(VantuUpdaterUtils::GetStartupModeName(VantuUpdaterUtils::kManual));
+}
+
+// Reads the answer of the updater's result file. False only when the file holds no single
+// "Result" below "UpdateInfo"; a text that is not "0" or "1" reads as false.
+bool ReadAvailabilityAnswer(const std::string& resultFile, bool& answer) {
+  esd::ExpatDOMBuilder<esd::XMLDocumentNode> builder;
+  if (!builder.Create(nullptr, nullptr)) return false;
+  if (!builder.ParseFile(resultFile, false)) return false;
+  esd::SearchResult<esd::XMLDocumentNode> roots =
+      esd::SearchResult<esd::XMLDocumentNode>(builder.GetDocumentNode())
+          .Children(esd::NodeName(std::string(kHAElemRoot)));
+  if (roots.empty()) return false;
+  esd::SearchResult<esd::XMLDocumentNode> results =
+      esd::SearchResult<esd::XMLDocumentNode>(roots.GetFirst())
+          .Children(esd::NodeName(std::string(kHAElemResult)));
+  if (results.size() != 1) return false;
+  bool value = false;
+  if (!esd::ChangeDiffTypeImpl<std::string, bool>::ChangeType(results.GetFirst()->GetData(), value))
+    value = false;
+  answer = value;
+  return true;
+}
+
+}  // namespace
+
+CEsdUpdate::~CEsdUpdate() {}
+
+int32_t CEsdUpdate::ROZGetVersion() {
+  const std::string text(kLibraryVersion);
+  std::vector<int> parts;
+  std::string::size_type start = 0;
+  for (;;) {
+    const std::string::size_type dot = text.find('.', start);
+    const std::string piece =
+        text.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
+    int value = 0;
+    if (!esd::ChangeDiffTypeImpl<std::string, int>::ChangeType(piece, value)) break;
+    parts.push_back(value);
+    if (dot == std::string::npos) break;
+    start = dot + 1;
+  }
+  if (parts.size() != 4) return 0;
+  // The packing is the interface's: parts are OR-ed unmasked and the last one is not shifted.
+  const uint32_t packed = (static_cast<uint32_t>(parts[0]) << 28) |
+                          (static_cast<uint32_t>(parts[1]) << 24) |
+                          (static_cast<uint32_t>(parts[2]) << 20) | static_cast<uint32_t>(parts[3]);
+  return static_cast<int32_t>(packed);
+}
+
+bool CEsdUpdate::ROZIsUpdateCheckEnabled() {
+  bool policyEnabled = true;
+  bool answer = true;
+  if (VantuUpdaterAdminPrefs::GetVantuUpdaterAdminPrefs().GetUpdateCheckEnabled(answer))
+    policyEnabled = answer;
+
+  const bool isAdmin = VantuUpdaterUtils::DoesUserHaveAdminPrivileges();
+  bool platformAllows = false;
+  if (!isAdmin) {
+    // Only a platform whose ordinary users may update by themselves enables non-administrators;
+    // this one never does, so the comparison documents the rule rather than ever passing.
+    const std::string platform = esd::SystemUtils::GetOSPlatform();
+    const std::string versionText = esd::SystemUtils::GetOSPlatformVersion();
+    float version = 0.0f;
+    if (!esd::ChangeDiffTypeImpl<std::string, float>::ChangeType(versionText, version))
+      version = 0.0f;
+    platformAllows = platform == "Windows" && version >= 6.0f;
+  }
+  return policyEnabled && (isAdmin || platformAllows);
+}
+
+int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned char* displayName,
+                                           const unsigned char* installPath) {
+  if (IsNullOrEmpty(appID) || IsNullOrEmpty(displayName)) return kROZResultInvalidArgument;
+  if (Length(displayName) > kMaxDisplayNameLength || IsNullOrEmpty(installPath))
+    return kROZResultInvalidArgument;
+  if (Length(appID) > kMaxAppIDLength) return kROZResultInvalidArgument;
+  if (HasHighBitByte(appID)) return kROZResultInvalidArgument;
+  if (!IsValidUTF8(installPath) || !IsValidUTF8(displayName)) return kROZResultInvalidArgument;
+  if (Length(installPath) > kMaxInstallPathLength) return kROZResultInvalidArgument;
+
+  VantuUpdaterRegisteredApp app{std::string(appID)};
+  app.SetDisplayName(AsString(displayName));
+  app.SetInstallPath(AsString(installPath));
+
+  std::optional<VantuUpdaterRegistrationManager> store;
+  if (!OpenStore(store)) return kROZResultRegistryUnusable;
+
+  unsigned result = store->InsertOrUpdateRegisteredApp(app);
+  if (result == 0 || result == 1) return kROZResultOK;
+  if (result == 2) return kROZResultRegistryNotUpdated;
+
+  // The store could not read or write its file. Rebuilding it from this one entry loses the
+  // other registrations, but they re-register on their next request, whereas a store that stays
+  // broken would refuse every host for good.
+  if (!store->Delete()) return kROZResultRegistryUnusable;
+  result = store->InsertOrUpdateRegisteredApp(app);
+  return (result == 0 || result == 1) ? kROZResultOK : kROZResultRegistryUnusable;
+}
+
+int32_t CEsdUpdate::AddOrUpdateRegistration(const char* appID, const unsigned char* displayName,
+                                            const unsigned char* installPath) {
+  if (appID == nullptr || installPath == nullptr) return kROZResultInvalidArgument;
+
+  std::optional<VantuUpdaterRegistrationManager> store;
+  if (!OpenStore(store)) return kROZResultNotRegistered;
+
+  std::unique_ptr<VantuUpdaterRegisteredApp> existing;
+  if (store->GetRegisteredApplicationByAppID(std::string(appID), existing)) {
+    // A field the entry lacks is no reason to rewrite it: only a readable, different value is.
+    std::string stored;
+    bool differs = false;
+    if (existing->GetInstallPath(stored) && stored != AsString(installPath)) {
+      differs = true;
+    } else if (displayName != nullptr && existing->GetDisplayName(stored) &&
+               stored != AsString(displayName)) {
+      differs = true;
+    }
+    if (!differs) return kROZResultOK;
+  }
+
+  const unsigned char* name =
+      displayName != nullptr ? displayName : reinterpret_cast<const unsigned char*>(appID);
+  return ROZRegisterApplication(appID, name, installPath) == kROZResultOK
+             ? kROZResultOK
+             : kROZResultNotRegistered;
+}
+
+int32_t CEsdUpdate::ROZUnRegisterApplication(const char* appID) {
+  if (IsNullOrEmpty(appID) || Length(appID) > kMaxAppIDLength || HasHighBitByte(appID))
+    return kROZResultInvalidArgument;
+
+  std::optional<VantuUpdaterRegistrationManager> store;
+  if (!OpenStore(store)) return kROZResultRegistryUnusable;
+
+  const unsigned removed = store->UnregisterApp(std::string(appID));
+  if (removed == 1) return kROZResultNotRegistered;
+  if (removed != 0) return kROZResultRegistryUnusable;
+
+  // A cached answer for an application that is gone would be handed to the next host that
+  // registers under the same identifier.
+  std::string cacheDir;
+  if (VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(cacheDir)) {
+    const std::string cached =
+        FileSystemUtils::AppendPathElement(cacheDir, std::string(appID) + kUpdateResultSuffix);
+    if (FileSystemUtils::DoesPathExist(cached)) FileSystemUtils::DeleteLocalFile(cached);
+  }
+
+  std::list<VantuUpdaterRegisteredApp> remaining;
+  if (store->GetRegisteredApps(remaining) && !remaining.empty()) return kROZResultOK;
+
+  // The last application left: the updater cleans up after it (and may remove itself).
+  if (!VantuUpdaterUtils::IsUpdaterRunning(false)) {
+    LaunchParams params;
+    AddStartMode(params, kStartModeCleanUp);
+    if (!params.empty()) CKVXVersion().LaunchUpdater(params);
+  }
+  return kROZResultOK;
+}
+
+int32_t CEsdUpdate::ROZIsUpdateAvailable(const char* appID, const unsigned char* displayName,
+                                         const unsigned char* installPath,
+                                         unsigned long requestNumber, bool* available,
+                                         bool registerFirst) {
+  if (!ROZIsUpdateCheckEnabled()) return kROZResultUpdateCheckDisabled;
+
+  if (IsNullOrEmpty(appID) || IsNullOrEmpty(displayName)) return kROZResultInvalidArgument;
+  if (Length(displayName) > kMaxDisplayNameLength) return kROZResultInvalidArgument;
+  if (Length(appID) > kMaxAppIDLength) return kROZResultInvalidArgument;
+  if (HasHighBitByte(appID)) return kROZResultInvalidArgument;
+  if (!IsValidUTF8(installPath) || !IsValidUTF8(displayName) || IsNullOrEmpty(installPath))
+    return kROZResultInvalidArgument;
+  if (Length(installPath) > kMaxInstallPathLength) return kROZResultInvalidArgument;
+
+  // The registration only keeps the store current; the availability request stands on its own,
+  // so its outcome is deliberately not reported.
+  if (registerFirst) AddOrUpdateRegistration(appID, displayName, installPath);
+
+  // Without the cache-data folder there is nowhere for the updater to put its answer, so the
+  // request cannot be set up: reported like a request that could not be marked.
+  std::string cacheDir;
+  if (!VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(cacheDir))
+    return kROZResultMissingCompsStoreFailed;
+  const std::string requestFolder = FileSystemUtils::AppendPathElement(
+      FileSystemUtils::AppendPathElement(cacheDir, kUpdateAvailableFolder), std::string(appID));
+  std::string requestName;
+  esd::ChangeDiffTypeImpl<unsigned long, std::string>::ChangeType(requestNumber, requestName);
+  const std::string resultFile =
+      FileSystemUtils::AppendPathElement(requestFolder, requestName + ".xml");
+
+  // While the updater works on this application, a second start would race it for the same
+  // result file.
+  if (VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::IsNotificationWorkflowActive(
+          std::string(appID)))
+    return kROZResultAnswerPending;
+
+  if (FileSystemUtils::DoesPathExist(resultFile)) {
+    bool answer = false;
+    ReadAvailabilityAnswer(resultFile, answer);
+    if (available != nullptr) *available = answer;
+    // The answer is consumed: the next request starts afresh, also after a file that did not
+    // parse.
+    FileSystemUtils::DeleteDirectory(requestFolder, true);
+    return kROZResultOK;
+  }
+
+  FileSystemUtils::DeleteDirectory(requestFolder, true);
+  FileSystemUtils::CreateLocalDirectory(requestFolder);
+
+  LaunchParams params;
+  params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesNotifyAppID),
+                                  std::string(appID)));
+  params.push_back(
+      std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesNotifyOutfile), resultFile));
+
+  // The marker tells the next request (ours or another host's) that the answer is under way; the
+  // updater removes it when it has written the result file.
+  if (!VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::CreateIPCLockFile(std::string(appID)))
+    return kROZResultMissingCompsStoreFailed;
+  if (CKVXVersion().ForkUpdater(params)) return kROZResultAnswerPending;
+  VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::DeleteIPCLockFile(std::string(appID));
+  return kROZResultUpdaterUnavailable;
+}
+
+int32_t CEsdUpdate::ROZTriggerUpdateCheck(const char* appID, const unsigned char* displayName,
+                                          const unsigned char* installPath,
+                                          const char* displayLanguage, ROZTriggerType type,
+                                          bool registerFirst) {
+  if (!ROZIsUpdateCheckEnabled()) return kROZResultUpdateCheckDisabled;
+
+  if (IsNullOrEmpty(displayName) || Length(displayName) > kMaxDisplayNameLength ||
+      IsNullOrEmpty(installPath))
+    return kROZResultInvalidArgument;
+
+  const std::string language = NormalisedLanguage(displayLanguage);
+  const bool scheduled = type == kROZTriggerScheduled;
+
+  LaunchParams params;
+  AddStartMode(params, scheduled ? kStartModeScheduledCheck : kStartModeManualCheck);
+  if (!language.empty())
+    params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kEnvDisplayLang), language));
+
+  // Without an application the updater checks everything it knows; nothing is registered.
+  if (appID == nullptr) {
+    RecordManualLaunch();
+    return CKVXVersion().LaunchUpdater(params) ? kROZResultOK : kROZResultUpdaterUnavailable;
+  }
+
+  params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kEnvStartAppID),
+                                  std::string(appID)));
+  if (appID[0] == '\0' || installPath[0] == '\0') return kROZResultInvalidArgument;
+  if (Length(installPath) > kMaxInstallPathLength) return kROZResultInvalidArgument;
+  if (Length(appID) > kMaxAppIDLength) return kROZResultInvalidArgument;
+  if (HasHighBitByte(appID)) return kROZResultInvalidArgument;
+  if (!IsValidUTF8(installPath) || !IsValidUTF8(displayName)) return kROZResultInvalidArgument;
+
+  int32_t result = kROZResultOK;
+  if (registerFirst) {
+    result = AddOrUpdateRegistration(appID, displayName, installPath);
+    if (result != kROZResultOK) return result;
+  }
+
+  VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
+  if (type != kROZTriggerManual) {
+    bool periodElapsed = true;
+    bool autoCheck = true;
+    {
+      esd::PrefsLockScope lock(*prefs);
+      if (lock.IsHeld()) {
+        periodElapsed = prefs->HasAutocheckPeriodElapsed();
+        if (!prefs->AutoCheck.Get(autoCheck)) autoCheck = true;
+      }
+    }
+    // The user switched automatic checks off, or checked recently enough: the schedule asks for
+    // nothing, which is success.
+    if (!autoCheck || !periodElapsed) return kROZResultOK;
+  }
+
+  if (!scheduled) RecordManualLaunch();
+
+  if (scheduled) {
+    esd::PrefsLockScope lock(*prefs);
+    if (lock.IsHeld()) {
+      bool firstRun = false;
+      if (!prefs->IsFirstRun.Get(firstRun)) firstRun = false;
+      if (!firstRun) {
+        // A scheduled check after the first run stays out of the user's way.
+        prefs->InBackground.Set(true);
+        int checkType = 0;
+        prefs->InTrayIcon.Set(prefs->AutoCheckType.Get(checkType) && checkType == 0);
+      }
+      std::string launch;
+      prefs->Launch.Get(launch);
+      // A scheduled check must never override a manual launch the user already asked for.
+      if (launch != VantuUpdaterUtils::GetStartupModeName(VantuUpdaterUtils::kManual))
+        prefs->Launch.Set(VantuUpdaterUtils::GetStartupModeName(VantuUpdaterUtils::kScheduled));
+    }
+  }
+
+  return CKVXVersion().LaunchUpdater(params) ? result : kROZResultUpdaterUnavailable;
+}
+
+int32_t CEsdUpdate::ROZDoPluginAction(const char* appID) {
+  if (!ROZIsUpdateCheckEnabled()) return kROZResultUpdateCheckDisabled;
+  // A running updater is busy with its own work; the host asks again later.
+  if (VantuUpdaterUtils::IsUpdaterRunning(false)) return kROZResultUpdaterRunning;
+  if (IsNullOrEmpty(appID) || Length(appID) > kMaxAppIDLength || HasHighBitByte(appID))
+    return kROZResultInvalidArgument;
+
+  {
+    VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
+    esd::PrefsLockScope lock(*prefs);
+    if (lock.IsHeld() && !prefs->HasAutocheckPeriodElapsed()) return kROZResultOK;
+  }
+
+  std::optional<VantuUpdaterRegistrationManager> store;
+  if (!OpenStore(store)) return kROZResultNotRegistered;
+  std::unique_ptr<VantuUpdaterRegisteredApp> app;
+  if (!store->GetRegisteredApplicationByAppID(std::string(appID), app))
+    return kROZResultNotRegistered;
+
+  LaunchParams params;
+  params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesDoActionAppID),
+                                  std::string(appID)));
+  return CKVXVersion().ForkUpdater(params) ? kROZResultOK : kROZResultUpdaterUnavailable;
+}
+
+int32_t CEsdUpdate::ROZDownloadMissingComponents(const char* appID,
+                                                 const unsigned char* displayName,
+                                                 const unsigned char* installPath,
+                                                 const char* displayLanguage,
+                                                 const ROZMissingComptList* list,
+                                                 ROZDownloadMissingCompType type,
+                                                 bool registerFirst) {
+  if (!ROZIsUpdateCheckEnabled()) return kROZResultUpdateCheckDisabled;
+
+  if (IsNullOrEmpty(appID) || IsNullOrEmpty(displayName)) return kROZResultInvalidArgument;
+  if (Length(displayName) > kMaxDisplayNameLength || IsNullOrEmpty(installPath))
+    return kROZResultInvalidArgument;
+  const std::string language = NormalisedLanguage(displayLanguage);
+  if (Length(appID) > kMaxAppIDLength || HasHighBitByte(appID)) return kROZResultInvalidArgument;
+  if (!IsValidUTF8(installPath) || !IsValidUTF8(displayName)) return kROZResultInvalidArgument;
+
+  int32_t result = kROZResultOK;
+  if (registerFirst) {
+    result = AddOrUpdateRegistration(appID, displayName, installPath);
+    if (result != kROZResultOK) return result;
+  }
+
+  // Held until the method returns, also while the updater is signalled or started.
+  std::optional<VantuUpdaterMissingCompsManager> store;
+  if (!OpenStore(store)) return kROZResultMissingCompsStoreFailed;
+
+  // The first failing entry ends the request; entries before it stay recorded, so the host may
+  // simply ask again with the whole list.
+  bool allAlreadyKnown = true;
+  unsigned last = 0;
+  const uint32_t count = list != nullptr ? list->count : 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    if (last == 2) return kROZResultMissingCompsStoreFailed;
+    const ROZMissingComponent* entry =
+        list->components != nullptr ? list->components[i] : nullptr;
+    // A missing entry is recorded as nothing at all, which the store reports as a failure.
+    last = store->UpdateWithAppAndCompData(appID, displayName, installPath, static_cast<int>(type),
+                                           entry != nullptr ? entry->name : nullptr,
+                                           entry != nullptr ? entry->category : nullptr,
+                                           entry != nullptr ? entry->version : nullptr);
+    if (last == 0) allAlreadyKnown = false;
+  }
+  if (last == 2) return kROZResultMissingCompsStoreFailed;
+  if (last == 1 && allAlreadyKnown) result = kROZResultAlreadyRequested;
+
+  // The request stays recorded either way; without an updater nobody will act on it yet.
+  std::string updater;
+  if (!VantuUpdaterUtils::GetUpdaterLocation(updater) || !FileSystemUtils::DoesPathExist(updater))
+    return kROZResultUpdaterUnavailable;
+
+  // A running updater reads the store itself once told to; a second instance is not started.
+  if (VantuUpdaterUtils::IsUpdaterRunning(true) && VantuUpdaterUtils::SignalExpressDownloadRequest())
+    return result;
+
+  LaunchParams params;
+  AddStartMode(params, kStartModeDownloadMissing);
+  if (!language.empty())
+    params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kEnvDisplayLang), language));
+  CKVXVersion().LaunchUpdater(params);
+  return result;
+}
