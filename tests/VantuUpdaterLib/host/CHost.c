@@ -1,0 +1,71 @@
+/*
+ * A host application written in C: includes the public header, links libVantuUpdater.so and
+ * calls every export. It runs against the real machine, so it only makes calls that the library
+ * answers before touching any file: the version, the enabled question (which only reads), and
+ * requests whose arguments fail the checks. Exits 0 when every answer is the documented one and
+ * prints each mismatch otherwise.
+ */
+#include <stdbool.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <VantuUpdater/VantuUpdater.h>
+
+static int failures = 0;
+
+static void Expect(const char* what, int32_t got, int32_t wanted) {
+  if (got != wanted) {
+    fprintf(stderr, "%s: got %d, wanted %d\n", what, (int)got, (int)wanted);
+    ++failures;
+  }
+}
+
+int main(void) {
+  /* A name one byte over the limit of 512 bytes. */
+  static unsigned char longName[514];
+  memset(longName, 'n', 513);
+  longName[513] = '\0';
+  const unsigned char* name = (const unsigned char*)"C Host";
+  const unsigned char* path = (const unsigned char*)"/opt/c-host";
+  bool available = false;
+  ROZMissingComponent component = {(char*)"fonts", (char*)"Serif", (char*)"1.0.0.0"};
+  ROZMissingComponent* components[1] = {&component};
+  ROZMissingComptList list = {1, components};
+  int32_t enabled;
+  int32_t gated;
+
+  Expect("ROZGetVersion", ROZGetVersion(), 0x51000006);
+
+  enabled = ROZIsUpdateCheckEnabled();
+  if (enabled != 0 && enabled != 1) {
+    fprintf(stderr, "ROZIsUpdateCheckEnabled: got %d, wanted 0 or 1\n", (int)enabled);
+    ++failures;
+  }
+  /* Requests that first ask whether checks are enabled answer 7 when they are not. */
+  gated = enabled ? kROZResultInvalidArgument : kROZResultUpdateCheckDisabled;
+
+  Expect("ROZRegisterApplication", ROZRegisterApplication(NULL, name, path),
+         kROZResultInvalidArgument);
+  Expect("ROZUnRegisterApplication", ROZUnRegisterApplication(""), kROZResultInvalidArgument);
+  Expect("ROZIsUpdateAvailable",
+         ROZIsUpdateAvailable("org.example.CHost", longName, path, 1UL, &available, false), gated);
+  Expect("ROZTriggerUpdateCheck",
+         ROZTriggerUpdateCheck("org.example.CHost", name, (const unsigned char*)"", "en_US",
+                               kROZTriggerManual, false),
+         gated);
+  Expect("ROZDownloadMissingComponents",
+         ROZDownloadMissingComponents("org.example.CHost", NULL, path, "en_US", &list,
+                                      kROZDownloadMissingCompTypeDefault, false),
+         gated);
+  {
+    /* The plug-in action looks at the running updater before its argument: 12 is as valid an
+     * answer as 3 on a machine where the updater happens to run. */
+    int32_t action = ROZDoPluginAction("");
+    if (enabled && action == kROZResultUpdaterRunning) action = kROZResultInvalidArgument;
+    Expect("ROZDoPluginAction", action, gated);
+  }
+
+  if (failures == 0) printf("C host: every export answered as documented\n");
+  return failures == 0 ? 0 : 1;
+}
