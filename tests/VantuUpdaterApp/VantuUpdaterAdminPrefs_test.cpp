@@ -98,6 +98,14 @@ TEST_F(AdminPrefsTest, OnlyABooleanInADictionaryAnswers) {
     WritePolicy(bytes);
     EXPECT_EQ(Ask(), expected);
   }
+
+  // Neither a folder nor a named pipe in its place is a policy, and the pipe does not block.
+  fs::remove(policyFile());
+  fs::create_directory(policyFile());
+  EXPECT_EQ(Ask(), std::nullopt);
+  fs::remove(policyFile());
+  ASSERT_EQ(mkfifo(policyFile().c_str(), 0600), 0);
+  EXPECT_EQ(Ask(), std::nullopt);
 }
 
 // Nothing is cached: the administrator's edit counts from the next call, and removing the file

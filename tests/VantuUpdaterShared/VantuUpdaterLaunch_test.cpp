@@ -246,6 +246,9 @@ TEST_F(UpdaterLaunchTest, VanishedProcessesAndBrokenBundlesArePassedOver) {
 
   testing_support::WriteFile(installed() + "/Contents/Info.plist", "<?xml version=\"1.0\"?><plist");
   EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false));
+  fs::remove(installed() + "/Contents/Info.plist");
+  ASSERT_EQ(mkfifo((installed() + "/Contents/Info.plist").c_str(), 0600), 0);
+  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false)) << "a named pipe is not read";
 }
 
 }  // namespace

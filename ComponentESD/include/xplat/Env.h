@@ -48,7 +48,8 @@ class Env {
   virtual std::string GetRootDirectory() = 0;
 
   // The user's home folder: $HOME, or the password-database entry of the effective user when
-  // $HOME is unset or empty. False when neither gives an absolute path.
+  // $HOME is unset or empty. False when the answer is not an absolute path (a relative $HOME
+  // would put the user's folders wherever the process happens to run).
   virtual bool GetHomeDirectory(std::string& path) = 0;
 
   // The process environment. The folder lookup reads the standard XDG_* and TMPDIR variables

@@ -19,8 +19,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,11 +50,23 @@ bool ReadLink(const std::string& link, std::string& target) {
   }
 }
 
+// Plain reads: a /proc file of a process that ends meanwhile fails with ESRCH, which must be
+// an ordinary false here (the standard streams would throw from deep inside).
 bool ReadWholeFile(const std::string& path, std::string& bytes) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return !in.bad();
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bytes.clear();
+  char buffer[4096];
+  bool ok = true;
+  for (;;) {
+    const ssize_t got = read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) ok = false;
+    if (got <= 0) break;
+    bytes.append(buffer, static_cast<size_t>(got));
+  }
+  close(fd);
+  return ok;
 }
 
 struct FdCloser {
@@ -261,6 +271,10 @@ class LinuxEnv : public Env {
       sigemptyset(&none);
       sigprocmask(SIG_SETMASK, &none, nullptr);
       for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
+      // The report pipe must survive the redirection of the standard streams below.
+      int keep = report[1];
+      if (keep <= 2) keep = fcntl(keep, F_DUPFD_CLOEXEC, 3);
+      if (keep < 0) _exit(127);
       int null = open("/dev/null", O_RDWR);
       if (null >= 0) {
         dup2(null, 0);
@@ -268,12 +282,11 @@ class LinuxEnv : public Env {
         dup2(null, 2);
       }
       // Keep only the standard streams and the report pipe (close-on-exec).
-      int keep = report[1];
       if (keep > 3) close_range(3, static_cast<unsigned>(keep) - 1, 0);
       close_range(static_cast<unsigned>(keep) + 1, ~0u, 0);
       execv(program.c_str(), argv.data());
       int error = errno;
-      ssize_t ignored = write(report[1], &error, sizeof error);
+      ssize_t ignored = write(keep, &error, sizeof error);
       (void)ignored;
       _exit(127);
     }

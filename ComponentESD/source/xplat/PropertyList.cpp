@@ -1,8 +1,11 @@
 #include "xplat/PropertyList.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -10,7 +13,7 @@ namespace esd {
 
 namespace {
 
-constexpr std::streamoff kMaxPropertyListBytes = 16 * 1024 * 1024;
+constexpr off_t kMaxPropertyListBytes = 16 * 1024 * 1024;
 
 }  // namespace
 
@@ -30,14 +33,27 @@ PropertyList& PropertyList::operator=(PropertyList&& other) noexcept {
 }
 
 PropertyList PropertyList::ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return PropertyList();
-  in.seekg(0, std::ios::end);
-  const std::streamoff size = in.tellg();
-  if (size <= 0 || size > kMaxPropertyListBytes) return PropertyList();
-  in.seekg(0, std::ios::beg);
-  std::vector<char> bytes(static_cast<size_t>(size));
-  if (!in.read(bytes.data(), size)) return PropertyList();
+  // Non-blocking, and regular files only: a named pipe planted where a property list is
+  // expected must not hang the reader.
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return PropertyList();
+  struct stat info;
+  std::vector<char> bytes;
+  bool complete = false;
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0 &&
+      info.st_size <= kMaxPropertyListBytes) {
+    bytes.resize(static_cast<size_t>(info.st_size));
+    size_t have = 0;
+    while (have < bytes.size()) {
+      const ssize_t got = read(fd, bytes.data() + have, bytes.size() - have);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) break;
+      have += static_cast<size_t>(got);
+    }
+    complete = have == bytes.size();
+  }
+  close(fd);
+  if (!complete) return PropertyList();
   plist_t root = nullptr;
   // Recognises the binary form by its magic and reads anything else as XML.
   plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
