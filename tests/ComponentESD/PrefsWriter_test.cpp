@@ -209,7 +209,8 @@ TEST(PrefsWriter, MapsRoundTripAndRejectBrokenEntries) {
                       "<MapPrefEntry>no key</MapPrefEntry>\n</Messages>\n"
                       "<Enabled>\n<MapPrefEntry MapPrefKey=\"a\">1</MapPrefEntry>\n"
                       "<MapPrefEntry MapPrefKey=\"b\">yes</MapPrefEntry>\n</Enabled>\n"
-                      "<Dup>\n<Item MapPrefKey=\"k\">old</Item>\n<Item MapPrefKey=\"k\">new</Item>\n"
+                      "<Dup>\n<Item MapPrefKey=\"k\">old</Item>\n"
+                      "<Item MapPrefKey=\"k\">new</Item>\n"
                       "</Dup>\n</Root>\n");
   esd::PrefsWriter broken(path, "Root");
   messages.SetPrefsFile(&broken);
@@ -283,6 +284,7 @@ TEST(PrefsWriter, LoadErrorsAndForeignTopElement) {
   // Without settings the writer still answers: reads give defaults, sets fail, nothing is written.
   EXPECT_EQ("default", ReadString(writer, "Open"));
   EXPECT_FALSE(writer.SetPref<int>("Open", 2));
+  EXPECT_FALSE(writer.Save());
   EXPECT_EQ("<Root><Open>1</Root>", ReadFile(path));
 
   WriteFile(path, std::string(kDeclaration) + "<Other>\n<Open>1</Open>\n</Other>\n");
@@ -401,16 +403,31 @@ TEST(PrefsWriter, LockHeldElsewhere) {
   EXPECT_FALSE(writer.LockPrefs());
   EXPECT_FALSE(writer.SetPref("N", new esd::XMLDocumentNode("N")));
   WriteFile(dir / "broken.dat", "not xml");
-  EXPECT_NO_THROW(writer.SetPrefsPath(dir / "broken.dat"));
   EXPECT_NO_THROW(writer.SetPrefsPath(""));
-  EXPECT_EQ(path, writer.GetPrefsPath());
+  EXPECT_NO_THROW(writer.SetPrefsPath(dir / "broken.dat"));
+  EXPECT_NO_THROW(writer.SetPrefsPath(path));
   EXPECT_EQ(before, ReadFile(path));
+
+  // Writers set up while the lock is busy load nothing yet, and catch up at their first
+  // operation once it is free.
+  esd::ResourceLocker lateLock(resource, 30);
+  esd::PrefsWriter late("", "Root");
+  late.SetLockPolicy(&lateLock);
+  late.SetPrefsPath(path);
+  esd::PrefsWriter lateNew("", "Root");
+  lateNew.SetLockPolicy(&lateLock);
+  lateNew.SetPrefsPath(dir / "new.dat");
 
   done.Signal();
   ASSERT_EQ(0, testing_support::WaitChild(child));
 
   EXPECT_TRUE(writer.GetPref<int>("N", number, 5));
   EXPECT_EQ(1, number);
+  EXPECT_TRUE(late.GetPref<int>("N", number, 5));
+  EXPECT_EQ(1, number);
+  EXPECT_TRUE(lateNew.SetPref<int>("M", 9));
+  EXPECT_EQ(std::string(kDeclaration) + "<Root>\n<M>9</M>\n</Root>\n",
+            ReadFile(dir / "new.dat"));
   ASSERT_TRUE(writer.LockPrefs());
   EXPECT_TRUE(writer.SetPref<int>("N", 3));
   EXPECT_TRUE(writer.GetPref<int>("N", number, 5));

@@ -35,8 +35,9 @@ class PrefsWriter {
   // Switches to `path` and loads it. A missing or empty file gives an empty settings element.
   // Throws std::runtime_error "Prefs file unable to lock file for reading!" for an empty path and
   // std::invalid_argument "Unable to parse settings file" when the file does not parse (the
-  // document is then empty, with no settings element). Returns silently, loading nothing, when
-  // the installed lock cannot be had.
+  // document is then empty, with no settings element). When the installed lock cannot be had,
+  // only the path is taken, without an exception: the file is loaded by the first operation that
+  // gets the lock.
   void SetPrefsPath(const std::string& path);
   const std::string& GetPrefsPath() const { return m_PrefsPath; }
   const std::string& GetRootName() const { return m_RootName; }

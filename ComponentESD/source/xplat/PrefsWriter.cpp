@@ -84,13 +84,13 @@ bool NextCodePoint(const std::string& text, std::size_t& i, unsigned long& code)
 }
 
 // A name for the next version of `path`, beside it so that the final rename stays on one file
-// system. Random, because two writers without a lock must never share one.
+// system. Drawn afresh each time (no generator state a forked child would share with its
+// parent), because two writers without a lock must not pick the same name.
 std::string TemporaryPathFor(const std::string& path) {
-  static std::mt19937_64 generator{std::random_device{}() ^
-                                   static_cast<std::uint64_t>(
-                                       std::chrono::steady_clock::now().time_since_epoch().count())};
+  std::random_device random;
+  const std::uint64_t value = (static_cast<std::uint64_t>(random()) << 32) ^ random();
   std::ostringstream name;
-  name << path << ".new" << std::hex << generator();
+  name << path << ".new" << std::hex << value;
   return name.str();
 }
 
@@ -104,9 +104,9 @@ void MakeNewerThan(const std::string& temporary, uint64_t floorNs) {
   const auto stamp = std::filesystem::last_write_time(temporary, error);
   if (error) return;
   const auto shift = std::chrono::nanoseconds(static_cast<std::int64_t>(floorNs - current + 1));
-  std::filesystem::last_write_time(
-      temporary, stamp + std::chrono::duration_cast<std::filesystem::file_time_type::duration>(shift),
-      error);
+  using FileDuration = std::filesystem::file_time_type::duration;
+  const auto newer = stamp + std::chrono::duration_cast<FileDuration>(shift);
+  std::filesystem::last_write_time(temporary, newer, error);
 }
 
 }  // namespace
@@ -172,7 +172,18 @@ bool PrefsWriter::RefreshIfModified() {
 
 void PrefsWriter::SetPrefsPath(const std::string& path) {
   PrefsLockScope lock(*this);
-  if (!lock.IsHeld()) return;
+  if (!lock.IsHeld()) {
+    // Remember the file, with nothing loaded yet: the first operation that gets the lock loads
+    // it. Otherwise a writer set up while another process held the lock would never find its
+    // file, or would write the old file's settings into the new one.
+    if (path != m_PrefsPath) {
+      m_PrefsPath = path;
+      m_DOMBuilder.Clear();
+      m_pSettingsNode = nullptr;
+      m_LastModTime = 0;
+    }
+    return;
+  }
 
   m_PrefsPath = path;
   m_DOMBuilder.Clear();
@@ -292,8 +303,10 @@ bool PrefsWriter::SetPref(const std::string& key, XMLDocumentNode* node) {
 bool PrefsWriter::Save() {
   PrefsLockScope lock(*this);
   if (!lock.IsHeld()) return false;
+  // A document without settings (its load failed) would be written as a file without an
+  // element, which no parser accepts.
   const XMLDocumentNode* document = m_DOMBuilder.GetDocumentNode();
-  if (m_PrefsPath.empty() || !document) return false;
+  if (m_PrefsPath.empty() || !document || !m_pSettingsNode) return false;
 
   // A file we may not write is left alone, as writing it in place would be refused; replacing it
   // by rename would otherwise succeed wherever the folder is writable.
