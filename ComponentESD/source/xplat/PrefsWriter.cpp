@@ -191,6 +191,10 @@ void PrefsWriter::SetPrefsPath(const std::string& path) {
   m_DOMBuilder.Create(nullptr, nullptr);
   if (m_PrefsPath.empty()) throw std::runtime_error("Prefs file unable to lock file for reading!");
 
+  // Taken before reading: a change landing in between then costs one more reload, instead of
+  // being taken for the version already loaded.
+  uint64_t fileTime = 0;
+  const bool fileExists = FileSystemUtils::GetFileLastModifiedTime(m_PrefsPath, fileTime);
   if (!m_DOMBuilder.ParseFile(m_PrefsPath, true)) {
     // Drop the half-built tree; the caller decides what to do with the file.
     m_DOMBuilder.Create(nullptr, nullptr);
@@ -214,8 +218,7 @@ void PrefsWriter::SetPrefsPath(const std::string& path) {
     document->AddChildNode(settings.get());
     m_pSettingsNode = settings.release();
   }
-  uint64_t fileTime = 0;
-  m_LastModTime = FileSystemUtils::GetFileLastModifiedTime(m_PrefsPath, fileTime) ? fileTime : 0;
+  m_LastModTime = fileExists ? fileTime : 0;
   ESD_ASSERT(m_pSettingsNode);
 }
 
