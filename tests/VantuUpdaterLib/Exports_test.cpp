@@ -1,0 +1,218 @@
+// The exported functions' own rules: the version, who may check for updates, and the argument
+// checks that every export makes before it touches a file.
+
+#include <sys/stat.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "VantuUpdaterLib/LibraryTestFixture.h"
+#include "support/TempDir.h"
+
+namespace vantu_test {
+namespace {
+
+using testing_support::WriteFile;
+
+const std::string kPolicyHead =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+    "<key>Disable.Update</key>";
+const std::string kPolicyTail = "\n</dict>\n</plist>\n";
+
+class ExportsTest : public LibraryTest {
+ protected:
+  void WritePolicy(const std::string& value) {
+    ::mkdir((sandbox.root() + "/etc").c_str(), 0755);
+    WriteFile(sandbox.PolicyFile(), kPolicyHead + value + kPolicyTail);
+  }
+};
+
+TEST_F(ExportsTest, VersionIsThePackedLibraryVersion) {
+  EXPECT_EQ(1358954502, ROZGetVersion());
+  EXPECT_EQ(0x51000006, ROZGetVersion());
+}
+
+// Without a policy only administrators may check, whatever the platform's version.
+TEST_F(ExportsTest, EnabledOnlyForAdministratorGroups) {
+  struct Case {
+    std::vector<std::string> groups;
+    int32_t enabled;
+  };
+  const std::vector<Case> cases = {
+      {{"admin"}, 1},          {{"sudo"}, 1},
+      {{"wheel"}, 1},          {{"users", "root"}, 1},
+      {{}, 0},                 {{"users"}, 0},
+      {{"admin2", "sudoers", "Admin"}, 0},
+  };
+  for (const Case& c : cases) {
+    sandbox.env().SetGroups(c.groups);
+    EXPECT_EQ(c.enabled, ROZIsUpdateCheckEnabled()) << ::testing::PrintToString(c.groups);
+  }
+}
+
+// The policy can only switch checks off; an answer of the wrong type is no answer.
+TEST_F(ExportsTest, PolicyDisablesEvenForAdministratorsAndIsReadAfresh) {
+  BecomeAdministrator();
+  WritePolicy("<true/>");
+  EXPECT_EQ(0, ROZIsUpdateCheckEnabled());
+  WritePolicy("<false/>");
+  EXPECT_EQ(1, ROZIsUpdateCheckEnabled());
+  WritePolicy("<string>true</string>");
+  EXPECT_EQ(1, ROZIsUpdateCheckEnabled());
+  WritePolicy("<integer>1</integer>");
+  EXPECT_EQ(1, ROZIsUpdateCheckEnabled());
+
+  BecomeOrdinaryUser();
+  WritePolicy("<false/>");
+  EXPECT_EQ(0, ROZIsUpdateCheckEnabled());
+}
+
+// Every request that needs checks enabled answers 7 first, even for arguments it would reject,
+// and leaves no trace.
+TEST_F(ExportsTest, DisabledRequestsAnswerSevenBeforeAnyCheck) {
+  BecomeAdministrator();
+  WritePolicy("<true/>");
+  InstallUpdater();
+  const auto before = sandbox.Snapshot();
+  bool available = true;
+  ROZMissingComptList empty = {0, nullptr};
+
+  EXPECT_EQ(7, ROZIsUpdateAvailable(nullptr, nullptr, nullptr, 1, &available, true));
+  EXPECT_EQ(7, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), "en_US",
+                                     kROZTriggerManual, true));
+  EXPECT_EQ(7, ROZDoPluginAction(""));
+  EXPECT_EQ(7, ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath),
+                                            "en_US", &empty, kROZDownloadMissingCompTypeDefault,
+                                            true));
+  EXPECT_TRUE(available);
+  EXPECT_EQ(before, sandbox.Snapshot());
+  EXPECT_TRUE(sandbox.Launches().empty());
+}
+
+struct RejectedCall {
+  std::string label;
+  std::function<int32_t()> call;
+};
+
+// Each export's invalid arguments give 3 and create, change or start nothing: the limits one
+// byte over, 8-bit identifiers (even valid UTF-8), and the UTF-8 faults the check knows.
+TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
+  BecomeAdministrator();
+  InstallUpdater();
+
+  const std::string id257(257, 'a');
+  const std::string eightBitID = "org.example.caf\xC3\xA9";  // valid UTF-8, not 7-bit
+  const std::string name513(513, 'n');
+  const std::string path256 = "/" + std::string(255, 'p');
+  const std::string overlong = "Host \xC0\x80";
+  const std::string nonCharacter = "Host \xEF\xBF\xBE";  // U+FFFE
+  const std::string blockNonCharacter = "Host \xEF\xB7\x90";  // U+FDD0
+  const std::string truncated = "Host \xE2\x82";
+  const std::string strayContinuation = "\x80Host";
+  const std::string& id = appID;
+  const std::string& name = displayName;
+  const std::string& path = installPath;
+  bool available = false;
+  ROZMissingComponent component = {const_cast<char*>("fonts"), const_cast<char*>("Serif"),
+                                   const_cast<char*>("1.0.0.0")};
+  ROZMissingComponent* entries[] = {&component};
+  ROZMissingComptList list = {1, entries};
+
+  auto reg = [](const char* a, const unsigned char* n, const unsigned char* p) {
+    return ROZRegisterApplication(a, n, p);
+  };
+  auto avail = [&](const char* a, const unsigned char* n, const unsigned char* p) {
+    return ROZIsUpdateAvailable(a, n, p, 7, &available, true);
+  };
+  auto trig = [](const char* a, const unsigned char* n, const unsigned char* p) {
+    return ROZTriggerUpdateCheck(a, n, p, "en_US", kROZTriggerManual, true);
+  };
+  auto down = [&](const char* a, const unsigned char* n, const unsigned char* p) {
+    return ROZDownloadMissingComponents(a, n, p, "en_US", &list,
+                                        kROZDownloadMissingCompTypeDefault, true);
+  };
+
+  std::vector<RejectedCall> calls;
+  using Export = std::function<int32_t(const char*, const unsigned char*, const unsigned char*)>;
+  const std::vector<std::pair<std::string, Export>> threeArgumentExports = {
+      {"register", reg}, {"available", avail}, {"trigger", trig}, {"download", down}};
+  for (const auto& e : threeArgumentExports) {
+    const Export f = e.second;
+    const std::string l = e.first + ": ";
+    calls.push_back({l + "empty appID", [=] { return f("", U(name), U(path)); }});
+    calls.push_back({l + "appID of 257 bytes", [=] { return f(id257.c_str(), U(name), U(path)); }});
+    calls.push_back({l + "8-bit appID", [=] { return f(eightBitID.c_str(), U(name), U(path)); }});
+    calls.push_back({l + "null name", [=] { return f(id.c_str(), nullptr, U(path)); }});
+    calls.push_back({l + "empty name", [=] { return f(id.c_str(), U(""), U(path)); }});
+    calls.push_back({l + "name of 513 bytes", [=] { return f(id.c_str(), U(name513), U(path)); }});
+    calls.push_back({l + "null path", [=] { return f(id.c_str(), U(name), nullptr); }});
+    calls.push_back({l + "empty path", [=] { return f(id.c_str(), U(name), U("")); }});
+    for (const std::string* bad :
+         {&overlong, &nonCharacter, &blockNonCharacter, &truncated, &strayContinuation}) {
+      calls.push_back({l + "bad UTF-8 name", [=] { return f(id.c_str(), U(*bad), U(path)); }});
+      calls.push_back({l + "bad UTF-8 path", [=] { return f(id.c_str(), U(name), U(*bad)); }});
+    }
+    if (e.first != "download")
+      calls.push_back({l + "path of 256 bytes", [=] { return f(id.c_str(), U(name), U(path256)); }});
+  }
+  // Only the trigger accepts a null identifier (it then means "every application").
+  calls.push_back({"register: null appID", [&] { return reg(nullptr, U(name), U(path)); }});
+  calls.push_back({"available: null appID", [&] { return avail(nullptr, U(name), U(path)); }});
+  calls.push_back({"download: null appID", [&] { return down(nullptr, U(name), U(path)); }});
+  calls.push_back({"trigger, null appID: null name",
+                   [&] { return trig(nullptr, nullptr, U(path)); }});
+  calls.push_back({"trigger, null appID: empty path", [&] { return trig(nullptr, U(name), U("")); }});
+  calls.push_back({"trigger, null appID: name of 513 bytes",
+                   [&] { return trig(nullptr, U(name513), U(path)); }});
+  for (const std::string& badID : {std::string(), id257, eightBitID}) {
+    calls.push_back({"unregister: bad appID", [=] { return ROZUnRegisterApplication(badID.c_str()); }});
+    calls.push_back({"plug-in: bad appID", [=] { return ROZDoPluginAction(badID.c_str()); }});
+  }
+  calls.push_back({"unregister: null appID", [] { return ROZUnRegisterApplication(nullptr); }});
+  calls.push_back({"plug-in: null appID", [] { return ROZDoPluginAction(nullptr); }});
+
+  const auto before = sandbox.Snapshot();
+  for (const RejectedCall& c : calls) {
+    EXPECT_EQ(3, c.call()) << c.label;
+    ASSERT_EQ(before, sandbox.Snapshot()) << c.label << " left something on disk";
+  }
+  EXPECT_TRUE(sandbox.Launches().empty());
+}
+
+// The limits are inclusive byte counts, and the UTF-8 check is no stricter than it says.
+TEST_F(ExportsTest, ArgumentsAtTheirLimitsAreAccepted) {
+  BecomeAdministrator();
+  const std::string id256(256, 'a');
+  const std::string name512(512, 'n');
+  const std::string path255 = "/" + std::string(254, 'p');
+  EXPECT_EQ(0, ROZRegisterApplication(id256.c_str(), U(name512), U(path255)));
+  const std::string registry = FileText(sandbox.RegistryFile());
+  EXPECT_NE(std::string::npos, registry.find("appID=\"" + id256 + "\""));
+  EXPECT_NE(std::string::npos, registry.find(name512));
+  EXPECT_NE(std::string::npos, registry.find(path255));
+
+  // A four-byte character passes and is stored as given.
+  const std::string fourByteName = "Host \xF0\x9F\x8E\xB5";
+  EXPECT_EQ(0, ROZRegisterApplication(appID.c_str(), U(fourByteName), U(installPath)));
+  EXPECT_NE(std::string::npos, FileText(sandbox.RegistryFile()).find(fourByteName));
+
+  // The identifier limit holds for the other exports too: 256 bytes pass the checks and reach
+  // the store, which does not know the application.
+  EXPECT_EQ(6, ROZUnRegisterApplication(std::string(256, 'b').c_str()));
+  EXPECT_EQ(6, ROZDoPluginAction(std::string(256, 'b').c_str()));
+
+  // Without an updater installed, requests that pass every check end in 2, not 3: the download
+  // has no path limit, the language is never a reason to reject, and the UTF-8 check lets an
+  // encoded surrogate through (the empty list keeps it out of the store).
+  const std::string path300 = "/" + std::string(299, 'p');
+  const std::string surrogateName = "Host \xED\xA0\x80";
+  ROZMissingComptList empty = {0, nullptr};
+  EXPECT_EQ(2, ROZDownloadMissingComponents(appID.c_str(), U(surrogateName), U(path300), "\xFF",
+                                            &empty, kROZDownloadMissingCompTypeDefault, false));
+  EXPECT_EQ(2, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(path255), "x",
+                                     kROZTriggerManual, false));
+}
+
+}  // namespace
+}  // namespace vantu_test

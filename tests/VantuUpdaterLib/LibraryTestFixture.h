@@ -1,0 +1,69 @@
+#ifndef TESTS_VANTUUPDATERLIB_LIBRARYTESTFIXTURE_H
+#define TESTS_VANTUUPDATERLIB_LIBRARYTESTFIXTURE_H
+
+// Shared ground of the end-to-end tests of the exported functions: each test gets a sandboxed
+// machine (relocated root, temporary home, substituted groups, a private process table) and
+// calls the exports exactly as a host does.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "VantuUpdater/VantuUpdater.h"
+#include "support/TempDir.h"
+#include "support/UpdaterSandbox.h"
+
+namespace vantu_test {
+
+inline const unsigned char* U(const std::string& text) {
+  return reinterpret_cast<const unsigned char*>(text.c_str());
+}
+
+// The text of a file, or "<missing>" when it does not exist.
+inline std::string FileText(const std::string& path) {
+  if (::access(path.c_str(), F_OK) != 0) return "<missing>";
+  return testing_support::ReadFile(path);
+}
+
+inline bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+class LibraryTest : public ::testing::Test {
+ protected:
+  LibraryTest()
+      // Identifiers carry the process id: the workflow lock of an application is machine-wide,
+      // and tests of other processes may run at the same time.
+      : appID("org.example.Host" + std::to_string(::getpid())),
+        otherAppID("org.example.Other" + std::to_string(::getpid())),
+        displayName("Example Host"),
+        installPath("/opt/Example Host") {}
+
+  // Administrators are the only users for whom update checks are enabled.
+  void BecomeAdministrator() { sandbox.env().SetGroups({"admin"}); }
+  void BecomeOrdinaryUser() { sandbox.env().SetGroups({"users"}); }
+
+  void InstallUpdater() { sandbox.InstallUpdater(); }
+
+  int32_t Register(const std::string& id) {
+    return ROZRegisterApplication(id.c_str(), U(displayName), U(installPath));
+  }
+
+  // Starts the installed updater outside the library, kept running until the sandbox stops it.
+  // Returns the number of launches recorded so far.
+  size_t StartRunningUpdater() {
+    EXPECT_TRUE(sandbox.StartRunningUpdater());
+    return sandbox.Launches().size();
+  }
+
+  testing_support::UpdaterSandbox sandbox;
+  const std::string appID;
+  const std::string otherAppID;
+  const std::string displayName;
+  const std::string installPath;
+};
+
+}  // namespace vantu_test
+
+#endif
