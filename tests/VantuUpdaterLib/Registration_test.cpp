@@ -82,6 +82,22 @@ TEST_F(RegistrationTest, StoreHeldElsewhereIsReportedUnusableAndLeftAlone) {
   EXPECT_EQ(before, FileText(sandbox.RegistryFile()));
 }
 
+// A store whose folder cannot be had (a machine folder the user may not create, no home) is an
+// ordinary failure for a host: a result code, never an exception unwinding into C code.
+TEST_F(RegistrationTest, StoreWithoutItsFolderIsAFailureNotAnException) {
+  BecomeAdministrator();
+  WriteFile(sandbox.root() + "/var", "a file where the machine folders should be");
+  EXPECT_EQ(4, Register(appID));
+  EXPECT_EQ(4, ROZUnRegisterApplication(appID.c_str()));
+  CEsdUpdate facade;
+  EXPECT_EQ(6, facade.AddOrUpdateRegistration(appID.c_str(), U(displayName), U(installPath)));
+
+  sandbox.env().SetHome("");
+  ROZMissingComptList empty = {0, nullptr};
+  EXPECT_EQ(1, ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), nullptr,
+                                            &empty, kROZDownloadMissingCompTypeDefault, false));
+}
+
 TEST_F(RegistrationTest, UnregisteringRemovesTheEntryAndItsCachedResult) {
   BecomeAdministrator();
   InstallUpdater();
