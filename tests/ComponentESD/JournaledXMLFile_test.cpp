@@ -262,6 +262,32 @@ TEST(JournaledXMLFile, FailedLoadNeverWritesTheOlderTreeOverAGoodFile) {
   EXPECT_EQ("<Store", ReadFile(path));
 }
 
+// Attribute values are written raw; a value that would break the file must not reach the disk,
+// or one caller's odd identifier would lock every user out of the shared store.
+TEST(JournaledXMLFile, SaveRefusesTextThatWouldNotLoadAgain) {
+  TempDir dir;
+  const std::string path = dir / "Store.xml";
+  SemaphoreGuard guard(path);
+  WriteFile(path, StoreText("good"));
+  TestStore store(path);
+  ASSERT_TRUE(store.Load(nullptr));
+  for (const char* bad : {"a\"b", "a&b", "a<b", "&"}) {
+    store.SetValue(bad);
+    EXPECT_FALSE(store.Save()) << bad;
+    EXPECT_EQ(StoreText("good"), ReadFile(path));
+    EXPECT_EQ(std::vector<std::string>{"Store.xml"}, ListFolder(dir.path()));
+  }
+  // Characters that are only unusual still go through raw.
+  store.SetValue("a>b 'c'");
+  ASSERT_TRUE(store.Save());
+  EXPECT_EQ(StoreText("a>b 'c'"), ReadFile(path));
+  // So does markup in element text, which is escaped.
+  store.mBuilder.GetDocumentNode()->GetChildNodes()[0]->GetChildNodes()[0]->SetElementData("<&>");
+  ASSERT_TRUE(store.Save());
+  ASSERT_TRUE(store.Load(nullptr));
+  EXPECT_EQ("<&>", store.mBuilder.GetDocumentNode()->GetChildNodes()[0]->GetChildNodes()[0]->GetData());
+}
+
 TEST(JournaledXMLFile, DeleteRemovesFileAndJournal) {
   TempDir dir;
   const std::string path = dir / "Store.xml";

@@ -224,6 +224,22 @@ TEST(ExpatDOMBuilder, MalformedDocumentsFailWithoutHarm) {
   }
 }
 
+TEST(ExpatDOMBuilder, ParsesBytesFromMemoryLikeAFile) {
+  TempDir dir;
+  const std::string text = "<r>" + std::string(5000, 'x') + "\xc3\xa9</r>";
+  for (std::size_t size : {text.size(), text.size() - 1, std::size_t(0)}) {
+    Builder fromMemory;
+    ASSERT_TRUE(fromMemory.Create(nullptr, nullptr));
+    const bool parsed = fromMemory.ParseBytes(text.data(), size);
+    Builder fromFile;
+    EXPECT_EQ(ParseBytes(fromFile, dir, text.substr(0, size)), parsed) << size;
+    EXPECT_EQ(size == text.size(), parsed) << size;
+    if (parsed) {
+      EXPECT_EQ(Write(*fromFile.GetDocumentNode()), Write(*fromMemory.GetDocumentNode()));
+    }
+  }
+}
+
 TEST(ExpatDOMBuilder, VeryDeepTreesParseWriteAndDieWithoutRecursion) {
   TempDir dir;
   const int kDepth = 200000;  // far deeper than any call stack could follow

@@ -3,6 +3,9 @@
 
 #include <expat.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <exception>
 #include <ios>
 #include <memory>
@@ -78,6 +81,23 @@ class ExpatDOMBuilder {
     }
     in.close();
     return parsed;
+  }
+
+  // Parses `size` bytes held in memory, fed to the parser in the same chunks as ParseFile, into
+  // the tree made by Create. True exactly when they form a well-formed document; nothing (zero
+  // bytes) is not one.
+  bool ParseBytes(const char* data, std::size_t size) {
+    const std::size_t kChunk = 1024;
+    std::size_t done = 0;
+    do {
+      const std::size_t count = std::min(kChunk, size - done);
+      char* buffer = static_cast<char*>(GetBuffer(static_cast<int>(kChunk)));
+      if (!buffer) return false;
+      if (count) std::memcpy(buffer, data + done, count);
+      done += count;
+      if (!ParseBuffer(static_cast<int>(count), done == size)) return false;
+    } while (done < size);
+    return true;
   }
 
   // A parser buffer of len bytes to read the next chunk into, or null when the parser cannot

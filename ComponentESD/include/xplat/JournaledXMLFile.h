@@ -29,9 +29,10 @@ class JournaledXMLFile {
   // Writes the builder's document to the journal, syncs it, exchanges it with the file, removes
   // the journal (now holding the old text) and syncs the folder, then adds 0666 to the file's
   // permission bits so that every user can later rewrite the shared store. True once the new
-  // text is in place (and, with durable saves, on stable storage). False without a document or
-  // with one that holds no element (it would not parse again), without a path, after a failed
-  // Load, or when any step fails; the file then still holds its old text. Never throws.
+  // text is in place (and, with durable saves, on stable storage). False without a document,
+  // without a path, after a failed Load, when the text would not parse again (no element, or an
+  // attribute value holding markup, which the writer does not escape), or when any step fails;
+  // the file then still holds its old text. Never throws.
   virtual bool Save();
 
   // Rebuilds the tree from disk, journal first, and returns OnLoadSuccess's verdict. A journal

@@ -19,6 +19,11 @@ bool RemoveJournal(const std::string& journalPath) {
   return std::remove(journalPath.c_str()) == 0 || !FileSystemUtils::DoesPathExist(journalPath);
 }
 
+bool TextLoadsAgain(const std::string& bytes) {
+  esd::ExpatDOMBuilder<esd::XMLDocumentNode> check;
+  return check.Create(nullptr, nullptr) && check.ParseBytes(bytes.data(), bytes.size());
+}
+
 }  // namespace
 
 JournaledXMLFile::JournaledXMLFile(esd::ExpatDOMBuilder<esd::XMLDocumentNode>& builder)
@@ -30,14 +35,15 @@ bool JournaledXMLFile::Save() {
   try {
     const esd::XMLDocumentNode* document = mBuilder.GetDocumentNode();
     if (!document || mLoadFailed || mFilePath.empty()) return false;
-    // A document without an element writes as a lone declaration, which no later Load could
-    // parse: saving it would lock every user out of the store.
-    if (document->GetChildNodes().empty()) return false;
 
     std::ostringstream text;
     text << *document;
     if (!text) return false;
     const std::string bytes = text.str();
+    // Attribute values are written raw and an empty document is a lone declaration: either can
+    // make text that no later Load parses, which would lock every user out of the store. Such a
+    // save is refused and the file keeps its last good text.
+    if (!TextLoadsAgain(bytes)) return false;
 
     // A leftover journal may belong to someone else or be a link planted beside the store;
     // start from a fresh file rather than write through it.
