@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <list>
 #include <memory>
 #include <stdexcept>
@@ -114,6 +115,17 @@ TEST_F(MissingCompsStore, FirstRequestWritesTheExactText) {
   EXPECT_EQ(StoreText(first + EntryText("B", 0, "Beta", "/opt/b",
                                         ComponentText("Fonts", "Extras", "2.1.0.3"))),
             ReadFile(mStorePath));
+}
+
+// Without a home folder there is no per-user store to open.
+TEST_F(MissingCompsStore, NoDataFolderThrows) {
+  mEnv.SetHome("");
+  try {
+    VantuUpdaterMissingCompsManager store;
+    ADD_FAILURE() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ("Unable to determine missing comps filepath!", e.what());
+  }
 }
 
 // Asking again for a listed component answers 1 and does not rewrite the file; another version
@@ -264,6 +276,17 @@ TEST_F(MissingCompsStore, UnparsableStoreAnswersTwo) {
   }
   EXPECT_FALSE(StoreExists());
   EXPECT_EQ(0u, Request("A", "Alpha", "/opt/a", 1, "Spelling", "Dictionary", "1.0"));
+}
+
+// Attribute values are written unescaped, so a name or identifier holding markup would give a
+// file that never loads again: the request fails with 2 and the file keeps its last good text.
+TEST_F(MissingCompsStore, MarkupInAttributesIsNeverWritten) {
+  ASSERT_EQ(0u, Request("A", "Alpha", "/opt/a", 1, "Spelling", "Dictionary", "1.0"));
+  const std::string before = ReadFile(mStorePath);
+  EXPECT_EQ(2u, Request("A", "Alpha", "/opt/a", 1, "Spell\"ing", "Dictionary", "1.0"));
+  EXPECT_EQ(2u, Request("A", "Alpha", "/opt/a", 1, "Spelling", "Dict<", "1.0"));
+  EXPECT_EQ(2u, Request("B&", "Beta", "/opt/b", 1, "Spelling", "Dictionary", "1.0"));
+  EXPECT_EQ(before, ReadFile(mStorePath));
 }
 
 // Entries without a display name or install path are dropped on load and the file is rewritten

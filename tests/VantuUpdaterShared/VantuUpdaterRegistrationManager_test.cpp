@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <list>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -136,6 +138,19 @@ TEST_F(RegistrationStore, FirstInsertionsWriteTheExactText) {
   EXPECT_EQ(0u, Insert("com.example.Sheets", "Sheets", "/opt/Sheets"));
   EXPECT_EQ(StoreText(first + EntryText("com.example.Sheets", "Sheets", "/opt/Sheets")),
             ReadFile(mStorePath));
+}
+
+// Without an all-users data folder there is no store to open.
+TEST_F(RegistrationStore, NoDataFolderThrows) {
+  const std::string notAFolder = mTemp / "plain-file";
+  WriteFile(notAFolder, "x");
+  mEnv.SetRoot(notAFolder);
+  try {
+    VantuUpdaterRegistrationManager store;
+    ADD_FAILURE() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ("Unable to determine registration filepath!", e.what());
+  }
 }
 
 // Registering again with the same name and path must not rewrite the shared file at all.
@@ -289,22 +304,25 @@ TEST_F(RegistrationStore, EntriesWithoutInstallPathAreDroppedOnLoad) {
 }
 
 // A file that does not parse is refused by every operation and left exactly as it was; the
-// registration workflow above decides whether to rebuild it.
+// registration workflow above decides whether to rebuild it. The manager had loaded a good file
+// before, so it must also let go of that tree when the next load fails.
 TEST_F(RegistrationStore, UnparsableFileIsRefusedAndKept) {
   const std::vector<std::string> damaged = {
       "", std::string(kDeclaration) + "<VantuUpdaterRegistrationManager>\n<Application appID=",
       "not xml at all"};
+  VantuUpdaterRegistrationManager store;
   for (const std::string& bytes : damaged) {
+    WriteFile(mStorePath, StoreText(EntryText("A", "Alpha", "/opt/a")));
+    std::list<VantuUpdaterRegisteredApp> all;
+    ASSERT_TRUE(store.GetRegisteredApps(all));
+
     WriteFile(mStorePath, bytes);
-    VantuUpdaterRegistrationManager store;
-    VantuUpdaterRegisteredApp app = MakeApp("A", "Alpha", "/opt/a");
+    VantuUpdaterRegisteredApp app = MakeApp("B", "Beta", "/opt/b");
     EXPECT_EQ(3u, store.InsertOrUpdateRegisteredApp(app));
     EXPECT_EQ(2u, store.UnregisterApp("A"));
-    std::list<VantuUpdaterRegisteredApp> all;
     EXPECT_FALSE(store.GetRegisteredApps(all));
     std::unique_ptr<VantuUpdaterRegisteredApp> found;
     EXPECT_FALSE(store.GetRegisteredApplicationByAppID("A", found));
-    // The failed load freed the tree; the manager must not reach into it any more.
     EXPECT_EQ(0u, store.DeleteVantuUpdaterRegisteredAppIf(
                       VantuUpdaterRegistrationManager::RegisteredAppMatcher("A")));
     EXPECT_EQ(bytes, ReadFile(mStorePath));
@@ -323,16 +341,22 @@ TEST_F(RegistrationStore, ForeignElementsAreKeptAndIgnored) {
   EXPECT_EQ(StoreText("<Note>keep me</Note>\n"), ReadFile(mStorePath));
 }
 
-// A document whose root is not the store's gets a fresh store root for the new entry; the
-// unknown root is not thrown away.
-TEST_F(RegistrationStore, MissingStoreRootIsAdded) {
-  WriteFile(mStorePath, std::string(kDeclaration) + "<Other>\n<Application appID=\"Q\">"
-                                                    "</Application>\n</Other>\n");
-  EXPECT_EQ(0u, Insert("A", "Alpha", "/opt/a"));
-  EXPECT_EQ(std::string(kDeclaration) + "<Other>\n<Application appID=\"Q\"></Application>\n"
-                                        "</Other>\n<VantuUpdaterRegistrationManager>\n" +
-                EntryText("A", "Alpha", "/opt/a") + "</VantuUpdaterRegistrationManager>\n",
-            ReadFile(mStorePath));
+// A document whose root is not the store's gets a fresh store root beside it, but a document
+// with two roots would never load again, so the save is refused and the file stays as it was.
+// Likewise an identifier holding markup, which attribute values carry unescaped.
+TEST_F(RegistrationStore, TextThatWouldNotLoadAgainIsNeverWritten) {
+  const std::string foreign = std::string(kDeclaration) +
+                              "<Other>\n<Application appID=\"Q\"></Application>\n</Other>\n";
+  WriteFile(mStorePath, foreign);
+  EXPECT_EQ(3u, Insert("A", "Alpha", "/opt/a"));
+  EXPECT_EQ(foreign, ReadFile(mStorePath));
+
+  std::remove(mStorePath.c_str());
+  ASSERT_EQ(0u, Insert("A", "Alpha", "/opt/a"));
+  const std::string before = ReadFile(mStorePath);
+  for (const char* id : {"a\"b", "a<b", "a&b"}) EXPECT_EQ(3u, Insert(id, "Name", "/opt/x")) << id;
+  EXPECT_EQ(before, ReadFile(mStorePath));
+  EXPECT_EQ((std::vector<std::string>{"A"}), ListAppIDs());
 }
 
 // Two entries for one identifier cannot be written by the store; meeting them is a programming
