@@ -378,8 +378,8 @@ TEST_F(RegistrationStore, EightProcessesInsertingAtOnceAllLand) {
   for (int i = 0; i < kProcesses; ++i) {
     children.push_back(testing_support::StartChild([&go, i]() {
       if (!go.Wait()) return 90;
-      const std::string id = "com.example.App" + std::to_string(i);
-      return static_cast<int>(Insert(id, "App " + std::to_string(i), "/opt/app" + std::to_string(i)));
+      const std::string n = std::to_string(i);
+      return static_cast<int>(Insert("com.example.App" + n, "App " + n, "/opt/app" + n));
     }));
   }
   for (int i = 0; i < kProcesses; ++i) go.Signal();

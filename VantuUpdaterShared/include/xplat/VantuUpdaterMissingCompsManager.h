@@ -123,7 +123,8 @@ unsigned long VantuUpdaterMissingCompsManager::DeleteVantuUpdaterMissingCompsApp
   XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterMissingCompsApp>(
       storeRoot, VantuUpdaterMissingCompsApp::GetNodeRootName(), apps);
   auto firstKept = std::partition(apps.begin(), apps.end(), pred);
-  for (auto it = apps.begin(); it != firstKept; ++it) storeRoot->DeleteChildNode(it->GetObjectRoot());
+  for (auto it = apps.begin(); it != firstKept; ++it)
+    storeRoot->DeleteChildNode(it->GetObjectRoot());
   return static_cast<unsigned long>(firstKept - apps.begin());
 }
 

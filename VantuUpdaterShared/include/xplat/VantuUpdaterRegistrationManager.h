@@ -126,7 +126,8 @@ unsigned long VantuUpdaterRegistrationManager::DeleteVantuUpdaterRegisteredAppIf
           storeRoot, VantuUpdaterRegisteredApp::GetNodeRootName(), apps))
     return 0;
   auto firstKept = std::partition(apps.begin(), apps.end(), pred);
-  for (auto it = apps.begin(); it != firstKept; ++it) storeRoot->DeleteChildNode(it->GetObjectRoot());
+  for (auto it = apps.begin(); it != firstKept; ++it)
+    storeRoot->DeleteChildNode(it->GetObjectRoot());
   return static_cast<unsigned long>(firstKept - apps.begin());
 }
 

@@ -69,7 +69,8 @@ bool VantuUpdaterMissingCompsManager::LoadStore() {
 }
 
 void VantuUpdaterMissingCompsManager::ForgetLoadedTree() {
-  XMLBoundObject<VantuUpdaterMissingCompsManager>::operator=(XMLBoundObject<VantuUpdaterMissingCompsManager>());
+  using Binding = XMLBoundObject<VantuUpdaterMissingCompsManager>;
+  Binding::operator=(Binding());
 }
 
 bool VantuUpdaterMissingCompsManager::OnLoadSuccess(esd::XMLDocumentNode* root, void*) {

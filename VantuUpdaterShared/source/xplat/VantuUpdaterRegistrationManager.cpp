@@ -77,7 +77,8 @@ bool VantuUpdaterRegistrationManager::LoadStore() {
 }
 
 void VantuUpdaterRegistrationManager::ForgetLoadedTree() {
-  XMLBoundObject<VantuUpdaterRegistrationManager>::operator=(XMLBoundObject<VantuUpdaterRegistrationManager>());
+  using Binding = XMLBoundObject<VantuUpdaterRegistrationManager>;
+  Binding::operator=(Binding());
 }
 
 bool VantuUpdaterRegistrationManager::Save() {
