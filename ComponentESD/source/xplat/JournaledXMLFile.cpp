@@ -20,8 +20,7 @@ bool RemoveJournal(const std::string& journalPath) {
 }
 
 bool TextLoadsAgain(const std::string& bytes) {
-  esd::ExpatDOMBuilder<esd::XMLDocumentNode> check;
-  return check.Create(nullptr, nullptr) && check.ParseBytes(bytes.data(), bytes.size());
+  return esd::ExpatDOMBuilder<esd::XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size());
 }
 
 }  // namespace
