@@ -135,6 +135,10 @@ unsigned VantuUpdaterRegistrationManager::InsertOrUpdateRegisteredApp(
   if (!app.GetappID(appID) || appID.empty() || !app.GetInstallPath(installPath) ||
       installPath.empty() || !app.GetDisplayName(displayName) || displayName.empty())
     return kInsertFailed;
+  // Attribute values are written raw, so an identifier holding markup could never be saved. It is
+  // refused here rather than reported as an unusable store, which callers answer by rebuilding
+  // the file and dropping every other registration.
+  if (appID.find_first_of("\"<&") != std::string::npos) return kUnchanged;
 
   esd::XMLDocumentNode* storeRoot = GetObjectRoot();
   esd::SearchResult<esd::XMLDocumentNode> existing =
