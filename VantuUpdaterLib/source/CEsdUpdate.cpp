@@ -1,6 +1,7 @@
 #include "CEsdUpdate.h"
 
 #include <cstring>
+#include <list>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -195,9 +196,15 @@ int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned cha
   if (result == 0 || result == 1) return kROZResultOK;
   if (result == 2) return kROZResultRegistryNotUpdated;
 
-  // The store could not read or write its file. Rebuilding it from this one entry loses the
-  // other registrations, but they re-register on their next request, whereas a store that stays
-  // broken would refuse every host for good.
+  // The store failed. Only a file the store cannot read is rebuilt: when it still loads, the
+  // fault lay with this entry or the save (a name the UTF-8 check lets through but XML cannot
+  // carry, a full disk), and deleting the file would cost every other host its registration
+  // for nothing.
+  std::list<VantuUpdaterRegisteredApp> current;
+  if (store->GetRegisteredApps(current)) return kROZResultRegistryUnusable;
+
+  // Rebuilding from this one entry loses the other registrations, but they re-register on their
+  // next request, whereas a store that stays broken would refuse every host for good.
   if (!store->Delete()) return kROZResultRegistryUnusable;
   result = store->InsertOrUpdateRegisteredApp(app);
   return (result == 0 || result == 1) ? kROZResultOK : kROZResultRegistryUnusable;

@@ -71,6 +71,16 @@ TEST_F(RegistrationTest, DamagedStoreIsRebuiltFromTheNewEntry) {
   EXPECT_EQ(std::string::npos, text.find("lost"));
 }
 
+// An entry the store will not write (an encoded surrogate passes the UTF-8 check, but XML cannot
+// carry it) fails alone: the readable store is not rebuilt, so nobody else loses a registration.
+TEST_F(RegistrationTest, EntryTheStoreCannotWriteCostsNoOtherRegistration) {
+  ASSERT_EQ(0, Register(otherAppID));
+  const std::string before = FileText(sandbox.RegistryFile());
+  const std::string surrogateName = "Host \xED\xA0\x80";
+  EXPECT_EQ(4, ROZRegisterApplication(appID.c_str(), U(surrogateName), U(installPath)));
+  EXPECT_EQ(before, FileText(sandbox.RegistryFile()));
+}
+
 // When another process holds the store beyond the time-out, neither the insert nor the rebuild
 // can run: 4, and the file is as it was.
 TEST_F(RegistrationTest, StoreHeldElsewhereIsReportedUnusableAndLeftAlone) {
