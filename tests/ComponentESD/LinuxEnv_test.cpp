@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,8 +17,6 @@
 #include <filesystem>
 #include <string>
 #include <vector>
-
-#include <boost/date_time/gregorian/gregorian.hpp>
 
 #include "support/ChildProcess.h"
 #include "support/FakeUpdaterBundle.h"
@@ -248,18 +245,6 @@ TEST(LinuxEnvTest, GroupsAndAccessAreTheCallers) {
     });
     EXPECT_EQ(testing_support::WaitChild(child), 0);
   }
-}
-
-// The kernel release and today's date are the system's own.
-TEST(LinuxEnvTest, KernelReleaseAndTodayAreTheSystems) {
-  utsname name;
-  ASSERT_EQ(uname(&name), 0);
-  std::string release;
-  ASSERT_TRUE(Env::Platform()->GetKernelRelease(release));
-  EXPECT_EQ(release, name.release);
-  const auto before = boost::gregorian::day_clock::local_day();
-  const auto today = Env::Platform()->GetLocalDay();
-  EXPECT_TRUE(today == before || today == boost::gregorian::day_clock::local_day());
 }
 
 // The home folder is $HOME, or the password database's entry when $HOME is unset or empty.

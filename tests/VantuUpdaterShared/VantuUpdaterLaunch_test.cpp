@@ -251,4 +251,25 @@ TEST_F(UpdaterLaunchTest, VanishedProcessesAndBrokenBundlesArePassedOver) {
   EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false)) << "a named pipe is not read";
 }
 
+// A caller without a parent in sight (the first process of a container) was not launched by
+// the updater and still sees it running.
+TEST_F(UpdaterLaunchTest, CallerWithoutParentStillSeesTheUpdater) {
+  class Orphan : public TestEnv {
+   public:
+    bool GetProcessInfo(pid_t pid, ProcessInfo& info) override {
+      if (!TestEnv::GetProcessInfo(pid, info)) return false;
+      if (pid == getpid()) info.parentPid = 0;
+      return true;
+    }
+  } env;
+  env.SetRoot(root());
+  env.ShowOnlyOwnProcesses();
+  esd::ScopedEnv scope(&env);
+  FakeUpdaterBundle bundle(installed());
+  EnvironmentList none;
+  ASSERT_TRUE(VantuUpdaterUtils::LaunchUpdater(none));
+  ASSERT_EQ(bundle.WaitForReports(1).size(), 1u);
+  EXPECT_TRUE(VantuUpdaterUtils::IsUpdaterRunning(false));
+}
+
 }  // namespace

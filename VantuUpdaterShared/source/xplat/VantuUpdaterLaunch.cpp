@@ -120,8 +120,12 @@ bool IsUpdaterRunning(bool bringToFront) {
   esd::Env::ProcessInfo self;
   esd::Env::ProcessInfo launcher;
   if (!env->GetProcessInfo(env->GetCurrentProcessId(), self)) return false;
-  if (!env->GetProcessInfo(self.parentPid, launcher)) return false;
-  if (recogniser.IsUpdater(launcher)) return false;
+  // Parent 0: the caller is the first process of its namespace (a container's), which nobody
+  // in sight launched, so certainly not the updater.
+  if (self.parentPid > 0) {
+    if (!env->GetProcessInfo(self.parentPid, launcher)) return false;
+    if (recogniser.IsUpdater(launcher)) return false;
+  }
 
   std::vector<pid_t> pids;
   if (!env->ListProcessIds(pids)) return false;
