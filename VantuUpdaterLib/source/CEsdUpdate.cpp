@@ -52,7 +52,9 @@ const int kStartModeCleanUp = 5;
 typedef std::vector<std::pair<std::string, std::string>> LaunchParams;
 
 size_t Length(const char* text) { return std::strlen(text); }
-size_t Length(const unsigned char* text) { return std::strlen(reinterpret_cast<const char*>(text)); }
+size_t Length(const unsigned char* text) {
+  return std::strlen(reinterpret_cast<const char*>(text));
+}
 
 bool IsNullOrEmpty(const char* text) { return text == nullptr || text[0] == '\0'; }
 bool IsNullOrEmpty(const unsigned char* text) { return text == nullptr || text[0] == '\0'; }
@@ -65,8 +67,6 @@ bool HasHighBitByte(const char* text) {
   }
   return false;
 }
-
-bool IsValidUTF8(const unsigned char* text) { return validate_utf8(text); }
 
 std::string AsString(const unsigned char* text) {
   return std::string(reinterpret_cast<const char*>(text));
@@ -104,11 +104,12 @@ bool OpenStore(std::optional<Store>& store) {
 void RecordManualLaunch() {
   VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
   esd::PrefsLockScope lock(*prefs);
-  if (lock.IsHeld()) prefs->Launch.Set(VantuUpdaterUtils::GetStartupModeName(VantuUpdaterUtils::kManual));
+  if (lock.IsHeld())
+    prefs->Launch.Set(VantuUpdaterUtils::GetStartupModeName(VantuUpdaterUtils::kManual));
 }
 
-// Reads the answer of the updater's result file. False only when the file holds no single
-// "Result" below "UpdateInfo"; a text that is not "0" or "1" reads as false.
+// Reads the answer of the updater's result file. False when the file does not parse or holds no
+// single "Result" below "UpdateInfo"; a text that is not "0" or "1" reads as false.
 bool ReadAvailabilityAnswer(const std::string& resultFile, bool& answer) {
   esd::ExpatDOMBuilder<esd::XMLDocumentNode> builder;
   if (!builder.Create(nullptr, nullptr)) return false;
@@ -182,7 +183,7 @@ int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned cha
     return kROZResultInvalidArgument;
   if (Length(appID) > kMaxAppIDLength) return kROZResultInvalidArgument;
   if (HasHighBitByte(appID)) return kROZResultInvalidArgument;
-  if (!IsValidUTF8(installPath) || !IsValidUTF8(displayName)) return kROZResultInvalidArgument;
+  if (!validate_utf8(installPath) || !validate_utf8(displayName)) return kROZResultInvalidArgument;
   if (Length(installPath) > kMaxInstallPathLength) return kROZResultInvalidArgument;
 
   VantuUpdaterRegisteredApp app{std::string(appID)};
@@ -233,9 +234,8 @@ int32_t CEsdUpdate::AddOrUpdateRegistration(const char* appID, const unsigned ch
 
   const unsigned char* name =
       displayName != nullptr ? displayName : reinterpret_cast<const unsigned char*>(appID);
-  return ROZRegisterApplication(appID, name, installPath) == kROZResultOK
-             ? kROZResultOK
-             : kROZResultNotRegistered;
+  return ROZRegisterApplication(appID, name, installPath) == kROZResultOK ? kROZResultOK
+                                                                          : kROZResultNotRegistered;
 }
 
 int32_t CEsdUpdate::ROZUnRegisterApplication(const char* appID) {
@@ -280,7 +280,7 @@ int32_t CEsdUpdate::ROZIsUpdateAvailable(const char* appID, const unsigned char*
   if (Length(displayName) > kMaxDisplayNameLength) return kROZResultInvalidArgument;
   if (Length(appID) > kMaxAppIDLength) return kROZResultInvalidArgument;
   if (HasHighBitByte(appID)) return kROZResultInvalidArgument;
-  if (!IsValidUTF8(installPath) || !IsValidUTF8(displayName) || IsNullOrEmpty(installPath))
+  if (!validate_utf8(installPath) || !validate_utf8(displayName) || IsNullOrEmpty(installPath))
     return kROZResultInvalidArgument;
   if (Length(installPath) > kMaxInstallPathLength) return kROZResultInvalidArgument;
 
@@ -320,8 +320,8 @@ int32_t CEsdUpdate::ROZIsUpdateAvailable(const char* appID, const unsigned char*
   FileSystemUtils::CreateLocalDirectory(requestFolder);
 
   LaunchParams params;
-  params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesNotifyAppID),
-                                  std::string(appID)));
+  params.push_back(
+      std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesNotifyAppID), std::string(appID)));
   params.push_back(
       std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesNotifyOutfile), resultFile));
 
@@ -358,13 +358,13 @@ int32_t CEsdUpdate::ROZTriggerUpdateCheck(const char* appID, const unsigned char
     return CKVXVersion().LaunchUpdater(params) ? kROZResultOK : kROZResultUpdaterUnavailable;
   }
 
-  params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kEnvStartAppID),
-                                  std::string(appID)));
+  params.push_back(
+      std::make_pair(std::string(VantuUpdaterUtils::kEnvStartAppID), std::string(appID)));
   if (appID[0] == '\0' || installPath[0] == '\0') return kROZResultInvalidArgument;
   if (Length(installPath) > kMaxInstallPathLength) return kROZResultInvalidArgument;
   if (Length(appID) > kMaxAppIDLength) return kROZResultInvalidArgument;
   if (HasHighBitByte(appID)) return kROZResultInvalidArgument;
-  if (!IsValidUTF8(installPath) || !IsValidUTF8(displayName)) return kROZResultInvalidArgument;
+  if (!validate_utf8(installPath) || !validate_utf8(displayName)) return kROZResultInvalidArgument;
 
   int32_t result = kROZResultOK;
   if (registerFirst) {
@@ -432,18 +432,15 @@ int32_t CEsdUpdate::ROZDoPluginAction(const char* appID) {
     return kROZResultNotRegistered;
 
   LaunchParams params;
-  params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesDoActionAppID),
-                                  std::string(appID)));
+  params.push_back(
+      std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesDoActionAppID), std::string(appID)));
   return CKVXVersion().ForkUpdater(params) ? kROZResultOK : kROZResultUpdaterUnavailable;
 }
 
-int32_t CEsdUpdate::ROZDownloadMissingComponents(const char* appID,
-                                                 const unsigned char* displayName,
-                                                 const unsigned char* installPath,
-                                                 const char* displayLanguage,
-                                                 const ROZMissingComptList* list,
-                                                 ROZDownloadMissingCompType type,
-                                                 bool registerFirst) {
+int32_t CEsdUpdate::ROZDownloadMissingComponents(
+    const char* appID, const unsigned char* displayName, const unsigned char* installPath,
+    const char* displayLanguage, const ROZMissingComptList* list, ROZDownloadMissingCompType type,
+    bool registerFirst) {
   if (!ROZIsUpdateCheckEnabled()) return kROZResultUpdateCheckDisabled;
 
   if (IsNullOrEmpty(appID) || IsNullOrEmpty(displayName)) return kROZResultInvalidArgument;
@@ -451,7 +448,7 @@ int32_t CEsdUpdate::ROZDownloadMissingComponents(const char* appID,
     return kROZResultInvalidArgument;
   const std::string language = NormalisedLanguage(displayLanguage);
   if (Length(appID) > kMaxAppIDLength || HasHighBitByte(appID)) return kROZResultInvalidArgument;
-  if (!IsValidUTF8(installPath) || !IsValidUTF8(displayName)) return kROZResultInvalidArgument;
+  if (!validate_utf8(installPath) || !validate_utf8(displayName)) return kROZResultInvalidArgument;
 
   int32_t result = kROZResultOK;
   if (registerFirst) {
@@ -470,8 +467,7 @@ int32_t CEsdUpdate::ROZDownloadMissingComponents(const char* appID,
   const uint32_t count = list != nullptr ? list->count : 0;
   for (uint32_t i = 0; i < count; ++i) {
     if (last == 2) return kROZResultMissingCompsStoreFailed;
-    const ROZMissingComponent* entry =
-        list->components != nullptr ? list->components[i] : nullptr;
+    const ROZMissingComponent* entry = list->components != nullptr ? list->components[i] : nullptr;
     // A missing entry is recorded as nothing at all, which the store reports as a failure.
     last = store->UpdateWithAppAndCompData(appID, displayName, installPath, static_cast<int>(type),
                                            entry != nullptr ? entry->name : nullptr,
@@ -488,7 +484,8 @@ int32_t CEsdUpdate::ROZDownloadMissingComponents(const char* appID,
     return kROZResultUpdaterUnavailable;
 
   // A running updater reads the store itself once told to; a second instance is not started.
-  if (VantuUpdaterUtils::IsUpdaterRunning(true) && VantuUpdaterUtils::SignalExpressDownloadRequest())
+  if (VantuUpdaterUtils::IsUpdaterRunning(true) &&
+      VantuUpdaterUtils::SignalExpressDownloadRequest())
     return result;
 
   LaunchParams params;

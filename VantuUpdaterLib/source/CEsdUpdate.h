@@ -51,8 +51,7 @@ class CEsdUpdate {
                                                const unsigned char* installPath,
                                                const char* displayLanguage,
                                                const ROZMissingComptList* list,
-                                               ROZDownloadMissingCompType type,
-                                               bool registerFirst);
+                                               ROZDownloadMissingCompType type, bool registerFirst);
 
   // Removes appID from the store and deletes its cached update result; when no application is
   // left, starts the updater in clean-up mode unless it already runs.

@@ -54,8 +54,8 @@ int32_t ROZDownloadMissingComponents(const char* appID, const unsigned char* dis
                                      const ROZMissingComptList* list,
                                      ROZDownloadMissingCompType type, bool registerFirst) {
   CEsdUpdate facade;
-  return facade.ROZDownloadMissingComponents(appID, displayName, installPath, displayLanguage,
-                                             list, type, registerFirst);
+  return facade.ROZDownloadMissingComponents(appID, displayName, installPath, displayLanguage, list,
+                                             type, registerFirst);
 }
 
 }  // extern "C"

@@ -40,9 +40,12 @@ TEST_F(ExportsTest, EnabledOnlyForAdministratorGroups) {
     int32_t enabled;
   };
   const std::vector<Case> cases = {
-      {{"admin"}, 1},          {{"sudo"}, 1},
-      {{"wheel"}, 1},          {{"users", "root"}, 1},
-      {{}, 0},                 {{"users"}, 0},
+      {{"admin"}, 1},
+      {{"sudo"}, 1},
+      {{"wheel"}, 1},
+      {{"users", "root"}, 1},
+      {{}, 0},
+      {{"users"}, 0},
       {{"admin2", "sudoers", "Admin"}, 0},
   };
   for (const Case& c : cases) {
@@ -82,9 +85,8 @@ TEST_F(ExportsTest, DisabledRequestsAnswerSevenBeforeAnyCheck) {
   EXPECT_EQ(7, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), "en_US",
                                      kROZTriggerManual, true));
   EXPECT_EQ(7, ROZDoPluginAction(""));
-  EXPECT_EQ(7, ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath),
-                                            "en_US", &empty, kROZDownloadMissingCompTypeDefault,
-                                            true));
+  EXPECT_EQ(7, ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), "en_US",
+                                            &empty, kROZDownloadMissingCompTypeDefault, true));
   EXPECT_TRUE(available);
   EXPECT_EQ(before, sandbox.Snapshot());
   EXPECT_TRUE(sandbox.Launches().empty());
@@ -106,7 +108,7 @@ TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
   const std::string name513(513, 'n');
   const std::string path256 = "/" + std::string(255, 'p');
   const std::string overlong = "Host \xC0\x80";
-  const std::string nonCharacter = "Host \xEF\xBF\xBE";  // U+FFFE
+  const std::string nonCharacter = "Host \xEF\xBF\xBE";       // U+FFFE
   const std::string blockNonCharacter = "Host \xEF\xB7\x90";  // U+FDD0
   const std::string truncated = "Host \xE2\x82";
   const std::string strayContinuation = "\x80Host";
@@ -129,8 +131,8 @@ TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
     return ROZTriggerUpdateCheck(a, n, p, "en_US", kROZTriggerManual, true);
   };
   auto down = [&](const char* a, const unsigned char* n, const unsigned char* p) {
-    return ROZDownloadMissingComponents(a, n, p, "en_US", &list,
-                                        kROZDownloadMissingCompTypeDefault, true);
+    return ROZDownloadMissingComponents(a, n, p, "en_US", &list, kROZDownloadMissingCompTypeDefault,
+                                        true);
   };
 
   std::vector<RejectedCall> calls;
@@ -154,19 +156,22 @@ TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
       calls.push_back({l + "bad UTF-8 path", [=] { return f(id.c_str(), U(name), U(*bad)); }});
     }
     if (e.first != "download")
-      calls.push_back({l + "path of 256 bytes", [=] { return f(id.c_str(), U(name), U(path256)); }});
+      calls.push_back(
+          {l + "path of 256 bytes", [=] { return f(id.c_str(), U(name), U(path256)); }});
   }
   // Only the trigger accepts a null identifier (it then means "every application").
   calls.push_back({"register: null appID", [&] { return reg(nullptr, U(name), U(path)); }});
   calls.push_back({"available: null appID", [&] { return avail(nullptr, U(name), U(path)); }});
   calls.push_back({"download: null appID", [&] { return down(nullptr, U(name), U(path)); }});
-  calls.push_back({"trigger, null appID: null name",
-                   [&] { return trig(nullptr, nullptr, U(path)); }});
-  calls.push_back({"trigger, null appID: empty path", [&] { return trig(nullptr, U(name), U("")); }});
+  calls.push_back(
+      {"trigger, null appID: null name", [&] { return trig(nullptr, nullptr, U(path)); }});
+  calls.push_back(
+      {"trigger, null appID: empty path", [&] { return trig(nullptr, U(name), U("")); }});
   calls.push_back({"trigger, null appID: name of 513 bytes",
                    [&] { return trig(nullptr, U(name513), U(path)); }});
   for (const std::string& badID : {std::string(), id257, eightBitID}) {
-    calls.push_back({"unregister: bad appID", [=] { return ROZUnRegisterApplication(badID.c_str()); }});
+    calls.push_back(
+        {"unregister: bad appID", [=] { return ROZUnRegisterApplication(badID.c_str()); }});
     calls.push_back({"plug-in: bad appID", [=] { return ROZDoPluginAction(badID.c_str()); }});
   }
   calls.push_back({"unregister: null appID", [] { return ROZUnRegisterApplication(nullptr); }});

@@ -56,8 +56,9 @@ TEST_F(MissingComponentsTest, RequestIsRecordedOnceAndTheUpdaterStarted) {
   const std::string store = Store();
   EXPECT_NE(std::string::npos, store.find("AppID=\"" + appID + "\""));
   EXPECT_NE(std::string::npos, store.find("OperationType=\"2\""));
-  EXPECT_NE(std::string::npos,
-            store.find("<AMissingComponent category=\"fonts\" name=\"Serif\" version=\"1.0.0.0\">"));
+  EXPECT_NE(
+      std::string::npos,
+      store.find("<AMissingComponent category=\"fonts\" name=\"Serif\" version=\"1.0.0.0\">"));
   EXPECT_NE(std::string::npos,
             store.find("<AMissingComponent category=\"fonts\" name=\"Mono\" version=\"2.1.0.0\">"));
   auto launches = sandbox.WaitForLaunches(1);
@@ -133,9 +134,9 @@ TEST_F(MissingComponentsTest, RunningUpdaterIsSignalledInsteadOfStarted) {
   ASSERT_EQ(2u, signals.size());
   EXPECT_EQ("/org/esd/DistributedNotificationCenter", signals[0].path);
   EXPECT_EQ("Notification", signals[0].member);
-  EXPECT_EQ((std::vector<std::string>{"Do Express Download",
-                                      "Vantu Updater Express Download Signal"}),
-            signals[0].arguments);
+  EXPECT_EQ(
+      (std::vector<std::string>{"Do Express Download", "Vantu Updater Express Download Signal"}),
+      signals[0].arguments);
   EXPECT_EQ(started, sandbox.Launches().size());
 
   // Once it has ended, the next request starts it again, without a language.

@@ -39,7 +39,8 @@ TEST_F(RegistrationTest, RegisteringStoresTheEntryAndAChangeMovesItLast) {
   ASSERT_EQ(0, ROZRegisterApplication(otherAppID.c_str(), U("Other"), U("/opt/Other")));
   std::string text = FileText(sandbox.RegistryFile());
   EXPECT_NE(std::string::npos,
-            text.find("<Application appID=\"" + appID + "\">\n<DisplayName>Example Host"
+            text.find("<Application appID=\"" + appID +
+                      "\">\n<DisplayName>Example Host"
                       "</DisplayName>\n<InstallPath>/opt/Example Host</InstallPath>\n"
                       "</Application>"))
       << text;
@@ -212,9 +213,9 @@ TEST_F(RegistrationTest, WorkflowsCallOneAnotherThroughTheObject) {
   // The download asks the overridden question (enabled) and registers through the override,
   // whose failure it reports as "not registered" before recording anything.
   ROZMissingComptList empty = {0, nullptr};
-  EXPECT_EQ(6, facade.ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath),
-                                                   nullptr, &empty,
-                                                   kROZDownloadMissingCompTypeDefault, true));
+  EXPECT_EQ(
+      6, facade.ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), nullptr,
+                                             &empty, kROZDownloadMissingCompTypeDefault, true));
   EXPECT_EQ(2u, facade.registered.size());
   EXPECT_FALSE(Exists(sandbox.MissingCompsFile()));
 

@@ -3,6 +3,7 @@
 // make calls that are answered before any file is touched.
 
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,8 +14,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "VantuUpdater/VantuUpdater.h"
 #include "support/TempDir.h"
@@ -36,10 +35,10 @@ std::string RunCommand(const std::string& command, int* status = nullptr) {
 
 std::string Quoted(const std::string& path) { return "'" + path + "'"; }
 
-const std::set<std::string> kExports = {
-    "ROZGetVersion",           "ROZIsUpdateCheckEnabled", "ROZRegisterApplication",
-    "ROZUnRegisterApplication", "ROZIsUpdateAvailable",    "ROZTriggerUpdateCheck",
-    "ROZDoPluginAction",       "ROZDownloadMissingComponents"};
+const std::set<std::string> kExports = {"ROZGetVersion",          "ROZIsUpdateCheckEnabled",
+                                        "ROZRegisterApplication", "ROZUnRegisterApplication",
+                                        "ROZIsUpdateAvailable",   "ROZTriggerUpdateCheck",
+                                        "ROZDoPluginAction",      "ROZDownloadMissingComponents"};
 
 // Nothing but the eight functions may be visible to hosts: any other symbol would become part
 // of the interface (and could clash with a host's own).
@@ -77,8 +76,7 @@ TEST(SharedLibrary, LoadsAtRunTimeAndAnswers) {
   void* library = ::dlopen(VANTU_SHARED_LIBRARY, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(nullptr, library) << ::dlerror();
   using GetVersion = int32_t (*)();
-  using RegisterApplication =
-      int32_t (*)(const char*, const unsigned char*, const unsigned char*);
+  using RegisterApplication = int32_t (*)(const char*, const unsigned char*, const unsigned char*);
   auto getVersion = reinterpret_cast<GetVersion>(::dlsym(library, "ROZGetVersion"));
   auto registerApplication =
       reinterpret_cast<RegisterApplication>(::dlsym(library, "ROZRegisterApplication"));
@@ -101,9 +99,9 @@ TEST(SharedLibrary, CHostCallsEveryExport) {
   testing_support::TempDir home;
   int status = -1;
   const std::string output =
-      RunCommand("env HOME=" + Quoted(home.path()) + " XDG_RUNTIME_DIR=" + Quoted(home.path()) + " " +
-              Quoted(C_HOST) + " 2>&1",
-          &status);
+      RunCommand("env HOME=" + Quoted(home.path()) + " XDG_RUNTIME_DIR=" + Quoted(home.path()) +
+                     " " + Quoted(C_HOST) + " 2>&1",
+                 &status);
   EXPECT_EQ(0, status) << output;
   EXPECT_NE(std::string::npos, output.find("every export answered as documented")) << output;
 }

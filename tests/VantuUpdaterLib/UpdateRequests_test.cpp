@@ -1,11 +1,10 @@
 // The requests that drive the updater: the availability exchange over two calls, the update-check
 // trigger with the user's automatic-check settings, and the plug-in action.
 
+#include <boost/date_time/gregorian/gregorian.hpp>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
-
-#include <boost/date_time/gregorian/gregorian.hpp>
 
 #include "VantuUpdaterLib/LibraryTestFixture.h"
 #include "support/TempDir.h"
@@ -25,9 +24,7 @@ class UpdateRequestsTest : public LibraryTest {
     sandbox.env().SetToday(date(2026, 3, 10));
   }
 
-  std::string RequestFolder() const {
-    return sandbox.CacheDataDir() + "/UpdateAvailable/" + appID;
-  }
+  std::string RequestFolder() const { return sandbox.CacheDataDir() + "/UpdateAvailable/" + appID; }
 
   int32_t AskAvailable(unsigned long request, bool& available, bool registerFirst = true) {
     return ROZIsUpdateAvailable(appID.c_str(), U(displayName), U(installPath), request, &available,
@@ -55,7 +52,8 @@ class UpdateRequestsTest : public LibraryTest {
 };
 
 const char kAnswerYes[] =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<UpdateInfo>\n<Result>1</Result>\n</UpdateInfo>\n";
+    "<?xml version=\"1.0\" encoding=\"UTF-8\" "
+    "?>\n<UpdateInfo>\n<Result>1</Result>\n</UpdateInfo>\n";
 const char kAnswerNo[] = "<UpdateInfo><Version>5.2</Version><Result>0</Result></UpdateInfo>";
 
 // The first call starts the updater with the result file's path and answers 8; once the updater

@@ -42,14 +42,16 @@ PrivateSessionBus::PrivateSessionBus() {
   WriteFile(config,
             "<busconfig>\n"
             "  <type>session</type>\n"
-            "  <listen>unix:path=" + socket + "</listen>\n"
-            "  <auth>EXTERNAL</auth>\n"
-            "  <policy context=\"default\">\n"
-            "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-            "    <allow eavesdrop=\"true\"/>\n"
-            "    <allow own=\"*\"/>\n"
-            "  </policy>\n"
-            "</busconfig>\n");
+            "  <listen>unix:path=" +
+                socket +
+                "</listen>\n"
+                "  <auth>EXTERNAL</auth>\n"
+                "  <policy context=\"default\">\n"
+                "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+                "    <allow eavesdrop=\"true\"/>\n"
+                "    <allow own=\"*\"/>\n"
+                "  </policy>\n"
+                "</busconfig>\n");
 
   int fds[2];
   if (::pipe(fds) != 0) throw std::runtime_error("pipe failed");
@@ -125,14 +127,14 @@ BusSignalListener::~BusSignalListener() {
 }
 
 std::vector<BusSignalListener::Signal> BusSignalListener::WaitForSignals(size_t count,
-                                                                        int timeoutMs) {
+                                                                         int timeoutMs) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   while (mSignals.size() < count && std::chrono::steady_clock::now() < deadline) {
     dbus_connection_read_write(mConnection, 20);
     while (DBusMessage* message = dbus_connection_pop_message(mConnection)) {
       if (dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_SIGNAL &&
-          mInterface == (dbus_message_get_interface(message) ? dbus_message_get_interface(message)
-                                                            : "")) {
+          mInterface ==
+              (dbus_message_get_interface(message) ? dbus_message_get_interface(message) : "")) {
         Signal signal;
         signal.path = dbus_message_get_path(message) ? dbus_message_get_path(message) : "";
         signal.member = dbus_message_get_member(message) ? dbus_message_get_member(message) : "";

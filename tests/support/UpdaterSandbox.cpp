@@ -135,7 +135,8 @@ bool UpdaterSandbox::IsUpdaterRunning() {
   const std::string prefix = UpdaterBundle() + "/";
   for (pid_t pid : pids) {
     esd::Env::ProcessInfo info;
-    if (mEnv.GetProcessInfo(pid, info) && info.executablePath.compare(0, prefix.size(), prefix) == 0)
+    if (mEnv.GetProcessInfo(pid, info) &&
+        info.executablePath.compare(0, prefix.size(), prefix) == 0)
       return true;
   }
   return false;
