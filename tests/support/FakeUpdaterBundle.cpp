@@ -26,8 +26,6 @@ using Clock = std::chrono::steady_clock;
 
 std::string XmlInfoPlist(const FakeUpdaterBundle::Options& options) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
          "<plist version=\"1.0\">\n<dict>\n"
          "  <key>CFBundleExecutable</key>\n  <string>" + options.programName + "</string>\n"
          "  <key>CFBundlePackageType</key>\n  <string>" + options.packageType + "</string>\n"
