@@ -294,6 +294,27 @@ TEST(PrefsWriter, LoadErrorsAndForeignTopElement) {
   EXPECT_EQ(std::string(kDeclaration) + "<Root>\n<Mine>x</Mine>\n</Root>\n", ReadFile(path));
 }
 
+// A file written by another program may hold a map key with an entity, which the writer would put
+// back raw. A set must then fail and keep the file, not write one that no process can load (every
+// setting would read as its default from then on).
+TEST(PrefsWriter, SetRefusedWhenTheLoadedFileCannotBeWrittenBack) {
+  TempDir dir;
+  const std::string path = dir / "prefs.dat";
+  const std::string written = std::string(kDeclaration) +
+                              "<Root>\n<Map>\n<MapPrefEntry MapPrefKey=\"Tom &amp; Jerry\">1"
+                              "</MapPrefEntry>\n</Map>\n<Check>1</Check>\n</Root>\n";
+  WriteFile(path, written);
+  esd::PrefsWriter writer(path, "Root");
+  EXPECT_FALSE(writer.SetPref<int>("Check", 0));
+  EXPECT_FALSE(writer.Save());
+  EXPECT_EQ(written, ReadFile(path));
+
+  esd::PrefsWriter reader(path, "Root");
+  bool check = false;
+  EXPECT_TRUE(reader.GetPref<bool>("Check", check, false));
+  EXPECT_TRUE(check);
+}
+
 // Two writers with locks on one file: each operation sees the other's last set, even when sets
 // follow each other faster than the file system clock ticks.
 TEST(PrefsWriter, LockedWritersSeeEachOthersSets) {

@@ -321,6 +321,10 @@ bool PrefsWriter::Save() {
   std::ostringstream text;
   text << *document;
   const std::string bytes = text.str();
+  // Attribute values are written raw, so a value loaded from a file another program wrote (a map
+  // key holding "&amp;", say) can come out as text no parser accepts. Saving it would turn every
+  // setting back to its default for every process; refusing keeps the file as it was.
+  if (!ExpatDOMBuilder<XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size())) return false;
 
   std::string temporary;
   FilePtr out;
