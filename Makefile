@@ -33,8 +33,9 @@ build: configure
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# The demo needs root for its private mount namespace; see tools/demo/run-demo.sh.
 demo: build
-	$(BUILD)/tools/esd_demo
+	$(SUDO) sh tools/demo/run-demo.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD)

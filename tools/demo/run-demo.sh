@@ -1,0 +1,119 @@
+#!/bin/sh
+# Runs the demo host through the whole story in a sandbox: a private mount namespace in which
+# /var/lib, /etc and /opt are overlays whose changes land in BUILD/demo and /dev/shm (where the
+# lock semaphores live) is empty and private; a home and runtime folder in BUILD/demo; a session
+# bus of its own; and the reference updater installed in the sandbox's /opt. The host runs as root with the supplementary group root, which makes it an
+# administrator for the library. Nothing of the real machine is changed and nothing is left
+# running; what the demo wrote stays in BUILD/demo for a look afterwards.
+#
+# usage: run-demo.sh BUILD_DIR        (as root; exits 77 when a mount namespace is not possible)
+# CMAKE names the cmake program used to install the updater (default: cmake).
+set -eu
+
+updater_program="/opt/Vantu Utilities.localized/Vantu Updater5/Vantu Updater.app/Contents/MacOS/Vantu Updater"
+
+# --- Inside the private mount namespace --------------------------------------------------------
+if [ "${1:-}" = --inside ]; then
+  build=$2
+  sandbox=$build/demo
+  # Overlaying /var/lib of the machine itself would outlive this script: refuse.
+  if [ "$(readlink /proc/self/ns/mnt)" = "$(readlink /proc/1/ns/mnt)" ]; then
+    echo "run-demo.sh: --inside must run in a mount namespace of its own" >&2
+    exit 1
+  fi
+
+  bus_pid=
+  stop_everything() {
+    # Updaters still running in this namespace (not a real one elsewhere), by process id.
+    self_ns=$(readlink /proc/self/ns/mnt)
+    for proc in /proc/[0-9]*; do
+      if [ "$(readlink "$proc/exe" 2>/dev/null)" = "$updater_program" ] &&
+         [ "$(readlink "$proc/ns/mnt" 2>/dev/null)" = "$self_ns" ]; then
+        kill "${proc#/proc/}" 2>/dev/null || true
+      fi
+    done
+    if [ -n "$bus_pid" ]; then
+      kill "$bus_pid" 2>/dev/null || true
+      wait "$bus_pid" 2>/dev/null || true
+    fi
+  }
+  trap stop_everything EXIT
+
+  # The locks are named semaphores in /dev/shm; a private one keeps the sandbox's stores, whose
+  # paths are the real machine's, from sharing locks with the machine's own hosts.
+  mount -t tmpfs -o mode=1777 tmpfs /dev/shm
+  for dir in var/lib etc opt; do
+    layer=$sandbox/$(echo "$dir" | tr / -)
+    mkdir -p "$layer/upper" "$layer/work"
+    mount -t overlay overlay -o "lowerdir=/$dir,upperdir=$layer/upper,workdir=$layer/work" "/$dir"
+  done
+
+  HOME=$sandbox/home
+  XDG_DATA_HOME=$HOME/.local/share
+  XDG_CONFIG_HOME=$HOME/.config
+  XDG_CACHE_HOME=$HOME/.cache
+  XDG_RUNTIME_DIR=$sandbox/run
+  TMPDIR=$sandbox/tmp
+  export HOME XDG_DATA_HOME XDG_CONFIG_HOME XDG_CACHE_HOME XDG_RUNTIME_DIR TMPDIR
+  mkdir -p "$HOME" "$TMPDIR"
+  mkdir -m 0700 -p "$XDG_RUNTIME_DIR"
+
+  "${CMAKE:-cmake}" --install "$build" --component VantuUpdaterApp --prefix / >/dev/null
+  # The catalogue stands in for the update server: it knows of a new version of the demo host.
+  install -d -m 0775 /var/lib/Vantu /var/lib/Vantu/Updater5
+  cat >/var/lib/Vantu/Updater5/VantuUpdateCatalog.xml <<'CATALOG'
+<?xml version="1.0" encoding="UTF-8"?>
+<UpdateCatalog>
+  <Update appID="com.example.DemoHost" version="2.0"/>
+</UpdateCatalog>
+CATALOG
+
+  dbus-daemon --session --address="unix:path=$XDG_RUNTIME_DIR/bus" --nofork --nopidfile \
+    2>/dev/null &
+  bus_pid=$!
+  tries=0
+  while [ ! -S "$XDG_RUNTIME_DIR/bus" ]; do
+    tries=$((tries + 1))
+    if [ "$tries" -gt 100 ]; then
+      echo "run-demo.sh: the session bus did not start" >&2
+      exit 1
+    fi
+    sleep 0.05
+  done
+  DBUS_SESSION_BUS_ADDRESS=unix:path=$XDG_RUNTIME_DIR/bus
+  export DBUS_SESSION_BUS_ADDRESS
+
+  setpriv --groups=0 -- "$build/tools/demo/demo_host" "$XDG_DATA_HOME/Vantu/Updater5/roz.log"
+  exit $?
+fi
+
+# --- Outside: prepare, enter the namespace, tidy up ---------------------------------------------
+if [ $# -ne 1 ] || [ ! -d "$1" ]; then
+  echo "usage: run-demo.sh BUILD_DIR" >&2
+  exit 2
+fi
+build=$(cd "$1" && pwd)
+sandbox=$build/demo
+case $sandbox in
+  *,* | *:*) echo "run-demo.sh: the build folder's path may not hold ',' or ':'" >&2; exit 2 ;;
+esac
+if [ "$(id -u)" != 0 ]; then
+  echo "run-demo.sh: the demo needs root for its private mount namespace (try: sudo make demo)" >&2
+  exit 77
+fi
+if ! unshare -m --propagation private true 2>/dev/null; then
+  echo "run-demo.sh: this system does not allow a private mount namespace (unshare -m)" >&2
+  exit 77
+fi
+
+rm -rf "$sandbox"
+mkdir -p "$sandbox"
+echo "Sandbox: /var/lib, /etc and /opt are overlays whose changes go to $sandbox;"
+echo "HOME is $sandbox/home; a private session bus; the host runs with the group root."
+status=0
+unshare -m --propagation private -- sh "$0" --inside "$build" || status=$?
+# The overlays' work folders are the kernel's scratch space, of no use afterwards.
+rm -rf "$sandbox"/*/work
+if [ -n "${SUDO_UID:-}" ]; then chown -R "$SUDO_UID:${SUDO_GID:-$SUDO_UID}" "$sandbox"; fi
+echo "The updater's log: $sandbox/home/.local/share/Vantu/Updater5/roz.log"
+exit $status
