@@ -1,12 +1,13 @@
 #!/bin/sh
-# Runs the demo host through the whole story in a sandbox: a private mount namespace in which
-# /var/lib, /etc and /opt are overlays whose changes land in BUILD/demo and /dev/shm (where the
-# lock semaphores live) is empty and private; a home and runtime folder in BUILD/demo; a session
-# bus of its own; and the reference updater installed in the sandbox's /opt. The host runs as root with the supplementary group root, which makes it an
-# administrator for the library. Nothing of the real machine is changed and nothing is left
-# running; what the demo wrote stays in BUILD/demo for a look afterwards.
+# Runs the demo host through the whole story in a sandbox. In private mount and process
+# namespaces, /var/lib, /etc and /opt are overlays whose changes land in BUILD/demo, /dev/shm
+# (where the lock semaphores live) is empty, the home and runtime folders lie in BUILD/demo, a
+# session bus of its own runs, and the reference updater is installed in the sandbox's /opt. The
+# host runs as root with the supplementary group root, which makes it an administrator for the
+# library. Nothing of the real machine is changed and nothing is left running; what the demo
+# wrote stays in BUILD/demo for a look afterwards.
 #
-# usage: run-demo.sh BUILD_DIR        (as root; exits 77 when a mount namespace is not possible)
+# usage: run-demo.sh BUILD_DIR        (as root; exits 77 when the namespaces are not possible)
 # CMAKE names the cmake program used to install the updater (default: cmake).
 set -eu
 
@@ -17,14 +18,15 @@ if [ "${1:-}" = --inside ]; then
   build=$2
   sandbox=$build/demo
   # Overlaying /var/lib of the machine itself would outlive this script: refuse.
-  if [ "$(readlink /proc/self/ns/mnt)" = "$(readlink /proc/1/ns/mnt)" ]; then
+  if [ "$(readlink /proc/self/ns/mnt)" = "${3:-}" ]; then
     echo "run-demo.sh: --inside must run in a mount namespace of its own" >&2
     exit 1
   fi
 
   bus_pid=
   stop_everything() {
-    # Updaters still running in this namespace (not a real one elsewhere), by process id.
+    # Updaters still running in this namespace, by process id (the namespace's end would kill
+    # them too, but not before they noticed their bus vanish).
     self_ns=$(readlink /proc/self/ns/mnt)
     for proc in /proc/[0-9]*; do
       if [ "$(readlink "$proc/exe" 2>/dev/null)" = "$updater_program" ] &&
@@ -101,17 +103,21 @@ if [ "$(id -u)" != 0 ]; then
   echo "run-demo.sh: the demo needs root for its private mount namespace (try: sudo make demo)" >&2
   exit 77
 fi
-if ! unshare -m --propagation private true 2>/dev/null; then
-  echo "run-demo.sh: this system does not allow a private mount namespace (unshare -m)" >&2
+if ! unshare --mount --pid --fork --mount-proc true 2>/dev/null; then
+  echo "run-demo.sh: this system does not allow private mount and process namespaces" >&2
   exit 77
 fi
 
 rm -rf "$sandbox"
 mkdir -p "$sandbox"
 echo "Sandbox: /var/lib, /etc and /opt are overlays whose changes go to $sandbox;"
-echo "HOME is $sandbox/home; a private session bus; the host runs with the group root."
+echo "HOME is $sandbox/home; private /dev/shm, processes and session bus; group root."
 status=0
-unshare -m --propagation private -- sh "$0" --inside "$build" || status=$?
+# A process namespace of its own too: the library looks for a running updater among all
+# processes, and must find the demo's alone. When the script inside ends, the kernel ends
+# whatever it left running.
+unshare --mount --pid --fork --mount-proc --propagation private -- \
+  sh "$0" --inside "$build" "$(readlink /proc/self/ns/mnt)" || status=$?
 # The overlays' work folders are the kernel's scratch space, of no use afterwards.
 rm -rf "$sandbox"/*/work
 if [ -n "${SUDO_UID:-}" ]; then chown -R "$SUDO_UID:${SUDO_GID:-$SUDO_UID}" "$sandbox"; fi

@@ -69,6 +69,25 @@ bool SandboxEnv::GetEnvironmentVariable(const std::string& name, std::string& va
   return EnvWrapper::GetEnvironmentVariable(name, value);
 }
 
+bool SandboxEnv::ListProcessIds(std::vector<pid_t>& pids) {
+  std::vector<pid_t> all;
+  if (!EnvWrapper::ListProcessIds(all)) return false;
+  const std::string prefix = mRoot + "/";
+  auto below = [&prefix](const std::string& path) {
+    return path.compare(0, prefix.size(), prefix) == 0;
+  };
+  pids.clear();
+  for (pid_t pid : all) {
+    ProcessInfo info;
+    if (!GetProcessInfo(pid, info)) continue;
+    // A script's program is its interpreter; the script is among its arguments.
+    bool inside = below(info.executablePath);
+    for (const std::string& argument : info.arguments) inside = inside || below(argument);
+    if (inside || pid == GetCurrentProcessId()) pids.push_back(pid);
+  }
+  return true;
+}
+
 std::string AbsolutePath(const std::string& path) {
   if (!path.empty() && path[0] == '/') return path;
   char* cwd = getcwd(nullptr, 0);

@@ -2,6 +2,7 @@
 #define ROZCTL_SANDBOXENV_H
 
 #include <string>
+#include <vector>
 
 #include "xplat/EnvWrapper.h"
 
@@ -14,7 +15,8 @@ namespace rozctl {
 //
 // Programs rozctl starts (the updater) see the same home: Activate() also rewrites this
 // process's environment, which they inherit. The updater finds the root from where it is
-// installed. Named semaphores are the one thing not moved: they live in /dev/shm, named after
+// installed. The sandbox's running applications are the processes whose program lies below DIR,
+// so an updater running on the real machine is not taken for the sandbox's, and the reverse. Named semaphores are the one thing not moved: they live in /dev/shm, named after
 // the resources, which under DIR are DIR's own paths.
 class SandboxEnv : public esd::EnvWrapper {
  public:
@@ -31,6 +33,7 @@ class SandboxEnv : public esd::EnvWrapper {
   std::string GetRootDirectory() override { return mRoot; }
   bool GetHomeDirectory(std::string& path) override;
   bool GetEnvironmentVariable(const std::string& name, std::string& value) override;
+  bool ListProcessIds(std::vector<pid_t>& pids) override;
 
  private:
   std::string mRoot;
