@@ -20,8 +20,6 @@ class Record : public XMLBoundObject<Record> {
  public:
   Record() = default;
   explicit Record(XMLDocumentNode* node) : XMLBoundObject<Record>(node) {}
-  virtual ~Record() = default;
-
   static std::string GetNodeRootName() { return "Record"; }
 
   bool GetappID(std::string& out) const { return GetAttributeField("appID", out); }
@@ -42,20 +40,17 @@ std::string Write(const XMLDocumentNode* node) {
   return out.str();
 }
 
-TEST(XMLBoundObject, NewRecordOwnsAnEmptyElementOfItsName) {
-  Record record;
-  XMLDocumentNode* root = record.GetObjectRoot();
-  ASSERT_NE(nullptr, root);
-  EXPECT_EQ("Record", root->GetElementName());
-  EXPECT_FALSE(root->IsDocumentNode());
-  EXPECT_TRUE(root->GetAllAttrs().empty());
-  EXPECT_TRUE(root->GetChildNodes().empty());
-  EXPECT_EQ("<Record></Record>", Write(root));
-  EXPECT_NE(Record().GetObjectRoot(), root);  // every new record has its own element
+std::string AppID(const Record& record) {
+  std::string id;
+  return record.GetappID(id) ? id : "<none>";
 }
 
+// A new record owns an empty element of its own; fields are stored in their text forms and read
+// back through the conversions; missing or unconvertible fields read as false.
 TEST(XMLBoundObject, FieldsLiveInTheElement) {
   Record record;
+  EXPECT_EQ("<Record></Record>", Write(record.GetObjectRoot()));
+  EXPECT_NE(Record().GetObjectRoot(), record.GetObjectRoot());
   EXPECT_TRUE(record.SetappID("com.example app"));
   EXPECT_TRUE(record.SetCount(-12));
   EXPECT_TRUE(record.SetEnabled(true));
@@ -70,22 +65,15 @@ TEST(XMLBoundObject, FieldsLiveInTheElement) {
   int count = 0;
   bool enabled = false;
   FileSystemVersion version(FileSystemVersion::kInvalidVersion);
-  EXPECT_TRUE(record.GetappID(text));
-  EXPECT_EQ("com.example app", text);  // whole text, not one word
-  EXPECT_TRUE(record.GetCount(count));
-  EXPECT_EQ(-12, count);
-  EXPECT_TRUE(record.GetEnabled(enabled));
-  EXPECT_TRUE(enabled);
-  EXPECT_TRUE(record.Getversion(version));
-  EXPECT_EQ("5.1.0.0", version.ToString());
-  EXPECT_TRUE(record.GetDisplayName(text));
-  EXPECT_EQ("Example <App> & more", text);
+  EXPECT_EQ("com.example app", AppID(record));  // whole text, not one word
+  EXPECT_TRUE(record.GetCount(count) && count == -12);
+  EXPECT_TRUE(record.GetEnabled(enabled) && enabled);
+  EXPECT_TRUE(record.Getversion(version) && version.ToString() == "5.1.0.0");
+  EXPECT_TRUE(record.GetDisplayName(text) && text == "Example <App> & more");
 
-  // Missing fields report false and leave the output alone; bad numbers report false.
   Record bare;
   text = "kept";
   count = 7;
-  EXPECT_FALSE(bare.GetappID(text));
   EXPECT_FALSE(bare.GetCount(count));
   EXPECT_FALSE(bare.GetDisplayName(text));
   EXPECT_EQ("kept", text);
@@ -96,28 +84,18 @@ TEST(XMLBoundObject, FieldsLiveInTheElement) {
   EXPECT_FALSE(bare.GetEnabled(enabled));
 }
 
+// Copies share one element, which outlives the record that made it; copies of a bound record
+// write into the document.
 TEST(XMLBoundObject, CopiesShareOneElement) {
-  Record original;
-  Record copy(original);
-  Record assigned;
-  assigned = original;
-  EXPECT_EQ(original.GetObjectRoot(), copy.GetObjectRoot());
-  EXPECT_EQ(original.GetObjectRoot(), assigned.GetObjectRoot());
-
-  EXPECT_TRUE(assigned.SetappID("shared"));
-  std::string id;
-  EXPECT_TRUE(original.GetappID(id));
-  EXPECT_EQ("shared", id);
-
-  // The shared element outlives the record that made it.
   std::unique_ptr<Record> maker(new Record);
-  Record survivor(*maker);
-  maker->SetDisplayName("still here");
+  Record copy(*maker);
+  Record assigned;
+  assigned = copy;
+  EXPECT_TRUE(assigned.SetappID("shared"));
+  EXPECT_EQ("shared", AppID(*maker));
   maker.reset();
-  EXPECT_TRUE(survivor.GetDisplayName(id));
-  EXPECT_EQ("still here", id);
+  EXPECT_EQ("shared", AppID(copy));
 
-  // Copies of a bound record write into the document.
   XMLDocumentNode document("Store");
   auto* element = new XMLDocumentNode("Record");
   document.AddChildNode(element);
@@ -127,10 +105,10 @@ TEST(XMLBoundObject, CopiesShareOneElement) {
   EXPECT_EQ("<Store>\n<Record count=\"3\"></Record>\n</Store>", Write(&document));
 }
 
+// Detach gives a bound record a private deep copy once; copies taken before stay bound; an empty
+// record has nothing to detach and no fields.
 TEST(XMLBoundObject, DetachMakesAPrivateCopyOnce) {
-  Record fresh;
-  EXPECT_FALSE(fresh.Detach());  // already owns its element
-
+  EXPECT_FALSE(Record().Detach());  // already owns its element
   XMLDocumentNode document("Store");
   auto* element = new XMLDocumentNode("Record");
   element->SetAttributeData("appID", "a");
@@ -143,48 +121,27 @@ TEST(XMLBoundObject, DetachMakesAPrivateCopyOnce) {
   ASSERT_TRUE(record.Detach());
   EXPECT_FALSE(record.Detach());
   EXPECT_NE(element, record.GetObjectRoot());
-  EXPECT_EQ(Write(element), Write(record.GetObjectRoot()));  // a deep copy
-
+  EXPECT_EQ(Write(element), Write(record.GetObjectRoot()));
   EXPECT_TRUE(record.SetappID("b"));
   EXPECT_TRUE(record.SetDisplayName("private"));
   EXPECT_EQ(before, Write(&document));
-  std::string id;
-  EXPECT_TRUE(sharer.GetappID(id));  // a copy taken before detaching stays bound
-  EXPECT_EQ("a", id);
+  EXPECT_EQ("a", AppID(sharer));
+
+  // Rebinding drops the private copy: writes go to the new node.
+  XMLDocumentNode* privateCopy = record.GetObjectRoot();
+  EXPECT_EQ(privateCopy, record.SetObjectRoot(element));
+  EXPECT_TRUE(record.SetappID("c"));
+  EXPECT_EQ("c", AppID(sharer));
 
   Record empty(element);
   empty.SetObjectRoot(nullptr);
   EXPECT_FALSE(empty.Detach());
-  EXPECT_EQ(nullptr, empty.GetObjectRoot());
   EXPECT_FALSE(empty.SetappID("x"));
-  EXPECT_FALSE(empty.GetappID(id));
   EXPECT_FALSE(empty.SetDisplayName("x"));
-  EXPECT_FALSE(empty.GetDisplayName(id));
+  EXPECT_EQ("<none>", AppID(empty));
 }
 
-TEST(XMLBoundObject, SetObjectRootReturnsThePreviousRootAndDropsOwnership) {
-  Record owner;
-  Record keeper(owner);  // keeps the owned element alive after owner lets go
-  XMLDocumentNode* ownedElement = owner.GetObjectRoot();
-  XMLDocumentNode other("Record");
-
-  EXPECT_EQ(ownedElement, owner.SetObjectRoot(&other));
-  EXPECT_EQ(&other, owner.GetObjectRoot());
-  EXPECT_TRUE(owner.SetappID("on other"));
-  std::string id;
-  EXPECT_TRUE(other.GetAttrValue("appID", id));
-  EXPECT_FALSE(keeper.GetappID(id));  // the old element did not get the write
-  EXPECT_EQ(ownedElement, keeper.GetObjectRoot());
-
-  // A detached record that is rebound works on the new node, not on its copy.
-  Record bound(&other);
-  ASSERT_TRUE(bound.Detach());
-  XMLDocumentNode third("Record");
-  XMLDocumentNode* copy = bound.GetObjectRoot();
-  EXPECT_EQ(copy, bound.SetObjectRoot(&third));
-  EXPECT_EQ(&third, bound.GetObjectRoot());
-}
-
+// Only children of exactly the record's name, in document order, bound to the store.
 TEST(XMLBoundObjectUtils, ChildrenAsTypeTakesExactNamesInDocumentOrder) {
   XMLDocumentNode store("Store");
   for (const char* name : {"Record", "record", "Other", "Record", "RecordX", "Record"}) {
@@ -192,26 +149,15 @@ TEST(XMLBoundObjectUtils, ChildrenAsTypeTakesExactNamesInDocumentOrder) {
     child->SetAttributeData("appID", std::to_string(store.GetChildNodes().size()));
     store.AddChildNode(child);
   }
-  auto* nested = new XMLDocumentNode("Record");
-  store.GetChildNodes()[2]->AddChildNode(nested);
+  store.GetChildNodes()[2]->AddChildNode(new XMLDocumentNode("Record"));
 
   std::vector<Record> records(2);  // cleared first
   ASSERT_TRUE(XMLBoundObjectUtils::GetNodeChildrenAsType(&store, "Record", records));
   ASSERT_EQ(3u, records.size());
-  std::vector<std::string> ids;
-  for (const Record& record : records) {
-    std::string id;
-    EXPECT_TRUE(record.GetappID(id));
-    ids.push_back(id);
-  }
-  EXPECT_EQ((std::vector<std::string>{"0", "3", "5"}), ids);
-
-  // The records are bound: they write into the store.
-  EXPECT_TRUE(records[1].SetCount(9));
-  std::string count;
-  EXPECT_TRUE(store.GetChildNodes()[3]->GetAttrValue("count", count));
-  EXPECT_EQ("9", count);
-
+  EXPECT_EQ("0", AppID(records[0]));
+  EXPECT_EQ("3", AppID(records[1]));
+  EXPECT_EQ("5", AppID(records[2]));
+  EXPECT_EQ(store.GetChildNodes()[3], records[1].GetObjectRoot());
   EXPECT_TRUE(XMLBoundObjectUtils::GetNodeChildrenAsType(&store, "Missing", records));
   EXPECT_TRUE(records.empty());
 }
