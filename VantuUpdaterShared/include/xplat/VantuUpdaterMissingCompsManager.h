@@ -74,8 +74,9 @@ class VantuUpdaterMissingCompsManager
   // field of the existing entry, a failed save. An unparsable compVersion throws
   // std::runtime_error "Unable to parse version" and nothing is saved.
   //
-  // The lookup and the save each take the lock on their own; the lock is not held in between
-  // unless the caller holds it, so a concurrent writer's tree can be overwritten by this one's.
+  // The lock is held from the lookup to the save (taken here unless the caller holds it): the
+  // save writes the whole tree that the lookup loaded, so another process writing in between
+  // would otherwise have its entries silently overwritten by this older tree.
   unsigned UpdateWithAppAndCompData(const char* appID, const unsigned char* displayName,
                                     const unsigned char* installPath, int opType, char* compName,
                                     char* compCategory, char* compVersion);

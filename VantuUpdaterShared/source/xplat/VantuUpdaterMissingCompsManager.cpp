@@ -157,6 +157,8 @@ unsigned VantuUpdaterMissingCompsManager::UpdateWithAppAndCompData(
   const std::string sDisplayName(reinterpret_cast<const char*>(displayName));
   const std::string sInstallPath(reinterpret_cast<const char*>(installPath));
 
+  StoreLockScope lock(*this);
+  if (!lock.Held()) return kUpdateFailed;
   std::unique_ptr<VantuUpdaterMissingCompsApp> entry;
   if (GetMissingCompsAppByAppID(appID, entry)) {
     // The entry is bound to the tree just loaded, so the changes below go into that tree and the
