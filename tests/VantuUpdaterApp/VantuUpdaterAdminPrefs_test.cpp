@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <optional>
@@ -18,7 +19,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using testing_support::TempDir;
 using testing_support::TestEnv;
 using testing_support::WriteFile;
 
@@ -26,6 +26,8 @@ std::string XmlPolicy(const std::string& body) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n" + body +
          "\n</plist>\n";
 }
+
+const std::string kDisabled = XmlPolicy("<dict><key>Disable.Update</key><true/></dict>");
 
 std::string BinaryPolicy(bool disable) {
   plist_t dict = plist_new_dict();
@@ -39,9 +41,20 @@ std::string BinaryPolicy(bool disable) {
   return result;
 }
 
+// The answer, or nullopt for none; no answer must leave the caller's value alone.
+std::optional<bool> Ask() {
+  for (bool start : {true, false}) {
+    bool enabled = start;
+    if (VantuUpdaterAdminPrefs::GetVantuUpdaterAdminPrefs().GetUpdateCheckEnabled(enabled))
+      return enabled;
+    EXPECT_EQ(enabled, start) << "no answer changed the caller's value";
+  }
+  return std::nullopt;
+}
+
 class AdminPrefsTest : public ::testing::Test {
  protected:
-  AdminPrefsTest() : mScope(&mEnv) {
+  AdminPrefsTest() {
     mEnv.SetRoot(mBase / "root");
     mEnv.SetHome(mBase / "home");
     fs::create_directories(mBase / "root");
@@ -51,82 +64,48 @@ class AdminPrefsTest : public ::testing::Test {
     fs::create_directories(mBase / "root/etc");
     WriteFile(policyFile(), bytes);
   }
-  // The answer, or nullopt for none; checks that no answer leaves `enabled` alone.
-  static std::optional<bool> Ask() {
-    for (bool start : {true, false}) {
-      bool enabled = start;
-      if (!VantuUpdaterAdminPrefs::GetVantuUpdaterAdminPrefs().GetUpdateCheckEnabled(enabled)) {
-        EXPECT_EQ(enabled, start) << "no answer changed the caller's value";
-        continue;
-      }
-      return enabled;
-    }
-    return std::nullopt;
-  }
 
-  TempDir mBase;
+  testing_support::TempDir mBase;
   TestEnv mEnv;
-  esd::ScopedEnv mScope;
+  esd::ScopedEnv mScope{&mEnv};
 };
 
-// Only a boolean "Disable.Update" in a root dictionary answers, in XML or binary form.
+// Only a boolean "Disable.Update" in a root dictionary answers, in XML or binary form; the
+// answer follows every edit, and a missing file or folder gives none (and is never created).
 TEST_F(AdminPrefsTest, OnlyABooleanInADictionaryAnswers) {
-  EXPECT_EQ(Ask(), std::nullopt) << "no etc folder";
-  EXPECT_FALSE(fs::exists(mBase / "root/etc")) << "the folder is never created";
-  fs::create_directories(mBase / "root/etc");
-  EXPECT_EQ(Ask(), std::nullopt) << "no policy file";
-
+  EXPECT_EQ(Ask(), std::nullopt);
+  EXPECT_FALSE(fs::exists(mBase / "root/etc"));
   const std::pair<std::string, std::optional<bool>> cases[] = {
-      {XmlPolicy("<dict><key>Disable.Update</key><true/></dict>"), false},
-      {XmlPolicy("<dict><key>Disable.Update</key><false/></dict>"), true},
+      {kDisabled, false},
       {XmlPolicy("<dict><key>Other</key><true/><key>Disable.Update</key><false/></dict>"), true},
       {BinaryPolicy(true), false},
       {BinaryPolicy(false), true},
       {XmlPolicy("<dict><key>Disable.Update</key><string>true</string></dict>"), std::nullopt},
       {XmlPolicy("<dict><key>Disable.Update</key><integer>1</integer></dict>"), std::nullopt},
-      {XmlPolicy("<dict><key>Disable.Update</key><real>1.0</real></dict>"), std::nullopt},
       {XmlPolicy("<dict><key>disable.update</key><true/></dict>"), std::nullopt},
-      {XmlPolicy("<dict/>"), std::nullopt},
       {XmlPolicy("<array><dict><key>Disable.Update</key><true/></dict></array>"), std::nullopt},
-      {XmlPolicy("<true/>"), std::nullopt},
       {"<?xml version=\"1.0\"?><plist><dict><key>Disable.Update</key><true/>", std::nullopt},
       {"bplist00 not really", std::nullopt},
       {"", std::nullopt},
   };
   for (const auto& [bytes, expected] : cases) {
-    SCOPED_TRACE(bytes);
     WritePolicy(bytes);
-    EXPECT_EQ(Ask(), expected);
+    EXPECT_EQ(Ask(), expected) << bytes;
   }
-
-  // Neither a folder nor a named pipe in its place is a policy, and the pipe does not block.
   fs::remove(policyFile());
-  fs::create_directory(policyFile());
   EXPECT_EQ(Ask(), std::nullopt);
+  fs::create_directory(policyFile());
+  EXPECT_EQ(Ask(), std::nullopt) << "a folder";
   fs::remove(policyFile());
   ASSERT_EQ(mkfifo(policyFile().c_str(), 0600), 0);
-  EXPECT_EQ(Ask(), std::nullopt);
-}
-
-// Nothing is cached: the administrator's edit counts from the next call, and removing the file
-// removes the answer.
-TEST_F(AdminPrefsTest, EveryCallReadsTheFileAfresh) {
-  WritePolicy(XmlPolicy("<dict><key>Disable.Update</key><true/></dict>"));
-  EXPECT_EQ(Ask(), false);
-  WritePolicy(XmlPolicy("<dict><key>Disable.Update</key><false/></dict>"));
-  EXPECT_EQ(Ask(), true);
-  fs::remove(policyFile());
-  EXPECT_EQ(Ask(), std::nullopt);
-  EXPECT_EQ(&VantuUpdaterAdminPrefs::GetVantuUpdaterAdminPrefs(),
-            &VantuUpdaterAdminPrefs::GetVantuUpdaterAdminPrefs());
+  EXPECT_EQ(Ask(), std::nullopt) << "a named pipe, which must not block";
 }
 
 // A policy file in the user's own folders is never consulted.
 TEST_F(AdminPrefsTest, UsersOwnPolicyFileIsIgnored) {
   for (const char* folder : {"home/.config", "home/.local/share", "home"}) {
     fs::create_directories(mBase / folder);
-    WriteFile(mBase / (std::string(folder) + "/com.vantu.VantuUpdater.Admin.plist"),
-              XmlPolicy("<dict><key>Disable.Update</key><true/></dict>"));
+    WriteFile(mBase / (std::string(folder) + "/com.vantu.VantuUpdater.Admin.plist"), kDisabled);
   }
   EXPECT_EQ(Ask(), std::nullopt);
   EXPECT_FALSE(CreateVantuUpdaterAdminPrefsPropListRef());
@@ -134,7 +113,7 @@ TEST_F(AdminPrefsTest, UsersOwnPolicyFileIsIgnored) {
 
 // The parsed list is handed out as a dictionary; a file the user cannot read gives nothing.
 TEST_F(AdminPrefsTest, PropertyListIsReadableOnlyWhenTheFileIs) {
-  WritePolicy(XmlPolicy("<dict><key>Disable.Update</key><true/></dict>"));
+  WritePolicy(kDisabled);
   const esd::PropertyList list = CreateVantuUpdaterAdminPrefsPropListRef();
   ASSERT_TRUE(list);
   EXPECT_TRUE(list.IsDictionary());
@@ -143,14 +122,11 @@ TEST_F(AdminPrefsTest, PropertyListIsReadableOnlyWhenTheFileIs) {
     chmod(path.c_str(), 0755);
   chmod(policyFile().c_str(), 0600);
   const int status = testing_support::RunUnprivileged([&] {
-    if (access(policyFile().c_str(), R_OK) == 0) return 50;  // still readable: no such view
+    if (access(policyFile().c_str(), R_OK) == 0) return 50;  // no such view for this user
     TestEnv env;
     env.SetRoot(mBase / "root");
     esd::ScopedEnv scope(&env);
-    bool enabled = true;
-    if (CreateVantuUpdaterAdminPrefsPropListRef()) return 1;
-    return VantuUpdaterAdminPrefs::GetVantuUpdaterAdminPrefs().GetUpdateCheckEnabled(enabled) ? 2
-                                                                                                : 0;
+    return CreateVantuUpdaterAdminPrefsPropListRef() || Ask() ? 1 : 0;
   });
   if (status == 50) GTEST_SKIP() << "the file stays readable for this user";
   EXPECT_EQ(status, 0);
