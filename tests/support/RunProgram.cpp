@@ -48,10 +48,10 @@ ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions&
     for (const auto& variable : options.setVariables)
       setenv(variable.first.c_str(), variable.second.c_str(), 1);
     for (const std::string& name : options.unsetVariables) unsetenv(name.c_str());
-    if (options.asAdministrator) {
-      const gid_t root = 0;
-      if (setgroups(1, &root) != 0) _exit(125);
-    }
+    const gid_t root = 0;
+    if (options.groups == RunOptions::Groups::kAdministrator && setgroups(1, &root) != 0)
+      _exit(125);
+    if (options.groups == RunOptions::Groups::kNone && setgroups(0, nullptr) != 0) _exit(125);
     std::vector<char*> args;
     for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
@@ -87,6 +87,6 @@ ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions&
   return result;
 }
 
-bool CanRunAsAdministrator() { return geteuid() == 0; }
+bool CanChooseGroups() { return geteuid() == 0; }
 
 }  // namespace testing_support

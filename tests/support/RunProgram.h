@@ -15,13 +15,14 @@ struct ProgramResult {
 };
 
 struct RunOptions {
-  // Variables set (or, with an empty value and unset listed, removed) in the program's
-  // environment on top of this process's.
+  // Variables set in, and removed from, the program's environment, which is otherwise this
+  // process's.
   std::map<std::string, std::string> setVariables;
   std::vector<std::string> unsetVariables;
-  // Runs the program with the supplementary group list {0} ("root"), which makes it an
-  // administrator for the library. Needs root; see CanRunAsAdministrator.
-  bool asAdministrator = false;
+  // The program's supplementary groups: inherited, {0} ("root", which makes it an administrator
+  // for the library), or none (not an administrator). Choosing needs root; see CanChooseGroups.
+  enum class Groups { kInherited, kAdministrator, kNone };
+  Groups groups = Groups::kInherited;
   int timeoutMs = 60000;
 };
 
@@ -29,8 +30,8 @@ struct RunOptions {
 // waits for it. A program still running after the time-out is killed.
 ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
 
-// Whether RunOptions::asAdministrator can work here: only root may set its groups.
-bool CanRunAsAdministrator();
+// Whether RunOptions::groups can be chosen here: only root may set its groups.
+bool CanChooseGroups();
 
 }  // namespace testing_support
 
