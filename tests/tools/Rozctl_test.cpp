@@ -132,6 +132,7 @@ TEST_F(RozctlTest, BadUsageExitsWithTwoAndHelpWithZero) {
 
   for (const std::vector<std::string>& args : {std::vector<std::string>{ROZCTL_PROGRAM},
                                                {ROZCTL_PROGRAM, "--root"},
+                                               {ROZCTL_PROGRAM, "--root", "/", "apps"},
                                                {ROZCTL_PROGRAM, "--verbose", "apps"}}) {
     const ProgramResult result = RunProgram(args);
     EXPECT_EQ(2, result.exitStatus) << args.back();

@@ -11,7 +11,8 @@
 # CMAKE names the cmake program used to install the updater (default: cmake).
 set -eu
 
-updater_program="/opt/Vantu Utilities.localized/Vantu Updater5/Vantu Updater.app/Contents/MacOS/Vantu Updater"
+updater_program="/opt/Vantu Utilities.localized/Vantu Updater5/Vantu Updater.app"
+updater_program="$updater_program/Contents/MacOS/Vantu Updater"
 
 # --- Inside the private mount namespace --------------------------------------------------------
 if [ "${1:-}" = --inside ]; then

@@ -33,8 +33,8 @@ void PrintPath(const std::string& label, const std::string& path) {
     std::cout << padded << "(cannot be determined)\n";
     return;
   }
-  std::cout << padded << path
-            << (FileSystemUtils::DoesPathExist(path) ? "" : " (does not exist)") << "\n";
+  std::cout << padded << path << (FileSystemUtils::DoesPathExist(path) ? "" : " (does not exist)")
+            << "\n";
 }
 
 int RunFolders(const std::vector<std::string>& args) {

@@ -89,11 +89,14 @@ bool SandboxEnv::ListProcessIds(std::vector<pid_t>& pids) {
 }
 
 std::string AbsolutePath(const std::string& path) {
-  if (!path.empty() && path[0] == '/') return path;
-  char* cwd = getcwd(nullptr, 0);
-  if (cwd == nullptr) return path;
-  std::string absolute = FileSystemUtils::AppendPathElement(cwd, path);
-  std::free(cwd);
+  std::string absolute = path;
+  if (absolute.empty() || absolute[0] != '/') {
+    char* cwd = getcwd(nullptr, 0);
+    if (cwd == nullptr) return path;
+    absolute = FileSystemUtils::AppendPathElement(cwd, path);
+    std::free(cwd);
+  }
+  while (absolute.size() > 1 && absolute.back() == '/') absolute.pop_back();
   return absolute;
 }
 

@@ -16,11 +16,13 @@ namespace rozctl {
 // Programs rozctl starts (the updater) see the same home: Activate() also rewrites this
 // process's environment, which they inherit. The updater finds the root from where it is
 // installed. The sandbox's running applications are the processes whose program lies below DIR,
-// so an updater running on the real machine is not taken for the sandbox's, and the reverse. Named semaphores are the one thing not moved: they live in /dev/shm, named after
-// the resources, which under DIR are DIR's own paths.
+// so an updater running on the real machine is not taken for the sandbox's, and the reverse.
+// Named semaphores are the one thing not moved: they live in /dev/shm, named after the
+// resources, which under DIR are mostly DIR's own paths (the preferences' lock, "VantuUpdater",
+// and the applications' workflow locks are named without a path and shared with the machine).
 class SandboxEnv : public esd::EnvWrapper {
  public:
-  // `root` must be absolute.
+  // `root` must be absolute, without a trailing "/", and not "/" itself.
   explicit SandboxEnv(const std::string& root);
 
   // Creates DIR, DIR/home, DIR/run (mode 0700) and DIR/tmp when missing and points HOME,
@@ -42,7 +44,8 @@ class SandboxEnv : public esd::EnvWrapper {
   std::string mTemp;
 };
 
-// An absolute form of `path` (relative to the current folder), without creating anything.
+// An absolute form of `path` (relative to the current folder) without trailing "/", without
+// creating anything.
 std::string AbsolutePath(const std::string& path);
 
 }  // namespace rozctl

@@ -69,15 +69,17 @@ int Main(int argc, char** argv) {
       PrintOverview();
       return kExitOK;
     }
-    if (args[at] == "--root" && at + 1 < args.size() && !args[at + 1].empty()) {
-      root = AbsolutePath(args[at + 1]);
-      at += 2;
-      continue;
+    std::string error = "unknown option " + args[at];
+    if (args[at] == "--root") {
+      error = "--root needs a folder other than /";
+      // The real machine is what rozctl works on without --root; "/" would only move the home.
+      if (at + 1 < args.size() && !args[at + 1].empty() && AbsolutePath(args[at + 1]) != "/") {
+        root = AbsolutePath(args[at + 1]);
+        at += 2;
+        continue;
+      }
     }
-    std::cerr << "rozctl: "
-              << (args[at] == "--root" ? "--root needs a folder" : "unknown option " + args[at])
-              << "\n"
-              << kUsage << "\n";
+    std::cerr << "rozctl: " << error << "\n" << kUsage << "\n";
     return kExitUsage;
   }
   if (at == args.size()) {
