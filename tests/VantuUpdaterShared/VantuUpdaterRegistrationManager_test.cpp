@@ -17,10 +17,9 @@
 #include "support/FileStamp.h"
 #include "support/SemaphoreGuard.h"
 #include "support/TempDir.h"
-#include "support/TestEnv.h"
+#include "support/UpdaterSandbox.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/ResourceLocker.h"
-#include "xplat/ScopedEnv.h"
 
 namespace {
 
@@ -57,11 +56,7 @@ unsigned Unregister(const std::string& id) {
 
 class RegistrationStore : public ::testing::Test {
  protected:
-  void SetUp() override {
-    mEnv.SetRoot(mTemp / "root");
-    mEnv.SetHome(mTemp / "home");
-    VantuUpdaterRegistrationManager makesFolders;
-  }
+  void SetUp() override { VantuUpdaterRegistrationManager makesFolders; }
   bool StoreExists() const { return FileSystemUtils::DoesPathExist(mStorePath); }
   uint16_t StoreMode() const {
     uint16_t mode = 0;
@@ -69,10 +64,8 @@ class RegistrationStore : public ::testing::Test {
     return mode;
   }
 
-  testing_support::TempDir mTemp;
-  testing_support::TestEnv mEnv;
-  esd::ScopedEnv mScope{&mEnv};
-  const std::string mStorePath = mTemp / "root/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml";
+  testing_support::UpdaterSandbox mSandbox;
+  const std::string mStorePath = mSandbox.RegistryFile();
   testing_support::SemaphoreGuard mLockGuard{mStorePath};
 };
 
@@ -84,8 +77,8 @@ TEST_F(RegistrationStore, FirstInsertionsWriteTheExactText) {
   EXPECT_EQ(0664, StoreMode());
   EXPECT_FALSE(FileSystemUtils::DoesPathExist(mStorePath + "_"));
 
-  WriteFile(mTemp / "plain-file", "x");
-  mEnv.SetRoot(mTemp / "plain-file");
+  WriteFile(mSandbox.home() + "/plain-file", "x");
+  mSandbox.env().SetRoot(mSandbox.home() + "/plain-file");
   try {
     VantuUpdaterRegistrationManager store;
     ADD_FAILURE() << "no exception";
