@@ -16,10 +16,9 @@
 #include "support/FileStamp.h"
 #include "support/SemaphoreGuard.h"
 #include "support/TempDir.h"
-#include "support/TestEnv.h"
+#include "support/UpdaterSandbox.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/ResourceLocker.h"
-#include "xplat/ScopedEnv.h"
 
 namespace {
 
@@ -63,17 +62,11 @@ unsigned RequestA(const char* comp, const char* category, const char* version,
 
 class MissingCompsStore : public ::testing::Test {
  protected:
-  void SetUp() override {
-    mEnv.SetRoot(mTemp / "root");
-    mEnv.SetHome(mTemp / "home");
-    VantuUpdaterMissingCompsManager makesFolders;
-  }
+  void SetUp() override { VantuUpdaterMissingCompsManager makesFolders; }
   bool StoreExists() const { return FileSystemUtils::DoesPathExist(mStorePath); }
 
-  testing_support::TempDir mTemp;
-  testing_support::TestEnv mEnv;
-  esd::ScopedEnv mScope{&mEnv};
-  const std::string mStorePath = mTemp / "home/.local/share/Vantu/Updater5/VantuMissingComps.xml";
+  testing_support::UpdaterSandbox mSandbox;
+  const std::string mStorePath = mSandbox.MissingCompsFile();
   testing_support::SemaphoreGuard mLockGuard{mStorePath};
 };
 
@@ -88,7 +81,7 @@ TEST_F(MissingCompsStore, FirstRequestsWriteTheExactText) {
   ASSERT_TRUE(FileSystemUtils::GetFilePermission(mStorePath, mode));
   EXPECT_EQ(0666, mode & 0666);
 
-  mEnv.SetHome("");
+  mSandbox.env().SetHome("");
   try {
     VantuUpdaterMissingCompsManager store;
     ADD_FAILURE() << "no exception";
