@@ -13,6 +13,7 @@
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "support/Unprivileged.h"
+#include "support/UpdaterSandbox.h"
 #include "xplat/ResourceLocker.h"
 #include "xplat/ScopedEnv.h"
 #include "xplat/VantuUpdaterNotifyWorkflowLocker.h"
@@ -27,19 +28,11 @@ using VantuUpdaterUtils::DoesUserHaveAdminPrivileges;
 
 class NotifyTest : public ::testing::Test {
  protected:
-  NotifyTest() {
-    mEnv.SetRoot(root());
-    mEnv.SetHome(mBase / "home");
-    mEnv.SetVariable("XDG_RUNTIME_DIR", runtime());
-    fs::create_directories(runtime());
-    fs::create_directories(root());
-  }
-  std::string root() const { return mBase / "root"; }
-  std::string runtime() const { return mBase / "run"; }
+  std::string root() const { return mSandbox.root(); }
+  std::string runtime() const { return mSandbox.runtimeDir(); }
 
-  testing_support::TempDir mBase;
-  TestEnv mEnv;
-  esd::ScopedEnv mScope{&mEnv};
+  testing_support::UpdaterSandbox mSandbox;
+  TestEnv& mEnv = mSandbox.env();
   const std::string mAppID = "NotifyTest" + std::to_string(getpid());
   testing_support::SemaphoreGuard mGuard{mAppID};
 };
@@ -97,8 +90,8 @@ TEST_F(NotifyTest, DoubtfulIdentifiersAndFoldersReadAsActive) {
   }
   EXPECT_FALSE(fs::exists(runtime() + "/Updater5/escape"));
   EXPECT_FALSE(fs::exists(runtime() + "/escape"));
-  testing_support::WriteFile(mBase / "not-a-folder", "");
-  mEnv.SetVariable("XDG_RUNTIME_DIR", mBase / "not-a-folder");
+  testing_support::WriteFile(root() + "/not-a-folder", "");
+  mEnv.SetVariable("XDG_RUNTIME_DIR", root() + "/not-a-folder");
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_FALSE(Locker::CreateIPCLockFile(mAppID));
   EXPECT_FALSE(testing_support::SemaphoreExists(mAppID));
@@ -136,7 +129,8 @@ TEST_F(NotifyTest, UnwritableApplicationsFolderOverridesTheGroups) {
   EXPECT_TRUE(DoesUserHaveAdminPrivileges()) << "no applications folder";
   const std::string applications = root() + "/Applications";
   fs::create_directory(applications);
-  for (const std::string& path : {mBase.path(), root(), applications}) chmod(path.c_str(), 0755);
+  for (const std::string& path : {fs::path(root()).parent_path().string(), root(), applications})
+    chmod(path.c_str(), 0755);
   EXPECT_TRUE(DoesUserHaveAdminPrivileges()) << "its owner can write it";
   mEnv.DenyAccess(applications);
   EXPECT_FALSE(DoesUserHaveAdminPrivileges());
