@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -15,10 +16,9 @@
 
 #include "support/ChildProcess.h"
 #include "support/TempDir.h"
-#include "support/TestEnv.h"
+#include "support/UpdaterSandbox.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/ResourceLocker.h"
-#include "xplat/ScopedEnv.h"
 
 using testing_support::ReadFile;
 using testing_support::WriteFile;
@@ -27,29 +27,10 @@ namespace {
 
 const char kDeclaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n";
 
-// A user of their own (temporary home and machine root, XDG variables unset), installed as the
-// library's Env; forked children inherit it.
-class PrefsSandbox {
- public:
-  PrefsSandbox() {
-    mEnv.SetRoot(mDir / "root");
-    mEnv.SetHome(home());
-    mkdir(home().c_str(), 0755);
-  }
-  testing_support::TestEnv& env() { return mEnv; }
-  std::string home() const { return mDir / "home"; }
-  std::string DataDir() const { return home() + "/.local/share/Vantu/Updater5"; }
-  std::string PrefsFile() const { return DataDir() + "/VantuUpdaterPrefs.dat"; }
+// A sandboxed user (XDG variables unset) with the preference paths.
+struct PrefsSandbox : testing_support::UpdaterSandbox {
+  std::string PrefsFile() const { return UserDataDir() + "/VantuUpdaterPrefs.dat"; }
   std::string DefaultDownloadDir() const { return home() + "/Documents/Updater5"; }
-  void WritePrefs(const std::string& settings) {
-    FileSystemUtils::CreateLocalDirectory(DataDir());
-    WriteFile(PrefsFile(), settings);
-  }
-
- private:
-  testing_support::TempDir mDir;
-  testing_support::TestEnv mEnv;
-  esd::ScopedEnv mScope{&mEnv};
 };
 
 template <class T>
@@ -82,7 +63,7 @@ TEST(VantuUpdaterPrefs, NewUserReadsDefaultsAndSetsWriteTheSharedFile) {
   EXPECT_TRUE(prefs.NotificationMessage.Get(messages) && messages.empty());
   EXPECT_EQ("", Read(prefs.Launch) + Read(prefs.ProxyServer) + Read(prefs.ProxyPort));
   EXPECT_EQ(0, Read(prefs.ConnectionType));
-  EXPECT_EQ(sandbox.DataDir() + "/roz.log", Read(prefs.logFile));
+  EXPECT_EQ(sandbox.UserDataDir() + "/roz.log", Read(prefs.logFile));
   EXPECT_EQ(2UL, Read(prefs.logLevel));
   EXPECT_FALSE(FileSystemUtils::DoesPathExist(sandbox.PrefsFile()));
 
@@ -132,7 +113,7 @@ TEST(VantuUpdaterPrefs, RecreatesOnlyTheDefaultDownloadFolder) {
 // that cannot even be deleted stops the start with the parse error.
 TEST(VantuUpdaterPrefs, CorruptFileIsReplaced) {
   PrefsSandbox sandbox;
-  sandbox.WritePrefs("<VantuUpdater><AutoCheck>0</AutoCheck>");
+  WriteFile(sandbox.PrefsFile(), "<VantuUpdater><AutoCheck>0</AutoCheck>");
   {
     VantuUpdaterPrefs prefs;
     EXPECT_TRUE(Read(prefs.AutoCheck));
@@ -157,6 +138,7 @@ TEST(VantuUpdaterPrefs, CorruptFileIsReplaced) {
 // things are fixed (in a child, so this process's singleton never points into a test folder).
 TEST(VantuUpdaterPrefs, NoDataFolderAndTheSingleton) {
   PrefsSandbox sandbox;
+  std::filesystem::remove_all(sandbox.home() + "/.local");
   WriteFile(sandbox.home() + "/.local", "a file where a folder belongs");
   const pid_t child = testing_support::StartChild([&] {
     try {
@@ -230,8 +212,9 @@ TEST(VantuUpdaterPrefs, WaitsForTheSharedLock) {
 // A frequency that cannot be read makes the check not due, whatever the date says.
 TEST(VantuUpdaterPrefs, UnreadableFrequencyIsNotDue) {
   PrefsSandbox sandbox;
-  sandbox.WritePrefs(std::string(kDeclaration) +
-                     "<VantuUpdater><AutoCheckFreq>weekly</AutoCheckFreq></VantuUpdater>");
+  WriteFile(sandbox.PrefsFile(),
+            std::string(kDeclaration) +
+                "<VantuUpdater><AutoCheckFreq>weekly</AutoCheckFreq></VantuUpdater>");
   VantuUpdaterPrefs prefs;
   EXPECT_FALSE(prefs.HasAutocheckPeriodElapsed());
   ASSERT_TRUE(prefs.AutoCheckFreq.Set(1));
