@@ -14,6 +14,7 @@
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "support/Unprivileged.h"
+#include "support/UpdaterSandbox.h"
 #include "xplat/ScopedEnv.h"
 
 namespace {
@@ -54,27 +55,18 @@ std::optional<bool> Ask() {
 
 class AdminPrefsTest : public ::testing::Test {
  protected:
-  AdminPrefsTest() {
-    mEnv.SetRoot(mBase / "root");
-    mEnv.SetHome(mBase / "home");
-    fs::create_directories(mBase / "root");
-  }
-  std::string policyFile() const { return mBase / "root/etc/com.vantu.VantuUpdater.Admin.plist"; }
   void WritePolicy(const std::string& bytes) {
-    fs::create_directories(mBase / "root/etc");
-    WriteFile(policyFile(), bytes);
+    fs::create_directories(mSandbox.root() + "/etc");
+    WriteFile(mSandbox.PolicyFile(), bytes);
   }
-
-  testing_support::TempDir mBase;
-  TestEnv mEnv;
-  esd::ScopedEnv mScope{&mEnv};
+  testing_support::UpdaterSandbox mSandbox;
 };
 
 // Only a boolean "Disable.Update" in a root dictionary answers, in XML or binary form; the
 // answer follows every edit, and a missing file or folder gives none (and is never created).
 TEST_F(AdminPrefsTest, OnlyABooleanInADictionaryAnswers) {
   EXPECT_EQ(Ask(), std::nullopt);
-  EXPECT_FALSE(fs::exists(mBase / "root/etc"));
+  EXPECT_FALSE(fs::exists(mSandbox.root() + "/etc"));
   const std::pair<std::string, std::optional<bool>> cases[] = {
       {kDisabled, false},
       {XmlPolicy("<dict><key>Other</key><true/><key>Disable.Update</key><false/></dict>"), true},
@@ -92,20 +84,20 @@ TEST_F(AdminPrefsTest, OnlyABooleanInADictionaryAnswers) {
     WritePolicy(bytes);
     EXPECT_EQ(Ask(), expected) << bytes;
   }
-  fs::remove(policyFile());
+  fs::remove(mSandbox.PolicyFile());
   EXPECT_EQ(Ask(), std::nullopt);
-  fs::create_directory(policyFile());
+  fs::create_directory(mSandbox.PolicyFile());
   EXPECT_EQ(Ask(), std::nullopt) << "a folder";
-  fs::remove(policyFile());
-  ASSERT_EQ(mkfifo(policyFile().c_str(), 0600), 0);
+  fs::remove(mSandbox.PolicyFile());
+  ASSERT_EQ(mkfifo(mSandbox.PolicyFile().c_str(), 0600), 0);
   EXPECT_EQ(Ask(), std::nullopt) << "a named pipe, which must not block";
 }
 
 // A policy file in the user's own folders is never consulted.
 TEST_F(AdminPrefsTest, UsersOwnPolicyFileIsIgnored) {
-  for (const char* folder : {"home/.config", "home/.local/share", "home"}) {
-    fs::create_directories(mBase / folder);
-    WriteFile(mBase / (std::string(folder) + "/com.vantu.VantuUpdater.Admin.plist"), kDisabled);
+  for (const char* folder : {"/.config", "/.local/share", ""}) {
+    fs::create_directories(mSandbox.home() + folder);
+    WriteFile(mSandbox.home() + folder + "/com.vantu.VantuUpdater.Admin.plist", kDisabled);
   }
   EXPECT_EQ(Ask(), std::nullopt);
   EXPECT_FALSE(CreateVantuUpdaterAdminPrefsPropListRef());
@@ -118,13 +110,14 @@ TEST_F(AdminPrefsTest, PropertyListIsReadableOnlyWhenTheFileIs) {
   ASSERT_TRUE(list);
   EXPECT_TRUE(list.IsDictionary());
 
-  for (const std::string& path : {mBase.path(), mBase / "root", mBase / "root/etc"})
+  const std::string root = mSandbox.root();
+  for (const std::string& path : {fs::path(root).parent_path().string(), root, root + "/etc"})
     chmod(path.c_str(), 0755);
-  chmod(policyFile().c_str(), 0600);
+  chmod(mSandbox.PolicyFile().c_str(), 0600);
   const int status = testing_support::RunUnprivileged([&] {
-    if (access(policyFile().c_str(), R_OK) == 0) return 50;  // no such view for this user
+    if (access(mSandbox.PolicyFile().c_str(), R_OK) == 0) return 50;  // no such view for this user
     TestEnv env;
-    env.SetRoot(mBase / "root");
+    env.SetRoot(root);
     esd::ScopedEnv scope(&env);
     return CreateVantuUpdaterAdminPrefsPropListRef() || Ask() ? 1 : 0;
   });
