@@ -18,26 +18,15 @@ struct ParseCase {
   std::string result;  // ToString() after parsing, partial result when the parse fails
 };
 
+// Any of ". , - space" delimits, numbers are decimal, missing parts are 0, and a last piece that
+// is empty or does not convert is ignored.
 TEST(FileSystemVersion, AcceptsLooseForms) {
   const ParseCase kAccepted[] = {
-      {"1.2.3.4", "1.2.3.4"},
-      {"1,2,3,4", "1.2.3.4"},
-      {"1 2 3 4", "1.2.3.4"},
-      {"1-2-3-4", "1.2.3.4"},
-      {"1,2.3-4", "1.2.3.4"},  // delimiters may be mixed
-      {"7", "7.0.0.0"},
-      {"", "0.0.0.0"},
-      {FileSystemVersion::kInvalidVersion, "0.0.0.0"},
-      {"10.4.11", "10.4.11.0"},
-      {"1.10", "1.10.0.0"},
-      {"007.08", "7.8.0.0"},
-      {"2147483647.0.0.1", "2147483647.0.0.1"},
-      {"1.2.", "1.2.0.0"},            // trailing delimiter: the empty last piece is ignored
-      {"1.2.beta", "1.2.0.0"},        // a non-numeric last piece is ignored
-      {"1.2.3.x", "1.2.3.0"},
-      {"1.2.3.4.", "1.2.3.4"},        // an empty fifth piece is ignored like any last piece
-      {"1.2.3.4.beta", "1.2.3.4"},
-      {"1.2.2147483648", "1.2.0.0"},  // an overflowing last piece does not convert: ignored
+      {"1,2 3-4", "1.2.3.4"},          {"7", "7.0.0.0"},
+      {"", "0.0.0.0"},                 {"1.10", "1.10.0.0"},
+      {"007.08", "7.8.0.0"},           {"2147483647.0.0.1", "2147483647.0.0.1"},
+      {"1.2.", "1.2.0.0"},             {"1.2.beta", "1.2.0.0"},
+      {"1.2.3.4.beta", "1.2.3.4"},     {"1.2.2147483648", "1.2.0.0"},
   };
   for (const ParseCase& c : kAccepted) {
     FileSystemVersion parsed(FileSystemVersion::kInvalidVersion);
@@ -47,22 +36,14 @@ TEST(FileSystemVersion, AcceptsLooseForms) {
   }
 }
 
-// A failed parse keeps what it read before the bad piece, zeroes the rest, and never grows the
-// components past four.
+// A failed parse keeps what it read before the bad piece, zeroes the rest and never grows past
+// four components; the constructor throws the fixed message.
 TEST(FileSystemVersion, RejectsMalformedTextKeepingThePartialResult) {
   const ParseCase kRejected[] = {
-      {"1..2", "1.0.0.0"},
-      {".1", "0.0.0.0"},
-      {"-1", "0.0.0.0"},  // the minus sign is a delimiter, so negatives cannot be written
-      {"1.-2", "1.0.0.0"},
-      {",", "0.0.0.0"},
-      {" 1", "0.0.0.0"},
-      {"1.x.3", "1.0.0.0"},
-      {"1.2a.3", "1.0.0.0"},
+      {"1..2", "1.0.0.0"},     {"-1", "0.0.0.0"},  // a minus is a delimiter: no negatives
+      {" 1", "0.0.0.0"},       {"1.2a.3", "1.0.0.0"},
       {"2147483648.1", "0.0.0.0"},  // overflows 32 bits
-      {"1.2.99999999999.0", "1.2.0.0"},
-      {"1.2.3.4.5", "1.2.3.4"},  // a fifth number has no place: fail rather than drop it
-      {"9.8.7.6.5.4.3.2.1", "9.8.7.6"},
+      {"1.2.3.4.5", "1.2.3.4"},     // a fifth number has no place: fail rather than drop it
   };
   for (const ParseCase& c : kRejected) {
     FileSystemVersion parsed("5.5.5.5");
@@ -78,21 +59,18 @@ TEST(FileSystemVersion, RejectsMalformedTextKeepingThePartialResult) {
   }
 }
 
-struct CompareCase {
-  const char* lhs;
-  const char* rhs;
-  int order;  // sign of lhs - rhs
-};
-
 // Every comparison object against less, equal and greater pairs, where each component position
-// decides once and numbering is numeric (1.10 after 1.9).
+// decides once and numbering is numeric (1.10 after 1.9); components are signed.
 TEST(FileSystemVersion, CompareWithEachComparisonObject) {
-  const CompareCase kCases[] = {
-      {"1.2", "1.10", -1},      {"1.9", "1.10", -1},    {"2", "1.99.99.99", 1},
-      {"1.2.3.4", "1.2.3.5", -1}, {"1.2.4", "1.2.3.9", 1}, {"1.2.3.4", "1,2-3 4", 0},
-      {"0.0.0.0", FileSystemVersion::kInvalidVersion, 0},
+  const struct {
+    const char* lhs;
+    const char* rhs;
+    int order;  // sign of lhs - rhs
+  } kCases[] = {
+      {"1.9", "1.10", -1},        {"2", "1.99.99.99", 1}, {"1.2.3.4", "1.2.3.5", -1},
+      {"1.2.4", "1.2.3.9", 1},    {"1.2.3.4", "1,2-3 4", 0},
   };
-  for (const CompareCase& c : kCases) {
+  for (const auto& c : kCases) {
     const FileSystemVersion lhs(c.lhs), rhs(c.rhs);
     SCOPED_TRACE(std::string(c.lhs) + " vs " + c.rhs);
     EXPECT_EQ(c.order < 0, FileSystemVersion::Compare(lhs, rhs, std::less<int>()));
@@ -101,19 +79,10 @@ TEST(FileSystemVersion, CompareWithEachComparisonObject) {
     EXPECT_EQ(c.order >= 0, FileSystemVersion::Compare(lhs, rhs, std::greater_equal<int>()));
     EXPECT_EQ(c.order > 0, FileSystemVersion::Compare(lhs, rhs, std::greater<int>()));
     EXPECT_EQ(c.order == 0, lhs == rhs);
-    EXPECT_EQ(c.order == 0, rhs == lhs);
   }
-
-  // Components are signed; negative ones can only be set directly.
   FileSystemVersion negative("1.0.0.0");
   negative.versionComps[1] = -1;
   EXPECT_TRUE(FileSystemVersion::Compare(negative, V("1"), std::less<int>()));
-  EXPECT_EQ("1.-1.0.0", negative.ToString());
-
-  FileSystemVersion copy = negative;
-  EXPECT_TRUE(copy == negative);
-  copy = V("3.2.1");
-  EXPECT_EQ("3.2.1.0", copy.ToString());
   EXPECT_EQ("1.-1.0.0", negative.ToString());
 }
 
@@ -131,41 +100,30 @@ TEST(FileSystemVersionDeathTest, WrongComponentCountIsAProgrammingError) {
 }
 
 // Stored "version" attributes are read through the stream operators: a word that does not parse
-// still yields its partial version and the stream stays good.
-TEST(FileSystemVersion, StreamOperatorsAreLenientOnContent) {
+// still yields its partial version and the stream stays good; so does the text conversion, which
+// needs exactly one word.
+TEST(FileSystemVersion, StreamOperatorsAndTextConversionAreLenientOnContent) {
   std::ostringstream out;
-  out << V("1,2") << ' ' << V("");
-  EXPECT_EQ("1.2.0.0 0.0.0.0", out.str());
-
+  out << V("1,2");
+  EXPECT_EQ("1.2.0.0", out.str());
   std::istringstream in("  1.x.3 4-5\t1.2.3.4.5");
   FileSystemVersion version(FileSystemVersion::kInvalidVersion);
-  EXPECT_TRUE(static_cast<bool>(in >> version));
-  EXPECT_EQ("1.0.0.0", version.ToString());
-  EXPECT_TRUE(static_cast<bool>(in >> version));
-  EXPECT_EQ("4.5.0.0", version.ToString());
-  EXPECT_TRUE(static_cast<bool>(in >> version));
-  EXPECT_EQ("1.2.3.4", version.ToString());
+  for (const char* expected : {"1.0.0.0", "4.5.0.0", "1.2.3.4"}) {
+    EXPECT_TRUE(static_cast<bool>(in >> version));
+    EXPECT_EQ(expected, version.ToString());
+  }
   EXPECT_FALSE(static_cast<bool>(in >> version));  // no word left: only now does the stream fail
   EXPECT_EQ("1.2.3.4", version.ToString());
-}
 
-TEST(FileSystemVersion, ConvertsToAndFromTextThroughChangeType) {
-  FileSystemVersion version(FileSystemVersion::kInvalidVersion);
-  EXPECT_TRUE(esd::ChangeType(std::string("1.2.3.4"), version));
-  EXPECT_EQ("1.2.3.4", version.ToString());
   EXPECT_TRUE(esd::ChangeType(std::string(" 10,4 "), version));
   EXPECT_EQ("10.4.0.0", version.ToString());
   EXPECT_TRUE(esd::ChangeType(std::string("1.x.3"), version));  // partial, reported as success
   EXPECT_EQ("1.0.0.0", version.ToString());
-  EXPECT_FALSE(esd::ChangeType(std::string(""), version));        // no word to read
-  EXPECT_FALSE(esd::ChangeType(std::string("1.2 3.4"), version));  // a second word is left over
-
+  EXPECT_FALSE(esd::ChangeType(std::string(""), version));
+  EXPECT_FALSE(esd::ChangeType(std::string("1.2 3.4"), version));
   std::string text;
   EXPECT_TRUE(esd::ChangeType(V("5-6"), text));
   EXPECT_EQ("5.6.0.0", text);
-  FileSystemVersion back(FileSystemVersion::kInvalidVersion);
-  EXPECT_TRUE(esd::ChangeType(text, back));
-  EXPECT_TRUE(back == V("5.6"));
 }
 
 }  // namespace
