@@ -25,12 +25,6 @@ void TestEnv::SetVariable(const std::string& name, const std::string& value) {
   mVariables[name] = value;
 }
 
-void TestEnv::UnsetVariable(const std::string& name) {
-  std::lock_guard<std::mutex> lock(mMutex);
-  mViewedNames.insert(name);
-  mVariables.erase(name);
-}
-
 void TestEnv::SetGroups(const std::vector<std::string>& names) {
   std::lock_guard<std::mutex> lock(mMutex);
   mGroups = names;
@@ -38,15 +32,9 @@ void TestEnv::SetGroups(const std::vector<std::string>& names) {
 
 void TestEnv::RecordLaunches(bool startResult, int shellResult) {
   std::lock_guard<std::mutex> lock(mMutex);
-  mRecordStarts = mRecordShell = true;
+  mRecording = true;
   mStartResult = startResult;
   mShellResult = shellResult;
-}
-
-void TestEnv::FailDetachedStarts() {
-  std::lock_guard<std::mutex> lock(mMutex);
-  mRecordStarts = true;
-  mStartResult = false;
 }
 
 std::vector<TestEnv::Launch> TestEnv::Launches() const {
@@ -156,7 +144,7 @@ bool TestEnv::StartDetachedProcess(const std::string& program,
                                    const std::vector<std::string>& arguments) {
   {
     std::lock_guard<std::mutex> lock(mMutex);
-    if (mRecordStarts) {
+    if (mRecording) {
       mLaunches.push_back({program, arguments});
       return mStartResult;
     }
@@ -167,11 +155,8 @@ bool TestEnv::StartDetachedProcess(const std::string& program,
 int TestEnv::RunShellCommand(const std::string& command) {
   {
     std::lock_guard<std::mutex> lock(mMutex);
-    if (mRecordShell) {
-      mShellCommands.push_back(command);
-      return mShellResult;
-    }
     mShellCommands.push_back(command);
+    if (mRecording) return mShellResult;
   }
   return EnvWrapper::RunShellCommand(command);
 }

@@ -41,7 +41,6 @@ class TestEnv : public esd::EnvWrapper {
   // An empty home means "no home folder can be found".
   void SetHome(const std::string& home) { mHome = home; }
   void SetVariable(const std::string& name, const std::string& value);
-  void UnsetVariable(const std::string& name);
   void SetGroups(const std::vector<std::string>& names);
   void SetEffectiveUserId(uid_t user) { mUser = user; }
   // nullopt: the kernel release cannot be read.
@@ -56,8 +55,6 @@ class TestEnv : public esd::EnvWrapper {
   // From now on StartDetachedProcess and RunShellCommand are recorded and answer with these
   // results instead of running anything.
   void RecordLaunches(bool startResult, int shellResult);
-  // Only StartDetachedProcess is recorded (with this result); the shell stays real.
-  void FailDetachedStarts();
 
   // Detached starts recorded instead of run.
   std::vector<Launch> Launches() const;
@@ -94,9 +91,8 @@ class TestEnv : public esd::EnvWrapper {
   std::optional<boost::gregorian::date> mToday;
   std::set<std::string> mDenied;
   bool mOwnProcessesOnly = false;
-  bool mRecordStarts = false;
+  bool mRecording = false;
   bool mStartResult = false;
-  bool mRecordShell = false;
   int mShellResult = 0;
   std::vector<Launch> mLaunches;
   std::vector<std::string> mShellCommands;
