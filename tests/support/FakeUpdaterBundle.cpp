@@ -24,27 +24,24 @@ namespace fs = std::filesystem;
 
 using Clock = std::chrono::steady_clock;
 
-std::string XmlInfoPlist(const FakeUpdaterBundle::Options& options) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<plist version=\"1.0\">\n<dict>\n"
-         "  <key>CFBundleExecutable</key>\n  <string>" + options.programName + "</string>\n"
-         "  <key>CFBundlePackageType</key>\n  <string>" + options.packageType + "</string>\n"
-         "  <key>CFBundleSignature</key>\n  <string>" + options.signature + "</string>\n"
-         "</dict>\n</plist>\n";
-}
-
-std::string BinaryInfoPlist(const FakeUpdaterBundle::Options& options) {
+// Info.plist in the form the options ask for (XML or binary), made by the same library that
+// reads it.
+std::string InfoPlist(const FakeUpdaterBundle::Options& options) {
   plist_t dict = plist_new_dict();
   plist_dict_set_item(dict, "CFBundleExecutable", plist_new_string(options.programName.c_str()));
   plist_dict_set_item(dict, "CFBundlePackageType", plist_new_string(options.packageType.c_str()));
   plist_dict_set_item(dict, "CFBundleSignature", plist_new_string(options.signature.c_str()));
   char* bytes = nullptr;
   uint32_t length = 0;
-  plist_to_bin(dict, &bytes, &length);
+  if (options.binaryInfoPlist) {
+    plist_to_bin(dict, &bytes, &length);
+  } else {
+    plist_to_xml(dict, &bytes, &length);
+  }
   plist_free(dict);
-  if (!bytes) throw std::runtime_error("cannot write a binary property list");
+  if (!bytes) throw std::runtime_error("cannot write a property list");
   std::string result(bytes, length);
-  plist_to_bin_free(bytes);
+  options.binaryInfoPlist ? plist_to_bin_free(bytes) : plist_to_xml_free(bytes);
   return result;
 }
 
@@ -87,8 +84,7 @@ FakeUpdaterBundle::FakeUpdaterBundle(const std::string& bundlePath, const Option
   AdoptOrphanedDescendants();
   fs::create_directories(mContents + "/MacOS");
   fs::create_directories(mContents + "/reports");
-  WriteFile(mContents + "/Info.plist",
-            options.binaryInfoPlist ? BinaryInfoPlist(options) : XmlInfoPlist(options));
+  WriteFile(mContents + "/Info.plist", InfoPlist(options));
   const std::string program = mContents + "/MacOS/" + options.programName;
   // A copy, not a link: the kernel reports a program by its resolved path, which must lie in
   // the bundle.
