@@ -39,19 +39,10 @@ std::string ReadLine(int fd, int timeoutMs) {
 PrivateSessionBus::PrivateSessionBus() {
   const std::string config = mTemp / "session.conf";
   const std::string socket = mTemp / "bus";
-  WriteFile(config,
-            "<busconfig>\n"
-            "  <type>session</type>\n"
-            "  <listen>unix:path=" +
-                socket +
-                "</listen>\n"
-                "  <auth>EXTERNAL</auth>\n"
-                "  <policy context=\"default\">\n"
-                "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-                "    <allow eavesdrop=\"true\"/>\n"
-                "    <allow own=\"*\"/>\n"
-                "  </policy>\n"
-                "</busconfig>\n");
+  WriteFile(config, "<busconfig><type>session</type><listen>unix:path=" + socket +
+                        "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+                        "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                        "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n");
 
   int fds[2];
   if (::pipe(fds) != 0) throw std::runtime_error("pipe failed");
