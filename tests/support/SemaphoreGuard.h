@@ -15,8 +15,6 @@ class SemaphoreGuard {
   SemaphoreGuard(const SemaphoreGuard&) = delete;
   SemaphoreGuard& operator=(const SemaphoreGuard&) = delete;
 
-  const std::string& resourceName() const { return mResourceName; }
-
  private:
   std::string mResourceName;
 };
