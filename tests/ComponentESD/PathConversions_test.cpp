@@ -44,37 +44,28 @@ TEST(PathConversions, ReferenceIsTheResolvedPathOfAnExistingObject) {
   EXPECT_TRUE(bytes.empty());
 }
 
-struct Utf16Case {
-  const char* utf8;
-  std::vector<uint16_t> units;
-};
-
-class CStringToVectorUniCharTest : public ::testing::TestWithParam<Utf16Case> {};
-
-TEST_P(CStringToVectorUniCharTest, Converts) {
-  std::vector<uint16_t> out{0x1234};
-  EXPECT_TRUE(esd::CStringToVectorUniChar(GetParam().utf8, out));
-  EXPECT_EQ(GetParam().units, out);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Valid, CStringToVectorUniCharTest,
-    ::testing::Values(Utf16Case{"", {}}, Utf16Case{"Ab/", {0x41, 0x62, 0x2F}},
-                      Utf16Case{"\xC3\xA9", {0xE9}},                   // two bytes
-                      Utf16Case{"\xE2\x82\xAC", {0x20AC}},             // three bytes
-                      Utf16Case{"\xEF\xBF\xBF", {0xFFFF}},             // last of the basic plane
-                      Utf16Case{"\xF0\x9F\x98\x80", {0xD83D, 0xDE00}}, // surrogate pair
-                      Utf16Case{"\xF4\x8F\xBF\xBF", {0xDBFF, 0xDFFF}}));
-
-TEST(CStringToVectorUniChar, RejectsMalformedInput) {
-  for (const char* bad : {"\x80", "a\xC3", "\xC3(", "\xE2\x82", "\xC0\x80", "\xE0\x80\xAF",
-                          "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xF8\x88\x80\x80\x80", "\xFF"}) {
+// UTF-8 to UTF-16 units, at each sequence length and the surrogate-pair bounds; malformed input
+// is refused with an empty result.
+TEST(CStringToVectorUniChar, ConvertsValidAndRejectsMalformedInput) {
+  const std::pair<const char*, std::vector<uint16_t>> kValid[] = {
+      {"", {}},
+      {"Ab\xC3\xA9", {0x41, 0x62, 0xE9}},
+      {"\xEF\xBF\xBF", {0xFFFF}},
+      {"\xF0\x9F\x98\x80", {0xD83D, 0xDE00}},
+      {"\xF4\x8F\xBF\xBF", {0xDBFF, 0xDFFF}},
+  };
+  for (const auto& [utf8, units] : kValid) {
+    std::vector<uint16_t> out{0x1234};
+    EXPECT_TRUE(esd::CStringToVectorUniChar(utf8, out)) << ::testing::PrintToString(utf8);
+    EXPECT_EQ(units, out) << ::testing::PrintToString(utf8);
+  }
+  const char* kBad[] = {"\x80", "a\xC3", "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF",
+                        nullptr};
+  for (const char* bad : kBad) {
     std::vector<uint16_t> out{0x41};
     EXPECT_FALSE(esd::CStringToVectorUniChar(bad, out)) << ::testing::PrintToString(bad);
     EXPECT_TRUE(out.empty());
   }
-  std::vector<uint16_t> out;
-  EXPECT_FALSE(esd::CStringToVectorUniChar(nullptr, out));
 }
 
 }  // namespace
