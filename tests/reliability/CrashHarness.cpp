@@ -1,0 +1,537 @@
+// Crash safety: a host process is killed (SIGKILL) at random moments while it saves the
+// registered-applications store, the missing-components store and the preferences file; after
+// each kill the stale locks are broken with rozctl and the files, loaded through the library
+// (so an interrupted save's journal is recovered as any host would), must hold every change
+// whose call had returned.
+//
+//   CrashHarness [--kills N] [--seed X] [--rozctl PATH]
+//
+// The host runs one planned sequence of calls that cycles through the three files and reports
+// over a pipe when each call starts and when it has returned. After a kill the harness knows the
+// calls that returned (their changes must all be there) and at most one call in flight (its
+// change may or may not be there, but nothing else may differ). The plan is a function of the
+// call's number and the files' current content, so the harness computes both acceptable states
+// exactly and the next host carries on from the one it finds.
+//
+// Runs in a private mount namespace with its own /dev/shm, so that breaking locks after a kill
+// can never break another program's lock and the semaphore files a killed sem_open leaves behind
+// vanish with the run. Exit status 0 when nothing was lost, 1 otherwise, 77 when the namespace
+// is not available here.
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "VantuUpdater/VantuUpdater.h"
+#include "reliability/StoreState.h"
+#include "support/PrivateMounts.h"
+#include "support/RunProgram.h"
+#include "support/SemaphoreGuard.h"
+#include "support/TempDir.h"
+#include "support/UpdaterSandbox.h"
+#include "xplat/ExpatDOMBuilder.h"
+#include "xplat/FileSystemUtils.h"
+#include "xplat/PrefsLockScope.h"
+#include "xplat/ResourceLocker.h"
+#include "xplat/VantuUpdaterMissingCompsManager.h"
+#include "xplat/VantuUpdaterPrefs.h"
+#include "xplat/XMLDocumentNode.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using reliability::MissingComponent;
+using reliability::StoreFiles;
+using reliability::StoreState;
+
+// The preferences' lock resource, the same in every process.
+const char kPrefsLock[] = "VantuUpdater";
+// The missing-components store only grows (the updater empties it); it is reset between kills
+// once it holds this many components, so that saves keep a steady size.
+constexpr size_t kMaxComponents = 60;
+
+enum Target { kRegistry, kMissing, kPrefs, kTargets };
+const char* const kTargetNames[kTargets] = {"registered-applications store",
+                                            "missing-components store", "preferences file"};
+
+const unsigned char* U(const std::string& text) {
+  return reinterpret_cast<const unsigned char*>(text.c_str());
+}
+
+// One planned call: what it does, the result it must give and the state it leaves.
+struct Step {
+  Target target = kRegistry;
+  std::string description;
+  long expected = 0;
+  StoreState after;
+  // The call itself, run by the host.
+  long (*run)(const Step&) = nullptr;
+  std::string appID, name, path, key, value;
+  int type = 0;
+  MissingComponent component;
+};
+
+long RunRegister(const Step& s) {
+  return ROZRegisterApplication(s.appID.c_str(), U(s.name), U(s.path));
+}
+long RunUnregister(const Step& s) { return ROZUnRegisterApplication(s.appID.c_str()); }
+long RunDownload(const Step& s) {
+  MissingComponent c = s.component;
+  ROZMissingComponent entry{&c.category[0], &c.name[0], &c.version[0]};
+  ROZMissingComponent* entries[] = {&entry};
+  ROZMissingComptList list{1, entries};
+  return ROZDownloadMissingComponents(s.appID.c_str(), U(s.name), U(s.path), "it_IT", &list,
+                                      static_cast<ROZDownloadMissingCompType>(s.type), false);
+}
+long RunSetPref(const Step& s) {
+  return VantuUpdaterPrefs::GetVantuUpdaterPrefs()->SetPref<std::string>(s.key, s.value) ? 1 : 0;
+}
+long RunSetMessage(const Step& s) {
+  VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
+  esd::PrefsLockScope lock(*prefs);
+  if (!lock.IsHeld()) return -1;
+  std::map<std::string, std::string> messages;
+  if (!prefs->NotificationMessage.Get(messages)) return -2;
+  messages[s.key] = s.value;
+  return prefs->NotificationMessage.Set(messages) ? 1 : 0;
+}
+
+// Call number n, planned from the state before it. Calls take turns among the three files.
+// The registered applications go through phases of mostly registering and of draining the
+// store to nothing, so saves that create, grow, shrink and delete the file all get killed.
+Step Plan(long n, const StoreState& before) {
+  Step s;
+  s.after = before;
+  s.target = static_cast<Target>(n % kTargets);
+  const long i = n / kTargets;
+  switch (s.target) {
+    case kRegistry: {
+      s.appID = "crash.app" + std::to_string(i % 5);
+      const bool draining = (i / 30) % 3 == 2;
+      if (draining && !before.registered.empty()) s.appID = before.registered.front().appID;
+      const bool registered = before.FindRegistered(s.appID) != nullptr;
+      if (registered && (draining || i % 4 == 3)) {
+        s.run = RunUnregister;
+        s.description = "unregister " + s.appID;
+        s.after.Unregister(s.appID);
+      } else {
+        s.run = RunRegister;
+        s.name = "Crash app #" + std::to_string(i);
+        s.path = "/opt/crash/" + std::to_string(i % 3);
+        s.description = "register " + s.appID;
+        s.after.Register(s.appID, s.name, s.path);
+      }
+      break;
+    }
+    case kMissing: {
+      s.run = RunDownload;
+      s.appID = "crash.mc" + std::to_string(i % 3);
+      s.name = "Crash mc " + std::to_string((i / 7) % 2);
+      s.path = "/opt/crash/mc";
+      s.type = static_cast<int>((i / 5) % 3);
+      s.component = {"cat" + std::to_string(i % 2), "c" + std::to_string(i),
+                     "1." + std::to_string(i % 4) + ".0.0"};
+      auto known = before.missing.find(s.appID);
+      // Now and then a component that is listed already: 9, though a changed name still saves.
+      if (i % 5 == 4 && known != before.missing.end() && !known->second.components.empty())
+        s.component = known->second.components.back();
+      s.description = "request " + s.component.name + " for " + s.appID;
+      s.expected = s.after.RequestMissing(s.appID, s.name, s.path, s.type, {s.component});
+      break;
+    }
+    default: {
+      s.value = "v" + std::to_string(i);
+      s.expected = 1;
+      if (i % 2 == 0) {
+        s.run = RunSetPref;
+        s.key = "crash.k" + std::to_string(i % 4);
+        s.after.prefs[s.key] = s.value;
+      } else {
+        s.run = RunSetMessage;
+        s.key = "crash.m" + std::to_string(i % 3);
+        s.after.messages[s.key] = s.value;
+      }
+      s.description = "set " + s.key;
+      break;
+    }
+  }
+  return s;
+}
+
+// What the host tells the harness; written whole (far below PIPE_BUF), so a kill cannot tear it.
+struct Message {
+  int32_t kind;  // kStarted, kReturned, kWrong
+  int32_t call;
+  int64_t result;
+};
+enum : int32_t { kStarted = 1, kReturned = 2, kWrong = 3 };
+
+void Send(int fd, int32_t kind, long call, long result) {
+  const Message m{kind, static_cast<int32_t>(call), result};
+  if (::write(fd, &m, sizeof m) != static_cast<ssize_t>(sizeof m)) ::_exit(5);
+}
+
+// The host: runs the plan from call `first` until it is killed.
+[[noreturn]] void Host(int fd, long first, StoreState model) {
+  for (long n = first;; ++n) {
+    const Step step = Plan(n, model);
+    Send(fd, kStarted, n, 0);
+    const long result = step.run(step);
+    if (result != step.expected) {
+      Send(fd, kWrong, n, result);
+      ::_exit(3);
+    }
+    model = step.after;
+    Send(fd, kReturned, n, result);
+  }
+}
+
+struct Options {
+  long kills = 1000;
+  unsigned long long seed = 0;
+  std::string rozctl;
+};
+
+struct Figures {
+  long kills = 0;
+  long inFlight[kTargets] = {0, 0, 0};
+  long inFlightApplied[kTargets] = {0, 0, 0};
+  long betweenCalls = 0;
+  long callsReturned = 0;
+  long locksBroken[kTargets] = {0, 0, 0};
+  long journalsComplete = 0;
+  long journalsPartial = 0;
+  long semaphoreLeftovers = 0;
+  long resets = 0;
+  long losses = 0;
+  long wrongResults = 0;
+  long unparsableFiles = 0;
+  long lockBreakFailures = 0;
+};
+
+// The files a killed sem_open leaves: the C library creates "sem.XXXXXX" and links it to the
+// lock's name only when complete. Only this run's processes use the private /dev/shm.
+long RemoveSemaphoreLeftovers() {
+  long removed = 0;
+  DIR* dir = ::opendir("/dev/shm");
+  if (dir == nullptr) return 0;
+  std::vector<std::string> names;
+  while (dirent* entry = ::readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name.size() == 10 && name.compare(0, 4, "sem.") == 0) names.push_back(name);
+  }
+  ::closedir(dir);
+  for (const std::string& name : names) {
+    if (::unlink(("/dev/shm/" + name).c_str()) == 0) ++removed;
+  }
+  return removed;
+}
+
+class CrashRun {
+ public:
+  CrashRun(const Options& options, testing_support::UpdaterSandbox& sandbox)
+      : mOptions(options),
+        mSandbox(sandbox),
+        mFiles{sandbox.RegistryFile(), sandbox.MissingCompsFile(),
+               sandbox.UserDataDir() + "/VantuUpdaterPrefs.dat"},
+        mLockResources{mFiles.registry, mFiles.missingComps, kPrefsLock},
+        mRandom(options.seed) {
+    for (int k = 0; k < 4; ++k) mPrefKeys.insert("crash.k" + std::to_string(k));
+  }
+
+  bool Run() {
+    const Clock::time_point start = Clock::now();
+    double meanCallMs = 20;
+    for (long kill = 0; kill < mOptions.kills; ++kill) {
+      if (!OneKill(meanCallMs)) return false;
+    }
+    mSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+    StoreState::CheckAtRest(mFiles, mPrefsTemporaries);
+    return true;
+  }
+
+  void Print() const {
+    const Figures& f = mFigures;
+    std::printf("\n%ld kills in %.1f s (%.1f ms per kill), %ld calls returned before them\n",
+                f.kills, mSeconds, f.kills ? mSeconds * 1000 / f.kills : 0.0, f.callsReturned);
+    for (int t = 0; t < kTargets; ++t)
+      std::printf("  during a call on the %-30s %5ld (its change found applied %ld times)\n",
+                  kTargetNames[t], f.inFlight[t], f.inFlightApplied[t]);
+    std::printf("  between calls                                %5ld\n", f.betweenCalls);
+    std::printf("stale locks broken with %s: registry %ld, missing components %ld, "
+                "preferences %ld\n",
+                mUsedRozctl ? "rozctl" : "an in-process locker", f.locksBroken[kRegistry],
+                f.locksBroken[kMissing], f.locksBroken[kPrefs]);
+    std::printf("journals found after a kill: %ld complete (rolled forward), %ld partial "
+                "(ignored)\n",
+                f.journalsComplete, f.journalsPartial);
+    std::printf("semaphore files left by a kill inside sem_open: %ld (removed)\n",
+                f.semaphoreLeftovers);
+    std::printf("missing-components store reset %ld times to keep its size\n", f.resets);
+    std::printf("temporary files left beside the preferences file: %zu\n", mPrefsTemporaries);
+    std::printf("losses %ld, wrong results %ld, unparsable files %ld, failed lock breaks %ld\n",
+                f.losses, f.wrongResults, f.unparsableFiles, f.lockBreakFailures);
+  }
+
+  bool Passed() const {
+    const Figures& f = mFigures;
+    return f.kills == mOptions.kills && f.losses == 0 && f.wrongResults == 0 &&
+           f.unparsableFiles == 0 && f.lockBreakFailures == 0;
+  }
+
+ private:
+  // One host started, killed, cleaned up after and checked.
+  bool OneKill(double& meanCallMs) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return Fail("pipe failed");
+    std::fflush(nullptr);
+    const pid_t host = ::fork();
+    if (host < 0) return Fail("fork failed");
+    if (host == 0) {
+      ::close(fds[0]);
+      Host(fds[1], mNextCall, mModel);
+    }
+    ::close(fds[1]);
+    const Clock::time_point born = Clock::now();
+    // Uniform over the time of two or three calls, so the kill lands anywhere in them.
+    const double maxDelayMs = std::min(250.0, std::max(2.0, 2.5 * meanCallMs));
+    std::uniform_real_distribution<double> delay(0, maxDelayMs);
+    std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay(mRandom)));
+    ::kill(host, SIGKILL);
+    int status = 0;
+    while (::waitpid(host, &status, 0) < 0 && errno == EINTR) {
+    }
+    const double livedMs = std::chrono::duration<double, std::milli>(Clock::now() - born).count();
+
+    long lastStarted = mNextCall - 1, lastReturned = mNextCall - 1;
+    Message m;
+    while (::read(fds[0], &m, sizeof m) == static_cast<ssize_t>(sizeof m)) {
+      if (m.kind == kStarted) lastStarted = m.call;
+      if (m.kind == kReturned) lastReturned = m.call;
+      if (m.kind == kWrong) {
+        ++mFigures.wrongResults;
+        std::cout << "call " << m.call << " (" << Plan(m.call, StateBefore(m.call)).description
+                  << ") gave " << m.result << ", expected "
+                  << Plan(m.call, StateBefore(m.call)).expected << "\n";
+      }
+    }
+    ::close(fds[0]);
+    ++mFigures.kills;
+    const long returned = lastReturned - mNextCall + 1;
+    mFigures.callsReturned += returned;
+    if (returned > 0) meanCallMs = 0.8 * meanCallMs + 0.2 * (livedMs / (returned + 0.5));
+
+    BreakStaleLocks();
+    mFigures.semaphoreLeftovers += RemoveSemaphoreLeftovers();
+    InspectJournals();
+    if (mFigures.wrongResults > 0) return Fail("a call gave a wrong result");
+    return Check(lastStarted, lastReturned);
+  }
+
+  // The model after every call up to `call` (exclusive) of the current host returned.
+  StoreState StateBefore(long call) const {
+    StoreState state = mModel;
+    for (long n = mNextCall; n < call; ++n) state = Plan(n, state).after;
+    return state;
+  }
+
+  // Breaks every lock the dead host left, with rozctl when it is there.
+  void BreakStaleLocks() {
+    std::vector<std::string> held;
+    std::vector<int> targets;
+    for (int t = 0; t < kTargets; ++t) {
+      if (testing_support::SemaphoreExists(mLockResources[t])) {
+        held.push_back(mLockResources[t]);
+        targets.push_back(t);
+        ++mFigures.locksBroken[t];
+      }
+    }
+    if (held.empty()) return;
+    if (!mOptions.rozctl.empty()) {
+      mUsedRozctl = true;
+      std::vector<std::string> argv = {mOptions.rozctl, "break-lock"};
+      for (const std::string& resource : held) argv.push_back("resource:" + resource);
+      const testing_support::ProgramResult result = testing_support::RunProgram(argv);
+      if (result.exitStatus != 0) {
+        ++mFigures.lockBreakFailures;
+        std::cout << "rozctl break-lock failed (" << result.exitStatus << "): " << result.err;
+      }
+    } else {
+      for (const std::string& resource : held) esd::ResourceLocker(resource, 0).Unlock(true);
+    }
+    for (int t : targets) {
+      if (testing_support::SemaphoreExists(mLockResources[t])) {
+        ++mFigures.lockBreakFailures;
+        std::cout << "the lock of the " << kTargetNames[t] << " is still held\n";
+      }
+    }
+  }
+
+  // Looks at what the kill left before the library recovers it: the store files themselves are
+  // only ever replaced whole, so they must parse as they are; a journal may be partial.
+  void InspectJournals() {
+    for (const std::string& store : {mFiles.registry, mFiles.missingComps}) {
+      if (FileSystemUtils::DoesPathExist(store) && !Parses(store)) {
+        ++mFigures.unparsableFiles;
+        std::cout << store << " does not parse before recovery\n";
+      }
+      const std::string journal = store + "_";
+      if (FileSystemUtils::DoesPathExist(journal))
+        ++(Parses(journal) ? mFigures.journalsComplete : mFigures.journalsPartial);
+    }
+    if (FileSystemUtils::DoesPathExist(mFiles.prefs) && !Parses(mFiles.prefs)) {
+      ++mFigures.unparsableFiles;
+      std::cout << mFiles.prefs << " does not parse\n";
+    }
+  }
+
+  static bool Parses(const std::string& path) {
+    const std::string bytes = testing_support::ReadFile(path);
+    return esd::ExpatDOMBuilder<esd::XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size());
+  }
+
+  // Loads the files through the library and finds which acceptable state they are in.
+  bool Check(long lastStarted, long lastReturned) {
+    const StoreState returned = StateBefore(lastReturned + 1);
+    StoreState actual;
+    std::string error;
+    if (!StoreState::Load(mFiles, mPrefKeys, actual, error)) {
+      ++mFigures.unparsableFiles;
+      return Fail("after kill " + std::to_string(mFigures.kills) + ": " + error);
+    }
+    size_t temporaries = 0;
+    const std::string atRest = StoreState::CheckAtRest(mFiles, temporaries);
+    if (!atRest.empty()) {
+      ++mFigures.unparsableFiles;
+      std::cout << "after kill " << mFigures.kills << ":\n" << atRest;
+    }
+
+    long next = lastReturned + 1;
+    if (lastStarted > lastReturned) {
+      const Step inFlight = Plan(lastStarted, returned);
+      ++mFigures.inFlight[inFlight.target];
+      if (actual == returned) {
+        mModel = returned;
+      } else if (actual == inFlight.after) {
+        ++mFigures.inFlightApplied[inFlight.target];
+        mModel = inFlight.after;
+        next = lastStarted + 1;
+      } else {
+        ++mFigures.losses;
+        std::cout << "after kill " << mFigures.kills << " during call " << lastStarted << " ("
+                  << inFlight.description << "), the files hold neither state:\n"
+                  << returned.Diff(actual);
+        mModel = actual;
+      }
+    } else {
+      ++mFigures.betweenCalls;
+      mModel = returned;
+      if (actual != returned) {
+        ++mFigures.losses;
+        std::cout << "after kill " << mFigures.kills << " between calls, the files differ:\n"
+                  << returned.Diff(actual);
+        mModel = actual;
+      }
+    }
+    mNextCall = next;
+    return ResetIfLarge();
+  }
+
+  bool ResetIfLarge() {
+    size_t components = 0;
+    for (const auto& item : mModel.missing) components += item.second.components.size();
+    if (components < kMaxComponents) return true;
+    VantuUpdaterMissingCompsManager store;
+    if (!store.Delete()) return Fail("the missing-components store could not be reset");
+    mModel.missing.clear();
+    ++mFigures.resets;
+    return true;
+  }
+
+  bool Fail(const std::string& why) {
+    std::cout << why << std::endl;
+    return false;
+  }
+
+  const Options mOptions;
+  testing_support::UpdaterSandbox& mSandbox;
+  const StoreFiles mFiles;
+  const std::string mLockResources[kTargets];
+  std::set<std::string> mPrefKeys;
+  std::mt19937_64 mRandom;
+  StoreState mModel;
+  long mNextCall = 0;
+  Figures mFigures;
+  double mSeconds = 0;
+  size_t mPrefsTemporaries = 0;
+  bool mUsedRozctl = false;
+};
+
+bool ParseOptions(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (i + 1 >= argc) return false;
+    const char* value = argv[++i];
+    if (arg == "--kills")
+      options.kills = std::atol(value);
+    else if (arg == "--seed")
+      options.seed = std::strtoull(value, nullptr, 10);
+    else if (arg == "--rozctl")
+      options.rozctl = value;
+    else
+      return false;
+  }
+  return options.kills > 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  options.seed = static_cast<unsigned long long>(
+      std::chrono::system_clock::now().time_since_epoch().count());
+#ifdef ROZCTL_PROGRAM
+  options.rozctl = ROZCTL_PROGRAM;
+#endif
+  if (!ParseOptions(argc, argv, options)) {
+    std::cerr << "usage: " << argv[0] << " [--kills N] [--seed X] [--rozctl PATH]\n";
+    return 2;
+  }
+  std::string why;
+  if (!testing_support::EnterPrivateMountNamespace(why) ||
+      !testing_support::UsePrivateSemaphores(why)) {
+    std::cout << "skipped: no private /dev/shm for the locks (" << why << ")\n";
+    return 77;
+  }
+  std::cout << "seed " << options.seed << ", rozctl "
+            << (options.rozctl.empty() ? "<none>" : options.rozctl) << std::endl;
+
+  testing_support::UpdaterSandbox sandbox;
+  sandbox.env().SetGroups({"admin"});
+  sandbox.InstallUpdater();
+  sandbox.env().RecordLaunches(true, 0);
+
+  CrashRun run(options, sandbox);
+  const bool completed = run.Run();
+  run.Print();
+  const bool ok = completed && run.Passed();
+  std::cout << (ok ? "PASS" : "FAIL") << std::endl;
+  return ok ? 0 : 1;
+}
