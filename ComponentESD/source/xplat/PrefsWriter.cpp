@@ -94,6 +94,24 @@ std::string TemporaryPathFor(const std::string& path) {
   return name.str();
 }
 
+// Removes the temporaries of earlier saves that never reached their rename: a writer killed
+// between the two leaves its temporary behind, and without this every such crash would add a
+// file to the folder for good. Only for a caller holding the lock, which no other save runs
+// under, so every temporary found is stale.
+void RemoveStaleTemporaries(const std::string& path) {
+  const std::filesystem::path file(path);
+  const std::string prefix = file.filename().string() + ".new";
+  std::error_code error;
+  const std::filesystem::path folder = file.has_parent_path() ? file.parent_path() : ".";
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+    const std::string name = entry.path().filename().string();
+    if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0) continue;
+    if (name.find_first_not_of("0123456789abcdef", prefix.size()) != std::string::npos) continue;
+    std::error_code ignored;
+    std::filesystem::remove(entry.path(), ignored);
+  }
+}
+
 // Gives the file at `temporary` a modification time after `floorNs`. Several saves can fall
 // within one tick of the file system clock, and a reader decides whether to reload by comparing
 // times: without this, another process could keep a stale copy of a file that changed.
@@ -326,6 +344,7 @@ bool PrefsWriter::Save() {
   // setting back to its default for every process; refusing keeps the file as it was.
   if (!ExpatDOMBuilder<XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size())) return false;
 
+  if (m_pLock && m_pLock->HasLock()) RemoveStaleTemporaries(m_PrefsPath);
   std::string temporary;
   FilePtr out;
   for (int attempt = 0; attempt < 8 && !out; ++attempt) {

@@ -1,0 +1,73 @@
+// Hosts killed while they save: nothing whose call returned may be lost, and what the killed
+// saves leave behind is cleaned up.
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/RunProgram.h"
+#include "support/SemaphoreGuard.h"
+#include "support/TempDir.h"
+#include "xplat/PrefsWriter.h"
+#include "xplat/ResourceLocker.h"
+
+namespace {
+
+// How many hosts the test kills; `make torture` runs the harness with more.
+constexpr int kKills = 300;
+
+// SIGKILLs at random moments of registrations, missing-component requests and preference
+// writes, each followed by rozctl breaking the stale locks and a load through the library that
+// must find every returned call's change and at most the one in flight besides.
+TEST(CrashSafety, KilledHostsLoseNoReturnedChange) {
+  testing_support::RunOptions options;
+  options.timeoutMs = 600000;
+  const testing_support::ProgramResult run =
+      testing_support::RunProgram({CRASH_HARNESS, "--kills", std::to_string(kKills)}, options);
+  if (run.exitStatus == 77) GTEST_SKIP() << run.out;
+  EXPECT_EQ(0, run.exitStatus) << run.out << run.err;
+  std::cout << run.out;
+}
+
+// A preference save killed between writing its temporary and renaming it over the file leaves
+// the temporary behind; the next save made under the lock removes it, so crashes do not fill the
+// folder. Without a lock a save cannot know that nobody else is saving, and leaves such files.
+TEST(CrashSafety, LockedPreferenceSaveRemovesTemporariesOfKilledSaves) {
+  testing_support::TempDir temp;
+  const std::string path = temp / "Prefs.dat";
+  const std::string stale = path + ".new1f2e3d4c5b6a7980";
+  const std::string unrelated = path + ".newer";
+
+  {
+    testing_support::WriteFile(stale, "<VantuUpdater><A>1</A>");
+    esd::PrefsWriter unlocked(path, "VantuUpdater");
+    ASSERT_TRUE(unlocked.SetPref<std::string>("A", "1"));
+    EXPECT_TRUE(std::filesystem::exists(stale));
+  }
+
+  const std::string resource = testing_support::UniqueResourceName("prefs");
+  testing_support::SemaphoreGuard guard(resource);
+  esd::ResourceLocker lock(resource, 1000);
+  esd::PrefsWriter writer("", "VantuUpdater");
+  writer.SetLockPolicy(&lock);
+  writer.SetPrefsPath(path);
+  testing_support::WriteFile(unrelated, "not ours");
+  ASSERT_TRUE(writer.SetPref<std::string>("A", "2"));
+  EXPECT_FALSE(std::filesystem::exists(stale));
+  EXPECT_TRUE(std::filesystem::exists(unrelated));
+  std::string value;
+  EXPECT_TRUE(writer.GetPref<std::string>("A", value, ""));
+  EXPECT_EQ("2", value);
+  size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(temp.path())) {
+    (void)entry;
+    ++files;
+  }
+  EXPECT_EQ(2u, files) << "the preferences file and the unrelated one";
+}
+
+}  // namespace
