@@ -45,10 +45,23 @@ if [ "${1:-}" = --inside ]; then
   # The locks are named semaphores in /dev/shm; a private one keeps the sandbox's stores, whose
   # paths are the real machine's, from sharing locks with the machine's own hosts.
   mount -t tmpfs -o mode=1777 tmpfs /dev/shm
+  layers=$sandbox
   for dir in var/lib etc opt; do
-    layer=$sandbox/$(echo "$dir" | tr / -)
+    layer=$layers/$(echo "$dir" | tr / -)
     mkdir -p "$layer/upper" "$layer/work"
-    mount -t overlay overlay -o "lowerdir=/$dir,upperdir=$layer/upper,workdir=$layer/work" "/$dir"
+    if ! mount -t overlay overlay -o "lowerdir=/$dir,upperdir=$layer/upper,workdir=$layer/work" \
+        "/$dir" 2>/dev/null; then
+      # Some file systems (an overlay itself, in a container) cannot hold an overlay's changes;
+      # memory can, for the length of the demo.
+      [ "$layers" = "$sandbox" ] || exit 1
+      echo "(this file system cannot hold the overlays' changes: they are kept in memory)"
+      layers=$sandbox/layers
+      mkdir -p "$layers"
+      mount -t tmpfs tmpfs "$layers"
+      layer=$layers/$(echo "$dir" | tr / -)
+      mkdir -p "$layer/upper" "$layer/work"
+      mount -t overlay overlay -o "lowerdir=/$dir,upperdir=$layer/upper,workdir=$layer/work" "/$dir"
+    fi
   done
 
   HOME=$sandbox/home
