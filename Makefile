@@ -39,3 +39,14 @@ demo: build
 
 clean:
 	rm -rf $(BUILD)
+
+# Reliability at full length: TORTURE_PROCESSES hosts calling the exports at once for
+# TORTURE_SECONDS, then TORTURE_KILLS hosts killed at random moments of their saves. `make test`
+# runs shorter versions of both. The crash harness skips (status 77) without a private /dev/shm.
+TORTURE_PROCESSES ?= 16
+TORTURE_SECONDS   ?= 30
+TORTURE_KILLS     ?= 1000
+.PHONY: torture
+torture: build
+	$(BUILD)/tests/reliability/TortureHarness --processes $(TORTURE_PROCESSES) --seconds $(TORTURE_SECONDS)
+	$(BUILD)/tests/reliability/CrashHarness --kills $(TORTURE_KILLS) || [ $$? = 77 ]
