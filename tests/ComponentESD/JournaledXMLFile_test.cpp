@@ -175,8 +175,10 @@ TEST(JournaledXMLFile, MissingStoreLoadsEmptyAndBadFilesFailTheLoad) {
   }
 }
 
-// A tree from before a failed load (lock timed out, or damaged file) is never saved over the file.
-TEST(JournaledXMLFile, FailedLoadNeverWritesTheOlderTreeOverAGoodFile) {
+// A tree from before a failed load (lock timed out, or damaged file) is never saved over the file,
+// nor is an attribute value (written raw) that would not load again, which would lock every user
+// out of the store; merely unusual text goes through.
+TEST(JournaledXMLFile, NeverWritesAStaleTreeOrTextThatWouldNotLoadAgain) {
   TempDir dir;
   const std::string path = dir / "Store.xml";
   SemaphoreGuard guard(path);
@@ -194,40 +196,18 @@ TEST(JournaledXMLFile, FailedLoadNeverWritesTheOlderTreeOverAGoodFile) {
   EXPECT_FALSE(store.Save());  // the lock is free again, the tree still stale
   EXPECT_EQ(StoreText("other"), ReadFile(path));
   ASSERT_TRUE(store.Load(nullptr));
-  store.SetValue("third");
+  store.SetValue("a&b");
+  EXPECT_FALSE(store.Save());
+  EXPECT_EQ(StoreText("other"), ReadFile(path));
+  EXPECT_EQ(Names{"Store.xml"}, ListFolder(dir.path()));
+  store.SetValue("a>b 'c'");
   EXPECT_TRUE(store.Save());
-  EXPECT_EQ(StoreText("third"), ReadFile(path));
+  EXPECT_EQ(StoreText("a>b 'c'"), ReadFile(path));
 
   WriteFile(path, "<Store");
   EXPECT_FALSE(store.Load(nullptr));
   EXPECT_FALSE(store.Save());
   EXPECT_EQ("<Store", ReadFile(path));
-}
-
-// Attribute values are written raw; a value that would break the file must not reach the disk,
-// or one caller's odd identifier would lock every user out of the shared store.
-TEST(JournaledXMLFile, SaveRefusesTextThatWouldNotLoadAgain) {
-  TempDir dir;
-  const std::string path = dir / "Store.xml";
-  SemaphoreGuard guard(path);
-  WriteFile(path, StoreText("good"));
-  TestStore store(path);
-  ASSERT_TRUE(store.Load(nullptr));
-  for (const char* bad : {"a\"b", "a&b", "a<b"}) {
-    store.SetValue(bad);
-    EXPECT_FALSE(store.Save()) << bad;
-    EXPECT_EQ(StoreText("good"), ReadFile(path));
-    EXPECT_EQ(Names{"Store.xml"}, ListFolder(dir.path()));
-  }
-  store.SetValue("a>b 'c'");  // only unusual: goes through raw
-  ASSERT_TRUE(store.Save());
-  EXPECT_EQ(StoreText("a>b 'c'"), ReadFile(path));
-  XMLDocumentNode* entry = store.mBuilder.GetDocumentNode()->GetChildNodes()[0]->GetChildNodes()[0];
-  entry->SetElementData("<&>");  // element text is escaped
-  ASSERT_TRUE(store.Save());
-  ASSERT_TRUE(store.Load(nullptr));
-  entry = store.mBuilder.GetDocumentNode()->GetChildNodes()[0]->GetChildNodes()[0];
-  EXPECT_EQ("<&>", entry->GetData());
 }
 
 TEST(JournaledXMLFile, DeleteRemovesFileAndJournal) {
@@ -258,23 +238,15 @@ TEST(JournaledXMLFile, DeleteRemovesFileAndJournal) {
 // A new path takes the file along (not the journal); a path in a missing folder is refused.
 TEST(JournaledXMLFile, SetPathMovesTheStore) {
   TempDir dir;
-  const std::string first = dir / "First.xml";
-  const std::string second = dir / "Second.xml";
   Builder builder;
   JournaledXMLFile file(builder);
-  ASSERT_TRUE(file.SetPath(first));
-  WriteFile(first, StoreText("moved"));
-  WriteFile(first + "_", "<junk");
-  EXPECT_TRUE(file.SetPath(first));  // the same path deletes nothing
-  EXPECT_EQ((Names{"First.xml", "First.xml_"}), ListFolder(dir.path()));
+  ASSERT_TRUE(file.SetPath(dir / "First.xml"));
+  WriteFile(dir / "First.xml", StoreText("moved"));
+  WriteFile(dir / "First.xml_", "<junk");
   EXPECT_FALSE(file.SetPath(dir / "missing-folder/Third.xml"));
-  EXPECT_EQ(StoreText("moved"), ReadFile(first));
-
-  ASSERT_TRUE(file.SetPath(second));
+  ASSERT_TRUE(file.SetPath(dir / "Second.xml"));
   EXPECT_EQ(Names{"Second.xml"}, ListFolder(dir.path()));
-  ASSERT_TRUE(file.Load(nullptr));
-  ASSERT_TRUE(file.Save());
-  EXPECT_EQ(StoreText("moved"), ReadFile(second));  // the rewrite is byte-identical
+  EXPECT_EQ(StoreText("moved"), ReadFile(dir / "Second.xml"));
 }
 
 // Operations on their own take the lock and give it back; inside a held lock they keep it and
@@ -319,11 +291,6 @@ TEST(JournaledXMLLockedFile, OperationsNestInsideAHeldLock) {
     ASSERT_TRUE(holder.Lock());
   }
   EXPECT_FALSE(SemaphoreExists(path));
-
-  Builder builder;
-  JournaledXMLLockedFile pathless(builder, 0);  // no path, no lock to take
-  EXPECT_FALSE(pathless.Lock());
-  EXPECT_FALSE(pathless.Load(nullptr));
 }
 
 // Two processes doing locked read-modify-write never lose an increment, and a reader without the
