@@ -148,14 +148,22 @@ TEST_F(RegistrationStore, UpdaterRecordIsMadeUpOnTheSpot) {
   }
 }
 
-// Records handed out are private copies that a later save never writes back; a failed lookup
-// leaves the caller's pointer alone.
+// Records handed out are private copies: they outlive the manager's tree, and a caller's change
+// never reaches the file. A failed lookup leaves the caller's pointer alone.
 TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
   ASSERT_EQ(0u, Insert("A", "Alpha", "/opt/a"));
-  VantuUpdaterRegistrationManager store;
+  std::list<VantuUpdaterRegisteredApp> all;
   std::unique_ptr<VantuUpdaterRegisteredApp> found;
-  ASSERT_TRUE(store.GetRegisteredApplicationByAppID("A", found));
+  {
+    VantuUpdaterRegistrationManager store;
+    ASSERT_TRUE(store.GetRegisteredApps(all) && store.GetRegisteredApplicationByAppID("A", found));
+  }
+  std::string name, path;
+  EXPECT_TRUE(all.front().GetDisplayName(name) && found->GetInstallPath(path));
+  EXPECT_EQ("Alpha /opt/a", name + " " + path);
+  all.front().SetDisplayName("Changed by caller");
   found->SetInstallPath("/changed/by/caller");
+  VantuUpdaterRegistrationManager store;
   VantuUpdaterRegisteredApp b = MakeApp("B", "Beta", "/opt/b");
   ASSERT_EQ(0u, store.InsertOrUpdateRegisteredApp(b));
   EXPECT_EQ(Store(Entry("A", "Alpha", "/opt/a") + Entry("B", "Beta", "/opt/b")),
