@@ -15,6 +15,7 @@
 #include "xplat/FileSystemUtils.h"
 #include "xplat/PrefsLockScope.h"
 #include "xplat/SearchResults.h"
+#include "xplat/StoreLockScope.h"
 #include "xplat/SystemUtils.h"
 #include "xplat/TextValidation.h"
 #include "xplat/VantuUpdaterAdminPrefs.h"
@@ -200,7 +201,11 @@ int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned cha
   // The store failed. Only a file the store cannot read is rebuilt: when it still loads, the
   // fault lay with this entry or the save (a name the UTF-8 check lets through but XML cannot
   // carry, a full disk), and deleting the file would cost every other host its registration
-  // for nothing.
+  // for nothing. The lock is held from that test to the rebuild: a store that could not be read
+  // only because the lock stayed busy is not unusable, and without the lock another process
+  // could write between the test and the deletion.
+  StoreLockScope lock(*store);
+  if (!lock.Held()) return kROZResultRegistryUnusable;
   std::list<VantuUpdaterRegisteredApp> current;
   if (store->GetRegisteredApps(current)) return kROZResultRegistryUnusable;
 

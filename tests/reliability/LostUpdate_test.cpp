@@ -2,19 +2,29 @@
 // none may lose another's change. Every save writes the whole tree its load produced, so any
 // path that loads, lets the lock go, and saves later overwrites what others wrote meanwhile.
 
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
 #include <list>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "VantuUpdater/VantuUpdater.h"
 #include "support/ChildProcess.h"
 #include "support/SemaphoreGuard.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
+#include "support/UpdaterSandbox.h"
+#include "xplat/ResourceLocker.h"
 #include "xplat/ScopedEnv.h"
 #include "xplat/VantuUpdaterMissingCompsManager.h"
+#include "xplat/VantuUpdaterRegisteredApp.h"
+#include "xplat/VantuUpdaterRegistrationManager.h"
 
 namespace {
 
@@ -61,6 +71,82 @@ TEST(LostUpdate, ProcessesAddingToExistingMissingComponentEntriesLoseNothing) {
     ASSERT_TRUE(entry->GetMissingComponents(components));
     EXPECT_EQ(static_cast<size_t>(kComponents), components.size()) << "App" << i;
   }
+}
+
+const unsigned char* U(const std::string& text) {
+  return reinterpret_cast<const unsigned char*>(text.c_str());
+}
+
+// Another process holding a store's lock for `seconds`: long enough for two of the stores'
+// two-second waits to run out, and released while a third wait is under way.
+class LockHolder {
+ public:
+  LockHolder(const std::string& resource, double seconds) {
+    testing_support::Pipe locked;
+    mPid = testing_support::StartChild([&]() {
+      esd::ResourceLocker locker(resource, 0);
+      if (!locker.Lock()) return 91;
+      locked.Signal();
+      std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+      return locker.Unlock(false) ? 0 : 92;
+    });
+    mLocked = locked.Wait();
+  }
+  ~LockHolder() { Wait(); }
+  bool Locked() const { return mLocked; }
+  int Wait() {
+    if (mPid > 0) mStatus = testing_support::WaitChild(mPid);
+    mPid = -1;
+    return mStatus;
+  }
+
+ private:
+  pid_t mPid = -1;
+  bool mLocked = false;
+  int mStatus = -1;
+};
+
+// A registration that cannot have the store's lock tells the host so (4). It must not take a
+// store it never managed to read for an unusable one: deleting and rebuilding it once the lock
+// frees would throw away every other host's registration.
+TEST(LostUpdate, RegistrationThatTimesOutOnTheLockKeepsEveryOtherRegistration) {
+  testing_support::UpdaterSandbox sandbox;
+  testing_support::SemaphoreGuard guard(sandbox.RegistryFile());
+  for (const char* id : {"org.example.A", "org.example.B"})
+    ASSERT_EQ(kROZResultOK, ROZRegisterApplication(id, U("Name"), U("/opt/app")));
+  const std::string before = testing_support::ReadFile(sandbox.RegistryFile());
+
+  LockHolder holder(sandbox.RegistryFile(), 5.0);
+  ASSERT_TRUE(holder.Locked());
+  EXPECT_EQ(kROZResultRegistryUnusable,
+            ROZRegisterApplication("org.example.C", U("Name"), U("/opt/app")));
+  EXPECT_EQ(0, holder.Wait());
+  EXPECT_EQ(before, testing_support::ReadFile(sandbox.RegistryFile()));
+}
+
+// A missing-components store that its manager could not read because the lock stayed busy is
+// not empty: the manager's end must not delete it once the lock frees.
+TEST(LostUpdate, MissingComponentsSurviveAManagerThatTimedOutOnTheLock) {
+  testing_support::UpdaterSandbox sandbox;
+  sandbox.env().SetGroups({"admin"});
+  sandbox.env().RecordLaunches(true, 0);
+  sandbox.InstallUpdater();
+  testing_support::SemaphoreGuard guard(sandbox.MissingCompsFile());
+  ASSERT_EQ(0u, Request("org.example.A", "Spelling"));
+  const std::string before = testing_support::ReadFile(sandbox.MissingCompsFile());
+
+  LockHolder holder(sandbox.MissingCompsFile(), 5.0);
+  ASSERT_TRUE(holder.Locked());
+  std::string category = "Dictionary", name = "Grammar", version = "1.0";
+  ROZMissingComponent component{&category[0], &name[0], &version[0]};
+  ROZMissingComponent* components[] = {&component};
+  ROZMissingComptList list{1, components};
+  EXPECT_EQ(kROZResultMissingCompsStoreFailed,
+            ROZDownloadMissingComponents("org.example.B", U("Name"), U("/opt/app"), "en_US",
+                                         &list, kROZDownloadMissingCompTypeDefault, false));
+  EXPECT_EQ(0, holder.Wait());
+  ASSERT_TRUE(std::filesystem::exists(sandbox.MissingCompsFile()));
+  EXPECT_EQ(before, testing_support::ReadFile(sandbox.MissingCompsFile()));
 }
 
 }  // namespace

@@ -57,8 +57,8 @@ class VantuUpdaterMissingCompsManager
   VantuUpdaterMissingCompsManager();
   // Not passive: loads the store and deletes the file when it holds no entries or cannot be
   // parsed, so an empty or damaged request list never outlives the request that made it. A store
-  // that could not be read only because another process held the lock is left alone (the delete
-  // needs the lock too). Releases the lock if it is still held.
+  // that could not be read only because another process held the lock is left alone: the read
+  // and the delete are made under one hold of the lock. Releases the lock if it is still held.
   ~VantuUpdaterMissingCompsManager() override;
   VantuUpdaterMissingCompsManager(const VantuUpdaterMissingCompsManager&) = delete;
   VantuUpdaterMissingCompsManager& operator=(const VantuUpdaterMissingCompsManager&) = delete;

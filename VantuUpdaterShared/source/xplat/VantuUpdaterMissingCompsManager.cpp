@@ -49,10 +49,15 @@ VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsManager()
   SetPath(mFilePath);
 }
 
+// With the lock taken separately by the read and the delete, a read that timed out on a busy lock
+// was followed by a delete that got it once freed, throwing away every pending request.
 VantuUpdaterMissingCompsManager::~VantuUpdaterMissingCompsManager() {
   try {
-    std::list<VantuUpdaterMissingCompsApp> apps;
-    if (!GetMissingCompsApps(apps) || apps.empty()) Delete();
+    {
+      StoreLockScope lock(*this);
+      std::list<VantuUpdaterMissingCompsApp> apps;
+      if (lock.Held() && (!GetMissingCompsApps(apps) || apps.empty())) Delete();
+    }
     if (HasLock()) Unlock(false);
   } catch (...) {
   }
