@@ -1,0 +1,193 @@
+// Fuzzes the missing-components store through its manager: the input is planted as the store
+// file of a sandboxed machine (and, after its first NUL byte, as the journal of a save cut
+// short), listed, and then asked to record one more missing component.
+//
+// Checked for every input: the store loads exactly when the journal or, failing that, the file is
+// well-formed, and lists what a plain reading of that text finds (entries without a display name
+// or an install path dropped); once the lister is gone the file exists exactly when it loaded and
+// held an entry (an empty or broken request list is deleted); a request that reports success can
+// be read back and keeps every other entry.
+//
+// Entries and components missing the attributes that identify them are outside what the manager
+// accepts, by design: looking them up ends the process with an assertion. The target checks for
+// them first and then only lists such a store.
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "FuzzSandbox.h"
+#include "support/SemaphoreGuard.h"
+#include "xplat/ExpatDOMBuilder.h"
+#include "xplat/FileSystemUtils.h"
+#include "xplat/VantuUpdaterMissingCompsManager.h"
+
+namespace {
+
+using fuzzing::Check;
+using Builder = esd::ExpatDOMBuilder<esd::XMLDocumentNode>;
+
+const char kFuzzAppID[] = "com.example.Fuzz";
+const char kFuzzName[] = "Fuzz & <Co>";
+const char kFuzzPath[] = "/opt/Fuzz Pro";
+const char kFuzzVersion[] = "1.2.3.4";
+const int kFuzzOpType = 1;
+
+// True when looking the fuzz entry up cannot meet a record without its identifying attributes:
+// every entry has an "AppID", and every component of an entry with the fuzz identifier has a
+// name, a category and a readable version.
+bool LookupIsSafe(const std::string& bytes) {
+  Builder builder;
+  if (!fuzzing::ParseBytes(builder, bytes)) return true;
+  for (esd::XMLDocumentNode* top : builder.GetDocumentNode()->GetChildNodes()) {
+    if (top->GetElementName() != VantuUpdaterMissingCompsManager::GetNodeRootName()) continue;
+    for (esd::XMLDocumentNode* child : top->GetChildNodes()) {
+      if (child->GetElementName() != VantuUpdaterMissingCompsApp::GetNodeRootName()) continue;
+      VantuUpdaterMissingCompsApp app(child);
+      std::string id;
+      if (!app.GetAppID(id)) return false;
+      if (id != kFuzzAppID) continue;
+      std::list<VantuUpdaterAMissingComponent> comps;
+      app.GetMissingComponents(comps);
+      for (const VantuUpdaterAMissingComponent& comp : comps) {
+        std::string name, category;
+        FileSystemVersion version(FileSystemVersion::kInvalidVersion);
+        if (!comp.Getname(name) || !comp.Getcategory(category) || !comp.Getversion(version))
+          return false;
+      }
+    }
+  }
+  return true;
+}
+
+// Identifier to (display name, install path) of every entry, first entry of an identifier wins.
+using Entries = std::map<std::string, std::pair<std::string, std::string>>;
+// (identifier, display name, install path) of each entry in file order; a missing field is empty.
+using EntryList = std::vector<std::tuple<std::string, std::string, std::string>>;
+
+// The text of the only child `name` of `node`, or "" when there is not exactly one.
+std::string UniqueChildText(const esd::XMLDocumentNode* node, const std::string& name) {
+  const esd::XMLDocumentNode* found = nullptr;
+  for (const esd::XMLDocumentNode* child : node->GetChildNodes()) {
+    if (child->GetElementName() != name) continue;
+    if (found) return std::string();
+    found = child;
+  }
+  return found ? found->GetData() : std::string();
+}
+
+// The entries a plain reading of the store text says the manager keeps.
+EntryList ReadStoreText(const std::string& bytes) {
+  EntryList kept;
+  Builder builder;
+  if (!fuzzing::ParseBytes(builder, bytes)) return kept;
+  for (esd::XMLDocumentNode* top : builder.GetDocumentNode()->GetChildNodes()) {
+    if (top->GetElementName() != VantuUpdaterMissingCompsManager::GetNodeRootName()) continue;
+    for (esd::XMLDocumentNode* child : top->GetChildNodes()) {
+      if (child->GetElementName() != VantuUpdaterMissingCompsApp::GetNodeRootName()) continue;
+      std::string id;
+      child->GetAttrValue("AppID", id);
+      const std::string name = UniqueChildText(child, "DisplayName");
+      const std::string path = UniqueChildText(child, "InstallPath");
+      if (!name.empty() && !path.empty()) kept.emplace_back(id, name, path);
+    }
+  }
+  return kept;
+}
+
+bool List(VantuUpdaterMissingCompsManager& store, Entries& out, EntryList* order = nullptr) {
+  std::list<VantuUpdaterMissingCompsApp> apps;
+  if (!store.GetMissingCompsApps(apps)) return false;
+  out.clear();
+  for (const VantuUpdaterMissingCompsApp& app : apps) {
+    std::string id, name, path;
+    app.GetAppID(id);
+    Check(app.GetDisplayName(name) && !name.empty() && app.GetInstallPath(path) && !path.empty(),
+          "entries without a name or a path are dropped on load");
+    out.emplace(id, std::make_pair(name, path));
+    if (order) order->emplace_back(id, name, path);
+  }
+  return true;
+}
+
+const std::string& StorePath() {
+  static const std::string path = [] {
+    VantuUpdaterMissingCompsManager store;
+    std::string found;
+    Check(store.GetXMLFileFullPath(found), "the store has a path");
+    return found;
+  }();
+  return path;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  fuzzing::FuzzSandbox::Get();
+  static testing_support::SemaphoreGuard lockCleanup(StorePath());
+  const std::string& path = StorePath();
+  std::string journal;
+  JournaledXMLFile::GetJournalPath(path, journal);
+  const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path, journal);
+  const bool lookupIsSafe = LookupIsSafe(input.effective);
+
+  Entries before;
+  EntryList listed;
+  bool loaded;
+  {
+    VantuUpdaterMissingCompsManager store;
+    store.SetDurableSaves(false);
+    loaded = List(store, before, &listed);
+  }
+  Check(loaded == Builder::IsWellFormed(input.effective.data(), input.effective.size()),
+        "the store loads exactly when the text in effect is well-formed");
+  if (loaded) Check(listed == ReadStoreText(input.effective), "the store lists what its text holds");
+  Check(FileSystemUtils::DoesPathExist(path) == (loaded && !before.empty()),
+        "an empty or broken request list does not outlive its reader");
+  if (!lookupIsSafe) return 0;
+  const std::optional<std::string> afterList = fuzzing::ReadIfPresent(path);
+
+  unsigned result;
+  {
+    VantuUpdaterMissingCompsManager store;
+    store.SetDurableSaves(false);
+    std::string compName = "Fuzz Component", category = "Fuzz Category", version = kFuzzVersion;
+    result = store.UpdateWithAppAndCompData(
+        kFuzzAppID, reinterpret_cast<const unsigned char*>(kFuzzName),
+        reinterpret_cast<const unsigned char*>(kFuzzPath), kFuzzOpType, &compName[0],
+        &category[0], &version[0]);
+  }
+  Check(result <= 2, "a request result is one of the three codes");
+  if (result == 2) {
+    // Refused, for a tree the writer cannot save (an attribute holding markup) or an entry whose
+    // operation type cannot be read: nothing may have been written.
+    Check(fuzzing::ReadIfPresent(path) == afterList, "a failed request keeps the file");
+    return 0;
+  }
+
+  VantuUpdaterMissingCompsManager store;
+  store.SetDurableSaves(false);
+  Entries after;
+  Check(List(store, after), "a store just saved loads again");
+  const auto fuzzEntry = after.find(kFuzzAppID);
+  Check(fuzzEntry != after.end() && fuzzEntry->second == std::make_pair(std::string(kFuzzName),
+                                                                          std::string(kFuzzPath)),
+        "a request reported as saved reads back");
+  std::unique_ptr<VantuUpdaterMissingCompsApp> app;
+  Check(store.GetMissingCompsAppByAppID(kFuzzAppID, app), "the requesting entry can be found");
+  std::unique_ptr<VantuUpdaterAMissingComponent> comp;
+  Check(app->GetAMatchingMIssingComponent("Fuzz Component", "Fuzz Category",
+                                          FileSystemVersion(kFuzzVersion), comp),
+        "the requested component is listed");
+  for (const auto& entry : before) {
+    const auto kept = after.find(entry.first);
+    Check(kept != after.end(), "a request keeps every other entry");
+    if (entry.first != kFuzzAppID) Check(kept->second == entry.second, "other entries are unchanged");
+  }
+  return 0;
+}

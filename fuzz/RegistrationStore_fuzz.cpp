@@ -1,0 +1,205 @@
+// Fuzzes the registered-applications store through its manager: the input is planted as the
+// store file of a sandboxed machine (and, after its first NUL byte, as the journal of a save cut
+// short), then listed, registered into and unregistered from.
+//
+// Checked for every input: the store loads exactly when the journal or, failing that, the file is
+// well-formed, and lists what a plain reading of that text finds (entries without an install path
+// dropped); a file that does not load is never overwritten; a registration that reports success
+// can be read back and keeps every entry the file held before; an unregistration removes only its
+// own entry.
+//
+// Two shapes of file are outside what the manager accepts, by design: an "Application" without an
+// "appID" and two entries for one identifier end the process with an assertion when the
+// identifier is looked up. The target checks for them first and then only makes the calls that do
+// not look identifiers up.
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "FuzzSandbox.h"
+#include "support/SemaphoreGuard.h"
+#include "xplat/ExpatDOMBuilder.h"
+#include "xplat/FileSystemUtils.h"
+#include "xplat/VantuUpdaterRegistrationManager.h"
+
+namespace {
+
+using fuzzing::Check;
+using Builder = esd::ExpatDOMBuilder<esd::XMLDocumentNode>;
+
+const char kFuzzAppID[] = "com.example.Fuzz";
+const char kFuzzName[] = "Fuzz & <Co>";
+const char kFuzzPath[] = "/opt/Fuzz Pro";
+
+struct Entry {
+  std::string name;
+  std::string path;
+};
+using Entries = std::map<std::string, Entry>;
+
+// What the file says about identifiers: whether every entry has one, and whether any repeats.
+struct Identifiers {
+  bool allPresent = true;
+  bool unique = true;
+  int fuzzAppCount = 0;
+};
+
+// (identifier, display name, install path) of each entry in file order; a missing field is empty.
+using EntryList = std::vector<std::tuple<std::string, std::string, std::string>>;
+
+// The text of the only child `name` of `node`, or "" when there is not exactly one.
+std::string UniqueChildText(const esd::XMLDocumentNode* node, const std::string& name) {
+  const esd::XMLDocumentNode* found = nullptr;
+  for (const esd::XMLDocumentNode* child : node->GetChildNodes()) {
+    if (child->GetElementName() != name) continue;
+    if (found) return std::string();
+    found = child;
+  }
+  return found ? found->GetData() : std::string();
+}
+
+// What a plain reading of the store text finds: the entries the manager keeps, and the shape of
+// their identifiers.
+Identifiers ReadStoreText(const std::string& bytes, EntryList& kept) {
+  Identifiers result;
+  kept.clear();
+  Builder builder;
+  if (!fuzzing::ParseBytes(builder, bytes)) return result;
+  std::set<std::string> seen;
+  for (esd::XMLDocumentNode* top : builder.GetDocumentNode()->GetChildNodes()) {
+    if (top->GetElementName() != VantuUpdaterRegistrationManager::GetNodeRootName()) continue;
+    for (esd::XMLDocumentNode* child : top->GetChildNodes()) {
+      if (child->GetElementName() != VantuUpdaterRegisteredApp::GetNodeRootName()) continue;
+      std::string id;
+      const bool hasID = child->GetAttrValue("appID", id);
+      const std::string path = UniqueChildText(child, "InstallPath");
+      if (path.empty()) continue;
+      kept.emplace_back(id, UniqueChildText(child, "DisplayName"), path);
+      if (!hasID) {
+        result.allPresent = false;
+        continue;
+      }
+      if (!seen.insert(id).second) result.unique = false;
+      if (id == kFuzzAppID) ++result.fuzzAppCount;
+    }
+  }
+  return result;
+}
+
+// Lists the store into `out` (first entry of an identifier wins) and `order`; false when it cannot
+// be loaded.
+bool List(Entries& out, EntryList* order = nullptr) {
+  VantuUpdaterRegistrationManager store;
+  store.SetDurableSaves(false);
+  std::list<VantuUpdaterRegisteredApp> apps;
+  if (!store.GetRegisteredApps(apps)) return false;
+  out.clear();
+  for (const VantuUpdaterRegisteredApp& app : apps) {
+    std::string id;
+    Entry entry;
+    app.GetappID(id);
+    app.GetDisplayName(entry.name);
+    Check(app.GetInstallPath(entry.path) && !entry.path.empty(),
+          "entries without an install path are dropped on load");
+    out.emplace(id, entry);
+    if (order) order->emplace_back(id, entry.name, entry.path);
+  }
+  return true;
+}
+
+const std::string& StorePath() {
+  static const std::string path = [] {
+    VantuUpdaterRegistrationManager store;
+    std::string found;
+    Check(store.GetXMLFileFullPath(found), "the store has a path");
+    return found;
+  }();
+  return path;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  fuzzing::FuzzSandbox::Get();
+  static testing_support::SemaphoreGuard lockCleanup(StorePath());
+  const std::string& path = StorePath();
+  std::string journal;
+  JournaledXMLFile::GetJournalPath(path, journal);
+
+  const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path, journal);
+  EntryList expected;
+  const Identifiers ids = ReadStoreText(input.effective, expected);
+
+  Entries before;
+  EntryList listed;
+  const bool loaded = List(before, &listed);
+  Check(loaded == Builder::IsWellFormed(input.effective.data(), input.effective.size()),
+        "the store loads exactly when the text in effect is well-formed");
+  if (!loaded) Check(fuzzing::ReadIfPresent(path) == input.file, "a file that fails to load is kept");
+  if (loaded) Check(listed == expected, "the store lists what its text holds");
+  const std::optional<std::string> afterLoad = fuzzing::ReadIfPresent(path);
+
+  if (ids.fuzzAppCount > 1) return 0;
+  unsigned inserted;
+  {
+    VantuUpdaterRegistrationManager store;
+    store.SetDurableSaves(false);
+    VantuUpdaterRegisteredApp app(kFuzzAppID);
+    app.SetDisplayName(kFuzzName);
+    app.SetInstallPath(kFuzzPath);
+    inserted = store.InsertOrUpdateRegisteredApp(app);
+  }
+  Check(inserted <= 3, "a registration result is one of the four codes");
+  if (!loaded) Check(inserted == 3, "a store that cannot be loaded refuses registrations");
+  if (inserted == 3 || inserted == 2) {
+    // Refused (a tree the writer cannot save, such as an attribute holding markup) or already
+    // there: nothing may have been written.
+    Check(fuzzing::ReadIfPresent(path) == afterLoad, "a registration that saved nothing keeps the file");
+    if (inserted == 2) {
+      const auto found = before.find(kFuzzAppID);
+      Check(found != before.end() && found->second.name == kFuzzName &&
+                found->second.path == kFuzzPath,
+            "an unchanged registration was there before");
+    }
+    return 0;
+  }
+
+  Entries after;
+  Check(List(after), "a store just saved loads again");
+  Check(after.count(kFuzzAppID) == 1 && after[kFuzzAppID].name == kFuzzName &&
+            after[kFuzzAppID].path == kFuzzPath,
+        "a registration reported as saved reads back");
+  Check(inserted == (before.count(kFuzzAppID) ? 1u : 0u), "inserted and replaced are told apart");
+  for (const auto& entry : before) {
+    if (entry.first == kFuzzAppID) continue;
+    const auto kept = after.find(entry.first);
+    Check(kept != after.end() && kept->second.name == entry.second.name &&
+              kept->second.path == entry.second.path,
+          "a registration keeps every other entry");
+  }
+
+  if (!ids.allPresent || !ids.unique) return 0;
+  unsigned removed;
+  {
+    VantuUpdaterRegistrationManager store;
+    store.SetDurableSaves(false);
+    removed = store.UnregisterApp(kFuzzAppID);
+  }
+  Check(removed == 0, "a registered application can be unregistered");
+  Entries last;
+  if (after.size() == 1) {
+    Check(!FileSystemUtils::DoesPathExist(path), "removing the last entry deletes the file");
+  } else {
+    Check(List(last), "a store saved after a removal loads again");
+    after.erase(kFuzzAppID);
+    Check(last.size() == after.size() && last.count(kFuzzAppID) == 0,
+          "an unregistration removes exactly its own entry");
+  }
+  return 0;
+}
