@@ -438,12 +438,14 @@ bool ExchangeFiles(const std::string& a, const std::string& b) {
 bool SyncFile(const std::string& path) {
   Fd fd(Open(path, O_RDONLY));
   if (!fd.valid()) return false;
+  if (InjectedFault(FsOp::Sync, path, std::string()) != 0) return false;
   return ::fsync(fd.get()) == 0;
 }
 
 bool SyncDirectory(const std::string& dir) {
   Fd fd(Open(dir, O_RDONLY | O_DIRECTORY));
   if (!fd.valid()) return false;
+  if (InjectedFault(FsOp::Sync, dir, std::string()) != 0) return false;
   // EINVAL: a file system that keeps nothing to flush for folders.
   return ::fsync(fd.get()) == 0 || errno == EINVAL;
 }

@@ -22,12 +22,14 @@ bool ExchangeFilesByRenaming(const std::string& a, const std::string& b);
 // is removed again and the move fails, so a move either happens wholly or not at all.
 bool MoveObject(const std::string& from, const std::string& to);
 
-// The file system operations the exchange makes, as seen by the fault hook.
-enum class FsOp { Exchange, Rename, Copy, Unlink };
+// The file system operations the exchange makes, and the syncs of SyncFile and SyncDirectory
+// (`from` is the path synced, `to` empty), as seen by the fault hook.
+enum class FsOp { Exchange, Rename, Copy, Unlink, Sync };
 
 // Test seam: when set, called before each operation above; a non-zero result is taken as the
 // errno of that operation, which then is not performed (EXDEV on Rename makes a move take the
-// copy path, EINVAL on Exchange makes ExchangeFiles fall back to the renames). Not thread-safe.
+// copy path, EINVAL on Exchange makes ExchangeFiles fall back to the renames, EIO on Sync makes
+// the sync fail as a failing disk would). Not thread-safe.
 using FaultHook =
     std::function<int(FsOp op, const std::string& from, const std::string& to)>;
 void SetFaultHookForTesting(FaultHook hook);
