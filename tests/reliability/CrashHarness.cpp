@@ -275,13 +275,15 @@ class CrashRun {
       std::printf("  during a call on the %-30s %5ld (its change found applied %ld times)\n",
                   kTargetNames[t], f.inFlight[t], f.inFlightApplied[t]);
     std::printf("  between calls                                %5ld\n", f.betweenCalls);
-    std::printf("stale locks broken with %s: registry %ld, missing components %ld, "
-                "preferences %ld\n",
-                mUsedRozctl ? "rozctl" : "an in-process locker", f.locksBroken[kRegistry],
-                f.locksBroken[kMissing], f.locksBroken[kPrefs]);
-    std::printf("journals found after a kill: %ld complete (rolled forward), %ld partial "
-                "(ignored)\n",
-                f.journalsComplete, f.journalsPartial);
+    std::printf(
+        "stale locks broken with %s: registry %ld, missing components %ld, "
+        "preferences %ld\n",
+        mUsedRozctl ? "rozctl" : "an in-process locker", f.locksBroken[kRegistry],
+        f.locksBroken[kMissing], f.locksBroken[kPrefs]);
+    std::printf(
+        "journals found after a kill: %ld complete (rolled forward), %ld partial "
+        "(ignored)\n",
+        f.journalsComplete, f.journalsPartial);
     std::printf("semaphore files left by a kill inside sem_open: %ld (removed)\n",
                 f.semaphoreLeftovers);
     std::printf("missing-components store reset %ld times to keep its size\n", f.resets);
@@ -506,8 +508,8 @@ bool ParseOptions(int argc, char** argv, Options& options) {
 
 int main(int argc, char** argv) {
   Options options;
-  options.seed = static_cast<unsigned long long>(
-      std::chrono::system_clock::now().time_since_epoch().count());
+  options.seed =
+      static_cast<unsigned long long>(std::chrono::system_clock::now().time_since_epoch().count());
 #ifdef ROZCTL_PROGRAM
   options.rozctl = ROZCTL_PROGRAM;
 #endif

@@ -142,8 +142,8 @@ TEST(LostUpdate, MissingComponentsSurviveAManagerThatTimedOutOnTheLock) {
   ROZMissingComponent* components[] = {&component};
   ROZMissingComptList list{1, components};
   EXPECT_EQ(kROZResultMissingCompsStoreFailed,
-            ROZDownloadMissingComponents("org.example.B", U("Name"), U("/opt/app"), "en_US",
-                                         &list, kROZDownloadMissingCompTypeDefault, false));
+            ROZDownloadMissingComponents("org.example.B", U("Name"), U("/opt/app"), "en_US", &list,
+                                         kROZDownloadMissingCompTypeDefault, false));
   EXPECT_EQ(0, holder.Wait());
   ASSERT_TRUE(std::filesystem::exists(sandbox.MissingCompsFile()));
   EXPECT_EQ(before, testing_support::ReadFile(sandbox.MissingCompsFile()));

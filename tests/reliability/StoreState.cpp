@@ -37,7 +37,8 @@ std::vector<std::string> SplitTabs(const std::string& line) {
   std::string::size_type start = 0;
   for (;;) {
     const std::string::size_type tab = line.find('\t', start);
-    fields.push_back(line.substr(start, tab == std::string::npos ? std::string::npos : tab - start));
+    fields.push_back(
+        line.substr(start, tab == std::string::npos ? std::string::npos : tab - start));
     if (tab == std::string::npos) return fields;
     start = tab + 1;
   }
@@ -281,8 +282,8 @@ std::string StoreState::Diff(const StoreState& actual) const {
     auto got = actual.missing.find(id);
     if (want != missing.end() && got != actual.missing.end() && want->second == got->second)
       continue;
-    text << "missing components of " << id << " differ\n  expected: "
-         << (want == missing.end() ? "<none>" : Describe(want->second))
+    text << "missing components of " << id
+         << " differ\n  expected: " << (want == missing.end() ? "<none>" : Describe(want->second))
          << "\n  actual:   " << (got == actual.missing.end() ? "<none>" : Describe(got->second))
          << "\n";
   }

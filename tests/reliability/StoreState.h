@@ -76,8 +76,8 @@ class StoreState {
   // journal left by an interrupted save is recovered exactly as a host would. `prefKeys` are the
   // scalar preferences to read. False with `error` set when a store or the preferences cannot
   // be loaded.
-  static bool Load(const StoreFiles& files, const std::set<std::string>& prefKeys,
-                   StoreState& out, std::string& error);
+  static bool Load(const StoreFiles& files, const std::set<std::string>& prefKeys, StoreState& out,
+                   std::string& error);
 
   // Checks what any reader finds on disk once the stores were loaded: every file that exists
   // parses, no journal is left beside a store and no "TempSwap." object in their folders.

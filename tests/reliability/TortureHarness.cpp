@@ -50,8 +50,8 @@ constexpr int kAppsPerProcess = 6;
 constexpr int kMessagesPerProcess = 4;
 
 enum Operation { kRegister, kUnregister, kDownload, kPrefSet, kPrefMap, kTrigger, kOperations };
-const char* const kOperationNames[kOperations] = {"register",  "unregister",      "download",
-                                                  "pref set",  "pref map (r-m-w)", "trigger"};
+const char* const kOperationNames[kOperations] = {"register", "unregister",       "download",
+                                                  "pref set", "pref map (r-m-w)", "trigger"};
 
 const unsigned char* U(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.c_str());
@@ -111,8 +111,8 @@ class Worker {
     out << "triggers\t" << mManualTriggers << "\t" << mScheduledTriggers << "\n";
     const size_t launches = mSandbox.env().Launches().size();
     const unsigned long least = mTiming[kDownload].calls + mTiming[kTrigger].calls;
-    out << "launches\t" << launches << "\t" << least << "\t"
-        << least + mTiming[kUnregister].calls << "\n";
+    out << "launches\t" << launches << "\t" << least << "\t" << least + mTiming[kUnregister].calls
+        << "\n";
     mModel.Write(out);
   }
 
@@ -153,8 +153,7 @@ class Worker {
   void Unregister() {
     if (mModel.registered.empty()) return Register();
     const std::string id = mModel.registered[Draw(mModel.registered.size())].appID;
-    if (Check(kUnregister, id, kROZResultOK,
-              [&] { return ROZUnRegisterApplication(id.c_str()); }))
+    if (Check(kUnregister, id, kROZResultOK, [&] { return ROZUnRegisterApplication(id.c_str()); }))
       mModel.Unregister(id);
   }
 
@@ -244,8 +243,8 @@ class Worker {
     } else {
       const std::string id = AppID(static_cast<int>(Draw(kAppsPerProcess)));
       if (Check(kTrigger, "Launch", kROZResultOK, [&] {
-            return ROZTriggerUpdateCheck(id.c_str(), U("Torture"), U("/opt/torture/" + id),
-                                         "en_US", kROZTriggerScheduled, false);
+            return ROZTriggerUpdateCheck(id.c_str(), U("Torture"), U("/opt/torture/" + id), "en_US",
+                                         kROZTriggerScheduled, false);
           }))
         ++mScheduledTriggers;
     }
@@ -457,12 +456,14 @@ int Run(const Options& options) {
                 totals[op].calls ? totals[op].totalMs / totals[op].calls : 0.0, totals[op].maxMs);
   }
   std::printf("%-18s %9lu   (%.0f calls/s)\n", "all", calls, calls / elapsed);
-  std::printf("failed calls %lu (on a lock time-out %lu), lost or wrong items %zu of %zu checked,"
-              " crashed workers %d\n",
-              failures, timeouts, lost, checked, crashed);
-  std::printf("files: %zu registered applications, %zu missing-components entries, "
-              "%zu messages\n",
-              actual.registered.size(), actual.missing.size(), actual.messages.size());
+  std::printf(
+      "failed calls %lu (on a lock time-out %lu), lost or wrong items %zu of %zu checked,"
+      " crashed workers %d\n",
+      failures, timeouts, lost, checked, crashed);
+  std::printf(
+      "files: %zu registered applications, %zu missing-components entries, "
+      "%zu messages\n",
+      actual.registered.size(), actual.missing.size(), actual.messages.size());
 
   const bool ok = crashed == 0 && failures == 0 && loaded && lost == 0 && atRest.empty() &&
                   launchProblems == 0 && temporaries == 0 && calls > 0;
@@ -474,8 +475,8 @@ int Run(const Options& options) {
 
 int main(int argc, char** argv) {
   Options options;
-  options.seed = static_cast<unsigned long long>(
-      std::chrono::system_clock::now().time_since_epoch().count());
+  options.seed =
+      static_cast<unsigned long long>(std::chrono::system_clock::now().time_since_epoch().count());
   if (!ParseOptions(argc, argv, options)) {
     std::cerr << "usage: " << argv[0] << " [--processes N] [--seconds S] [--seed X]\n";
     return 2;

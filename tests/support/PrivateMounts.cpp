@@ -80,8 +80,6 @@ bool MountReadOnly(const std::string& folder, std::string& why) {
   return true;
 }
 
-bool UsePrivateSemaphores(std::string& why) {
-  return MountTmpfs("/dev/shm", "mode=1777", why);
-}
+bool UsePrivateSemaphores(std::string& why) { return MountTmpfs("/dev/shm", "mode=1777", why); }
 
 }  // namespace testing_support
