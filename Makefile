@@ -42,7 +42,8 @@ clean:
 
 # Reliability at full length: TORTURE_PROCESSES hosts calling the exports at once for
 # TORTURE_SECONDS, then TORTURE_KILLS hosts killed at random moments of their saves. `make test`
-# runs shorter versions of both. The crash harness skips (status 77) without a private /dev/shm.
+# runs a four-second torture and the same thousand kills. The crash harness skips (status 77)
+# without a private /dev/shm.
 TORTURE_PROCESSES ?= 16
 TORTURE_SECONDS   ?= 30
 TORTURE_KILLS     ?= 1000

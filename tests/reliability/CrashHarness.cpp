@@ -263,7 +263,7 @@ class CrashRun {
       if (!OneKill(meanCallMs)) return false;
     }
     mSeconds = std::chrono::duration<double>(Clock::now() - start).count();
-    StoreState::CheckAtRest(mFiles, mPrefsTemporaries);
+    StoreState::CheckAtRest(mFiles, mLeftovers);
     return true;
   }
 
@@ -287,7 +287,9 @@ class CrashRun {
     std::printf("semaphore files left by a kill inside sem_open: %ld (removed)\n",
                 f.semaphoreLeftovers);
     std::printf("missing-components store reset %ld times to keep its size\n", f.resets);
-    std::printf("temporary files left beside the preferences file: %zu\n", mPrefsTemporaries);
+    std::printf("left at the end: %zu temporaries beside the preferences file, %zu partial "
+                "journals\n",
+                mLeftovers.prefsTemporaries, mLeftovers.partialJournals);
     std::printf("losses %ld, wrong results %ld, unparsable files %ld, failed lock breaks %ld\n",
                 f.losses, f.wrongResults, f.unparsableFiles, f.lockBreakFailures);
   }
@@ -296,7 +298,7 @@ class CrashRun {
     const Figures& f = mFigures;
     // The last kill may have left one temporary that no later save has swept yet.
     return f.kills == mOptions.kills && f.losses == 0 && f.wrongResults == 0 &&
-           f.unparsableFiles == 0 && f.lockBreakFailures == 0 && mPrefsTemporaries <= 1;
+           f.unparsableFiles == 0 && f.lockBreakFailures == 0 && mLeftovers.prefsTemporaries <= 1;
   }
 
  private:
@@ -419,8 +421,8 @@ class CrashRun {
       ++mFigures.unparsableFiles;
       return Fail("after kill " + std::to_string(mFigures.kills) + ": " + error);
     }
-    size_t temporaries = 0;
-    const std::string atRest = StoreState::CheckAtRest(mFiles, temporaries);
+    StoreState::Leftovers leftovers;
+    const std::string atRest = StoreState::CheckAtRest(mFiles, leftovers);
     if (!atRest.empty()) {
       ++mFigures.unparsableFiles;
       std::cout << "after kill " << mFigures.kills << ":\n" << atRest;
@@ -483,7 +485,7 @@ class CrashRun {
   long mNextCall = 0;
   Figures mFigures;
   double mSeconds = 0;
-  size_t mPrefsTemporaries = 0;
+  StoreState::Leftovers mLeftovers;
   bool mUsedRozctl = false;
 };
 

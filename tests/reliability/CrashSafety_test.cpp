@@ -17,8 +17,8 @@
 
 namespace {
 
-// How many hosts the test kills; `make torture` runs the harness with more.
-constexpr int kKills = 300;
+// The full count: about half a minute on a disk with a few milliseconds per sync.
+constexpr int kKills = 1000;
 
 // SIGKILLs at random moments of registrations, missing-component requests and preference
 // writes, each followed by rozctl breaking the stale locks and a load through the library that

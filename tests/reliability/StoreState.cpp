@@ -218,20 +218,25 @@ bool StoreState::Load(const StoreFiles& files, const std::set<std::string>& pref
   }
 }
 
-std::string StoreState::CheckAtRest(const StoreFiles& files, size_t& prefsTemporaries) {
+std::string StoreState::CheckAtRest(const StoreFiles& files, Leftovers& leftovers) {
   namespace fs = std::filesystem;
+  const auto parses = [](const std::string& path) {
+    const std::string bytes = testing_support::ReadFile(path);
+    return esd::ExpatDOMBuilder<esd::XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size());
+  };
   std::ostringstream problems;
-  prefsTemporaries = 0;
+  leftovers = Leftovers();
   for (const std::string& path : {files.registry, files.missingComps, files.prefs}) {
-    if (FileSystemUtils::DoesPathExist(path)) {
-      const std::string bytes = testing_support::ReadFile(path);
-      if (!esd::ExpatDOMBuilder<esd::XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size()))
-        problems << path << " does not parse (" << bytes.size() << " bytes)\n";
-    }
+    if (FileSystemUtils::DoesPathExist(path) && !parses(path))
+      problems << path << " does not parse\n";
   }
   for (const std::string& store : {files.registry, files.missingComps}) {
-    if (FileSystemUtils::DoesPathExist(store + "_"))
-      problems << "a journal is left beside " << store << "\n";
+    const std::string journal = store + "_";
+    if (!FileSystemUtils::DoesPathExist(journal)) continue;
+    if (parses(journal))
+      problems << "a complete journal is left beside " << store << "\n";
+    else
+      ++leftovers.partialJournals;
   }
   const std::string prefsName = fs::path(files.prefs).filename().string() + ".new";
   std::set<std::string> folders = {FileSystemUtils::GetParentPath(files.registry),
@@ -242,7 +247,7 @@ std::string StoreState::CheckAtRest(const StoreFiles& files, size_t& prefsTempor
     for (const auto& entry : fs::directory_iterator(folder, ignored)) {
       const std::string name = entry.path().filename().string();
       if (StartsWith(name, "TempSwap.")) problems << "left over: " << entry.path() << "\n";
-      if (StartsWith(name, prefsName)) ++prefsTemporaries;
+      if (StartsWith(name, prefsName)) ++leftovers.prefsTemporaries;
     }
   }
   return problems.str();

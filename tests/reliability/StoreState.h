@@ -79,11 +79,19 @@ class StoreState {
   static bool Load(const StoreFiles& files, const std::set<std::string>& prefKeys, StoreState& out,
                    std::string& error);
 
+  // What interrupted saves may leave behind without harm: a journal that does not parse (every
+  // load ignores it, the next save replaces it) and, until the next locked save sweeps them,
+  // temporaries beside the preferences file.
+  struct Leftovers {
+    size_t partialJournals = 0;
+    size_t prefsTemporaries = 0;
+  };
+
   // Checks what any reader finds on disk once the stores were loaded: every file that exists
-  // parses, no journal is left beside a store and no "TempSwap." object in their folders.
-  // Returns the problems, empty when there are none. `prefsTemporaries` receives the number of
-  // files that interrupted preference saves left beside the preferences file.
-  static std::string CheckAtRest(const StoreFiles& files, size_t& prefsTemporaries);
+  // parses, no journal that parses is left beside a store (the next load would take it for an
+  // interrupted save and put it in place), and no "TempSwap." object is left in their folders.
+  // Returns the problems, empty when there are none, and counts the harmless leftovers.
+  static std::string CheckAtRest(const StoreFiles& files, Leftovers& leftovers);
 
   // The part of the state that concerns one owner: applications and keys starting with
   // `prefix`, and message keys starting with it.

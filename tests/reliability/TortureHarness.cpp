@@ -417,8 +417,8 @@ int Run(const Options& options) {
   StoreState actual;
   std::string error;
   const bool loaded = StoreState::Load(files, prefKeys, actual, error);
-  size_t temporaries = 0;
-  const std::string atRest = StoreState::CheckAtRest(files, temporaries);
+  StoreState::Leftovers leftovers;
+  const std::string atRest = StoreState::CheckAtRest(files, leftovers);
   size_t lost = 0, checked = 0;
   if (loaded) {
     for (size_t i = 0; i < reports.size(); ++i) {
@@ -466,7 +466,8 @@ int Run(const Options& options) {
       actual.registered.size(), actual.missing.size(), actual.messages.size());
 
   const bool ok = crashed == 0 && failures == 0 && loaded && lost == 0 && atRest.empty() &&
-                  launchProblems == 0 && temporaries == 0 && calls > 0;
+                  launchProblems == 0 && leftovers.prefsTemporaries == 0 &&
+                  leftovers.partialJournals == 0 && calls > 0;
   std::cout << (ok ? "PASS" : "FAIL") << std::endl;
   return ok ? 0 : 1;
 }
