@@ -458,4 +458,41 @@ TEST_F(FaultInjection, RefusedRenamesAndSyncsKeepThePreviousFiles) {
   });
 }
 
+// Where the kernel cannot exchange two names, a save swaps them by three renames. When the
+// second rename fails and so does the one that should undo the first, the store's text is left
+// under a temporary name and its own name is empty: the save must keep its journal, the one
+// complete text at a known name, so that the next load restores a whole store instead of an
+// empty one.
+TEST_F(FaultInjection, RenamesThatKeepFailingLeaveAWholeStore) {
+  RUN_IN_CHILD(Isolation::kPrefersPrivateLocks, [this](Findings& f) {
+    Fill(f);
+    std::list<VantuUpdaterRegisteredApp> before;
+    f.Expect(VantuUpdaterRegistrationManager().GetRegisteredApps(before), "load before");
+    int renames = 0;
+    FileSystemUtils::internal::SetFaultHookForTesting(
+        [&renames](FsOp op, const std::string&, const std::string&) {
+          if (op == FsOp::Exchange) return EINVAL;
+          return op == FsOp::Rename && renames++ >= 1 ? EIO : 0;
+        });
+    const int32_t registered = Register("org.fault.new");
+    FileSystemUtils::internal::SetFaultHookForTesting(nullptr);
+    f.ExpectEq(kROZResultRegistryUnusable, registered, "register while renames fail");
+
+    std::list<VantuUpdaterRegisteredApp> after;
+    f.Expect(VantuUpdaterRegistrationManager().GetRegisteredApps(after), "load after");
+    f.Expect(after.size() >= before.size(),
+             "the store lost entries: " + std::to_string(before.size()) + " before, " +
+                 std::to_string(after.size()) + " after");
+    for (const VantuUpdaterRegisteredApp& app : before) {
+      std::string id;
+      app.GetappID(id);
+      std::unique_ptr<VantuUpdaterRegisteredApp> found;
+      f.Expect(VantuUpdaterRegistrationManager().GetRegisteredApplicationByAppID(id, found),
+               id + " was lost");
+    }
+    f.Expect(!fs::exists(sandbox.RegistryFile() + "_"), "the journal is still there after a load");
+    f.ExpectEq(kROZResultOK, ROZUnRegisterApplication("org.fault.app0"), "the store is usable");
+  });
+}
+
 }  // namespace

@@ -68,10 +68,15 @@ bool JournaledXMLFile::Save() {
       return false;
     }
 
+    const bool hadFile = FileSystemUtils::DoesPathExist(mFilePath);
     const bool exchanged = FileSystemUtils::ExchangeFiles(mFilePath, mJournalPath);
     // After the exchange the journal holds the old text; after a failed one, the unused new
     // text. Either way it must go, or the next Load would take it for an interrupted save.
-    if (FileSystemUtils::DoesPathExist(mJournalPath)) RemoveJournal(mJournalPath);
+    // Except when a failed swap could not even put the file back (its text waits under a
+    // temporary name): then the journal is the one complete text left at a known name, and the
+    // next Load puts it in place instead of finding the store empty.
+    const bool fileLost = !exchanged && hadFile && !FileSystemUtils::DoesPathExist(mFilePath);
+    if (!fileLost && FileSystemUtils::DoesPathExist(mJournalPath)) RemoveJournal(mJournalPath);
     if (!exchanged) return false;
     // Makes the exchange and the journal's removal durable together.
     if (mDurableSaves &&
