@@ -62,6 +62,10 @@ class XMLDocumentNode {
   const ChildList& GetChildNodes() const { return mChildren; }
   const AttributeMap& GetAttributeMap() const { return mAttributes; }
   const std::string& GetVersion() const { return mVersion; }
+  // This node's own text and name, without the copies GetData and GetElementName make (for the
+  // writer and the checks that walk whole trees).
+  const std::string& ElementData() const { return mElementData; }
+  const std::string& ElementName() const { return mElementName; }
   bool IsDocumentNode() const { return mIsDocument; }
 
   // A new node with inNode's name, attributes, text, version and document flag but no children.

@@ -1,0 +1,196 @@
+#include "xplat/XMLWriteCheck.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/TempDir.h"
+#include "xplat/ExpatDOMBuilder.h"
+#include "xplat/JournaledXMLFile.h"
+#include "xplat/XMLDocumentNode.h"
+
+namespace {
+
+using esd::XMLDocumentNode;
+using esd::XMLWriteCheck::WritesWellFormed;
+using Builder = esd::ExpatDOMBuilder<XMLDocumentNode>;
+
+std::string Write(const XMLDocumentNode& node) {
+  std::ostringstream out;
+  out << node;
+  return out.str();
+}
+
+bool Parses(const std::string& text) { return Builder::IsWellFormed(text.data(), text.size()); }
+
+// A document as the builder makes it, with one store root holding one record.
+struct Store {
+  XMLDocumentNode document;
+  XMLDocumentNode* root;
+  XMLDocumentNode* record;
+  XMLDocumentNode* field;
+  Store() {
+    document.SetAttributeData("version", "1.0");
+    document.SetAttributeData("encoding", "UTF-8");
+    root = new XMLDocumentNode("Store");
+    document.AddChildNode(root);
+    record = new XMLDocumentNode("Application");
+    root->AddChildNode(record);
+    record->SetAttributeData("appID", "org.example.Host");
+    field = new XMLDocumentNode("InstallPath");
+    record->AddChildNode(field);
+    field->SetElementData("/opt/Example Host");
+  }
+};
+
+// The check vouches for ordinary trees and for nothing whose text fails to parse; what it does not
+// vouch for is either broken or merely unusual (then a parse decides).
+TEST(XMLWriteCheck, VouchesForOrdinaryTreesOnly) {
+  struct Case {
+    const char* what;
+    std::function<void(Store&)> change;
+    bool vouched;
+  };
+  const std::vector<Case> cases = {
+      {"plain store", [](Store&) {}, true},
+      {"markup and quotes in text", [](Store& s) { s.field->SetElementData("<&>\"' ]]>"); }, true},
+      {"'>' and apostrophe in a value", [](Store& s) { s.record->SetAttributeData("a", "x>'y"); },
+       true},
+      {"tab, line feed, return", [](Store& s) { s.field->SetElementData("a\tb\nc\rd"); }, true},
+      {"UTF-8 of two, three, four bytes",
+       [](Store& s) { s.field->SetElementData("\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80"); }, true},
+      {"names with digits, dots, dashes, colons",
+       [](Store& s) { s.record->SetAttributeData("x:a-1.b", "v"); }, true},
+      {"'<' in a value", [](Store& s) { s.record->SetAttributeData("a", "x<y"); }, false},
+      {"'&' in a value", [](Store& s) { s.record->SetAttributeData("a", "x&amp;y"); }, false},
+      {"'\"' in a value", [](Store& s) { s.record->SetAttributeData("a", "x\"y"); }, false},
+      {"control character", [](Store& s) { s.field->SetElementData("a\x01"); }, false},
+      {"DEL", [](Store& s) { s.field->SetElementData("a\x7F"); }, false},
+      {"truncated UTF-8", [](Store& s) { s.field->SetElementData("a\xC3"); }, false},
+      {"overlong UTF-8", [](Store& s) { s.field->SetElementData("\xC0\xAF"); }, false},
+      {"encoded surrogate", [](Store& s) { s.field->SetElementData("\xED\xA0\x80"); }, false},
+      {"U+FFFE", [](Store& s) { s.field->SetElementData("\xEF\xBF\xBE"); }, false},
+      {"beyond U+10FFFF", [](Store& s) { s.field->SetElementData("\xF4\x90\x80\x80"); }, false},
+      {"C1 control (valid, left to a parse)",
+       [](Store& s) { s.field->SetElementData("\xC2\x85"); }, false},
+      {"name starting with a digit", [](Store& s) { s.record->SetAttributeData("1a", "v"); },
+       false},
+      {"name with a blank",
+       [](Store& s) { s.root->AddChildNode(new XMLDocumentNode("a b")); }, false},
+      {"empty name", [](Store& s) { s.root->AddChildNode(new XMLDocumentNode("")); }, false},
+      {"non-ASCII name (valid, left to a parse)",
+       [](Store& s) { s.root->AddChildNode(new XMLDocumentNode("\xC3\xA9t\xC3\xA9")); }, false},
+      {"second root",
+       [](Store& s) { s.document.AddChildNode(new XMLDocumentNode("Other")); }, false},
+      {"no root",
+       [](Store& s) { s.document.DeleteChildNode(s.root); }, false},
+      {"version 1.1", [](Store& s) { s.document.SetAttributeData("version", "1.1"); }, false},
+      {"other declaration attribute",
+       [](Store& s) { s.document.SetAttributeData("standalone", "yes"); }, false},
+      {"document node inside the tree",
+       [](Store& s) { s.root->AddChildNode(new XMLDocumentNode()); }, false},
+  };
+  for (const Case& c : cases) {
+    Store store;
+    c.change(store);
+    const bool vouched = WritesWellFormed(store.document);
+    EXPECT_EQ(c.vouched, vouched) << c.what;
+    if (vouched) {
+      EXPECT_TRUE(Parses(Write(store.document))) << c.what;
+    }
+  }
+  // Only a document node can be vouched for.
+  Store store;
+  EXPECT_FALSE(WritesWellFormed(*store.root));
+}
+
+// Random trees over an alphabet full of edge bytes: whatever the check vouches for parses.
+TEST(XMLWriteCheck, WhatItVouchesForAlwaysParses) {
+  const std::vector<std::string> pieces = {
+      "a", "Z", "_", ":", "-", ".", "0", " ", "\t", "\n", "\r", "<", ">", "&", "\"", "'", "]]>",
+      "\x01", "\x7F", "\xC3\xA9", "\xC3", "\xA9", "\xC2\x85", "\xE2\x82\xAC", "\xED\xA0\x80",
+      "\xEF\xBF\xBE", "\xEF\xBF\xBD", "\xF0\x9F\x98\x80", "\xF4\x90\x80\x80", "\xC0\xAF", "x"};
+  std::mt19937 random(20240611);
+  auto text = [&](int most) {
+    std::string out;
+    for (int n = std::uniform_int_distribution<int>(0, most)(random); n > 0; --n)
+      out += pieces[std::uniform_int_distribution<size_t>(0, pieces.size() - 1)(random)];
+    return out;
+  };
+  int vouched = 0;
+  for (int round = 0; round < 3000; ++round) {
+    XMLDocumentNode document;
+    document.SetAttributeData("version", round % 50 ? "1.0" : "1.1");
+    document.SetAttributeData("encoding", "UTF-8");
+    std::vector<XMLDocumentNode*> nodes;
+    for (int roots = round % 40 ? 1 : 2; roots > 0; --roots) {
+      nodes.push_back(new XMLDocumentNode(round % 3 ? "root" : text(2)));
+      document.AddChildNode(nodes.back());
+    }
+    for (int n = std::uniform_int_distribution<int>(0, 6)(random); n > 0; --n) {
+      XMLDocumentNode* parent = nodes[std::uniform_int_distribution<size_t>(0, nodes.size() - 1)(
+          random)];
+      auto* child = new XMLDocumentNode(random() % 4 ? "e" + std::to_string(n) : text(2));
+      parent->AddChildNode(child);
+      nodes.push_back(child);
+      if (random() % 2) child->SetAttributeData(random() % 4 ? "id" : text(2), text(4));
+      if (random() % 2) child->SetElementData(text(6));
+    }
+    if (!WritesWellFormed(document)) continue;
+    ++vouched;
+    const std::string written = Write(document);
+    ASSERT_TRUE(Parses(written)) << written;
+  }
+  EXPECT_GT(vouched, 100);  // the alphabet leaves enough trees to check
+}
+
+// A save writes what the check vouches for without parsing it first, and still writes unusual
+// but loadable trees after parsing them; broken ones never reach the file.
+TEST(XMLWriteCheck, SaveWritesUnusualTreesThatParseAndRefusesBrokenOnes) {
+  testing_support::TempDir dir;
+  const std::string path = dir / "Store.xml";
+  Builder builder;
+  JournaledXMLFile file(builder);
+  ASSERT_TRUE(file.SetPath(path));
+  ASSERT_TRUE(file.Load(nullptr));
+  auto* root = new XMLDocumentNode("Store");
+  builder.GetDocumentNode()->AddChildNode(root);
+  root->SetAttributeData("note", "a&amp;b");     // not vouched for, but parses
+  root->AddChildNode(new XMLDocumentNode("\xC3\xA9t\xC3\xA9"));  // likewise
+  ASSERT_FALSE(WritesWellFormed(*builder.GetDocumentNode()));
+  ASSERT_TRUE(file.Save());
+  const std::string saved = Write(*builder.GetDocumentNode());
+  EXPECT_EQ(saved, testing_support::ReadFile(path));
+
+  root->SetAttributeData("note", "a<b");
+  EXPECT_FALSE(file.Save());
+  EXPECT_EQ(saved, testing_support::ReadFile(path));
+}
+
+// The writer hands its text over in blocks: a document far larger than one block comes out
+// whole and byte for byte as line-by-line writing would give it.
+TEST(XMLWriteCheck, LargeDocumentsAreWrittenWhole) {
+  XMLDocumentNode document;
+  document.SetAttributeData("version", "1.0");
+  auto* root = new XMLDocumentNode("Store");
+  document.AddChildNode(root);
+  std::string expected = "<?xml version=\"1.0\" ?>\n<Store>\n";
+  for (int i = 0; i < 20000; ++i) {
+    auto* entry = new XMLDocumentNode("e");
+    root->AddChildNode(entry);
+    entry->SetAttributeData("n", std::to_string(i));
+    entry->SetElementData(i % 7 ? "text " + std::to_string(i) : "<&>");
+    expected += "<e n=\"" + std::to_string(i) + "\">" +
+                (i % 7 ? "text " + std::to_string(i) : "&lt;&amp;&gt;") + "</e>\n";
+  }
+  expected += "</Store>\n";
+  ASSERT_GT(expected.size(), 256u * 1024u);
+  EXPECT_EQ(expected, Write(document));
+  EXPECT_TRUE(WritesWellFormed(document));
+}
+
+}  // namespace
