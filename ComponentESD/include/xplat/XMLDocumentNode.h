@@ -95,7 +95,8 @@ class XMLDocumentNode {
 // unescaped, element text escaped with XMLEscaping::EscapeXML, an element without text or
 // children as "<a></a>". The document node writes the declaration line and then each child
 // followed by a line feed; an element writes its text right after its start tag and each child
-// on its own line. Line ends are std::endl, so a file stream sees each line as it is written.
+// on its own line. The text reaches the stream in blocks of some tens of kilobytes and the stream
+// is flushed once at the end, so a file stream holds the whole document when this returns.
 std::ostream& operator<<(std::ostream& stream, const XMLDocumentNode& node);
 
 }  // namespace esd

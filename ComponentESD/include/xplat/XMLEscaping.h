@@ -6,35 +6,47 @@
 namespace esd {
 namespace XMLEscaping {
 
-// The text of [first, last) with the five markup characters replaced by their predefined
+// Appends [first, last) to `out` with the five markup characters replaced by their predefined
 // entities (" &quot;, & &amp;, ' &apos;, < &lt;, > &gt;); every other byte is copied as it is.
 // Used for element text only: attribute values are written raw by the serialiser.
 template <class Iter>
-std::string EscapeXML(Iter first, Iter last) {
-  std::string out;
+void AppendEscapedXML(std::string& out, Iter first, Iter last) {
+  // Runs of plain bytes are appended whole.
+  Iter plain = first;
   for (; first != last; ++first) {
-    const char c = *first;
-    switch (c) {
+    const char* entity;
+    switch (*first) {
       case '"':
-        out += "&quot;";
+        entity = "&quot;";
         break;
       case '&':
-        out += "&amp;";
+        entity = "&amp;";
         break;
       case '\'':
-        out += "&apos;";
+        entity = "&apos;";
         break;
       case '<':
-        out += "&lt;";
+        entity = "&lt;";
         break;
       case '>':
-        out += "&gt;";
+        entity = "&gt;";
         break;
       default:
-        out += c;
-        break;
+        continue;
     }
+    out.append(plain, first);
+    out += entity;
+    plain = first;
+    ++plain;
   }
+  out.append(plain, last);
+}
+
+// The escaped copy of [first, last), as AppendEscapedXML writes it.
+template <class Iter>
+std::string EscapeXML(Iter first, Iter last) {
+  std::string out;
+  AppendEscapedXML(out, first, last);
   return out;
 }
 

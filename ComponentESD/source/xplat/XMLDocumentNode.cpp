@@ -136,25 +136,68 @@ XMLDocumentNode* XMLDocumentNode::Duplicate(const XMLDocumentNode* node) {
 
 namespace {
 
+// The writer's output: text gathers in a block handed to the stream whenever it grows past
+// kBlockSize, so that the stream sees few large writes instead of many small ones.
+class BlockWriter {
+ public:
+  explicit BlockWriter(std::ostream& stream) : mStream(stream) { mBlock.reserve(kBlockSize + 1024); }
+  void Put(char c) { mBlock += c; }
+  void Put(const std::string& text) { mBlock += text; }
+  void Put(const char* text) { mBlock += text; }
+  void PutEscaped(const std::string& text) {
+    XMLEscaping::AppendEscapedXML(mBlock, text.begin(), text.end());
+  }
+  // Ends a line; hands the block over when it is full.
+  void EndLine() {
+    mBlock += '\n';
+    if (mBlock.size() >= kBlockSize) Hand();
+  }
+  void Finish() {
+    Hand();
+    mStream.flush();
+  }
+
+ private:
+  static constexpr std::size_t kBlockSize = 64 * 1024;
+  void Hand() {
+    mStream.write(mBlock.data(), static_cast<std::streamsize>(mBlock.size()));
+    mBlock.clear();
+  }
+  std::ostream& mStream;
+  std::string mBlock;
+};
+
 // Everything of a node that comes before its children.
-void WriteOpening(std::ostream& stream, const XMLDocumentNode& node) {
+void WriteOpening(BlockWriter& out, const XMLDocumentNode& node) {
   if (node.IsDocumentNode()) {
-    stream << "<?xml version=\"" << node.GetVersion() << "\" ";
-    for (const auto& attr : node.GetAttributeMap())
-      stream << attr.first << "=\"" << attr.second << "\" ";
-    stream << "?>" << std::endl;
+    out.Put("<?xml version=\"");
+    out.Put(node.GetVersion());
+    out.Put("\" ");
+    for (const auto& attr : node.GetAttributeMap()) {
+      out.Put(attr.first);
+      out.Put("=\"");
+      out.Put(attr.second);
+      out.Put("\" ");
+    }
+    out.Put("?>");
+    out.EndLine();
     return;
   }
-  const std::string& name = node.GetElementName();
-  stream << '<' << name;
-  for (const auto& attr : node.GetAttributeMap())
-    stream << ' ' << attr.first << "=\"" << attr.second << '"';
-  stream << '>';
-  const std::string data = node.GetData();
+  out.Put('<');
+  out.Put(node.ElementName());
+  for (const auto& attr : node.GetAttributeMap()) {
+    out.Put(' ');
+    out.Put(attr.first);
+    out.Put("=\"");
+    out.Put(attr.second);
+    out.Put('"');
+  }
+  out.Put('>');
+  const std::string& data = node.ElementData();
   if (data.empty()) {
-    if (!node.GetChildNodes().empty()) stream << std::endl;
+    if (!node.GetChildNodes().empty()) out.EndLine();
   } else {
-    stream << XMLEscaping::EscapeXML(data.begin(), data.end());
+    out.PutEscaped(data);
   }
 }
 
@@ -167,22 +210,28 @@ std::ostream& operator<<(std::ostream& stream, const XMLDocumentNode& node) {
     std::size_t nextChild;
   };
   std::vector<Frame> stack;
-  WriteOpening(stream, node);
+  BlockWriter out(stream);
+  WriteOpening(out, node);
   stack.push_back(Frame{&node, 0});
   while (!stack.empty()) {
     Frame& top = stack.back();
     const XMLDocumentNode::ChildList& children = top.node->GetChildNodes();
     if (top.nextChild < children.size()) {
       const XMLDocumentNode* child = children[top.nextChild++];
-      WriteOpening(stream, *child);
+      WriteOpening(out, *child);
       stack.push_back(Frame{child, 0});
       continue;
     }
     const XMLDocumentNode* done = top.node;
     stack.pop_back();
-    if (!done->IsDocumentNode()) stream << "</" << done->GetElementName() << '>';
-    if (!stack.empty()) stream << std::endl;
+    if (!done->IsDocumentNode()) {
+      out.Put("</");
+      out.Put(done->ElementName());
+      out.Put('>');
+    }
+    if (!stack.empty()) out.EndLine();
   }
+  out.Finish();
   return stream;
 }
 
