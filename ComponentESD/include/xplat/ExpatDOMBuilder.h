@@ -152,13 +152,19 @@ class ExpatDOMBuilder {
     try {
       ESD_ASSERT(pThis->m_NodeHistory.size());
       pThis->m_bCollectText = true;
-      std::unique_ptr<NodeType> node(new NodeType(name));
+      // The scratch strings keep their capacity from one call to the next, so passing the
+      // parser's texts on as strings costs no allocation of its own.
+      pThis->m_ScratchName.assign(name);
+      std::unique_ptr<NodeType> node(new NodeType(pThis->m_ScratchName));
       NodeType* pNode = node.get();
       pThis->m_NodeHistory.top()->AddChildNode(pNode);
       node.release();
       pThis->m_NodeHistory.push(pNode);
-      for (const XML_Char** attr = atts; attr && attr[0] && attr[1]; attr += 2)
-        pNode->SetAttributeData(attr[0], attr[1]);
+      for (const XML_Char** attr = atts; attr && attr[0] && attr[1]; attr += 2) {
+        pThis->m_ScratchName.assign(attr[0]);
+        pThis->m_ScratchText.assign(attr[1]);
+        pNode->SetAttributeData(pThis->m_ScratchName, pThis->m_ScratchText);
+      }
     } catch (const std::exception&) {
       pThis->m_bHandlerFailed = true;
     }
@@ -178,7 +184,8 @@ class ExpatDOMBuilder {
     try {
       NodeType* pNode = pThis->m_NodeHistory.top();
       ESD_ASSERT(pNode);
-      pNode->AppendElementData(std::string(s, static_cast<std::size_t>(len)));
+      pThis->m_ScratchText.assign(s, static_cast<std::size_t>(len));
+      pNode->AppendElementData(pThis->m_ScratchText);
     } catch (const std::exception&) {
       pThis->m_bHandlerFailed = true;
     }
@@ -201,6 +208,8 @@ class ExpatDOMBuilder {
   bool m_bCollectText;
   XML_Parser m_pExpatParser;
   bool m_bHandlerFailed;
+  std::string m_ScratchName;
+  std::string m_ScratchText;
 };
 
 }  // namespace esd
