@@ -192,6 +192,26 @@ TEST_F(RegistrationStore, LoadDropsUnusableEntriesAndKeepsForeignElements) {
   EXPECT_EQ(Store("<Note>keep</Note>\n"), ReadFile(mStorePath));
 }
 
+// Each kind of unusable entry is found on its own among good ones; a store with none is left
+// untouched by a load.
+TEST_F(RegistrationStore, LoadFindsEachKindOfUnusableEntryAlone) {
+  const std::string before = Entry("A", "Alpha", "/opt/a");
+  const std::string after = "<Note>keep</Note>\n" + Entry("B", "Beta", "/opt/b");
+  for (const std::string& bad :
+       {Entry("Empty", "E", ""),
+        std::string("<Application appID=\"None\">\n<DisplayName>N</DisplayName>\n"
+                    "</Application>\n"),
+        std::string("<Application appID=\"Twice\">\n<InstallPath>/a</InstallPath>\n"
+                    "<InstallPath>/b</InstallPath>\n</Application>\n")}) {
+    WriteFile(mStorePath, Store(before + bad + after));
+    EXPECT_EQ(1u, Unregister("Nobody")) << bad;
+    EXPECT_EQ(Store(before + after), ReadFile(mStorePath)) << bad;
+  }
+  const testing_support::FileStamp stamp = StampOf(mStorePath);
+  EXPECT_EQ(1u, Unregister("Nobody"));
+  EXPECT_TRUE(stamp == StampOf(mStorePath));
+}
+
 // An unparsable file is refused by every operation and kept, also after an earlier good load
 // (whose tree the manager must let go).
 TEST_F(RegistrationStore, UnparsableFileIsRefusedAndKept) {

@@ -13,6 +13,7 @@ namespace {
 const char kRegistrationFileName[] = "VantuESDGlobalApps.xml";
 const char kAppIDAttr[] = "appID";
 const char kVantuUpdaterDisplayName[] = "Vantu Updater";
+const char kInstallPathElem[] = "InstallPath";
 
 enum InsertResult : unsigned { kInserted = 0, kReplaced = 1, kUnchanged = 2, kInsertFailed = 3 };
 enum UnregisterResult : unsigned { kRemoved = 0, kNotFound = 1, kUnregisterFailed = 2 };
@@ -23,6 +24,25 @@ bool AppendCopy(esd::XMLDocumentNode* storeRoot, esd::XMLDocumentNode* record) {
   if (copy == nullptr) return false;
   storeRoot->AddChildNode(copy);
   return true;
+}
+
+// Whether some record under `storeRoot` lacks a single, non-empty "InstallPath" child, which is
+// what RegisteredAppVerifier removes. Found by looking at the elements directly: a load of a
+// large store would otherwise bind and search every record only to learn that all are fine.
+bool HasRecordWithoutInstallPath(const esd::XMLDocumentNode* storeRoot) {
+  const std::string recordName = VantuUpdaterRegisteredApp::GetNodeRootName();
+  for (const esd::XMLDocumentNode* record : storeRoot->GetChildNodes()) {
+    if (record->ElementName() != recordName) continue;
+    int paths = 0;
+    bool empty = true;
+    for (const esd::XMLDocumentNode* field : record->GetChildNodes()) {
+      if (field->ElementName() != kInstallPathElem) continue;
+      ++paths;
+      empty = field->ElementData().empty();
+    }
+    if (paths != 1 || empty) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -103,7 +123,9 @@ bool VantuUpdaterRegistrationManager::OnLoadSuccess(esd::XMLDocumentNode* root, 
     storeRoot = roots.GetSingleMatch();
   }
   SetObjectRoot(storeRoot);
-  if (DeleteVantuUpdaterRegisteredAppIf(RegisteredAppVerifier(this)) > 0) Save();
+  if (HasRecordWithoutInstallPath(storeRoot) &&
+      DeleteVantuUpdaterRegisteredAppIf(RegisteredAppVerifier(this)) > 0)
+    Save();
   return true;
 }
 
