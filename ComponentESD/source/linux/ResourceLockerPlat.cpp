@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <limits>
 
@@ -36,6 +37,54 @@ std::uint64_t Deadline(std::uint64_t now, unsigned long timeoutMs) {
   return now + static_cast<std::uint64_t>(timeoutMs) * 1000u;
 }
 
+// Waiters poll once a millisecond, so a process that releases a lock and asks for it again at
+// once (a host making several calls in a row) would take it back nearly every time and starve
+// them. Waiters therefore raise the count of the holder's semaphore, which nothing else uses, and
+// a holder that finds it raised when it lets go gives way: its next attempt on that lock, on the
+// same thread, waits until another process has been seen holding it, or for kHandOverTime at
+// most (the waiter may have given up meanwhile). A process alone never waits for this.
+const std::uint64_t kHandOverTime = 10 * kPollInterval;  // microseconds
+
+// The last lock this thread released while others waited; plain data, so that no thread-exit
+// work is left behind in a host that unloads the library.
+struct ContendedRelease {
+  char name[64];
+  std::uint64_t at;
+};
+thread_local ContendedRelease tContendedRelease = {{0}, 0};
+
+void RememberContendedRelease(const std::string& name) {
+  if (name.size() >= sizeof tContendedRelease.name) return;
+  std::copy(name.begin(), name.end(), tContendedRelease.name);
+  tContendedRelease.name[name.size()] = '\0';
+  tContendedRelease.at = Microseconds();
+}
+
+// Tells the holder of `name`, if any, that someone waits.
+void AnnounceWaiter(PLXSysAccessor& sys, const std::string& name) {
+  sem_t* semaphore = sys.sem_open(name.c_str(), 0, 0, 0);
+  if (semaphore == SEM_FAILED) return;
+  sem_post(semaphore);
+  sys.sem_close(semaphore);
+}
+
+// Whether someone holds `name` now (one whose semaphore we may not open holds it too).
+bool IsHeld(PLXSysAccessor& sys, const std::string& name) {
+  sem_t* semaphore = sys.sem_open(name.c_str(), 0, 0, 0);
+  if (semaphore == SEM_FAILED) return errno != ENOENT;
+  sys.sem_close(semaphore);
+  return true;
+}
+
+// See kHandOverTime. Returns at the deadline at the latest, so a Lock still makes its attempt.
+void GiveWayAfterContendedRelease(PLXSysAccessor& sys, const std::string& name,
+                                  std::uint64_t deadline) {
+  if (name != tContendedRelease.name) return;
+  tContendedRelease.name[0] = '\0';
+  const std::uint64_t until = std::min(tContendedRelease.at + kHandOverTime, deadline);
+  while (Microseconds() < until && !IsHeld(sys, name)) usleep(kPollInterval);
+}
+
 }  // namespace
 
 // Linux accepts no "/" in a semaphore name after the leading one, and the Base64 hash may hold
@@ -63,18 +112,21 @@ ResourceLocker::ResourceLockerPlat::~ResourceLockerPlat() {
   }
 }
 
-// The semaphore's count is never used: creating it exclusively is taking the lock. Failures
-// of any kind (the name exists, no permission) are retried until the deadline, so a lock being
-// broken and re-created by others in between does not end the wait early.
+// Creating the semaphore exclusively is taking the lock; its count only carries the waiters'
+// announcements. Failures of any kind (the name exists, no permission) are retried until the
+// deadline, so a lock being broken and re-created by others in between does not end the wait
+// early.
 bool ResourceLocker::ResourceLockerPlat::Lock() {
   if (HasLock()) throw resource_lock_fail(mResourceName, "A resource is already being locked");
 
   const std::uint64_t deadline = Deadline(Microseconds(), mTimeout);
+  const std::string name = GetSemaphoreName(mResourceName);
+  GiveWayAfterContendedRelease(mSysAccessor, name, deadline);
   for (;;) {
-    const std::string name = GetSemaphoreName(mResourceName);
     mSemaphore = mSysAccessor.sem_open(name.c_str(), O_CREAT | O_EXCL, kSemaphoreMode,
                                        kSemaphoreInitialValue);
     if (mSemaphore != SEM_FAILED) break;
+    AnnounceWaiter(mSysAccessor, name);
     usleep(kPollInterval);
     if (!(Microseconds() < deadline)) break;
   }
@@ -87,11 +139,16 @@ bool ResourceLocker::ResourceLockerPlat::Unlock(bool force) {
   if (!HasLock() && !force) {
     throw no_resource_lock("Resource unknown", "This object is not locking an item");
   }
-  if (mSysAccessor.sem_unlink(GetSemaphoreName(mResourceName).c_str()) != 0) return false;
+  const std::string name = GetSemaphoreName(mResourceName);
+  int count = 0;
+  const bool contended = HasLock() && sem_getvalue(mSemaphore, &count) == 0 &&
+                         count > static_cast<int>(kSemaphoreInitialValue);
+  if (mSysAccessor.sem_unlink(name.c_str()) != 0) return false;
   if (HasLock()) {
     mSysAccessor.sem_close(mSemaphore);
     mSemaphore = SEM_FAILED;
   }
+  if (contended) RememberContendedRelease(name);
   return true;
 }
 
