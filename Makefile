@@ -51,3 +51,16 @@ TORTURE_KILLS     ?= 1000
 torture: build
 	$(BUILD)/tests/reliability/TortureHarness --processes $(TORTURE_PROCESSES) --seconds $(TORTURE_SECONDS)
 	$(BUILD)/tests/reliability/CrashHarness --kills $(TORTURE_KILLS) || [ $$? = 77 ]
+
+# Benchmarks: the registration figures (every figure the median of repeated runs, every ratio
+# between benchmarks run side by side) on a disk folder and on /dev/shm, printed as one table.
+# BENCH_DIRS chooses the file systems; BENCH_FLAGS passes Google Benchmark options such as
+# --benchmark_repetitions=9 or --benchmark_filter=Register. SQLite is the benchmark's yardstick.
+DEBIAN_PACKAGES += libsqlite3-dev
+BENCH_DIRS  ?= $(CURDIR)/$(BUILD)/bench-files /dev/shm
+BENCH_FLAGS ?=
+.PHONY: bench
+bench: configure
+	cmake --build $(BUILD) -j $(JOBS) --target UpdaterFigures_bench
+	mkdir -p $(BUILD)/bench-files
+	$(BUILD)/UpdaterFigures_bench $(addprefix --dir=,$(BENCH_DIRS)) $(BENCH_FLAGS)

@@ -681,9 +681,12 @@ void RegisterAll() {
   Register("Reject/longest", RejectLongestPath);
 }
 
+// A benchmark left out by --benchmark_filter, or one that failed (its error is in the report).
+const char kNotRun[] = "not run";
+
 Cell TimeCell(const FigureTable& t, const std::string& name, const std::string& column) {
   const FigureTable::Median* m = t.Find(name, column);
-  if (!m) return Cell{"n/a"};
+  if (!m) return Cell{kNotRun};
   return Cell{FigureTable::Duration(m->seconds)};
 }
 
@@ -694,7 +697,7 @@ FigureTable::CellMaker Ratio(const std::string& a, const std::string& b, double 
   return [=](const FigureTable& t, const std::string& column) {
     const FigureTable::Median* x = t.Find(a, column);
     const FigureTable::Median* y = t.Find(b, column);
-    if (!x || !y || y->seconds <= 0) return Cell{"n/a", Cell::kMissed};
+    if (!x || !y || y->seconds <= 0) return Cell{kNotRun};
     const double ratio = x->seconds / y->seconds;
     Cell cell{FigureTable::Number(ratio) + "x"};
     if (limit > 0)
@@ -707,7 +710,7 @@ FigureTable::CellMaker Time(const std::string& name, double atMostSeconds = 0) {
   return [=](const FigureTable& t, const std::string& column) {
     Cell cell = TimeCell(t, name, column);
     const FigureTable::Median* m = t.Find(name, column);
-    if (atMostSeconds > 0)
+    if (m && atMostSeconds > 0)
       cell.verdict = m && m->seconds <= atMostSeconds ? Cell::kMet : Cell::kMissed;
     return cell;
   };
@@ -719,7 +722,7 @@ FigureTable::CellMaker Counter(const std::string& name, const std::string& count
                                const std::string& aggregate = "median") {
   return [=](const FigureTable& t, const std::string& column) {
     const FigureTable::Median* m = t.Find(name, column, aggregate);
-    if (!m || !m->counters.count(counter)) return Cell{"n/a", Cell::kMissed};
+    if (!m || !m->counters.count(counter)) return Cell{kNotRun};
     const double value = m->counters.at(counter) * scale;
     Cell cell{FigureTable::Number(value, format)};
     if (atMost > 0) cell.verdict = value <= atMost ? Cell::kMet : Cell::kMissed;
@@ -730,7 +733,7 @@ FigureTable::CellMaker Counter(const std::string& name, const std::string& count
 FigureTable::CellMaker Throughput(const std::string& name) {
   return [=](const FigureTable& t, const std::string& column) {
     const FigureTable::Median* m = t.Find(name, column);
-    if (!m || !m->counters.count("file_bytes") || m->seconds <= 0) return Cell{"n/a"};
+    if (!m || !m->counters.count("file_bytes") || m->seconds <= 0) return Cell{kNotRun};
     return Cell{FigureTable::Number(m->counters.at("file_bytes") / m->seconds / 1e6, "%.0f") +
                 " MB/s"};
   };
@@ -777,7 +780,7 @@ void FillTable(FigureTable& table) {
                [](const FigureTable& t, const std::string& column) {
                  const FigureTable::Median* a = t.Find("Contending/{fs}", column, "max");
                  const FigureTable::Median* b = t.Find("Alone/{fs}", column, "max");
-                 if (!a || !b) return Cell{"n/a", Cell::kMissed};
+                 if (!a || !b) return Cell{kNotRun};
                  const double failed = a->counters.at("failed") + b->counters.at("failed");
                  return Cell{FigureTable::Number(failed, "%.0f"),
                              failed == 0 ? Cell::kMet : Cell::kMissed};
