@@ -29,7 +29,8 @@ class FigureTable : public benchmark::ConsoleReporter {
   // One cell: its text and whether it meets the row's target (unknown when there is none).
   struct Cell {
     std::string text;
-    enum Verdict { kNone, kMet, kMissed } verdict = kNone;
+    // kUnmeasured: the benchmarks behind it did not run (left out by a filter) or failed.
+    enum Verdict { kNone, kMet, kMissed, kUnmeasured } verdict = kNone;
   };
 
   // Computes a cell from the medians for one column.
@@ -89,6 +90,7 @@ class FigureTable : public benchmark::ConsoleReporter {
   int Print(std::ostream& out) const {
     std::vector<std::vector<std::string>> lines;
     int missed = 0;
+    int unmeasured = 0;
     std::vector<std::string> header{"Figure"};
     header.insert(header.end(), mHeaders.begin(), mHeaders.end());
     header.push_back("Target");
@@ -107,6 +109,7 @@ class FigureTable : public benchmark::ConsoleReporter {
           text += "  MISSED";
           ++missed;
         }
+        if (cell.verdict == Cell::kUnmeasured && !row.target.empty()) ++unmeasured;
         line.push_back(text);
       }
       line.push_back(row.target);
@@ -132,8 +135,9 @@ class FigureTable : public benchmark::ConsoleReporter {
     }
     rule();
     out << (missed ? std::to_string(missed) + " figure(s) missed their target" :
-                     std::string("every figure met its target"))
-        << '\n';
+                     std::string("every figure measured met its target"));
+    if (unmeasured) out << "; " << unmeasured << " not measured (filtered out or failed)";
+    out << '\n';
     return missed;
   }
 

@@ -686,7 +686,7 @@ const char kNotRun[] = "not run";
 
 Cell TimeCell(const FigureTable& t, const std::string& name, const std::string& column) {
   const FigureTable::Median* m = t.Find(name, column);
-  if (!m) return Cell{kNotRun};
+  if (!m) return Cell{kNotRun, Cell::kUnmeasured};
   return Cell{FigureTable::Duration(m->seconds)};
 }
 
@@ -697,7 +697,7 @@ FigureTable::CellMaker Ratio(const std::string& a, const std::string& b, double 
   return [=](const FigureTable& t, const std::string& column) {
     const FigureTable::Median* x = t.Find(a, column);
     const FigureTable::Median* y = t.Find(b, column);
-    if (!x || !y || y->seconds <= 0) return Cell{kNotRun};
+    if (!x || !y || y->seconds <= 0) return Cell{kNotRun, Cell::kUnmeasured};
     const double ratio = x->seconds / y->seconds;
     Cell cell{FigureTable::Number(ratio) + "x"};
     if (limit > 0)
@@ -722,7 +722,7 @@ FigureTable::CellMaker Counter(const std::string& name, const std::string& count
                                const std::string& aggregate = "median") {
   return [=](const FigureTable& t, const std::string& column) {
     const FigureTable::Median* m = t.Find(name, column, aggregate);
-    if (!m || !m->counters.count(counter)) return Cell{kNotRun};
+    if (!m || !m->counters.count(counter)) return Cell{kNotRun, Cell::kUnmeasured};
     const double value = m->counters.at(counter) * scale;
     Cell cell{FigureTable::Number(value, format)};
     if (atMost > 0) cell.verdict = value <= atMost ? Cell::kMet : Cell::kMissed;
@@ -733,7 +733,7 @@ FigureTable::CellMaker Counter(const std::string& name, const std::string& count
 FigureTable::CellMaker Throughput(const std::string& name) {
   return [=](const FigureTable& t, const std::string& column) {
     const FigureTable::Median* m = t.Find(name, column);
-    if (!m || !m->counters.count("file_bytes") || m->seconds <= 0) return Cell{kNotRun};
+    if (!m || !m->counters.count("file_bytes") || m->seconds <= 0) return Cell{kNotRun, Cell::kUnmeasured};
     return Cell{FigureTable::Number(m->counters.at("file_bytes") / m->seconds / 1e6, "%.0f") +
                 " MB/s"};
   };
@@ -780,7 +780,7 @@ void FillTable(FigureTable& table) {
                [](const FigureTable& t, const std::string& column) {
                  const FigureTable::Median* a = t.Find("Contending/{fs}", column, "max");
                  const FigureTable::Median* b = t.Find("Alone/{fs}", column, "max");
-                 if (!a || !b) return Cell{kNotRun};
+                 if (!a || !b) return Cell{kNotRun, Cell::kUnmeasured};
                  const double failed = a->counters.at("failed") + b->counters.at("failed");
                  return Cell{FigureTable::Number(failed, "%.0f"),
                              failed == 0 ? Cell::kMet : Cell::kMissed};
