@@ -20,6 +20,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -179,12 +180,12 @@ Step Plan(long n, const StoreState& before) {
 struct Message {
   int32_t kind;  // kStarted, kReturned, kWrong
   int32_t call;
-  int64_t result;
+  int64_t value;  // kReturned: how long the call took in microseconds; kWrong: its result
 };
 enum : int32_t { kStarted = 1, kReturned = 2, kWrong = 3 };
 
-void Send(int fd, int32_t kind, long call, long result) {
-  const Message m{kind, static_cast<int32_t>(call), result};
+void Send(int fd, int32_t kind, long call, int64_t value) {
+  const Message m{kind, static_cast<int32_t>(call), value};
   if (::write(fd, &m, sizeof m) != static_cast<ssize_t>(sizeof m)) ::_exit(5);
 }
 
@@ -193,13 +194,15 @@ void Send(int fd, int32_t kind, long call, long result) {
   for (long n = first;; ++n) {
     const Step step = Plan(n, model);
     Send(fd, kStarted, n, 0);
+    const Clock::time_point start = Clock::now();
     const long result = step.run(step);
     if (result != step.expected) {
       Send(fd, kWrong, n, result);
       ::_exit(3);
     }
     model = step.after;
-    Send(fd, kReturned, n, result);
+    Send(fd, kReturned, n,
+         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
   }
 }
 
@@ -258,9 +261,8 @@ class CrashRun {
 
   bool Run() {
     const Clock::time_point start = Clock::now();
-    double meanCallMs = 20;
     for (long kill = 0; kill < mOptions.kills; ++kill) {
-      if (!OneKill(meanCallMs)) return false;
+      if (!OneKill()) return false;
     }
     mSeconds = std::chrono::duration<double>(Clock::now() - start).count();
     StoreState::CheckAtRest(mFiles, mLeftovers);
@@ -303,7 +305,7 @@ class CrashRun {
 
  private:
   // One host started, killed, cleaned up after and checked.
-  bool OneKill(double& meanCallMs) {
+  bool OneKill() {
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) return Fail("pipe failed");
     std::fflush(nullptr);
@@ -314,40 +316,59 @@ class CrashRun {
       Host(fds[1], mNextCall, mModel);
     }
     ::close(fds[1]);
-    const Clock::time_point born = Clock::now();
-    // Uniform over the time of two or three calls, so the kill lands anywhere in them.
-    const double maxDelayMs = std::min(250.0, std::max(2.0, 2.5 * meanCallMs));
-    std::uniform_real_distribution<double> delay(0, maxDelayMs);
-    std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay(mRandom)));
+    // The host gets through zero to two calls, then the kill falls at a uniform moment of the
+    // next one, over a little more than such calls have taken lately. So the plan moves on and
+    // the three files take turns, whatever their calls cost (on a disk the syncs dominate, on
+    // tmpfs the CPU).
+    const long victim = mNextCall + static_cast<long>(mRandom() % 3);
+    long lastStarted = mNextCall - 1, lastReturned = mNextCall - 1;
+    bool started = false;
+    while (!started) {
+      Message m{};
+      pollfd ready{fds[0], POLLIN, 0};
+      if (::poll(&ready, 1, 10000) != 1 || ::read(fds[0], &m, sizeof m) != sizeof m) break;
+      if (!Take(m, lastStarted, lastReturned)) break;
+      started = m.kind == kStarted && m.call == victim;
+    }
+    const double meanMs = mMeanCallMs[victim % kTargets];
+    std::uniform_real_distribution<double> delay(0, std::min(250.0, 1.2 * meanMs));
+    if (started)
+      std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay(mRandom)));
     ::kill(host, SIGKILL);
     int status = 0;
     while (::waitpid(host, &status, 0) < 0 && errno == EINTR) {
     }
-    const double livedMs = std::chrono::duration<double, std::milli>(Clock::now() - born).count();
-
-    long lastStarted = mNextCall - 1, lastReturned = mNextCall - 1;
-    Message m;
-    while (::read(fds[0], &m, sizeof m) == static_cast<ssize_t>(sizeof m)) {
-      if (m.kind == kStarted) lastStarted = m.call;
-      if (m.kind == kReturned) lastReturned = m.call;
-      if (m.kind == kWrong) {
-        ++mFigures.wrongResults;
-        std::cout << "call " << m.call << " (" << Plan(m.call, StateBefore(m.call)).description
-                  << ") gave " << m.result << ", expected "
-                  << Plan(m.call, StateBefore(m.call)).expected << "\n";
-      }
-    }
+    Message m{};
+    while (::read(fds[0], &m, sizeof m) == static_cast<ssize_t>(sizeof m))
+      Take(m, lastStarted, lastReturned);
     ::close(fds[0]);
     ++mFigures.kills;
     const long returned = lastReturned - mNextCall + 1;
     mFigures.callsReturned += returned;
-    if (returned > 0) meanCallMs = 0.8 * meanCallMs + 0.2 * (livedMs / (returned + 0.5));
 
     BreakStaleLocks();
     mFigures.semaphoreLeftovers += RemoveSemaphoreLeftovers();
     InspectJournals();
     if (mFigures.wrongResults > 0) return Fail("a call gave a wrong result");
+    // Ten seconds without a call starting or returning: a lock nobody broke, or a hang.
+    if (!started) return Fail("the host stalled before call " + std::to_string(victim));
     return Check(lastStarted, lastReturned);
+  }
+
+  // Takes one message of the host into account; false when it reported a wrong result.
+  bool Take(const Message& m, long& lastStarted, long& lastReturned) {
+    if (m.kind == kStarted) lastStarted = m.call;
+    if (m.kind == kReturned) {
+      lastReturned = m.call;
+      double& mean = mMeanCallMs[m.call % kTargets];
+      mean = 0.8 * mean + 0.2 * (static_cast<double>(m.value) / 1000);
+    }
+    if (m.kind != kWrong) return true;
+    ++mFigures.wrongResults;
+    const Step step = Plan(m.call, StateBefore(m.call));
+    std::cout << "call " << m.call << " (" << step.description << ") gave " << m.value
+              << ", expected " << step.expected << "\n";
+    return false;
   }
 
   // The model after every call up to `call` (exclusive) of the current host returned.
@@ -483,6 +504,7 @@ class CrashRun {
   std::mt19937_64 mRandom;
   StoreState mModel;
   long mNextCall = 0;
+  double mMeanCallMs[kTargets] = {20, 20, 20};
   Figures mFigures;
   double mSeconds = 0;
   StoreState::Leftovers mLeftovers;

@@ -17,7 +17,7 @@
 
 namespace {
 
-// The full count: about half a minute on a disk with a few milliseconds per sync.
+// The full count: under a minute on a disk with a few milliseconds per sync.
 constexpr int kKills = 1000;
 
 // SIGKILLs at random moments of registrations, missing-component requests and preference
