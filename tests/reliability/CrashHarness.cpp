@@ -11,7 +11,8 @@
 // calls that returned (their changes must all be there) and at most one call in flight (its
 // change may or may not be there, but nothing else may differ). The plan is a function of the
 // call's number and the files' current content, so the harness computes both acceptable states
-// exactly and the next host carries on from the one it finds.
+// exactly and the next host carries on from the one it finds. When a kill leaves a complete
+// journal, the load that recovers it is killed too, at a random moment of the recovery.
 //
 // Runs in a private mount namespace with its own /dev/shm, so that breaking locks after a kill
 // can never break another program's lock and the semaphore files a killed sem_open leaves behind
@@ -32,6 +33,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <list>
 #include <map>
 #include <random>
 #include <set>
@@ -52,6 +54,8 @@
 #include "xplat/PrefsLockScope.h"
 #include "xplat/ResourceLocker.h"
 #include "xplat/VantuUpdaterMissingCompsManager.h"
+#include "xplat/VantuUpdaterRegisteredApp.h"
+#include "xplat/VantuUpdaterRegistrationManager.h"
 #include "xplat/VantuUpdaterPrefs.h"
 #include "xplat/XMLDocumentNode.h"
 
@@ -221,6 +225,8 @@ struct Figures {
   long locksBroken[kTargets] = {0, 0, 0};
   long journalsComplete = 0;
   long journalsPartial = 0;
+  long recoveryKills = 0;
+  long recoveriesFinished = 0;
   long semaphoreLeftovers = 0;
   long resets = 0;
   long losses = 0;
@@ -283,9 +289,11 @@ class CrashRun {
         mUsedRozctl ? "rozctl" : "an in-process locker", f.locksBroken[kRegistry],
         f.locksBroken[kMissing], f.locksBroken[kPrefs]);
     std::printf(
-        "journals found after a kill: %ld complete (rolled forward), %ld partial "
-        "(ignored)\n",
+        "journals found after a kill: %ld complete (put in place by the next load), "
+        "%ld partial (ignored)\n",
         f.journalsComplete, f.journalsPartial);
+    std::printf("hosts killed while they recovered a journal: %ld (%ld finished first)\n",
+                f.recoveryKills, f.recoveriesFinished);
     std::printf("semaphore files left by a kill inside sem_open: %ld (removed)\n",
                 f.semaphoreLeftovers);
     std::printf("missing-components store reset %ld times to keep its size\n", f.resets);
@@ -412,20 +420,71 @@ class CrashRun {
 
   // Looks at what the kill left before the library recovers it: the store files themselves are
   // only ever replaced whole, so they must parse as they are; a journal may be partial.
+  // A complete journal is put in place by the next load, which is itself killed at a random
+  // moment of the recovery: a kill between the exchange and the journal's removal leaves the
+  // older text as a complete journal, so the states the check accepts stay the same two.
   void InspectJournals() {
-    for (const std::string& store : {mFiles.registry, mFiles.missingComps}) {
+    for (const Target target : {kRegistry, kMissing}) {
+      const std::string& store = target == kRegistry ? mFiles.registry : mFiles.missingComps;
       if (FileSystemUtils::DoesPathExist(store) && !Parses(store)) {
         ++mFigures.unparsableFiles;
         std::cout << store << " does not parse before recovery\n";
       }
       const std::string journal = store + "_";
-      if (FileSystemUtils::DoesPathExist(journal))
-        ++(Parses(journal) ? mFigures.journalsComplete : mFigures.journalsPartial);
+      if (!FileSystemUtils::DoesPathExist(journal)) continue;
+      if (!Parses(journal)) {
+        ++mFigures.journalsPartial;
+        continue;
+      }
+      ++mFigures.journalsComplete;
+      KillDuringRecovery(target);
     }
     if (FileSystemUtils::DoesPathExist(mFiles.prefs) && !Parses(mFiles.prefs)) {
       ++mFigures.unparsableFiles;
       std::cout << mFiles.prefs << " does not parse\n";
     }
+  }
+
+  void KillDuringRecovery(Target target) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return;
+    std::fflush(nullptr);
+    const pid_t host = ::fork();
+    if (host < 0) return;
+    if (host == 0) {
+      ::close(fds[0]);
+      Send(fds[1], kStarted, 0, 0);
+      const Clock::time_point start = Clock::now();
+      if (target == kRegistry) {
+        std::list<VantuUpdaterRegisteredApp> apps;
+        VantuUpdaterRegistrationManager().GetRegisteredApps(apps);
+      } else {
+        std::list<VantuUpdaterMissingCompsApp> apps;
+        VantuUpdaterMissingCompsManager().GetMissingCompsApps(apps);
+      }
+      Send(fds[1], kReturned, 0,
+           std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
+      ::_exit(0);
+    }
+    ::close(fds[1]);
+    Message m{};
+    pollfd ready{fds[0], POLLIN, 0};
+    if (::poll(&ready, 1, 10000) == 1 && ::read(fds[0], &m, sizeof m) == sizeof m) {
+      std::uniform_real_distribution<double> delay(0, 1.2 * mMeanRecoveryMs);
+      std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay(mRandom)));
+    }
+    ::kill(host, SIGKILL);
+    int status = 0;
+    while (::waitpid(host, &status, 0) < 0 && errno == EINTR) {
+    }
+    ++mFigures.recoveryKills;
+    if (::read(fds[0], &m, sizeof m) == sizeof m && m.kind == kReturned) {
+      mMeanRecoveryMs = 0.8 * mMeanRecoveryMs + 0.2 * (static_cast<double>(m.value) / 1000);
+      ++mFigures.recoveriesFinished;
+    }
+    ::close(fds[0]);
+    BreakStaleLocks();
+    mFigures.semaphoreLeftovers += RemoveSemaphoreLeftovers();
   }
 
   static bool Parses(const std::string& path) {
@@ -505,6 +564,7 @@ class CrashRun {
   StoreState mModel;
   long mNextCall = 0;
   double mMeanCallMs[kTargets] = {20, 20, 20};
+  double mMeanRecoveryMs = 5;
   Figures mFigures;
   double mSeconds = 0;
   StoreState::Leftovers mLeftovers;
