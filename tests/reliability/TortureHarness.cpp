@@ -78,8 +78,7 @@ struct Timing {
 class Worker {
  public:
   Worker(int index, unsigned long long seed, testing_support::UpdaterSandbox& sandbox)
-      : mIndex(index),
-        mPrefix("torture.p" + std::to_string(index) + "."),
+      : mPrefix("torture.p" + std::to_string(index) + "."),
         mRandom(seed * 1000003ULL + static_cast<unsigned long long>(index)),
         mSandbox(sandbox) {}
 
@@ -255,7 +254,6 @@ class Worker {
     }
   }
 
-  const int mIndex;
   const std::string mPrefix;
   std::mt19937_64 mRandom;
   testing_support::UpdaterSandbox& mSandbox;
