@@ -148,7 +148,7 @@ class FaultInjection : public ::testing::Test {
     }
   }
 
-  const std::string kFiller = std::string(150, 'x');
+  inline static const std::string kFiller = std::string(150, 'x');
 
   // The file is what it was, nothing is left beside it, and the next host can load it.
   void ExpectIntact(Findings& f, const std::string& path, const std::string& before,
