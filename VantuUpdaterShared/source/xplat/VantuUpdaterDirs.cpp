@@ -25,9 +25,10 @@ uint16_t GetFolderModeOr(const std::string& folder, uint16_t fallback) {
 // an administrator's choice of permissions survives.
 bool ProvideProductFolder(const std::string& parent, const char* name, bool restricted,
                           std::string& folder) {
-  const uint16_t inheritedMode = GetFolderModeOr(parent, kFallbackFolderMode);
   folder = FileSystemUtils::AppendPathElement(parent, name);
+  // Every store operation comes through here, so the parent's bits are read only when needed.
   if (FileSystemUtils::DoesPathExist(folder)) return true;
+  const uint16_t inheritedMode = GetFolderModeOr(parent, kFallbackFolderMode);
   if (!FileSystemUtils::CreateLocalDirectory(folder)) return false;
   return restricted ? FileSystemUtils::SetRestrictedFilePermission(folder)
                     : FileSystemUtils::SetFilePermission(folder, inheritedMode);
