@@ -220,7 +220,8 @@ void RegisterReplace(benchmark::State& state, const Column& column, int entries)
 
 void FloorReplace(benchmark::State& state, const Column& column, int entries) {
   BenchMachine machine(column.dir);
-  const std::string path = machine.WorkDir() + "/Store.xml";
+  // Beside where the library keeps its store, so that both pay the same path lookups.
+  const std::string path = machine.RegistryDir() + "/Floor.xml";
   const std::string temp = path + ".new";
   const size_t size = WriteStore(path, entries);
   std::vector<char> bytes;
@@ -287,7 +288,8 @@ bool SqliteRegister(const std::string& path, const Replacements::Entry& entry) {
 
 void SqliteReplace(benchmark::State& state, const Column& column, int entries) {
   BenchMachine machine(column.dir);
-  const std::string path = machine.WorkDir() + "/Applications.db";
+  std::filesystem::create_directories(machine.RegistryDir());
+  const std::string path = machine.RegistryDir() + "/Applications.db";
   if (!CreateDatabase(path, entries)) {
     state.SkipWithError("cannot create the database");
     return;
