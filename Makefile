@@ -5,11 +5,12 @@ CMAKE_FLAGS ?=
 
 DEBIAN_PACKAGES = build-essential cmake pkg-config libexpat1-dev libboost-dev \
   libboost-date-time-dev libgtest-dev libgmock-dev libbenchmark-dev libplist-dev \
-  libdbus-1-dev dbus-daemon libmd-dev
+  libdbus-1-dev dbus-daemon libmd-dev clang libclang-rt-14-dev valgrind
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: all deps configure build test demo clean
+.PHONY: fuzz asan valgrind
 
 all: build
 
@@ -39,6 +40,25 @@ demo: build
 
 clean:
 	rm -rf $(BUILD)
+
+# Fuzzing: every fuzz/*_fuzz.cpp target, built with clang, libFuzzer and the sanitizers, runs
+# for FUZZ_SECONDS; what it finds is kept in $(FUZZ_BUILD)/artifacts.
+FUZZ_BUILD   ?= build-fuzz
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	JOBS=$(JOBS) sh fuzz/fuzz.sh run $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+# The whole test suite under AddressSanitizer and UndefinedBehaviorSanitizer, less the fuzz smoke
+# test, whose targets are sanitized builds already.
+ASAN_BUILD ?= build-asan
+asan: deps
+	cmake -S . -B $(ASAN_BUILD) -DVANTU_SANITIZE=ON $(CMAKE_FLAGS)
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+	cd $(ASAN_BUILD) && ctest --output-on-failure -j $(JOBS) -E '^FuzzSmoke$$'
+
+# The end-to-end tests of the exports under valgrind's memcheck: no error, no leak.
+valgrind: build
+	sh tests/VantuUpdaterLib/Memcheck.sh $(BUILD)
 
 # Reliability at full length: TORTURE_PROCESSES hosts calling the exports at once for
 # TORTURE_SECONDS, then TORTURE_KILLS hosts killed at random moments of their saves. `make test`

@@ -9,8 +9,9 @@
 // back node for node, and its second writing must equal its first byte for byte. One more case
 // comes from the parser itself: the writer always declares UTF-8, and Expat's table for
 // ISO-8859-1 takes "\u00AA", "\u00B5" and "\u00BA" as name characters while its UTF-8 table does
-// not, so a name holding them is read from such a file but not from what the writer made of it. Every tree, within
-// the promise or not, must be written and re-read without a crash, a leak or undefined behaviour.
+// not, so a name holding them is read from such a file but not from what the writer made of it.
+// Every tree, within the promise or not, must be written and re-read without a crash, a leak or
+// undefined behaviour.
 
 #include <cstddef>
 #include <cstdint>

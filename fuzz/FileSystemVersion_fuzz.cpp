@@ -22,7 +22,9 @@ namespace {
 using fuzzing::Check;
 using Components = std::array<std::int32_t, 4>;
 
-bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
+bool IsBlank(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
 
 std::optional<std::int32_t> ReferenceNumber(const std::string& piece) {
   std::size_t i = 0;

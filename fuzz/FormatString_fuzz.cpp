@@ -17,8 +17,8 @@ using fuzzing::Check;
 
 // The text each argument below contributes. Text arguments are taken whole, blanks and "%"
 // included; %8 and %9 have no argument and stand for empty text.
-const char* const kArgumentTexts[10] = {"two words", "%1 stays %%", "-42", "1", "0",
-                                         "18446744073709551615", "-7", "1.2.3.4", "", ""};
+const char* const kArgumentTexts[10] = {
+    "two words", "%1 stays %%", "-42", "1", "0", "18446744073709551615", "-7", "1.2.3.4", "", ""};
 
 // The filled pattern, or nullopt when the pattern names a placeholder above 9.
 std::optional<std::string> Reference(const std::string& pattern) {

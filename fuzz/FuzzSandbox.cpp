@@ -50,9 +50,8 @@ StoreInput PlantStore(const uint8_t* data, std::size_t size, const std::string& 
   std::remove(journalPath.c_str());
   if (input.journal) testing_support::WriteFile(journalPath, *input.journal);
   const bool journalWins =
-      input.journal &&
-      esd::ExpatDOMBuilder<esd::XMLDocumentNode>::IsWellFormed(input.journal->data(),
-                                                              input.journal->size());
+      input.journal && esd::ExpatDOMBuilder<esd::XMLDocumentNode>::IsWellFormed(
+                           input.journal->data(), input.journal->size());
   input.effective = journalWins ? *input.journal : input.file;
   return input;
 }

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "support/TempDir.h"
-#include "xplat/ExpatDOMBuilder.h"
 #include "support/TestEnv.h"
+#include "xplat/ExpatDOMBuilder.h"
 #include "xplat/ScopedEnv.h"
 
 namespace fuzzing {

@@ -146,7 +146,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   }
   Check(loaded == Builder::IsWellFormed(input.effective.data(), input.effective.size()),
         "the store loads exactly when the text in effect is well-formed");
-  if (loaded) Check(listed == ReadStoreText(input.effective), "the store lists what its text holds");
+  if (loaded)
+    Check(listed == ReadStoreText(input.effective), "the store lists what its text holds");
   Check(FileSystemUtils::DoesPathExist(path) == (loaded && !before.empty()),
         "an empty or broken request list does not outlive its reader");
   if (!lookupIsSafe) return 0;
@@ -157,10 +158,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     VantuUpdaterMissingCompsManager store;
     store.SetDurableSaves(false);
     std::string compName = "Fuzz Component", category = "Fuzz Category", version = kFuzzVersion;
-    result = store.UpdateWithAppAndCompData(
-        kFuzzAppID, reinterpret_cast<const unsigned char*>(kFuzzName),
-        reinterpret_cast<const unsigned char*>(kFuzzPath), kFuzzOpType, &compName[0],
-        &category[0], &version[0]);
+    result = store.UpdateWithAppAndCompData(kFuzzAppID,
+                                            reinterpret_cast<const unsigned char*>(kFuzzName),
+                                            reinterpret_cast<const unsigned char*>(kFuzzPath),
+                                            kFuzzOpType, &compName[0], &category[0], &version[0]);
   }
   Check(result <= 2, "a request result is one of the three codes");
   if (result == 2) {
@@ -175,8 +176,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Entries after;
   Check(List(store, after), "a store just saved loads again");
   const auto fuzzEntry = after.find(kFuzzAppID);
-  Check(fuzzEntry != after.end() && fuzzEntry->second == std::make_pair(std::string(kFuzzName),
-                                                                          std::string(kFuzzPath)),
+  Check(fuzzEntry != after.end() &&
+            fuzzEntry->second == std::make_pair(std::string(kFuzzName), std::string(kFuzzPath)),
         "a request reported as saved reads back");
   std::unique_ptr<VantuUpdaterMissingCompsApp> app;
   Check(store.GetMissingCompsAppByAppID(kFuzzAppID, app), "the requesting entry can be found");
@@ -187,7 +188,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   for (const auto& entry : before) {
     const auto kept = after.find(entry.first);
     Check(kept != after.end(), "a request keeps every other entry");
-    if (entry.first != kFuzzAppID) Check(kept->second == entry.second, "other entries are unchanged");
+    if (entry.first != kFuzzAppID)
+      Check(kept->second == entry.second, "other entries are unchanged");
   }
   return 0;
 }

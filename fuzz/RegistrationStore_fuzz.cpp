@@ -141,7 +141,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const bool loaded = List(before, &listed);
   Check(loaded == Builder::IsWellFormed(input.effective.data(), input.effective.size()),
         "the store loads exactly when the text in effect is well-formed");
-  if (!loaded) Check(fuzzing::ReadIfPresent(path) == input.file, "a file that fails to load is kept");
+  if (!loaded)
+    Check(fuzzing::ReadIfPresent(path) == input.file, "a file that fails to load is kept");
   if (loaded) Check(listed == expected, "the store lists what its text holds");
   const std::optional<std::string> afterLoad = fuzzing::ReadIfPresent(path);
 
@@ -160,7 +161,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (inserted == 3 || inserted == 2) {
     // Refused (a tree the writer cannot save, such as an attribute holding markup) or already
     // there: nothing may have been written.
-    Check(fuzzing::ReadIfPresent(path) == afterLoad, "a registration that saved nothing keeps the file");
+    Check(fuzzing::ReadIfPresent(path) == afterLoad,
+          "a registration that saved nothing keeps the file");
     if (inserted == 2) {
       const auto found = before.find(kFuzzAppID);
       Check(found != before.end() && found->second.name == kFuzzName &&
