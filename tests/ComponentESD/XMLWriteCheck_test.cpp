@@ -17,6 +17,7 @@ namespace {
 
 using esd::XMLDocumentNode;
 using esd::XMLWriteCheck::WritesWellFormed;
+using esd::XMLWriteCheck::WriteVouched;
 using Builder = esd::ExpatDOMBuilder<XMLDocumentNode>;
 
 std::string Write(const XMLDocumentNode& node) {
@@ -48,7 +49,8 @@ struct Store {
 };
 
 // The check vouches for ordinary trees and for nothing whose text fails to parse; what it does not
-// vouch for is either broken or merely unusual (then a parse decides).
+// vouch for is either broken or merely unusual (then a parse decides). The writer's check while
+// writing agrees, and writes the bytes of operator<<.
 TEST(XMLWriteCheck, VouchesForOrdinaryTreesOnly) {
   struct Case {
     const char* what;
@@ -99,6 +101,9 @@ TEST(XMLWriteCheck, VouchesForOrdinaryTreesOnly) {
     c.change(store);
     const bool vouched = WritesWellFormed(store.document);
     EXPECT_EQ(c.vouched, vouched) << c.what;
+    std::ostringstream written;
+    EXPECT_EQ(vouched, WriteVouched(written, store.document)) << c.what;
+    EXPECT_EQ(Write(store.document), written.str()) << c.what;
     if (vouched) {
       EXPECT_TRUE(Parses(Write(store.document))) << c.what;
     }
@@ -108,7 +113,8 @@ TEST(XMLWriteCheck, VouchesForOrdinaryTreesOnly) {
   EXPECT_FALSE(WritesWellFormed(*store.root));
 }
 
-// Random trees over an alphabet full of edge bytes: whatever the check vouches for parses.
+// Random trees over an alphabet full of edge bytes: whatever the check vouches for parses, and
+// the writer's own check agrees with it and writes the same bytes as operator<<.
 TEST(XMLWriteCheck, WhatItVouchesForAlwaysParses) {
   const std::vector<std::string> pieces = {
       "a", "Z", "_", ":", "-", ".", "0", " ", "\t", "\n", "\r", "<", ">", "&", "\"", "'", "]]>",
@@ -140,10 +146,13 @@ TEST(XMLWriteCheck, WhatItVouchesForAlwaysParses) {
       if (random() % 2) child->SetAttributeData(random() % 4 ? "id" : text(2), text(4));
       if (random() % 2) child->SetElementData(text(6));
     }
-    if (!WritesWellFormed(document)) continue;
+    std::ostringstream out;
+    const bool writerVouched = WriteVouched(out, document);
+    ASSERT_EQ(WritesWellFormed(document), writerVouched);
+    ASSERT_EQ(Write(document), out.str());
+    if (!writerVouched) continue;
     ++vouched;
-    const std::string written = Write(document);
-    ASSERT_TRUE(Parses(written)) << written;
+    ASSERT_TRUE(Parses(out.str())) << out.str();
   }
   EXPECT_GT(vouched, 100);  // the alphabet leaves enough trees to check
 }

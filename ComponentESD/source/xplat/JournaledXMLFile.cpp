@@ -20,7 +20,13 @@ bool RemoveJournal(const std::string& journalPath) {
   return std::remove(journalPath.c_str()) == 0 || !FileSystemUtils::DoesPathExist(journalPath);
 }
 
-bool TextLoadsAgain(const std::string& bytes) {
+// Whether the text written for `document` parses. Built again in memory: this runs only for the
+// rare tree the writer's walk could not vouch for.
+bool JournalLoadsAgain(const esd::XMLDocumentNode& document) {
+  std::ostringstream text;
+  text << document;
+  if (!text) return false;
+  const std::string bytes = text.str();
   return esd::ExpatDOMBuilder<esd::XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size());
 }
 
@@ -36,21 +42,6 @@ bool JournaledXMLFile::Save() {
     const esd::XMLDocumentNode* document = mBuilder.GetDocumentNode();
     if (!document || mLoadFailed || mFilePath.empty()) return false;
 
-    // Attribute values are written raw and an empty document is a lone declaration: either can
-    // make text that no later Load parses, which would lock every user out of the store. Such a
-    // save is refused and the file keeps its last good text. A walk over the tree vouches for
-    // ordinary trees at a fraction of the cost of parsing their text; only a tree it cannot
-    // vouch for is written to memory and parsed first.
-    const bool vouched = esd::XMLWriteCheck::WritesWellFormed(*document);
-    std::string bytes;
-    if (!vouched) {
-      std::ostringstream text;
-      text << *document;
-      if (!text) return false;
-      bytes = text.str();
-      if (!TextLoadsAgain(bytes)) return false;
-    }
-
     // A leftover journal may belong to someone else or be a link planted beside the store;
     // start from a fresh file rather than write through it.
     RemoveJournal(mJournalPath);
@@ -58,15 +49,13 @@ bool JournaledXMLFile::Save() {
       ESDofstream journal(mJournalPath, "wb");
       std::ofstream& out = journal.GetStream();
       if (!out.is_open()) return false;
-      // A vouched-for tree is written straight to the journal, without a copy of its text in
-      // memory. A journal left partial (a write error, no memory for the writer's buffer) is
-      // removed; one left by a crash does not parse and is ignored by the next Load.
+      // The tree is written straight to the journal, without a copy of its text in memory. A
+      // journal left partial (a write error, no memory for the writer's buffer) is removed; one
+      // left by a crash does not parse and is ignored by the next Load.
       bool written = true;
+      bool vouched = false;
       try {
-        if (vouched)
-          out << *document;
-        else
-          out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        vouched = esd::XMLWriteCheck::WriteVouched(out, *document);
         out.flush();
         out.close();
       } catch (...) {
@@ -74,6 +63,15 @@ bool JournaledXMLFile::Save() {
       }
       if (!written || out.fail()) {
         if (out.is_open()) out.close();
+        RemoveJournal(mJournalPath);
+        return false;
+      }
+      // Attribute values are written raw and an empty document is a lone declaration: either
+      // can make text that no later Load parses, which would lock every user out of the store.
+      // Such a save is refused and the file keeps its last good text. The walk that wrote the
+      // tree vouches for ordinary trees at a fraction of the cost of parsing their text; only a
+      // tree it cannot vouch for has its text parsed before the journal goes any further.
+      if (!vouched && !JournalLoadsAgain(*document)) {
         RemoveJournal(mJournalPath);
         return false;
       }

@@ -6,6 +6,7 @@
 
 #include "xplat/ESDAssert.h"
 #include "xplat/XMLEscaping.h"
+#include "xplat/XMLTreeWriter.h"
 
 namespace esd {
 
@@ -208,7 +209,9 @@ void WriteOpening(BlockWriter& out, const XMLDocumentNode& node) {
 
 }  // namespace
 
-std::ostream& operator<<(std::ostream& stream, const XMLDocumentNode& node) {
+namespace XMLTreeWriter {
+
+bool Write(std::ostream& stream, const XMLDocumentNode& subtree, NodeCheck check) {
   // Depth-first with an explicit stack of (node, next child to write).
   struct Frame {
     const XMLDocumentNode* node;
@@ -216,14 +219,16 @@ std::ostream& operator<<(std::ostream& stream, const XMLDocumentNode& node) {
   };
   std::vector<Frame> stack;
   BlockWriter out(stream);
-  WriteOpening(out, node);
-  stack.push_back(Frame{&node, 0});
+  bool passed = true;
+  WriteOpening(out, subtree);
+  stack.push_back(Frame{&subtree, 0});
   while (!stack.empty()) {
     Frame& top = stack.back();
     const XMLDocumentNode::ChildList& children = top.node->GetChildNodes();
     if (top.nextChild < children.size()) {
       const XMLDocumentNode* child = children[top.nextChild++];
       WriteOpening(out, *child);
+      if (check && passed) passed = check(*child);
       stack.push_back(Frame{child, 0});
       continue;
     }
@@ -237,6 +242,13 @@ std::ostream& operator<<(std::ostream& stream, const XMLDocumentNode& node) {
     if (!stack.empty()) out.EndLine();
   }
   out.Finish();
+  return passed;
+}
+
+}  // namespace XMLTreeWriter
+
+std::ostream& operator<<(std::ostream& stream, const XMLDocumentNode& node) {
+  XMLTreeWriter::Write(stream, node, nullptr);
   return stream;
 }
 

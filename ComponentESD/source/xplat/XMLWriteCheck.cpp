@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "xplat/XMLTreeWriter.h"
+
 namespace esd {
 namespace XMLWriteCheck {
 
@@ -102,15 +104,19 @@ bool IsPlainElement(const XMLDocumentNode& node) {
   return IsPlainText(node.ElementData(), true);
 }
 
-}  // namespace
-
-bool WritesWellFormed(const XMLDocumentNode& document) {
+// The document node itself: version "1.0", at most the encoding "UTF-8", exactly one child.
+bool IsPlainDocument(const XMLDocumentNode& document) {
   if (!document.IsDocumentNode() || document.GetVersion() != "1.0") return false;
   for (const auto& attribute : document.GetAttributeMap()) {
     if (attribute.first != "encoding" || attribute.second != "UTF-8") return false;
   }
-  if (document.GetChildNodes().size() != 1) return false;
+  return document.GetChildNodes().size() == 1;
+}
 
+}  // namespace
+
+bool WritesWellFormed(const XMLDocumentNode& document) {
+  if (!IsPlainDocument(document)) return false;
   std::vector<const XMLDocumentNode*> pending{document.GetChildNodes()[0]};
   while (!pending.empty()) {
     const XMLDocumentNode* node = pending.back();
@@ -119,6 +125,12 @@ bool WritesWellFormed(const XMLDocumentNode& document) {
     pending.insert(pending.end(), node->GetChildNodes().begin(), node->GetChildNodes().end());
   }
   return true;
+}
+
+bool WriteVouched(std::ostream& stream, const XMLDocumentNode& document) {
+  const bool plainDocument = IsPlainDocument(document);
+  const bool plainElements = XMLTreeWriter::Write(stream, document, &IsPlainElement);
+  return plainDocument && plainElements;
 }
 
 }  // namespace XMLWriteCheck
