@@ -77,12 +77,12 @@ for source in "$source_dir"/fuzz/*_fuzz.cpp; do
   status=$?
   elapsed_ms=$((($(date +%s%N) - start) / 1000000 + 1))
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
-  summary='s/.*DONE *cov: \([0-9]*\).* corp: \([0-9]*\)\/\([^ ]*\).*/cov \1, \2 inputs (\3)/p'
+  summary='s/.*DONE *cov: \([0-9]*\).* corp: \([0-9]*\)\/\([^ ]*\).*/cov \1, corpus \2 (\3)/p'
   coverage=$(sed -n "$summary" "$log")
   if [ "$status" -eq 0 ]; then
     seconds=$(printf '%d.%d' $((elapsed_ms / 1000)) $((elapsed_ms % 1000 / 100)))
     speed=$((${runs:-0} * 1000 / elapsed_ms))
-    echo "$target: ${runs:-0} runs in $seconds s ($speed/s), corpus ${coverage:-?}"
+    echo "$target: ${runs:-0} runs in $seconds s ($speed/s), ${coverage:-?}"
   else
     echo "$target: FAILED (exit $status), log $log"
     grep -E 'ERROR|SUMMARY|property violated|failed assertion|runtime error|Test unit written' \
