@@ -60,18 +60,13 @@ void RememberContendedRelease(const std::string& name) {
   tContendedRelease.at = Microseconds();
 }
 
-// Tells the holder of `name`, if any, that someone waits.
-void AnnounceWaiter(PLXSysAccessor& sys, const std::string& name) {
-  sem_t* semaphore = sys.sem_open(name.c_str(), 0, 0, 0);
-  if (semaphore == SEM_FAILED) return;
-  sem_post(semaphore);
-  sys.sem_close(semaphore);
-}
-
-// Whether someone holds `name` now (one whose semaphore we may not open holds it too).
-bool IsHeld(PLXSysAccessor& sys, const std::string& name) {
+// Whether someone holds `name` now (one whose semaphore we may not open holds it too). With
+// announce, also tells the holder that someone waits. Opening an existing semaphore costs a poller
+// far less than a failed exclusive creation, which makes and removes a file each time.
+bool IsHeld(PLXSysAccessor& sys, const std::string& name, bool announce) {
   sem_t* semaphore = sys.sem_open(name.c_str(), 0, 0, 0);
   if (semaphore == SEM_FAILED) return errno != ENOENT;
+  if (announce) sem_post(semaphore);
   sys.sem_close(semaphore);
   return true;
 }
@@ -82,7 +77,7 @@ void GiveWayAfterContendedRelease(PLXSysAccessor& sys, const std::string& name,
   if (name != tContendedRelease.name) return;
   tContendedRelease.name[0] = '\0';
   const std::uint64_t until = std::min(tContendedRelease.at + kHandOverTime, deadline);
-  while (Microseconds() < until && !IsHeld(sys, name)) usleep(kPollInterval);
+  while (Microseconds() < until && !IsHeld(sys, name, true)) usleep(kPollInterval);
 }
 
 }  // namespace
@@ -114,8 +109,8 @@ ResourceLocker::ResourceLockerPlat::~ResourceLockerPlat() {
 
 // Creating the semaphore exclusively is taking the lock; its count only carries the waiters'
 // announcements. Failures of any kind (the name exists, no permission) are retried until the
-// deadline, so a lock being broken and re-created by others in between does not end the wait
-// early.
+// deadline, one attempt per poll interval at most, so a lock being broken and re-created by
+// others in between does not end the wait early.
 bool ResourceLocker::ResourceLockerPlat::Lock() {
   if (HasLock()) throw resource_lock_fail(mResourceName, "A resource is already being locked");
 
@@ -125,12 +120,15 @@ bool ResourceLocker::ResourceLockerPlat::Lock() {
   for (;;) {
     mSemaphore = mSysAccessor.sem_open(name.c_str(), O_CREAT | O_EXCL, kSemaphoreMode,
                                        kSemaphoreInitialValue);
-    if (mSemaphore != SEM_FAILED) break;
-    AnnounceWaiter(mSysAccessor, name);
-    usleep(kPollInterval);
-    if (!(Microseconds() < deadline)) break;
+    if (mSemaphore != SEM_FAILED) return true;
+    // Every millisecond the waiter looks whether the lock is still held, announcing itself to
+    // the holder each time, and tries to create the semaphore again once it looks free.
+    IsHeld(mSysAccessor, name, true);
+    do {
+      usleep(kPollInterval);
+      if (!(Microseconds() < deadline)) return false;
+    } while (IsHeld(mSysAccessor, name, true));
   }
-  return HasLock();
 }
 
 // A failed unlink leaves the handle in place on purpose: the object keeps counting as holding,
