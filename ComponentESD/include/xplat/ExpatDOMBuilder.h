@@ -67,8 +67,9 @@ class ExpatDOMBuilder {
     if (!in.seekg(0, std::ios::beg)) return false;
 
     // Chunks of 1 KB cost a store's load a tenth more than large ones: each parser call carries
-    // its cut token over into the next buffer and has a fixed cost of its own.
-    const int kChunk = 64 * 1024;
+    // its cut token over into the next buffer and has a fixed cost of its own. A small file gets
+    // a buffer of its own size.
+    const int kChunk = static_cast<int>(std::min<std::streamoff>(64 * 1024, length));
     bool parsed = true;
     while (in.good() && parsed) {
       char* buffer = static_cast<char*>(GetBuffer(kChunk));

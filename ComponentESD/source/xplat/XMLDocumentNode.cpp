@@ -146,7 +146,8 @@ namespace {
 // kBlockSize, so that the stream sees few large writes instead of many small ones.
 class BlockWriter {
  public:
-  explicit BlockWriter(std::ostream& stream) : mStream(stream) { mBlock.reserve(kBlockSize + 1024); }
+  // The block grows as text comes, so a small document never takes a block's worth of memory.
+  explicit BlockWriter(std::ostream& stream) : mStream(stream) {}
   void Put(char c) { mBlock += c; }
   void Put(const std::string& text) { mBlock += text; }
   void Put(const char* text) { mBlock += text; }
