@@ -66,8 +66,12 @@ TEST_F(MissingComponentsTest, RequestIsRecordedOnceAndTheUpdaterStarted) {
   EXPECT_EQ("3", launches[0].environment.at("RZ_LAUNCH_MODE"));
   EXPECT_EQ("fr_FR", launches[0].environment.at("RZ_DISPLAY_LANG"));
 
+  // Each request below must find the updater gone, or it would signal instead of starting it.
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
   EXPECT_EQ(9, Download(request));
   EXPECT_EQ(store, Store());
+  ASSERT_EQ(2u, sandbox.WaitForLaunches(2).size());
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
   // One new component among known ones is a new request.
   const Request more = {Component("fonts", "Serif", "1.0"), Component("fonts", "Sans", "1.0")};
   EXPECT_EQ(0, Download(more));

@@ -150,6 +150,15 @@ std::vector<FakeUpdaterReport> UpdaterSandbox::WaitForLaunches(size_t count, int
   return mUpdater ? mUpdater->WaitForReports(count, timeoutMs) : std::vector<FakeUpdaterReport>();
 }
 
+bool UpdaterSandbox::WaitUntilUpdatersEnd(int timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (IsUpdaterRunning()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
 std::vector<std::string> UpdaterSandbox::Snapshot() const {
   std::vector<std::string> paths;
   std::error_code ignored;

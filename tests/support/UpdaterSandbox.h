@@ -66,6 +66,10 @@ class UpdaterSandbox {
   std::vector<FakeUpdaterReport> Launches() const;
   // Waits until at least `count` launches are recorded; returns them all.
   std::vector<FakeUpdaterReport> WaitForLaunches(size_t count, int timeoutMs = 10000) const;
+  // Waits until no copy of the updater shows in the process table; false on time-out. A copy that
+  // ends at once still runs for a moment after its report (longer under the sanitizers, whose
+  // checks run at exit), and a request made meanwhile rightly finds the updater running.
+  bool WaitUntilUpdatersEnd(int timeoutMs = 10000);
 
   // Every file and folder below the sandbox, for "nothing was created" checks.
   std::vector<std::string> Snapshot() const;
