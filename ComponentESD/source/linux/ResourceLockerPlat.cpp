@@ -71,6 +71,24 @@ bool IsHeld(PLXSysAccessor& sys, const std::string& name, bool announce) {
   return true;
 }
 
+// Half to one and a half poll intervals, a different fraction each time. Waiters sleeping whole
+// intervals keep their phase, and the one whose phase falls just after the usual release time
+// would win nearly every hand-over while another lost dozens in a row. Seeded again in a forked
+// child, which would otherwise draw the same fractions as its parent.
+useconds_t JitteredPollInterval() {
+  static thread_local std::uint64_t state = 0;
+  static thread_local pid_t owner = 0;
+  const pid_t self = getpid();
+  if (state == 0 || owner != self) {
+    state = (Microseconds() ^ (static_cast<std::uint64_t>(self) << 32)) | 1;
+    owner = self;
+  }
+  state ^= state << 13;
+  state ^= state >> 7;
+  state ^= state << 17;
+  return static_cast<useconds_t>(kPollInterval / 2 + state % kPollInterval);
+}
+
 // See kHandOverTime. Returns at the deadline at the latest, so a Lock still makes its attempt.
 void GiveWayAfterContendedRelease(PLXSysAccessor& sys, const std::string& name,
                                   std::uint64_t deadline) {
@@ -121,11 +139,12 @@ bool ResourceLocker::ResourceLockerPlat::Lock() {
     mSemaphore = mSysAccessor.sem_open(name.c_str(), O_CREAT | O_EXCL, kSemaphoreMode,
                                        kSemaphoreInitialValue);
     if (mSemaphore != SEM_FAILED) return true;
-    // Every millisecond the waiter looks whether the lock is still held, announcing itself to
-    // the holder each time, and tries to create the semaphore again once it looks free.
+    // About every millisecond the waiter looks whether the lock is still held, announcing
+    // itself to the holder each time, and tries to create the semaphore again once it looks
+    // free.
     IsHeld(mSysAccessor, name, true);
     do {
-      usleep(kPollInterval);
+      usleep(JitteredPollInterval());
       if (!(Microseconds() < deadline)) return false;
     } while (IsHeld(mSysAccessor, name, true));
   }
