@@ -245,6 +245,16 @@ TEST_F(RegistrationStore, TextThatWouldNotLoadAgainIsNeverWritten) {
   const std::string before = ReadFile(mStorePath);
   for (const char* id : {"a\"b", "a<b", "a&b"}) EXPECT_EQ(2u, Insert(id, "Name", "/opt/x")) << id;
   EXPECT_EQ(before, ReadFile(mStorePath));
+
+  // A tab, line feed or carriage return would be written raw and read back as a blank: the entry
+  // could never be found under its identifier again, every registration would add one more, and
+  // the duplicates would end the next host that registers the blank form.
+  for (const char* id : {"a\tb", "a\nb", "a\rb"}) {
+    EXPECT_EQ(2u, Insert(id, "Name", "/opt/x")) << id;
+    EXPECT_EQ(2u, Insert(id, "Name", "/opt/x")) << id;
+  }
+  EXPECT_EQ(before, ReadFile(mStorePath));
+  EXPECT_EQ(0u, Insert("a b", "Name", "/opt/x"));
 }
 
 // Eight processes registering at the same moment all land.

@@ -157,10 +157,12 @@ unsigned VantuUpdaterRegistrationManager::InsertOrUpdateRegisteredApp(
   if (!app.GetappID(appID) || appID.empty() || !app.GetInstallPath(installPath) ||
       installPath.empty() || !app.GetDisplayName(displayName) || displayName.empty())
     return kInsertFailed;
-  // Attribute values are written raw, so an identifier holding markup could never be saved. It is
-  // refused here rather than reported as an unusable store, which callers answer by rebuilding
-  // the file and dropping every other registration.
-  if (appID.find_first_of("\"<&") != std::string::npos) return kUnchanged;
+  // Attribute values are written raw, so an identifier holding markup could never be saved, and one
+  // holding a tab, line feed or carriage return would read back with a blank instead: never found
+  // again, registered once more by every call, the duplicates ending the next lookup of the blank
+  // form. It is refused here rather than reported as an unusable store, which callers answer by
+  // rebuilding the file and dropping every other registration.
+  if (appID.find_first_of("\"<&\t\n\r") != std::string::npos) return kUnchanged;
 
   esd::XMLDocumentNode* storeRoot = GetObjectRoot();
   esd::SearchResult<esd::XMLDocumentNode> existing =
