@@ -159,6 +159,13 @@ TEST_F(MissingCompsStore, BadRequestsAnswerTwoAndWriteNothing) {
   EXPECT_EQ(2u, RequestA("Spell\"ing", "Dictionary", "1.0"));
   EXPECT_EQ(2u, RequestA("Spelling", "Dict<", "1.0"));
   EXPECT_EQ(2u, Request("B&", "Beta", "/opt/b", 1, "Spelling", "Dictionary", "1.0"));
+  // A tab, line feed or carriage return in an attribute would read back as a blank: the entry or
+  // component would never be found again, and every request would add it once more.
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(2u, Request("B\tb", "Beta", "/opt/b", 1, "Spelling", "Dictionary", "1.0"));
+    EXPECT_EQ(2u, RequestA("Spell\ning", "Dictionary", "1.0"));
+    EXPECT_EQ(2u, RequestA("Spelling", "Dict\r", "1.0"));
+  }
   EXPECT_EQ(before, ReadFile(mStorePath));
 
   VantuUpdaterMissingCompsApp complete("A", 1), noName("A", 1), noPath("A", 1), noID("", 1);

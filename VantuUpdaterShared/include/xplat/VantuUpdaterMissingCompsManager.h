@@ -70,9 +70,10 @@ class VantuUpdaterMissingCompsManager
 
   // Records one missing component of one application. 0 the component was added (to a new or an
   // existing entry), 1 the entry already listed a matching component (a changed name, path or
-  // operation type is still saved), 2 failure: a null argument, no lock, no load, an unreadable
-  // field of the existing entry, a failed save. An unparsable compVersion throws
-  // std::runtime_error "Unable to parse version" and nothing is saved.
+  // operation type is still saved), 2 failure: a null argument, an identifier, component name or
+  // category holding a tab, line feed or carriage return (an attribute cannot carry them), no
+  // lock, no load, an unreadable field of the existing entry, a failed save. An unparsable
+  // compVersion throws std::runtime_error "Unable to parse version" and nothing is saved.
   //
   // The lock is held from the lookup to the save (taken here unless the caller holds it): the
   // save writes the whole tree that the lookup loaded, so another process writing in between

@@ -1,5 +1,6 @@
 #include "xplat/VantuUpdaterMissingCompsManager.h"
 
+#include <cstring>
 #include <stdexcept>
 
 #include "xplat/ESDAssert.h"
@@ -159,6 +160,13 @@ unsigned VantuUpdaterMissingCompsManager::UpdateWithAppAndCompData(
   if (appID == nullptr || displayName == nullptr || installPath == nullptr ||
       compName == nullptr || compCategory == nullptr || compVersion == nullptr)
     return kUpdateFailed;
+  // These three are written raw as attribute values: one holding a tab, line feed or carriage
+  // return would read back with a blank, never be found again, and be added once more by every
+  // request. (Markup in them is caught when the save refuses text that would not load.)
+  for (const char* attribute : {appID, static_cast<const char*>(compName),
+                                static_cast<const char*>(compCategory)}) {
+    if (std::strpbrk(attribute, "\t\n\r") != nullptr) return kUpdateFailed;
+  }
   const std::string sDisplayName(reinterpret_cast<const char*>(displayName));
   const std::string sInstallPath(reinterpret_cast<const char*>(installPath));
 
