@@ -56,6 +56,27 @@ StoreInput PlantStore(const uint8_t* data, std::size_t size, const std::string& 
   return input;
 }
 
+std::string AsReadBackText(const std::string& text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\r') {
+      out += text[i];
+    } else {
+      out += '\n';
+      if (i + 1 < text.size() && text[i + 1] == '\n') ++i;
+    }
+  }
+  return out;
+}
+
+std::string AsReadBackAttribute(const std::string& value) {
+  std::string out = AsReadBackText(value);
+  for (char& c : out) {
+    if (c == '\t' || c == '\n') c = ' ';
+  }
+  return out;
+}
+
 void Check(bool condition, const char* what) {
   if (condition) return;
   std::fprintf(stderr, "fuzz property violated: %s\n", what);

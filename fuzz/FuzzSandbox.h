@@ -65,6 +65,14 @@ struct StoreInput {
 StoreInput PlantStore(const uint8_t* data, std::size_t size, const std::string& path,
                       const std::string& journalPath);
 
+// What text reads back as after the writer has put it out raw and a parser has read it again: a
+// carriage return (alone or before a line feed) becomes a line feed in element text, and in an
+// attribute value the tab, line feed and carriage return become blanks (a CR LF pair one blank).
+// Values loaded from a file that spelled these as character references change so on the next
+// save; the stores refuse such values from callers.
+std::string AsReadBackText(const std::string& text);
+std::string AsReadBackAttribute(const std::string& value);
+
 // Stops the run with a libFuzzer-visible crash and `what` on stderr when `condition` is false:
 // the property checks of the targets must fail loudly, not through a test framework.
 void Check(bool condition, const char* what);

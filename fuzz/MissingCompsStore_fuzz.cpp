@@ -6,7 +6,9 @@
 // well-formed, and lists what a plain reading of that text finds (entries without a display name
 // or an install path dropped); once the lister is gone the file exists exactly when it loaded and
 // held an entry (an empty or broken request list is deleted); a request that reports success can
-// be read back and keeps every other entry.
+// be read back and keeps every other entry (as the text form reads it back: a value the file
+// spelled with character references for a tab, a line feed or a carriage return comes back with
+// blanks).
 //
 // Entries and components missing the attributes that identify them are outside what the manager
 // accepts, by design: looking them up ends the process with an assertion. The target checks for
@@ -115,6 +117,18 @@ bool List(VantuUpdaterMissingCompsManager& store, Entries& out, EntryList* order
   return true;
 }
 
+// The entries as the next save writes them (see fuzzing::AsReadBackText); first entry of an
+// identifier wins.
+Entries AsSaved(const Entries& entries) {
+  Entries saved;
+  for (const auto& entry : entries) {
+    saved.emplace(fuzzing::AsReadBackAttribute(entry.first),
+                  std::make_pair(fuzzing::AsReadBackText(entry.second.first),
+                                 fuzzing::AsReadBackText(entry.second.second)));
+  }
+  return saved;
+}
+
 const std::string& StorePath() {
   static const std::string path = [] {
     VantuUpdaterMissingCompsManager store;
@@ -185,7 +199,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Check(app->GetAMatchingMIssingComponent("Fuzz Component", "Fuzz Category",
                                           FileSystemVersion(kFuzzVersion), comp),
         "the requested component is listed");
-  for (const auto& entry : before) {
+  for (const auto& entry : AsSaved(before)) {
     const auto kept = after.find(entry.first);
     Check(kept != after.end(), "a request keeps every other entry");
     if (entry.first != kFuzzAppID)

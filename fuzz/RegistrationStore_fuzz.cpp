@@ -5,8 +5,9 @@
 // Checked for every input: the store loads exactly when the journal or, failing that, the file is
 // well-formed, and lists what a plain reading of that text finds (entries without an install path
 // dropped); a file that does not load is never overwritten; a registration that reports success
-// can be read back and keeps every entry the file held before; an unregistration removes only its
-// own entry.
+// can be read back and keeps every entry the file held before (as the text form reads it back: a
+// value the file spelled with character references for a tab, a line feed or a carriage return
+// comes back with blanks); an unregistration removes only its own entry.
 //
 // Two shapes of file are outside what the manager accepts, by design: an "Application" without an
 // "appID" and two entries for one identifier end the process with an assertion when the
@@ -113,6 +114,18 @@ bool List(Entries& out, EntryList* order = nullptr) {
   return true;
 }
 
+// The entries as the next save writes them (see fuzzing::AsReadBackText); first entry of an
+// identifier wins.
+Entries AsSaved(const Entries& entries) {
+  Entries saved;
+  for (const auto& entry : entries) {
+    saved.emplace(fuzzing::AsReadBackAttribute(entry.first),
+                  Entry{fuzzing::AsReadBackText(entry.second.name),
+                        fuzzing::AsReadBackText(entry.second.path)});
+  }
+  return saved;
+}
+
 const std::string& StorePath() {
   static const std::string path = [] {
     VantuUpdaterRegistrationManager store;
@@ -178,7 +191,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
             after[kFuzzAppID].path == kFuzzPath,
         "a registration reported as saved reads back");
   Check(inserted == (before.count(kFuzzAppID) ? 1u : 0u), "inserted and replaced are told apart");
-  for (const auto& entry : before) {
+  for (const auto& entry : AsSaved(before)) {
     if (entry.first == kFuzzAppID) continue;
     const auto kept = after.find(entry.first);
     Check(kept != after.end() && kept->second.name == entry.second.name &&

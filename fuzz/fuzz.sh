@@ -4,6 +4,7 @@
 #
 #   fuzz.sh run BUILD [SECONDS]  each target for SECONDS (default 60), growing a working corpus
 #                                in BUILD/corpus/TARGET from the seeds in fuzz/corpus/TARGET
+#                                (with the dictionary fuzz/dict/TARGET.dict where there is one)
 #   fuzz.sh smoke BUILD [RUNS]   each target over its seeds and RUNS more inputs (default 5000)
 #                                from a fixed random seed, in a scratch corpus: the short check
 #                                that ctest runs
@@ -70,9 +71,13 @@ for source in "$source_dir"/fuzz/*_fuzz.cpp; do
     limit="-runs=$amount -seed=1"
   fi
   mkdir -p "$corpus"
+  # Markup and names the mutator would take long to spell out by chance, where a target has them.
+  words="$source_dir/fuzz/dict/$target.dict"
+  dictionary=""
+  [ -f "$words" ] && dictionary="-dict=$words"
   start=$(date +%s%N)
   # shellcheck disable=SC2086
-  "$build/fuzz/$target" $limit -timeout=25 -print_final_stats=1 \
+  "$build/fuzz/$target" $limit $dictionary -timeout=25 -print_final_stats=1 \
     -artifact_prefix="$build/artifacts/$target-" "$corpus" "$seeds" >"$log" 2>&1
   status=$?
   elapsed_ms=$((($(date +%s%N) - start) / 1000000 + 1))
