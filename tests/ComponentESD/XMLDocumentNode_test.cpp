@@ -124,6 +124,19 @@ TEST(ExpatDOMBuilder, WellFormedCheckAgreesWithParsingAFile) {
               Builder::IsWellFormed(sample.data(), sample.size()))
         << sample.substr(0, 40);
   }
+  // Past the size read as one buffer, the file and the text go to the parser in chunks; a
+  // two-byte character across the edge of the first chunk must survive.
+  std::string large = "<r>" + std::string(64 * 1024 - 4, 'x') + "\xc3\xa9";
+  while (large.size() < 17 * 1024 * 1024) large += "<i n=\"1\">t</i>\n";
+  large += "</r>";
+  Builder builder;
+  ASSERT_TRUE(ParseBytes(builder, dir, large));
+  const std::string& data = builder.GetDocumentNode()->GetChildNodes().at(0)->ElementData();
+  EXPECT_EQ(64u * 1024 - 2, data.size());
+  EXPECT_EQ("\xc3\xa9", data.substr(data.size() - 2));
+  EXPECT_TRUE(Builder::IsWellFormed(large.data(), large.size()));
+  EXPECT_FALSE(ParseBytes(builder, dir, large.substr(0, large.size() - 1)));
+  EXPECT_FALSE(Builder::IsWellFormed(large.data(), large.size() - 1));
 }
 
 // Far deeper than a call stack could follow: parse, write, copy and free must not recurse.
