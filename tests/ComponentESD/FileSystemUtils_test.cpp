@@ -127,6 +127,38 @@ TEST(FileSystemUtils, ModificationTimesAndSyncs) {
   EXPECT_FALSE(SyncDirectory(dir / "f"));
 }
 
+// A new file gets exactly its bits whatever the umask; a name already taken (a link included)
+// is never written through; every failure leaves no file behind.
+TEST(FileSystemUtils, CreateFileWith) {
+  TempDir dir;
+  ScopedUmask mask(077);
+  const auto writeText = [](std::ostream& out) { return static_cast<bool>(out << "text"); };
+  ASSERT_TRUE(CreateFileWith(dir / "new", 0664, true, writeText));
+  EXPECT_EQ("text", ReadFile(dir / "new"));
+  EXPECT_EQ(0664u, ModeOf(dir / "new"));
+
+  MakeFile(dir / "target", "kept");
+  ASSERT_EQ(0, ::symlink((dir / "target").c_str(), (dir / "link").c_str()));
+  EXPECT_FALSE(CreateFileWith(dir / "new", 0664, false, writeText));
+  EXPECT_FALSE(CreateFileWith(dir / "link", 0664, false, writeText));
+  EXPECT_EQ("text", ReadFile(dir / "new"));
+  EXPECT_EQ("kept", ReadFile(dir / "target"));
+
+  const std::set<std::string> before = Names(dir.path());
+  EXPECT_FALSE(CreateFileWith(dir / "refused", 0664, false, [](std::ostream& out) {
+    out << "partial";
+    return false;
+  }));
+  EXPECT_FALSE(CreateFileWith(dir / "thrown", 0664, false, [](std::ostream&) -> bool {
+    throw std::bad_alloc();
+  }));
+  {
+    ScopedFaults faults(FailNth(FsOp::Sync, 1, EIO));
+    EXPECT_FALSE(CreateFileWith(dir / "unsynced", 0664, true, writeText));
+  }
+  EXPECT_EQ(before, Names(dir.path()));
+}
+
 TEST(FileSystemUtils, DeleteLocalFile) {
   TempDir dir;
   EXPECT_TRUE(DeleteLocalFile(dir / "missing"));

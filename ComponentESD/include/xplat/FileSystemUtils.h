@@ -8,6 +8,8 @@
 // something is deleted or renamed: the link itself is what goes.
 
 #include <cstdint>
+#include <functional>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 
@@ -100,6 +102,15 @@ bool CopyLocalFile(const std::string& src, const std::string& dst);
 // b, with moves across file systems done as copy-then-delete (false when all 32 temporary names
 // exist).
 bool ExchangeFiles(const std::string& a, const std::string& b);
+
+// Creates the file `path`, which must not exist yet (any object at that name, a link included,
+// makes it fail), with exactly the permission bits `mode`, and hands `write` a stream that writes
+// straight to it. With `sync` the data reaches stable storage before the file is closed, as
+// SyncFile would make it. False, with the new file removed again, when it cannot be created,
+// when `write` returns false or throws, or when a write, the sync or the close fails. One open
+// descriptor serves the whole file, so a save pays no second open to sync or to set the bits.
+bool CreateFileWith(const std::string& path, uint16_t mode, bool sync,
+                    const std::function<bool(std::ostream&)>& write);
 
 // Flushes a file's data to stable storage (fsync). Needed before a rename that must not expose
 // an empty or partial file after a power loss.

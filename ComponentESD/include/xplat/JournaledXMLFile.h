@@ -1,6 +1,7 @@
 #ifndef ESD_XPLAT_JOURNALEDXMLFILE_H
 #define ESD_XPLAT_JOURNALEDXMLFILE_H
 
+#include <cstdint>
 #include <string>
 
 #include "xplat/ExpatDOMBuilder.h"
@@ -27,8 +28,9 @@ class JournaledXMLFile {
   JournaledXMLFile& operator=(const JournaledXMLFile&) = delete;
 
   // Writes the builder's document to the journal, syncs it, exchanges it with the file, removes
-  // the journal (now holding the old text) and syncs the folder, then adds 0666 to the file's
-  // permission bits so that every user can later rewrite the shared store. True once the new
+  // the journal (now holding the old text) and syncs the folder. The new file has the saved-file
+  // mode (0666 unless the store sets another) from the moment it appears, so that every user
+  // can later rewrite the shared store. True once the new
   // text is in place (and, with durable saves, on stable storage). False without a document,
   // without a path, after a failed Load, when the text would not parse again (no element, or an
   // attribute value holding markup, which the writer does not escape), or when any step fails;
@@ -73,11 +75,14 @@ class JournaledXMLFile {
   // Makes Save refuse until the next successful Load. Derived classes call it when a Load fails
   // before reaching the base's (a lock that could not be had, for instance).
   void MarkLoadFailed() { mLoadFailed = true; }
+  // The exact permission bits every later save gives the file.
+  void SetSavedFileMode(uint16_t mode) { mSavedFileMode = mode; }
 
  private:
   esd::ExpatDOMBuilder<esd::XMLDocumentNode>& mBuilder;
   std::string mFilePath;
   std::string mJournalPath;
+  uint16_t mSavedFileMode;
   bool mDurableSaves;
   bool mLoadFailed;
 };

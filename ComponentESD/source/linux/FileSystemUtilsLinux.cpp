@@ -9,6 +9,8 @@
 #include <climits>
 #include <cstdio>
 #include <filesystem>
+#include <ostream>
+#include <streambuf>
 #include <system_error>
 #include <vector>
 
@@ -408,6 +410,12 @@ bool CopyLocalFile(const std::string& src, const std::string& dst) {
 }
 
 bool ExchangeFiles(const std::string& a, const std::string& b) {
+  // Every save ends here with both names present, so the kernel's exchange is tried before the
+  // names are examined; what it refuses is sorted out below.
+  int exchangeErr = InjectedFault(FsOp::Exchange, a, b);
+  if (exchangeErr == 0) exchangeErr = Renameat2(a, b, RENAME_EXCHANGE);
+  if (exchangeErr == 0) return true;
+
   struct stat stA;
   struct stat stB;
   const int errA = LStat(a, stA);
@@ -421,9 +429,7 @@ bool ExchangeFiles(const std::string& a, const std::string& b) {
   if (hasA && hasB) {
     // Two names of one file: swapping them changes nothing.
     if (stA.st_dev == stB.st_dev && stA.st_ino == stB.st_ino) return true;
-    int err = InjectedFault(FsOp::Exchange, a, b);
-    if (err == 0) err = Renameat2(a, b, RENAME_EXCHANGE);
-    if (err == 0) return true;
+    const int err = exchangeErr;
     if (err != EINVAL && err != ENOSYS && err != EXDEV && err != EOPNOTSUPP) return false;
     return internal::ExchangeFilesByRenaming(a, b);
   }
@@ -433,6 +439,49 @@ bool ExchangeFiles(const std::string& a, const std::string& b) {
   const std::string parent = GetParentPath(to);
   if (!parent.empty() && !DoesPathExist(parent) && !CreateLocalDirectory(parent)) return false;
   return internal::MoveObject(from, to);
+}
+
+namespace {
+
+// An unbuffered stream buffer over a descriptor: the writers hand over large blocks, so a buffer
+// of its own would only copy them once more. A failed write makes the stream fail.
+class DescriptorBuf : public std::streambuf {
+ public:
+  explicit DescriptorBuf(int fd) : mFd(fd) {}
+
+ protected:
+  std::streamsize xsputn(const char* data, std::streamsize size) override {
+    return WriteAll(mFd, data, static_cast<size_t>(size)) ? size : 0;
+  }
+  int_type overflow(int_type c) override {
+    if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+    const char byte = traits_type::to_char_type(c);
+    return WriteAll(mFd, &byte, 1) ? c : traits_type::eof();
+  }
+
+ private:
+  int mFd;
+};
+
+}  // namespace
+
+bool CreateFileWith(const std::string& path, uint16_t mode, bool sync,
+                    const std::function<bool(std::ostream&)>& write) {
+  Fd fd(Open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+  if (!fd.valid()) return false;
+  bool ok = false;
+  try {
+    DescriptorBuf buffer(fd.get());
+    std::ostream out(&buffer);
+    ok = write(out) && out.flush() && !out.fail();
+  } catch (...) {
+    ok = false;
+  }
+  ok = ok && ::fchmod(fd.get(), mode & 07777) == 0;
+  if (ok && sync) ok = InjectedFault(FsOp::Sync, path, std::string()) == 0 && ::fsync(fd.get()) == 0;
+  ok = fd.Close() && ok;
+  if (!ok) ::unlink(path.c_str());
+  return ok;
 }
 
 bool SyncFile(const std::string& path) {

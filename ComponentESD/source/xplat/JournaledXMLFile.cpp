@@ -1,5 +1,6 @@
 #include "xplat/JournaledXMLFile.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <sstream>
@@ -14,10 +15,12 @@ namespace {
 // Removes a journal whatever its permission bits. DeleteLocalFile refuses files the caller has
 // no write bit on, but after an exchange the journal name holds the previous saver's file,
 // which may belong to another user; left in place it would parse and roll the store back at
-// the next load. Removing a name needs only the folder's permission.
+// the next load. Removing a name needs only the folder's permission, so a plain unlink comes
+// first (the usual case, one call); a folder planted at the name needs DeleteLocalFile.
 bool RemoveJournal(const std::string& journalPath) {
-  if (FileSystemUtils::DeleteLocalFile(journalPath)) return true;
-  return std::remove(journalPath.c_str()) == 0 || !FileSystemUtils::DoesPathExist(journalPath);
+  if (std::remove(journalPath.c_str()) == 0 || errno == ENOENT) return true;
+  return FileSystemUtils::DeleteLocalFile(journalPath) ||
+         !FileSystemUtils::DoesPathExist(journalPath);
 }
 
 // Whether the text written for `document` parses. Built again in memory: this runs only for the
@@ -33,7 +36,7 @@ bool JournalLoadsAgain(const esd::XMLDocumentNode& document) {
 }  // namespace
 
 JournaledXMLFile::JournaledXMLFile(esd::ExpatDOMBuilder<esd::XMLDocumentNode>& builder)
-    : mBuilder(builder), mDurableSaves(true), mLoadFailed(false) {}
+    : mBuilder(builder), mSavedFileMode(0666), mDurableSaves(true), mLoadFailed(false) {}
 
 JournaledXMLFile::~JournaledXMLFile() = default;
 
@@ -45,45 +48,24 @@ bool JournaledXMLFile::Save() {
     // A leftover journal may belong to someone else or be a link planted beside the store;
     // start from a fresh file rather than write through it.
     RemoveJournal(mJournalPath);
-    {
-      ESDofstream journal(mJournalPath, "wb");
-      std::ofstream& out = journal.GetStream();
-      if (!out.is_open()) return false;
-      // The tree is written straight to the journal, without a copy of its text in memory. A
-      // journal left partial (a write error, no memory for the writer's buffer) is removed; one
-      // left by a crash does not parse and is ignored by the next Load.
-      bool written = true;
-      bool vouched = false;
-      try {
-        vouched = esd::XMLWriteCheck::WriteVouched(out, *document);
-        out.flush();
-        out.close();
-      } catch (...) {
-        written = false;
-      }
-      if (!written || out.fail()) {
-        if (out.is_open()) out.close();
-        RemoveJournal(mJournalPath);
-        return false;
-      }
-      // Attribute values are written raw and an empty document is a lone declaration: either
-      // can make text that no later Load parses, which would lock every user out of the store.
-      // Such a save is refused and the file keeps its last good text. The walk that wrote the
-      // tree vouches for ordinary trees at a fraction of the cost of parsing their text; only a
-      // tree it cannot vouch for has its text parsed before the journal goes any further.
-      if (!vouched && !JournalLoadsAgain(*document)) {
-        RemoveJournal(mJournalPath);
-        return false;
-      }
-    }
-    // The bits are set on the journal so that the file has them from the moment it appears.
-    FileSystemUtils::SetFilePermission(mJournalPath, 0666);
-    // Without this a power cut after the exchange could leave the new name on empty or partial
-    // data: the rename reaches the disk before the data it points to.
-    if (mDurableSaves && !FileSystemUtils::SyncFile(mJournalPath)) {
-      RemoveJournal(mJournalPath);
-      return false;
-    }
+    // The tree is written straight to the journal, without a copy of its text in memory. The
+    // journal gets its permission bits as it is created, so the file has them from the moment
+    // it appears. Unless the durable saves are off, it is synced before the exchange: without
+    // that, a power cut after the exchange could leave the new name on empty or partial data,
+    // as the rename may reach the disk before the data it points to. Any failure removes the
+    // journal; one left by a crash does not parse and is ignored by the next Load.
+    const bool written = FileSystemUtils::CreateFileWith(
+        mJournalPath, mSavedFileMode, mDurableSaves, [document](std::ostream& out) {
+          // Attribute values are written raw and an empty document is a lone declaration:
+          // either can make text that no later Load parses, which would lock every user out
+          // of the store. Such a save is refused and the file keeps its last good text. The
+          // walk that writes the tree vouches for ordinary trees at a fraction of the cost of
+          // parsing their text; only a tree it cannot vouch for has its text parsed before the
+          // journal goes any further.
+          const bool vouched = esd::XMLWriteCheck::WriteVouched(out, *document);
+          return out.good() && (vouched || JournalLoadsAgain(*document));
+        });
+    if (!written) return false;
 
     const bool hadFile = FileSystemUtils::DoesPathExist(mFilePath);
     const bool exchanged = FileSystemUtils::ExchangeFiles(mFilePath, mJournalPath);
@@ -93,7 +75,7 @@ bool JournaledXMLFile::Save() {
     // temporary name): then the journal is the one complete text left at a known name, and the
     // next Load puts it in place instead of finding the store empty.
     const bool fileLost = !exchanged && hadFile && !FileSystemUtils::DoesPathExist(mFilePath);
-    if (!fileLost && FileSystemUtils::DoesPathExist(mJournalPath)) RemoveJournal(mJournalPath);
+    if (!fileLost) RemoveJournal(mJournalPath);
     if (!exchanged) return false;
     // Makes the exchange and the journal's removal durable together.
     if (mDurableSaves &&

@@ -60,10 +60,6 @@ class VantuUpdaterRegistrationManager
   VantuUpdaterRegistrationManager(const VantuUpdaterRegistrationManager&) = delete;
   VantuUpdaterRegistrationManager& operator=(const VantuUpdaterRegistrationManager&) = delete;
 
-  // Saves through the journal, then narrows the file to the restricted permission (the machine-
-  // wide register must not stay world-writable once written).
-  bool Save() override;
-
   // Binds the manager to the store root of the loaded document (adding a root when the file had
   // none), drops entries without an install path and, when it dropped any, saves at once so the
   // repair reaches the disk even if the caller goes on only to read.

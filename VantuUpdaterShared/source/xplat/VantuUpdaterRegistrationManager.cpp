@@ -77,6 +77,9 @@ VantuUpdaterRegistrationManager::VantuUpdaterRegistrationManager()
     throw std::runtime_error("Unable to determine registration filepath!");
   mFilePath = FileSystemUtils::AppendPathElement(dataDir, kRegistrationFileName);
   SetPath(mFilePath);
+  // The machine-wide register must not be world-writable: every save gives it the restricted
+  // permission as it is written, rather than narrowing a world-writable file afterwards.
+  SetSavedFileMode(0664);
 }
 
 VantuUpdaterRegistrationManager::~VantuUpdaterRegistrationManager() {
@@ -99,12 +102,6 @@ bool VantuUpdaterRegistrationManager::LoadStore() {
 void VantuUpdaterRegistrationManager::ForgetLoadedTree() {
   using Binding = XMLBoundObject<VantuUpdaterRegistrationManager>;
   Binding::operator=(Binding());
-}
-
-bool VantuUpdaterRegistrationManager::Save() {
-  if (!JournaledXMLLockedFile::Save()) return false;
-  FileSystemUtils::SetRestrictedFilePermission(mFilePath);
-  return true;
 }
 
 bool VantuUpdaterRegistrationManager::OnLoadSuccess(esd::XMLDocumentNode* root, void*) {
