@@ -38,6 +38,14 @@ bool ProvideProductFolder(const std::string& parent, const char* name, bool rest
 bool GetVantuUpdaterDir(esd::FolderFinder::FolderID id, std::string& path, bool restricted) {
   std::string base;
   if (!esd::FolderFinder::GetFolderPath(id, base, true)) return false;
+  // Every store operation comes through here and the folders nearly always exist: one look at
+  // the innermost spares a look at each level.
+  const std::string existing = FileSystemUtils::AppendPathElement(
+      FileSystemUtils::AppendPathElement(base, "Vantu"), kVantuUpdaterFolder);
+  if (FileSystemUtils::DoesPathExist(existing)) {
+    path = existing;
+    return true;
+  }
   std::string vantu;
   if (!ProvideProductFolder(base, "Vantu", restricted, vantu)) return false;
   std::string updater;
