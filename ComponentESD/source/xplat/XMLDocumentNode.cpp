@@ -1,11 +1,11 @@
 #include "xplat/XMLDocumentNode.h"
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 
 #include "xplat/ESDAssert.h"
-#include "xplat/XMLEscaping.h"
 #include "xplat/XMLTreeWriter.h"
 
 namespace esd {
@@ -142,23 +142,68 @@ XMLDocumentNode* XMLDocumentNode::Duplicate(const XMLDocumentNode* node) {
 
 namespace {
 
-// The writer's output: text gathers in a block handed to the stream whenever it grows past
-// kBlockSize, so that the stream sees few large writes instead of many small ones.
+// The writer's output: text gathers in a fixed block handed to the stream whenever it is full, so
+// that the stream sees few large writes instead of many small ones, and each piece of text costs
+// one copy into the block.
 class BlockWriter {
  public:
-  // The block grows as text comes, so a small document never takes a block's worth of memory.
-  explicit BlockWriter(std::ostream& stream) : mStream(stream) {}
-  void Put(char c) { mBlock += c; }
-  void Put(const std::string& text) { mBlock += text; }
-  void Put(const char* text) { mBlock += text; }
-  void PutEscaped(const std::string& text) {
-    XMLEscaping::AppendEscapedXML(mBlock, text.begin(), text.end());
+  explicit BlockWriter(std::ostream& stream) : mStream(stream), mBlock(new char[kBlockSize]) {}
+  void Put(char c) {
+    if (mUsed == kBlockSize) Hand();
+    mBlock[mUsed++] = c;
   }
-  // Ends a line; hands the block over when it is full.
-  void EndLine() {
-    mBlock += '\n';
-    if (mBlock.size() >= kBlockSize) Hand();
+  void Put(const char* text, std::size_t size) {
+    if (size <= kBlockSize - mUsed) {
+      std::memcpy(mBlock.get() + mUsed, text, size);
+      mUsed += size;
+    } else {
+      PutLarge(text, size);
+    }
   }
+  void Put(const std::string& text) { Put(text.data(), text.size()); }
+  template <std::size_t N>
+  void Put(const char (&literal)[N]) {
+    Put(literal, N - 1);
+  }
+
+  // Puts `text` escaped as XMLEscaping::EscapeXML does it: runs of bytes that need no entity are
+  // copied whole. With `judge`, also returns XMLTreeWriter::IsPlainText(text, true), found in the
+  // same pass; without, returns true.
+  bool PutEscaped(const std::string& text, bool judge) {
+    using namespace XMLTreeWriter;
+    static const struct {
+      const char* text;
+      std::size_t size;
+    } kEntities[] = {{"", 0},      {"&apos;", 6}, {"&gt;", 4}, {"&quot;", 6},
+                     {"&amp;", 5}, {"&lt;", 4}};
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    const char* run = p;
+    bool plain = true;
+    while (p != end) {
+      const TextByte kind = kTextBytes[static_cast<unsigned char>(*p)];
+      if (kind == kPlainByte) {
+        ++p;
+        continue;
+      }
+      if (kind <= kLessThan) {
+        Put(run, static_cast<std::size_t>(p - run));
+        Put(kEntities[kind].text, kEntities[kind].size);
+        run = ++p;
+      } else if (kind == kLeadByte && judge && plain) {
+        const std::size_t length = OrdinaryCharacterLength(p, static_cast<std::size_t>(end - p));
+        plain = length != 0;
+        p += plain ? length : 1;
+      } else {
+        plain = plain && kind != kRefusedByte;
+        ++p;
+      }
+    }
+    Put(run, static_cast<std::size_t>(end - run));
+    return plain || !judge;
+  }
+
+  void EndLine() { Put('\n'); }
   void Finish() {
     Hand();
     mStream.flush();
@@ -167,15 +212,28 @@ class BlockWriter {
  private:
   static constexpr std::size_t kBlockSize = 64 * 1024;
   void Hand() {
-    mStream.write(mBlock.data(), static_cast<std::streamsize>(mBlock.size()));
-    mBlock.clear();
+    mStream.write(mBlock.get(), static_cast<std::streamsize>(mUsed));
+    mUsed = 0;
+  }
+  // Text that does not fit the rest of the block: the block goes first, then text larger than a
+  // block goes straight to the stream.
+  void PutLarge(const char* text, std::size_t size) {
+    Hand();
+    if (size >= kBlockSize) {
+      mStream.write(text, static_cast<std::streamsize>(size));
+      return;
+    }
+    std::memcpy(mBlock.get(), text, size);
+    mUsed = size;
   }
   std::ostream& mStream;
-  std::string mBlock;
+  std::unique_ptr<char[]> mBlock;
+  std::size_t mUsed = 0;
 };
 
-// Everything of a node that comes before its children.
-void WriteOpening(BlockWriter& out, const XMLDocumentNode& node) {
+// Everything of a node that comes before its children. With `judge`, returns whether the node is
+// a plain element (XMLTreeWriter::IsPlainTag and plain text); without, returns true.
+bool WriteOpening(BlockWriter& out, const XMLDocumentNode& node, bool judge) {
   if (node.IsDocumentNode()) {
     out.Put("<?xml version=\"");
     out.Put(node.GetVersion());
@@ -188,8 +246,9 @@ void WriteOpening(BlockWriter& out, const XMLDocumentNode& node) {
     }
     out.Put("?>");
     out.EndLine();
-    return;
+    return !judge;
   }
+  const bool plainTag = !judge || XMLTreeWriter::IsPlainTag(node);
   out.Put('<');
   out.Put(node.ElementName());
   for (const auto& attr : node.GetAttributeMap()) {
@@ -203,16 +262,16 @@ void WriteOpening(BlockWriter& out, const XMLDocumentNode& node) {
   const std::string& data = node.ElementData();
   if (data.empty()) {
     if (!node.GetChildNodes().empty()) out.EndLine();
-  } else {
-    out.PutEscaped(data);
+    return plainTag;
   }
+  return out.PutEscaped(data, judge && plainTag) && plainTag;
 }
 
 }  // namespace
 
 namespace XMLTreeWriter {
 
-bool Write(std::ostream& stream, const XMLDocumentNode& subtree, NodeCheck check) {
+bool Write(std::ostream& stream, const XMLDocumentNode& subtree, bool vouch) {
   // Depth-first with an explicit stack of (node, next child to write).
   struct Frame {
     const XMLDocumentNode* node;
@@ -220,16 +279,15 @@ bool Write(std::ostream& stream, const XMLDocumentNode& subtree, NodeCheck check
   };
   std::vector<Frame> stack;
   BlockWriter out(stream);
-  bool passed = true;
-  WriteOpening(out, subtree);
+  bool passed = vouch;
+  WriteOpening(out, subtree, false);
   stack.push_back(Frame{&subtree, 0});
   while (!stack.empty()) {
     Frame& top = stack.back();
     const XMLDocumentNode::ChildList& children = top.node->GetChildNodes();
     if (top.nextChild < children.size()) {
       const XMLDocumentNode* child = children[top.nextChild++];
-      WriteOpening(out, *child);
-      if (check && passed) passed = check(*child);
+      passed = WriteOpening(out, *child, passed) && passed;
       stack.push_back(Frame{child, 0});
       continue;
     }
@@ -243,13 +301,13 @@ bool Write(std::ostream& stream, const XMLDocumentNode& subtree, NodeCheck check
     if (!stack.empty()) out.EndLine();
   }
   out.Finish();
-  return passed;
+  return passed || !vouch;
 }
 
 }  // namespace XMLTreeWriter
 
 std::ostream& operator<<(std::ostream& stream, const XMLDocumentNode& node) {
-  XMLTreeWriter::Write(stream, node, nullptr);
+  XMLTreeWriter::Write(stream, node, false);
   return stream;
 }
 

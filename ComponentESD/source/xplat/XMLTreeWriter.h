@@ -1,21 +1,112 @@
 #ifndef ESD_SOURCE_XPLAT_XMLTREEWRITER_H
 #define ESD_SOURCE_XPLAT_XMLTREEWRITER_H
 
+#include <array>
+#include <cstddef>
 #include <ostream>
+#include <string>
 
 #include "xplat/XMLDocumentNode.h"
 
 namespace esd {
 namespace XMLTreeWriter {
 
-// Judges one element node as the writer reaches it.
-using NodeCheck = bool (*)(const XMLDocumentNode& node);
+// What a byte of element text or of an attribute value is to the writer and to the check of
+// XMLWriteCheck, from most to least ordinary. One table serves both, so that the writer can
+// judge element text in the same pass that escapes it, and the two can never disagree.
+enum TextByte : unsigned char {
+  kPlainByte,    // printable ASCII other than the five below, tab, line feed, carriage return
+  kApostrophe,   // escaped in element text; fine in attribute values
+  kGreaterThan,  // likewise
+  kQuote,        // escaped in element text; refused in attribute values, which are written raw
+  kAmpersand,    // likewise
+  kLessThan,     // likewise
+  kLeadByte,     // may start a multi-byte UTF-8 character
+  kRefusedByte,  // other control characters, DEL, bytes that cannot start a character
+};
 
-// Writes `subtree` in the text form of operator<< (which is this function with no check). With
-// a check, every node below its top is also passed to it right as it is written, while
-// its data is at hand, and the result is whether all passed; the text written is the same
-// either way. The stream is flushed at the end.
-bool Write(std::ostream& stream, const XMLDocumentNode& subtree, NodeCheck check);
+constexpr std::array<TextByte, 256> MakeTextBytes() {
+  std::array<TextByte, 256> kinds{};
+  for (int c = 0; c < 256; ++c) {
+    if (c == '\'')
+      kinds[c] = kApostrophe;
+    else if (c == '>')
+      kinds[c] = kGreaterThan;
+    else if (c == '"')
+      kinds[c] = kQuote;
+    else if (c == '&')
+      kinds[c] = kAmpersand;
+    else if (c == '<')
+      kinds[c] = kLessThan;
+    else if (c == '\t' || c == '\n' || c == '\r' || (c >= 0x20 && c < 0x7F))
+      kinds[c] = kPlainByte;
+    else if (c >= 0xC2 && c <= 0xF4)
+      kinds[c] = kLeadByte;
+    else
+      kinds[c] = kRefusedByte;
+  }
+  return kinds;
+}
+
+inline constexpr std::array<TextByte, 256> kTextBytes = MakeTextBytes();
+
+// Length of the UTF-8 sequence at text (with `available` bytes from there to the end) when it
+// encodes a character every XML 1.0 parser accepts in content (U+00A0 to U+D7FF, U+E000 to
+// U+FFFD, U+10000 to U+10FFFF); 0 otherwise. C1 controls and the other rarely used characters
+// are left to a real parse. Needs a lead byte (kLeadByte) at text[0].
+inline std::size_t OrdinaryCharacterLength(const char* text, std::size_t available) {
+  const unsigned char lead = static_cast<unsigned char>(text[0]);
+  const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+  if (available < length) return 0;
+  unsigned long value = lead & (0x7F >> length);
+  for (std::size_t k = 1; k < length; ++k) {
+    const unsigned char next = static_cast<unsigned char>(text[k]);
+    if ((next & 0xC0) != 0x80) return 0;
+    value = (value << 6) | (next & 0x3F);
+  }
+  const unsigned long smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (value < smallest[length]) return 0;  // overlong
+  const bool ordinary = (value >= 0xA0 && value <= 0xD7FF) ||
+                        (value >= 0xE000 && value <= 0xFFFD) ||
+                        (value >= 0x10000 && value <= 0x10FFFF);
+  return ordinary ? length : 0;
+}
+
+// Every byte of `text` is plain, part of an ordinary UTF-8 character, or (with markupAllowed,
+// for element text, which the writer escapes) one of '<', '&' and '"'. Attribute values are
+// copied as they are between '"', so there the three are refused.
+inline bool IsPlainText(const std::string& text, bool markupAllowed) {
+  const TextByte accepted = markupAllowed ? kLessThan : kGreaterThan;
+  const char* const data = text.data();
+  const std::size_t size = text.size();
+  for (std::size_t i = 0; i < size;) {
+    const TextByte kind = kTextBytes[static_cast<unsigned char>(data[i])];
+    if (kind <= accepted) {
+      ++i;
+      continue;
+    }
+    if (kind != kLeadByte) return false;
+    const std::size_t length = OrdinaryCharacterLength(data + i, size - i);
+    if (length == 0) return false;
+    i += length;
+  }
+  return true;
+}
+
+// A name of plain ASCII name characters: a letter, '_' or ':' first, then those, digits, '-'
+// and '.'.
+bool IsPlainName(const std::string& name);
+
+// Everything the check asks of one element node except its text: an element, not a document
+// node, with a plain name and plain attribute names and values.
+bool IsPlainTag(const XMLDocumentNode& node);
+
+// Writes `subtree` in the text form of operator<< (which is this function without `vouch`). With
+// `vouch`, every node below its top is also judged as it is written, while its data is at hand
+// (IsPlainTag, and IsPlainText(text, true) within the pass that escapes the text), and the result
+// is whether all passed; the text written is the same either way. The stream is flushed at the
+// end.
+bool Write(std::ostream& stream, const XMLDocumentNode& subtree, bool vouch);
 
 }  // namespace XMLTreeWriter
 }  // namespace esd
