@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -155,6 +156,52 @@ TEST(ExpatDOMBuilder, VeryDeepTreesParseWriteAndDieWithoutRecursion) {
   EXPECT_EQ(written, Write(*copy));
   builder.Clear();
   EXPECT_EQ(nullptr, builder.GetDocumentNode());
+}
+
+// A node type of its own that rewrites what it is given: the builder must hand it every text and
+// attribute through the virtual setters, never around them, while plain nodes get the same tree.
+class UpperNode : public XMLDocumentNode {
+ public:
+  UpperNode() = default;
+  explicit UpperNode(const std::string& name) : XMLDocumentNode(Upper(name)) {}
+  void AppendElementData(const std::string& data) override {
+    XMLDocumentNode::AppendElementData(Upper(data));
+  }
+  void SetAttributeData(const std::string& name, const std::string& value) override {
+    XMLDocumentNode::SetAttributeData(name, Upper(value));
+  }
+
+ private:
+  static std::string Upper(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return text;
+  }
+};
+
+TEST(ExpatDOMBuilder, DerivedNodesAreGivenEverythingThroughTheirSetters) {
+  TempDir dir;
+  const std::string bytes = "<r b=\"two\" a=\"one\">text &amp; more<c x=\"y\">in</c></r>";
+  WriteFile(dir / "doc.xml", bytes);
+  esd::ExpatDOMBuilder<UpperNode> derived;
+  ASSERT_TRUE(derived.Create(nullptr, nullptr));
+  ASSERT_TRUE(derived.ParseFile(dir / "doc.xml", false));
+  EXPECT_EQ(kDecl + "<R a=\"ONE\" b=\"TWO\">TEXT &amp; MORE<C x=\"Y\">IN</C>\n</R>\n",
+            Write(*derived.GetDocumentNode()));
+  EXPECT_EQ(kDecl + "<r a=\"one\" b=\"two\">text &amp; more<c x=\"y\">in</c>\n</r>\n",
+            Rewrite(dir, bytes));
+
+  // The builder's own setters keep what the virtual ones promise: a repeated name takes the new
+  // value, and "version" on the document node is the declaration's, not an attribute.
+  XMLDocumentNode element("e");
+  element.AddAttribute("k", "1");
+  element.AddAttribute("k", "2");
+  element.AppendText("ab", 1);
+  EXPECT_EQ((XMLDocumentNode::AttributeList{{"k", "2"}}), element.GetAllAttrs());
+  EXPECT_EQ("a", element.GetData());
+  XMLDocumentNode document;
+  document.AddAttribute("version", "1.0");
+  EXPECT_EQ("1.0", document.GetVersion());
+  EXPECT_TRUE(document.GetAttributeMap().empty());
 }
 
 // Create discards the earlier tree, and makes the builder usable again after a failed parse.

@@ -12,6 +12,8 @@
 #include <memory>
 #include <stack>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include "xplat/ESDAssert.h"
 #include "xplat/ESDIOFileStream.h"
@@ -151,6 +153,10 @@ class ExpatDOMBuilder {
   NodeType* GetDocumentNode() const { return m_pDocumentNode.get(); }
 
  private:
+  // Nodes of exactly XMLDocumentNode take the parser's texts through its non-virtual setters;
+  // other node types get the virtual ones they may override.
+  static constexpr bool kPlainNodes = std::is_same<NodeType, XMLDocumentNode>::value;
+
   // The handlers run inside the C parser, which no exception may cross. An exception (only
   // memory exhaustion can raise one) marks the parse as failed and silences later events.
   static ExpatDOMBuilder* Self(void* pThisParser) {
@@ -165,18 +171,27 @@ class ExpatDOMBuilder {
     try {
       ESD_ASSERT(pThis->m_NodeHistory.size());
       pThis->m_bCollectText = true;
-      // The scratch strings keep their capacity from one call to the next, so passing the
-      // parser's texts on as strings costs no allocation of its own.
-      pThis->m_ScratchName.assign(name);
-      std::unique_ptr<NodeType> node(new NodeType(pThis->m_ScratchName));
+      std::unique_ptr<NodeType> node;
+      if constexpr (kPlainNodes) {
+        node.reset(new NodeType(name, std::strlen(name)));
+      } else {
+        // The scratch strings keep their capacity from one call to the next, so passing the
+        // parser's texts on as strings costs no allocation of its own.
+        pThis->m_ScratchName.assign(name);
+        node.reset(new NodeType(pThis->m_ScratchName));
+      }
       NodeType* pNode = node.get();
       pThis->m_NodeHistory.top()->AddChildNode(pNode);
       node.release();
       pThis->m_NodeHistory.push(pNode);
       for (const XML_Char** attr = atts; attr && attr[0] && attr[1]; attr += 2) {
-        pThis->m_ScratchName.assign(attr[0]);
-        pThis->m_ScratchText.assign(attr[1]);
-        pNode->SetAttributeData(pThis->m_ScratchName, pThis->m_ScratchText);
+        if constexpr (kPlainNodes) {
+          pNode->AddAttribute(attr[0], attr[1]);
+        } else {
+          pThis->m_ScratchName.assign(attr[0]);
+          pThis->m_ScratchText.assign(attr[1]);
+          pNode->SetAttributeData(pThis->m_ScratchName, pThis->m_ScratchText);
+        }
       }
     } catch (const std::exception&) {
       pThis->m_bHandlerFailed = true;
@@ -197,8 +212,12 @@ class ExpatDOMBuilder {
     try {
       NodeType* pNode = pThis->m_NodeHistory.top();
       ESD_ASSERT(pNode);
-      pThis->m_ScratchText.assign(s, static_cast<std::size_t>(len));
-      pNode->AppendElementData(pThis->m_ScratchText);
+      if constexpr (kPlainNodes) {
+        pNode->AppendText(s, static_cast<std::size_t>(len));
+      } else {
+        pThis->m_ScratchText.assign(s, static_cast<std::size_t>(len));
+        pNode->AppendElementData(pThis->m_ScratchText);
+      }
     } catch (const std::exception&) {
       pThis->m_bHandlerFailed = true;
     }
@@ -217,7 +236,7 @@ class ExpatDOMBuilder {
   }
 
   std::unique_ptr<NodeType> m_pDocumentNode;
-  std::stack<NodeType*> m_NodeHistory;
+  std::stack<NodeType*, std::vector<NodeType*>> m_NodeHistory;
   bool m_bCollectText;
   XML_Parser m_pExpatParser;
   bool m_bHandlerFailed;

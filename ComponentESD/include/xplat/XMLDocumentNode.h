@@ -1,6 +1,7 @@
 #ifndef ESD_XPLAT_XMLDOCUMENTNODE_H
 #define ESD_XPLAT_XMLDOCUMENTNODE_H
 
+#include <cstddef>
 #include <map>
 #include <ostream>
 #include <string>
@@ -26,6 +27,9 @@ class XMLDocumentNode {
   XMLDocumentNode();
   // An element node named `name`.
   explicit XMLDocumentNode(const std::string& name);
+  // An element node named by the `length` bytes at `name`: the builder's way to make a node
+  // without a string of its own in between.
+  XMLDocumentNode(const char* name, std::size_t length);
   // Destroys the whole subtree.
   virtual ~XMLDocumentNode();
 
@@ -55,6 +59,12 @@ class XMLDocumentNode {
   virtual std::string GetElementName() const;
   // (name, value) pairs in byte order of the names.
   virtual AttributeList GetAllAttrs() const;
+
+  // What AppendElementData and SetAttributeData do, without a std::string in between and without
+  // a virtual call. The builder uses them when its nodes are of exactly this class; a derived
+  // class that overrides the virtual setters is always given those.
+  void AppendText(const char* text, std::size_t length) { mElementData.append(text, length); }
+  void AddAttribute(const char* name, const char* value);
 
   // True with `out` set when the attribute exists; false with `out` untouched otherwise.
   bool GetAttrValue(const std::string& name, std::string& out) const;

@@ -15,6 +15,9 @@ XMLDocumentNode::XMLDocumentNode() : mIsDocument(true) {}
 XMLDocumentNode::XMLDocumentNode(const std::string& name)
     : mElementName(name), mIsDocument(false) {}
 
+XMLDocumentNode::XMLDocumentNode(const char* name, std::size_t length)
+    : mElementName(name, length), mIsDocument(false) {}
+
 XMLDocumentNode::~XMLDocumentNode() {
   mElementData.clear();
   mAttributes.clear();
@@ -44,6 +47,17 @@ void XMLDocumentNode::SetAttributeData(const std::string& name, const std::strin
     return;
   }
   mAttributes[name] = value;
+}
+
+void XMLDocumentNode::AddAttribute(const char* name, const char* value) {
+  if (mIsDocument) {
+    SetAttributeData(name, value);
+    return;
+  }
+  // The strings are made in place in the map's node; a name seen before keeps its place and
+  // takes the new value, as SetAttributeData does.
+  const auto placed = mAttributes.emplace(name, value);
+  if (!placed.second) placed.first->second = value;
 }
 
 void XMLDocumentNode::AddChildNode(XMLDocumentNode* pNode) {
