@@ -157,6 +157,47 @@ TEST(XMLWriteCheck, WhatItVouchesForAlwaysParses) {
   EXPECT_GT(vouched, 100);  // the alphabet leaves enough trees to check
 }
 
+// Long texts are judged and escaped in blocks: a byte of every kind at every place of texts
+// around and across those blocks' edges is escaped and judged as it would be alone.
+TEST(XMLWriteCheck, EveryPlaceInALongTextIsJudgedAndEscaped) {
+  struct Piece {
+    const char* bytes;
+    const char* escaped;
+    bool plainInText;
+    bool plainInValue;
+  };
+  const Piece kPieces[] = {
+      {"<", "&lt;", true, false},          {"&", "&amp;", true, false},
+      {"\"", "&quot;", true, false},       {"'", "&apos;", true, true},
+      {">", "&gt;", true, true},           {"\t", "\t", true, true},
+      {"\r", "\r", true, true},            {"\x01", "\x01", false, false},
+      {"\x7F", "\x7F", false, false},      {"\xC3\xA9", "\xC3\xA9", true, true},
+      {"\xC3", "\xC3", false, false},      {"\xEF\xBF\xBE", "\xEF\xBF\xBE", false, false},
+      {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80", true, true},
+  };
+  for (const Piece& piece : kPieces) {
+    for (size_t length : {15u, 16u, 17u, 31u, 32u, 33u, 47u}) {
+      for (size_t at = 0; at <= length; ++at) {
+        const std::string before(at, 'a'), after(length - at, 'b');
+        Store store;
+        store.field->SetElementData(before + piece.bytes + after);
+        std::ostringstream written;
+        const std::string what = std::string("text of ") + std::to_string(length) + " at " +
+                                 std::to_string(at) + ": " + piece.escaped;
+        EXPECT_EQ(piece.plainInText, WriteVouched(written, store.document)) << what;
+        EXPECT_EQ(piece.plainInText, WritesWellFormed(store.document)) << what;
+        EXPECT_NE(std::string::npos,
+                  written.str().find(">" + before + piece.escaped + after + "</InstallPath>"))
+            << what;
+
+        store.field->SetElementData("");
+        store.record->SetAttributeData("appID", before + piece.bytes + after);
+        EXPECT_EQ(piece.plainInValue, WritesWellFormed(store.document)) << what;
+      }
+    }
+  }
+}
+
 // A save writes what the check vouches for without parsing it first, and still writes unusual
 // but loadable trees after parsing them; broken ones never reach the file.
 TEST(XMLWriteCheck, SaveWritesUnusualTreesThatParseAndRefusesBrokenOnes) {

@@ -194,7 +194,7 @@ class BlockWriter {
     const char* const end = p + text.size();
     const char* run = p;
     bool plain = true;
-    while (p != end) {
+    while ((p = SkipPlainBytes(p, end)) != end) {
       const TextByte kind = kTextBytes[static_cast<unsigned char>(*p)];
       if (kind == kPlainByte) {
         ++p;
