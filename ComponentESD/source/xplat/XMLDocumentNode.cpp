@@ -19,21 +19,28 @@ XMLDocumentNode::XMLDocumentNode(const char* name, std::size_t length)
     : mElementName(name, length), mIsDocument(false) {}
 
 XMLDocumentNode::~XMLDocumentNode() {
-  mElementData.clear();
-  mAttributes.clear();
-  // Each node taken off the list hands its children to the list before it is deleted, so every
-  // delete below meets a node without children and the destructor never nests. Children go on
-  // the list last first, so nodes are freed in document order, which is the order a parse
-  // allocated them in: the allocator then walks memory forwards instead of jumping about.
-  ChildList pending(mChildren.rbegin(), mChildren.rend());
-  mChildren.clear();
-  while (!pending.empty()) {
-    XMLDocumentNode* node = pending.back();
-    pending.pop_back();
-    if (!node) continue;
-    pending.insert(pending.end(), node->mChildren.rbegin(), node->mChildren.rend());
-    node->mChildren.clear();
-    delete node;
+  if (mChildren.empty()) return;
+  // Post-order with an explicit stack, so the destructor never nests: every delete below meets a
+  // node whose children are gone. Children are taken last first, so nodes are freed in exactly the
+  // reverse of document order, which is the reverse of the order a parse allocated them in. The
+  // allocator then hands memory back from the end it grew at; freed in document order instead, a
+  // large store's tree left glibc trimming and refaulting the heap on every load.
+  struct Frame {
+    XMLDocumentNode* node;
+    std::size_t remaining;
+  };
+  std::vector<Frame> stack{{this, mChildren.size()}};
+  while (!stack.empty()) {
+    Frame& top = stack.back();
+    if (top.remaining > 0) {
+      XMLDocumentNode* child = top.node->mChildren[--top.remaining];
+      if (child) stack.push_back(Frame{child, child->mChildren.size()});
+      continue;
+    }
+    XMLDocumentNode* done = top.node;
+    stack.pop_back();
+    done->mChildren.clear();
+    if (done != this) delete done;
   }
 }
 
