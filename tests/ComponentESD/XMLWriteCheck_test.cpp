@@ -198,6 +198,34 @@ TEST(XMLWriteCheck, EveryPlaceInALongTextIsJudgedAndEscaped) {
   }
 }
 
+// Names are judged several bytes at a time: a byte on either side of every range of name
+// characters, at every place of names of every length up to past two blocks, is judged as it
+// would be alone, in element and attribute names alike.
+TEST(XMLWriteCheck, EveryPlaceInALongNameIsJudged) {
+  const std::string kBytes = std::string("AZaz09:-._/;@[`{,^ ") + "\x7F\x80\xC3\xFF";
+  auto nameChar = [](char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+           c == '_' || c == ':' || c == '-' || c == '.';
+  };
+  for (size_t length = 2; length <= 40; ++length) {
+    for (size_t at = 1; at < length; ++at) {
+      for (const char c : kBytes) {
+        std::string name(length, 'n');
+        name[at] = c;
+        Store store;
+        store.root->AddChildNode(new XMLDocumentNode(name));
+        EXPECT_EQ(nameChar(c), WritesWellFormed(store.document)) << name;
+        std::ostringstream written;
+        EXPECT_EQ(nameChar(c), WriteVouched(written, store.document)) << name;
+
+        Store attributed;
+        attributed.record->SetAttributeData(name, "v");
+        EXPECT_EQ(nameChar(c), WritesWellFormed(attributed.document)) << name;
+      }
+    }
+  }
+}
+
 // A save writes what the check vouches for without parsing it first, and still writes unusual
 // but loadable trees after parsing them; broken ones never reach the file.
 TEST(XMLWriteCheck, SaveWritesUnusualTreesThatParseAndRefusesBrokenOnes) {
