@@ -6,6 +6,7 @@
 #include "xplat/FileSystemUtils.h"
 #include "xplat/SearchResults.h"
 #include "xplat/StoreLockScope.h"
+#include "xplat/StoreRoot.h"
 #include "xplat/VantuUpdaterUtils.h"
 
 namespace {
@@ -105,20 +106,8 @@ void VantuUpdaterRegistrationManager::ForgetLoadedTree() {
 }
 
 bool VantuUpdaterRegistrationManager::OnLoadSuccess(esd::XMLDocumentNode* root, void*) {
-  esd::SearchResult<esd::XMLDocumentNode> roots =
-      esd::SearchResult<esd::XMLDocumentNode>(root).Children(esd::NodeName(GetNodeRootName()));
-  esd::XMLDocumentNode* storeRoot = nullptr;
-  if (roots.empty()) {
-    try {
-      std::unique_ptr<esd::XMLDocumentNode> fresh(new esd::XMLDocumentNode(GetNodeRootName()));
-      root->AddChildNode(fresh.get());
-      storeRoot = fresh.release();
-    } catch (...) {
-      return false;
-    }
-  } else {
-    storeRoot = roots.GetSingleMatch();
-  }
+  esd::XMLDocumentNode* storeRoot = StoreRoot::FindOrAdd(root, GetNodeRootName());
+  if (storeRoot == nullptr) return false;
   SetObjectRoot(storeRoot);
   if (HasRecordWithoutInstallPath(storeRoot) &&
       DeleteVantuUpdaterRegisteredAppIf(RegisteredAppVerifier(this)) > 0)
