@@ -45,6 +45,16 @@ class BenchFile {
   std::string mLockName;
 };
 
+// A writer of the settings file with a lock of its own, as each process has.
+struct LockedWriter {
+  explicit LockedWriter(const BenchFile& file) : lock(file.lockName(), 3000), writer("", "Root") {
+    writer.SetLockPolicy(&lock);
+    writer.SetPrefsPath(file.path());
+  }
+  esd::ResourceLocker lock;
+  esd::PrefsWriter writer;
+};
+
 // A settings file of the updater's size: about twenty keys.
 void Fill(esd::PrefsWriter& writer) {
   for (int i = 0; i < 20; ++i)
@@ -53,10 +63,8 @@ void Fill(esd::PrefsWriter& writer) {
 
 void BM_GetUnchanged(benchmark::State& state) {
   BenchFile file;
-  esd::ResourceLocker lock(file.lockName(), 3000);
-  esd::PrefsWriter writer("", "Root");
-  writer.SetLockPolicy(&lock);
-  writer.SetPrefsPath(file.path());
+  LockedWriter locked(file);
+  esd::PrefsWriter& writer = locked.writer;
   Fill(writer);
   std::string value;
   for (auto _ : state) {
@@ -68,14 +76,10 @@ BENCHMARK(BM_GetUnchanged);
 
 void BM_GetAfterOtherWritersSet(benchmark::State& state) {
   BenchFile file;
-  esd::ResourceLocker lockA(file.lockName(), 3000);
-  esd::ResourceLocker lockB(file.lockName(), 3000);
-  esd::PrefsWriter a("", "Root");
-  esd::PrefsWriter b("", "Root");
-  a.SetLockPolicy(&lockA);
-  b.SetLockPolicy(&lockB);
-  a.SetPrefsPath(file.path());
-  b.SetPrefsPath(file.path());
+  LockedWriter lockedA(file);
+  LockedWriter lockedB(file);
+  esd::PrefsWriter& a = lockedA.writer;
+  esd::PrefsWriter& b = lockedB.writer;
   Fill(a);
   int counter = 0;
   int seen = 0;
@@ -90,10 +94,8 @@ BENCHMARK(BM_GetAfterOtherWritersSet);
 
 void BM_Set(benchmark::State& state) {
   BenchFile file;
-  esd::ResourceLocker lock(file.lockName(), 3000);
-  esd::PrefsWriter writer("", "Root");
-  writer.SetLockPolicy(&lock);
-  writer.SetPrefsPath(file.path());
+  LockedWriter locked(file);
+  esd::PrefsWriter& writer = locked.writer;
   Fill(writer);
   int counter = 0;
   for (auto _ : state) {
