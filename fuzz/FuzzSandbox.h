@@ -77,6 +77,18 @@ std::string AsReadBackAttribute(const std::string& value);
 // the property checks of the targets must fail loudly, not through a test framework.
 void Check(bool condition, const char* what);
 
+// The file path a store of type Store works on inside the sandbox, found once.
+template <class Store>
+const std::string& StorePath() {
+  static const std::string path = [] {
+    Store store;
+    std::string found;
+    Check(store.GetXMLFileFullPath(found), "the store has a path");
+    return found;
+  }();
+  return path;
+}
+
 }  // namespace fuzzing
 
 #endif

@@ -129,22 +129,12 @@ Entries AsSaved(const Entries& entries) {
   return saved;
 }
 
-const std::string& StorePath() {
-  static const std::string path = [] {
-    VantuUpdaterMissingCompsManager store;
-    std::string found;
-    Check(store.GetXMLFileFullPath(found), "the store has a path");
-    return found;
-  }();
-  return path;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   fuzzing::FuzzSandbox::Get();
-  static testing_support::SemaphoreGuard lockCleanup(StorePath());
-  const std::string& path = StorePath();
+  const std::string& path = fuzzing::StorePath<VantuUpdaterMissingCompsManager>();
+  static testing_support::SemaphoreGuard lockCleanup(path);
   std::string journal;
   JournaledXMLFile::GetJournalPath(path, journal);
   const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path, journal);
