@@ -13,6 +13,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/FileStamp.h"
+#include "support/LockHolder.h"
 #include "support/SemaphoreGuard.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
@@ -241,24 +242,16 @@ TEST_F(MissingCompsStore, EightProcessesInsertingAtOnceAllLand) {
 TEST_F(MissingCompsStore, HeldLockMakesRequestFailWithoutWriting) {
   ASSERT_EQ(0u, RequestA("Spelling", "Dictionary", "1.0"));
   const std::string before = ReadFile(mStorePath);
-  testing_support::Pipe locked, release;
-  const std::string lockName = mStorePath;
-  pid_t holder = testing_support::StartChild([&]() {
-    esd::ResourceLocker locker(lockName, 0);
-    if (!locker.Lock()) return 91;
-    locked.Signal();
-    release.Wait(60000);
-    return locker.Unlock(false) ? 0 : 92;
-  });
-  ASSERT_TRUE(locked.Wait());
+  testing_support::LockHolder holder(mStorePath, 60000);
+  ASSERT_TRUE(holder.Locked());
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(2u, Request("B", "Beta", "/opt/b", 1, "Fonts", "Extras", "1.0"));
   const auto waited = std::chrono::steady_clock::now() - start;
   EXPECT_GE(waited, std::chrono::milliseconds(1900));
   EXPECT_LT(waited, std::chrono::seconds(30));
   EXPECT_EQ(before, ReadFile(mStorePath));
-  release.Signal();
-  EXPECT_EQ(0, testing_support::WaitChild(holder));
+  holder.Release();
+  EXPECT_EQ(0, holder.Wait());
   EXPECT_EQ(0u, Request("B", "Beta", "/opt/b", 1, "Fonts", "Extras", "1.0"));
 }
 

@@ -15,6 +15,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/FileStamp.h"
+#include "support/LockHolder.h"
 #include "support/SemaphoreGuard.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
@@ -281,16 +282,8 @@ TEST_F(RegistrationStore, EightProcessesInsertingAtOnceAllLand) {
 TEST_F(RegistrationStore, HeldLockMakesOperationsFailWithoutWriting) {
   ASSERT_EQ(0u, Insert("A", "Alpha", "/opt/a"));
   const std::string before = ReadFile(mStorePath);
-  testing_support::Pipe locked, release;
-  const std::string lockName = mStorePath;
-  pid_t holder = testing_support::StartChild([&]() {
-    esd::ResourceLocker locker(lockName, 0);
-    if (!locker.Lock()) return 91;
-    locked.Signal();
-    release.Wait(30000);
-    return locker.Unlock(false) ? 0 : 92;
-  });
-  ASSERT_TRUE(locked.Wait());
+  testing_support::LockHolder holder(mStorePath, 30000);
+  ASSERT_TRUE(holder.Locked());
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(3u, Insert("B", "Beta", "/opt/b"));
   const auto waited = std::chrono::steady_clock::now() - start;
@@ -298,8 +291,8 @@ TEST_F(RegistrationStore, HeldLockMakesOperationsFailWithoutWriting) {
   EXPECT_LT(waited, std::chrono::seconds(10));
   EXPECT_EQ(2u, Unregister("A"));
   EXPECT_EQ(before, ReadFile(mStorePath));
-  release.Signal();
-  EXPECT_EQ(0, testing_support::WaitChild(holder));
+  holder.Release();
+  EXPECT_EQ(0, holder.Wait());
   EXPECT_EQ(0u, Insert("B", "Beta", "/opt/b"));
 }
 

@@ -16,6 +16,7 @@
 
 #include "VantuUpdater/VantuUpdater.h"
 #include "support/ChildProcess.h"
+#include "support/LockHolder.h"
 #include "support/SemaphoreGuard.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
@@ -77,35 +78,6 @@ const unsigned char* U(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.c_str());
 }
 
-// Another process holding a store's lock for `seconds`: long enough for two of the stores'
-// two-second waits to run out, and released while a third wait is under way.
-class LockHolder {
- public:
-  LockHolder(const std::string& resource, double seconds) {
-    testing_support::Pipe locked;
-    mPid = testing_support::StartChild([&]() {
-      esd::ResourceLocker locker(resource, 0);
-      if (!locker.Lock()) return 91;
-      locked.Signal();
-      std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-      return locker.Unlock(false) ? 0 : 92;
-    });
-    mLocked = locked.Wait();
-  }
-  ~LockHolder() { Wait(); }
-  bool Locked() const { return mLocked; }
-  int Wait() {
-    if (mPid > 0) mStatus = testing_support::WaitChild(mPid);
-    mPid = -1;
-    return mStatus;
-  }
-
- private:
-  pid_t mPid = -1;
-  bool mLocked = false;
-  int mStatus = -1;
-};
-
 // A registration that cannot have the store's lock tells the host so (4). It must not take a
 // store it never managed to read for an unusable one: deleting and rebuilding it once the lock
 // frees would throw away every other host's registration.
@@ -116,7 +88,9 @@ TEST(LostUpdate, RegistrationThatTimesOutOnTheLockKeepsEveryOtherRegistration) {
     ASSERT_EQ(kROZResultOK, ROZRegisterApplication(id, U("Name"), U("/opt/app")));
   const std::string before = testing_support::ReadFile(sandbox.RegistryFile());
 
-  LockHolder holder(sandbox.RegistryFile(), 5.0);
+  // Held for 5 s: long enough for two of the store's two-second waits to run out, and released
+  // while a third wait is under way.
+  testing_support::LockHolder holder(sandbox.RegistryFile(), 5000);
   ASSERT_TRUE(holder.Locked());
   EXPECT_EQ(kROZResultRegistryUnusable,
             ROZRegisterApplication("org.example.C", U("Name"), U("/opt/app")));
@@ -135,7 +109,7 @@ TEST(LostUpdate, MissingComponentsSurviveAManagerThatTimedOutOnTheLock) {
   ASSERT_EQ(0u, Request("org.example.A", "Spelling"));
   const std::string before = testing_support::ReadFile(sandbox.MissingCompsFile());
 
-  LockHolder holder(sandbox.MissingCompsFile(), 5.0);
+  testing_support::LockHolder holder(sandbox.MissingCompsFile(), 5000);
   ASSERT_TRUE(holder.Locked());
   std::string category = "Dictionary", name = "Grammar", version = "1.0";
   ROZMissingComponent component{&category[0], &name[0], &version[0]};
