@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "xplat/JournaledXMLFile.h"
+
 namespace fuzzing {
 
 FuzzSandbox& FuzzSandbox::Get() {
@@ -39,8 +41,9 @@ std::optional<std::string> ReadIfPresent(const std::string& path) {
   return content.str();
 }
 
-StoreInput PlantStore(const uint8_t* data, std::size_t size, const std::string& path,
-                      const std::string& journalPath) {
+StoreInput PlantStore(const uint8_t* data, std::size_t size, const std::string& path) {
+  std::string journalPath;
+  JournaledXMLFile::GetJournalPath(path, journalPath);
   StoreInput input;
   const std::string bytes = AsText(data, size);
   const std::size_t split = bytes.find('\0');

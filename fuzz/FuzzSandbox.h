@@ -61,9 +61,9 @@ struct StoreInput {
   std::string effective;
 };
 
-// Writes the store file and the journal (or removes a journal left by the previous input).
-StoreInput PlantStore(const uint8_t* data, std::size_t size, const std::string& path,
-                      const std::string& journalPath);
+// Writes the store file at `path` and its journal (or removes a journal left by the previous
+// input).
+StoreInput PlantStore(const uint8_t* data, std::size_t size, const std::string& path);
 
 // What text reads back as after the writer has put it out raw and a parser has read it again: a
 // carriage return (alone or before a line feed) becomes a line feed in element text, and in an

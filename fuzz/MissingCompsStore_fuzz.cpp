@@ -135,9 +135,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   fuzzing::FuzzSandbox::Get();
   const std::string& path = fuzzing::StorePath<VantuUpdaterMissingCompsManager>();
   static testing_support::SemaphoreGuard lockCleanup(path);
-  std::string journal;
-  JournaledXMLFile::GetJournalPath(path, journal);
-  const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path, journal);
+  const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path);
   const bool lookupIsSafe = LookupIsSafe(input.effective);
 
   Entries before;

@@ -132,10 +132,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   fuzzing::FuzzSandbox::Get();
   const std::string& path = fuzzing::StorePath<VantuUpdaterRegistrationManager>();
   static testing_support::SemaphoreGuard lockCleanup(path);
-  std::string journal;
-  JournaledXMLFile::GetJournalPath(path, journal);
 
-  const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path, journal);
+  const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path);
   EntryList expected;
   const Identifiers ids = ReadStoreText(input.effective, expected);
 
