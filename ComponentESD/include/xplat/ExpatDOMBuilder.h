@@ -8,7 +8,6 @@
 #include <cstring>
 #include <exception>
 #include <ios>
-#include <limits>
 #include <memory>
 #include <stack>
 #include <string>
@@ -75,8 +74,7 @@ class ExpatDOMBuilder {
     // for as long as the parse lasts. Larger files (or a file that grew since it was measured)
     // are read in chunks.
     const std::streamoff kWholeFileLimit = 16 * 1024 * 1024;
-    const int kChunk = static_cast<int>(std::min<std::streamoff>(
-        length <= kWholeFileLimit ? length : 64 * 1024, std::numeric_limits<int>::max()));
+    const int kChunk = static_cast<int>(length <= kWholeFileLimit ? length : 64 * 1024);
     bool parsed = true;
     while (in.good() && parsed) {
       char* buffer = static_cast<char*>(GetBuffer(kChunk));
