@@ -7,13 +7,10 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "support/ChildProcess.h"
 #include "support/FileStamp.h"
-#include "support/LockHolder.h"
 #include "support/SemaphoreGuard.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
@@ -214,45 +211,6 @@ TEST_F(MissingCompsStore, UnusableEntriesAreDroppedOnLoad) {
   ASSERT_TRUE(store.GetMissingCompsApps(apps));
   EXPECT_EQ(1u, apps.size());
   EXPECT_EQ(Store(good), ReadFile(mStorePath));
-}
-
-// Eight processes recording requests at the same moment all land.
-TEST_F(MissingCompsStore, EightProcessesInsertingAtOnceAllLand) {
-  testing_support::Pipe go;
-  std::vector<pid_t> children;
-  for (int i = 0; i < 8; ++i) {
-    children.push_back(testing_support::StartChild([&go, i]() {
-      const std::string id = "App" + std::to_string(i);
-      return go.Wait() ? static_cast<int>(Request(id.c_str(), "N", "/opt", i, "S", "D", "1.0"))
-                       : 90;
-    }));
-  }
-  for (size_t i = 0; i < children.size(); ++i) go.Signal();
-  for (pid_t child : children) EXPECT_EQ(0, testing_support::WaitChild(child));
-  const std::string text = ReadFile(mStorePath);
-  for (int i = 0; i < 8; ++i) {
-    const std::string entry =
-        Entry("App" + std::to_string(i), i, "N", "/opt", Comp("S", "D", "1.0.0.0"));
-    EXPECT_NE(std::string::npos, text.find(entry)) << text;
-  }
-  EXPECT_EQ(1u, Request("App0", "N", "/opt", 0, "S", "D", "1.0")) << "the file parses";
-}
-
-// A lock held by another process fails a request after the time-out; nothing is written or deleted.
-TEST_F(MissingCompsStore, HeldLockMakesRequestFailWithoutWriting) {
-  ASSERT_EQ(0u, RequestA("Spelling", "Dictionary", "1.0"));
-  const std::string before = ReadFile(mStorePath);
-  testing_support::LockHolder holder(mStorePath, 60000);
-  ASSERT_TRUE(holder.Locked());
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(2u, Request("B", "Beta", "/opt/b", 1, "Fonts", "Extras", "1.0"));
-  const auto waited = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(waited, std::chrono::milliseconds(1900));
-  EXPECT_LT(waited, std::chrono::seconds(30));
-  EXPECT_EQ(before, ReadFile(mStorePath));
-  holder.Release();
-  EXPECT_EQ(0, holder.Wait());
-  EXPECT_EQ(0u, Request("B", "Beta", "/opt/b", 1, "Fonts", "Extras", "1.0"));
 }
 
 }  // namespace
