@@ -106,22 +106,6 @@ TEST(ExpressDownloadTest, SignalNeverFails) {
   unsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
 
-// Membership of an administrator group, compared by exact name, makes an administrator.
-TEST_F(NotifyTest, AdministratorsAreMembersOfTheAdministratorGroups) {
-  using Groups = std::vector<std::string>;
-  const std::vector<Groups> admins = {
-      {"admin"}, {"sudo"}, {"wheel"}, {"root"}, {"x", "admin2", "sudo"}};
-  const std::vector<Groups> others = {{"admin2"}, {"sudoers"}, {"Admin"}, {"wheel "}, {"adm"}, {}};
-  for (const Groups& groups : admins) {
-    mEnv.SetGroups(groups);
-    EXPECT_TRUE(DoesUserHaveAdminPrivileges()) << testing::PrintToString(groups);
-  }
-  for (const Groups& groups : others) {
-    mEnv.SetGroups(groups);
-    EXPECT_FALSE(DoesUserHaveAdminPrivileges()) << testing::PrintToString(groups);
-  }
-}
-
 // A ROOT/Applications folder the user cannot write makes an administrator group count for
 // nothing; without the folder the groups decide.
 TEST_F(NotifyTest, UnwritableApplicationsFolderOverridesTheGroups) {
