@@ -1,12 +1,8 @@
 #include "xplat/PLXSysAccessor.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <gnu/lib-names.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
@@ -63,48 +59,6 @@ TEST(PLXFrameworkBundle, LibrariesThatCannotBeLoadedThrow) {
 TEST(PLXFrameworkBundleDeathTest, NullFunctionNameIsAnAssertion) {
   esd::PLXFrameworkBundle bundle("System.framework");
   EXPECT_DEATH(bundle.GetFunctionPointerForName(nullptr), "failed assertion `inFunctionName'");
-}
-
-TEST(PLXSysAccessor, ForwardsToTheCLibrary) {
-  esd::PLXSysAccessor accessor;
-  const std::string variable = "ESD_ACCESSOR_TEST_" + std::to_string(getpid());
-
-  ASSERT_EQ(0, accessor.setenv(variable.c_str(), "first", 1));
-  EXPECT_EQ(0, accessor.setenv(variable.c_str(), "second", 0));  // no overwrite
-  EXPECT_STREQ("first", accessor.getenv(variable.c_str()));
-  EXPECT_EQ(0, accessor.unsetenv(variable.c_str()));
-  EXPECT_EQ(nullptr, std::getenv(variable.c_str()));
-
-  testing_support::TempDir dir;
-  testing_support::WriteFile(dir / "present", "0123456789");
-  EXPECT_EQ(0, accessor.access((dir / "present").c_str(), F_OK));
-  EXPECT_EQ(-1, accessor.access((dir / "absent").c_str(), F_OK));
-
-  // The stream functions work on streams of the process's own C library.
-  FILE* file = std::fopen((dir / "present").c_str(), "r");
-  ASSERT_NE(nullptr, file);
-  EXPECT_EQ(0, accessor.fseek(file, 4, SEEK_SET));
-  char bytes[4] = {};
-  EXPECT_EQ(3u, accessor.fread(bytes, 1, 3, file));
-  EXPECT_STREQ("456", bytes);
-  EXPECT_EQ(7, accessor.ftell(file));
-  std::fclose(file);
-
-  FILE* pipe = accessor.popen("exit 3", "r");
-  ASSERT_NE(nullptr, pipe);
-  EXPECT_EQ(3 << 8, accessor.pclose(pipe));
-
-  // The semaphore functions keep the variadic mode and initial value intact.
-  const std::string semaphore = "/esd-accessor-test-" + std::to_string(getpid());
-  sem_t* handle = accessor.sem_open(semaphore.c_str(), O_CREAT | O_EXCL, 0600, 3);
-  ASSERT_NE(SEM_FAILED, handle);
-  int value = 0;
-  EXPECT_EQ(0, sem_getvalue(handle, &value));
-  EXPECT_EQ(3, value);
-  EXPECT_EQ(SEM_FAILED, accessor.sem_open(semaphore.c_str(), O_CREAT | O_EXCL, 0600, 1));
-  EXPECT_EQ(EEXIST, errno);
-  EXPECT_EQ(0, accessor.sem_close(handle));
-  EXPECT_EQ(0, accessor.sem_unlink(semaphore.c_str()));
 }
 
 TEST(PLXSysAccessor, AnyMissingFunctionFailsTheWholeTable) {

@@ -9,7 +9,6 @@
 #include "support/FakeUpdaterBundle.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
-#include "xplat/ChangeDiffType.h"
 #include "xplat/ScopedEnv.h"
 #include "xplat/VantuUpdaterUtils.h"
 
@@ -113,13 +112,6 @@ TEST_F(UpdaterDirsTest, UpdaterLocationAndItsReference) {
   testing_support::FakeUpdaterBundle bundle(path);
   ASSERT_TRUE(VantuUpdaterUtils::GetUpdaterLocation(ref));
   EXPECT_EQ(ref.path, fs::canonical(path).string());
-}
-
-// Launch modes travel to the updater as their number, not their name.
-TEST(UpdaterUtilsTest, StartupModesConvertToTheirNumber) {
-  std::string text;
-  ASSERT_TRUE(esd::ChangeType(VantuUpdaterUtils::kScheduled, text));
-  EXPECT_EQ(text, "1");
 }
 
 }  // namespace
