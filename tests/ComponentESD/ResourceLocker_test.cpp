@@ -112,29 +112,6 @@ TEST(ResourceLocker, WaitsForAnotherProcessUntilTheTimeOut) {
   EXPECT_TRUE(waiter.Unlock(false));
 }
 
-// Only one of several processes racing for a free lock may win each round.
-TEST(ResourceLocker, RacingProcessesNeverHoldTogether) {
-  const std::string resource = UniqueResourceName("race");
-  const std::string marker = UniqueResourceName("race-marker");  // a second lock as a witness
-  SemaphoreGuard guard(resource);
-  SemaphoreGuard markerGuard(marker);
-  pid_t children[4];
-  for (pid_t& child : children) {
-    child = StartChild([&resource, &marker] {
-      for (int round = 0; round < 50; ++round) {
-        esd::ResourceLocker locker(resource, 10000);
-        if (!locker.Lock()) return 1;
-        esd::ResourceLocker witness(marker, 0);
-        if (!witness.Lock()) return 2;
-        if (!witness.Unlock(false) || !locker.Unlock(false)) return 3;
-      }
-      return 0;
-    });
-  }
-  for (pid_t child : children) EXPECT_EQ(0, WaitChild(child));
-  EXPECT_FALSE(SemaphoreExists(resource) || SemaphoreExists(marker));
-}
-
 // Force removes another process's lock; that holder's Unlock then fails and it still counts as
 // holding, and its destructor removes the name again (it cannot tell the new semaphore apart).
 TEST(ResourceLocker, ForcedUnlockBreaksAnotherProcessesLock) {

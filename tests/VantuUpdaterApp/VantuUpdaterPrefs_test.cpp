@@ -156,38 +156,6 @@ TEST(VantuUpdaterPrefs, NoDataFolderAndTheSingleton) {
   EXPECT_NE(std::string::npos, ReadFile(sandbox.PrefsFile()).find("<Launch>Manual</Launch>"));
 }
 
-// A host and the updater application, each with its own object on the one file, see each
-// other's last set, also several within one second.
-TEST(VantuUpdaterPrefs, TwoProcessesSeeEachOthersSets) {
-  PrefsSandbox sandbox;
-  VantuUpdaterPrefs host;
-  ASSERT_TRUE(host.Launch.Set("Manual"));
-  testing_support::Pipe toChild, toParent;
-  const pid_t child = testing_support::StartChild([&] {
-    VantuUpdaterPrefs updater;
-    for (int round = 0; round < 20; ++round) {
-      std::string launch;
-      int frequency = -1;
-      if (!toChild.Wait() || !updater.Launch.Get(launch) || !updater.AutoCheckFreq.Get(frequency))
-        return 10;
-      if (launch != "Manual " + std::to_string(round) || frequency != round) return 11;
-      if (!updater.Launch.Set("Scheduled " + std::to_string(round))) return 12;
-      if (!updater.InTrayIcon.Set(round % 2 == 0)) return 13;
-      toParent.Signal();
-    }
-    return 0;
-  });
-  for (int round = 0; round < 20; ++round) {
-    ASSERT_TRUE(host.Launch.Set("Manual " + std::to_string(round)));
-    ASSERT_TRUE(host.AutoCheckFreq.Set(round));
-    toChild.Signal();
-    ASSERT_TRUE(toParent.Wait()) << "the other process stopped at round " << round;
-    EXPECT_EQ("Scheduled " + std::to_string(round), Read(host.Launch));
-    EXPECT_EQ(round % 2 == 0, Read(host.InTrayIcon));
-  }
-  EXPECT_EQ(0, testing_support::WaitChild(child));
-}
-
 // Operations wait for another holder of the shared "VantuUpdater" lock (held briefly, so other
 // test programs using it only wait).
 TEST(VantuUpdaterPrefs, WaitsForTheSharedLock) {
