@@ -154,8 +154,6 @@ TEST(SystemUtilsTest, PlatformNameAndVersion) {
   }
 }
 
-// Hexadecimal digits read as decimal ones, as a binary-coded decimal version needs; a digit
-// above 9 spills over.
 // The digits of a number in a base are read as a decimal number (0x1039 → 1039); a digit above 9
 // carries, and what cannot be converted comes back as it was.
 TEST(SystemUtilsTest, ConvertBaseReadsDigitsAsDecimal) {
