@@ -1,17 +1,14 @@
 #include "xplat/JournaledXMLFile.h"
 
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <filesystem>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 
 #include "support/ChildProcess.h"
 #include "support/SemaphoreGuard.h"
@@ -332,43 +329,6 @@ TEST(JournaledXMLLockedFile, TwoProcessesSavingAlternatelyNeverLeaveABrokenFile)
   EXPECT_EQ(2 * kRounds, Counter(store.mBuilder));
   EXPECT_EQ(Names{"Store.xml"}, ListFolder(dir.path()));
   EXPECT_FALSE(SemaphoreExists(path));
-}
-
-// A crash at any point of a save leaves a store that loads, holding the old or the new text.
-// (Unlocked: a process killed inside sem_open would leave the C library's temporary behind.)
-TEST(JournaledXMLFile, ProcessKilledWhileSavingLeavesOldOrNewStore) {
-  TempDir dir;
-  const std::string path = dir / "Store.xml";
-  int last = 0;
-  for (int round = 0; round < 25; ++round) {
-    testing_support::Pipe started;
-    const pid_t saver = testing_support::StartChild([&] {
-      Builder builder;
-      JournaledXMLFile store(builder);
-      store.SetPath(path);
-      started.Signal();
-      for (;;) {
-        if (!store.Load(nullptr)) return 3;
-        SetValue(builder, std::to_string(Counter(builder) + 1));
-        if (!store.Save()) return 4;
-      }
-    });
-    ASSERT_TRUE(started.Wait());
-    std::this_thread::sleep_for(std::chrono::microseconds(500 + 397 * round % 4000));
-    kill(saver, SIGKILL);
-    EXPECT_EQ(-1, testing_support::WaitChild(saver));
-
-    Builder builder;
-    JournaledXMLFile store(builder);
-    store.SetPath(path);
-    ASSERT_TRUE(store.Load(nullptr)) << round;
-    // Saves only ever count up: nothing older than what a finished save wrote comes back.
-    const int now = Counter(builder);
-    EXPECT_LE(last, now) << round;
-    last = now;
-    ASSERT_TRUE(store.Save() || now == 0);
-    EXPECT_FALSE(access((path + "_").c_str(), F_OK) == 0 && now != 0) << round;
-  }
 }
 
 }  // namespace
