@@ -28,10 +28,6 @@ class ExportsTest : public LibraryTest {
   }
 };
 
-TEST_F(ExportsTest, VersionIsThePackedLibraryVersion) {
-  EXPECT_EQ(0x51000006, ROZGetVersion());
-}
-
 // Without a policy only administrators may check: members of an administrator group, compared
 // by exact name.
 TEST_F(ExportsTest, EnabledOnlyForAdministratorGroups) {
