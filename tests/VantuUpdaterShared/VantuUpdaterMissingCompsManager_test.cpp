@@ -128,9 +128,6 @@ TEST_F(MissingCompsStore, DestructorDeletesEmptyOrUnparsableStore) {
       {Store(""), false},
       {"<?xml version=\"1.0\"?>\n<VantuUpdaterMissingCompsManager>\n<VantuUpdater", false},
       {"", false},
-      {Store("<VantuUpdaterMissingCompsApp AppID=\"A\" OperationType=\"1\" RedoCFU=\"1\">\n"
-             "<InstallPath>/opt/a</InstallPath>\n</VantuUpdaterMissingCompsApp>\n"),
-       false},
       {Store(Entry("A", 1, "Alpha", "/opt/a", "")), true},
   };
   for (const auto& [bytes, kept] : cases) {
