@@ -46,7 +46,7 @@
 #include "reliability/StoreState.h"
 #include "support/PrivateMounts.h"
 #include "support/RunProgram.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/ExpatDOMBuilder.h"
@@ -391,7 +391,7 @@ class CrashRun {
     std::vector<std::string> held;
     std::vector<int> targets;
     for (int t = 0; t < kTargets; ++t) {
-      if (testing_support::SemaphoreExists(mLockResources[t])) {
+      if (testing_support::LockIsHeld(mLockResources[t])) {
         held.push_back(mLockResources[t]);
         targets.push_back(t);
         ++mFigures.locksBroken[t];
@@ -411,7 +411,7 @@ class CrashRun {
       for (const std::string& resource : held) esd::ResourceLocker(resource, 0).Unlock(true);
     }
     for (int t : targets) {
-      if (testing_support::SemaphoreExists(mLockResources[t])) {
+      if (testing_support::LockIsHeld(mLockResources[t])) {
         ++mFigures.lockBreakFailures;
         std::cout << "the lock of the " << kTargetNames[t] << " is still held\n";
       }

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "support/RunProgram.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "xplat/PrefsWriter.h"
 #include "xplat/ResourceLocker.h"
@@ -50,7 +50,7 @@ TEST(CrashSafety, LockedPreferenceSaveRemovesTemporariesOfKilledSaves) {
   }
 
   const std::string resource = testing_support::UniqueResourceName("prefs");
-  testing_support::SemaphoreGuard guard(resource);
+  testing_support::LockFileGuard guard(resource);
   esd::ResourceLocker lock(resource, 1000);
   esd::PrefsWriter writer("", "VantuUpdater");
   writer.SetLockPolicy(&lock);

@@ -10,7 +10,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/RunProgram.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/ResourceLocker.h"
@@ -19,8 +19,8 @@ using ::testing::HasSubstr;
 using testing_support::ProgramResult;
 using testing_support::RunOptions;
 using testing_support::RunProgram;
-using testing_support::SemaphoreExists;
-using testing_support::SemaphoreGuard;
+using testing_support::LockIsHeld;
+using testing_support::LockFileGuard;
 using testing_support::TempDir;
 
 namespace {
@@ -47,14 +47,14 @@ void LeaveStaleLock(const std::string& resource) {
     return leaked->Lock() ? 0 : 1;
   });
   ASSERT_EQ(0, testing_support::WaitChild(child));
-  ASSERT_TRUE(SemaphoreExists(resource));
+  ASSERT_TRUE(LockIsHeld(resource));
 }
 
 }  // namespace
 
 // A lock left by a crashed process shows as held and can be broken once; afterwards it is free.
 TEST_F(RozctlTest, LocksShowsAndBreaksAStaleStoreLock) {
-  SemaphoreGuard guard(RegistryPath());
+  LockFileGuard guard(RegistryPath());
   ProgramResult listed = Rozctl({"locks"});
   ASSERT_EQ(0, listed.exitStatus) << listed.err;
   EXPECT_THAT(listed.out, HasSubstr("registered-apps\n  resource:  " + RegistryPath() + "\n"));
@@ -70,7 +70,7 @@ TEST_F(RozctlTest, LocksShowsAndBreaksAStaleStoreLock) {
   ProgramResult broken = Rozctl({"break-lock", "registered-apps"});
   EXPECT_EQ(0, broken.exitStatus) << broken.err;
   EXPECT_EQ("broke registered-apps: removed " + semaphore + "\n", broken.out);
-  EXPECT_FALSE(SemaphoreExists(RegistryPath()));
+  EXPECT_FALSE(LockIsHeld(RegistryPath()));
 
   broken = Rozctl({"locks", "--break", "registered-apps"});
   EXPECT_EQ(1, broken.exitStatus);
