@@ -245,6 +245,7 @@ ResourceLocker::ResourceLockerPlat::ResourceLockerPlat(const std::string& resour
       mLockFile(-1),
       mResourceName(resourceName),
       mTimeout(timeoutMs),
+      mLockMode(kPrivateLockFileMode),
       mDevice(0),
       mInode(0),
       mPrevHeld(nullptr),
@@ -264,10 +265,9 @@ bool ResourceLocker::ResourceLockerPlat::Lock() {
   if (HasLock()) throw resource_lock_fail(mResourceName, "A resource is already being locked");
 
   const std::uint64_t deadline = Deadline(Microseconds(), mTimeout);
-  std::string path;
-  if (!ResourceLocker::GetLockFilePath(mResourceName, path, true)) return false;
-  const mode_t mode =
-      MachineLockFolder(mResourceName).empty() ? kPrivateLockFileMode : kSharedLockFileMode;
+  if (!FindLockFile()) return false;
+  const std::string& path = mLockPath;
+  const mode_t mode = mLockMode;
   short lockType = F_WRLCK;
   dev_t device = 0;
   ino_t inode = 0;
@@ -280,7 +280,6 @@ bool ResourceLocker::ResourceLockerPlat::Lock() {
       if (NamesFile(path, device, inode)) {
         if (announced) SetByteLock(fd, F_UNLCK, kWaiterByte);
         mLockFile = fd;
-        mLockPath = path;
         mDevice = device;
         mInode = inode;
         Remember();
@@ -315,9 +314,8 @@ bool ResourceLocker::ResourceLockerPlat::Unlock(bool force) {
     throw no_resource_lock("Resource unknown", "This object is not locking an item");
   }
   if (force) {
-    std::string path = mLockPath;
-    if (!HasLock() && !ResourceLocker::GetLockFilePath(mResourceName, path, false)) return false;
-    if (unlink(path.c_str()) != 0) return false;
+    if (!HasLock() && !FindLockFile()) return false;
+    if (unlink(mLockPath.c_str()) != 0) return false;
     if (HasLock()) Release();
     return true;
   }
@@ -329,6 +327,19 @@ bool ResourceLocker::ResourceLockerPlat::Unlock(bool force) {
 }
 
 bool ResourceLocker::ResourceLockerPlat::HasLock() const { return mLockFile >= 0; }
+
+// Looked up once per locker: every take and release after the first costs no folder lookup.
+bool ResourceLocker::ResourceLockerPlat::FindLockFile() {
+  if (!mLockPath.empty()) return true;
+  const std::string machineFolder = MachineLockFolder(mResourceName);
+  std::string folder = machineFolder;
+  if (folder.empty() &&
+      !FolderFinder::GetFolderPath(FolderFinder::kUserTemporaryItems, folder, true))
+    return false;
+  mLockMode = machineFolder.empty() ? kPrivateLockFileMode : kSharedLockFileMode;
+  mLockPath = folder + "/" + ResourceLocker::GetLockFileName(mResourceName);
+  return true;
+}
 
 // Closing the file description drops its locks.
 void ResourceLocker::ResourceLockerPlat::Release() {

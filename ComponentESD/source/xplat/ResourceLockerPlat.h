@@ -24,6 +24,7 @@ class ResourceLocker::ResourceLockerPlat {
   bool HasLock() const;
 
  private:
+  bool FindLockFile();
   void Release();
   void Remember();
   void Forget();
@@ -33,8 +34,10 @@ class ResourceLocker::ResourceLockerPlat {
   int mLockFile;  // the locked lock file's descriptor; -1 while the lock is not held
   std::string mResourceName;
   unsigned long mTimeout;  // milliseconds
-  // What was locked, so that Unlock can tell whether the name still leads to it.
+  // The lock file, found at the first use, and its mode when this process makes it.
   std::string mLockPath;
+  mode_t mLockMode;
+  // What was locked, so that Unlock can tell whether the name still leads to it.
   dev_t mDevice;
   ino_t mInode;
   // The process's held locks, linked while held (see ForgetAllInChild).
