@@ -128,8 +128,9 @@ std::string DescribeLockFile(const std::string& path) {
 }
 
 // The registered identifiers read straight from the file, without the store's lock: listing
-// locks must work while a stale lock blocks the store. Saves replace the file whole, so an
-// unlocked read sees one complete version.
+// locks must work while a live holder keeps the store, and for users outside the update group,
+// who cannot take its lock. Saves replace the file whole, so an unlocked read sees one complete
+// version.
 std::vector<std::string> PeekRegisteredAppIDs(const std::string& registryPath) {
   std::vector<std::string> ids;
   esd::ExpatDOMBuilder<esd::XMLDocumentNode> builder;
