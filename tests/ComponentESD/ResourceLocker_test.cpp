@@ -1,6 +1,5 @@
 #include "xplat/ResourceLocker.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,13 +8,11 @@
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
 #include "support/LockFiles.h"
-#include "support/MultiUser.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "xplat/ScopedEnv.h"
