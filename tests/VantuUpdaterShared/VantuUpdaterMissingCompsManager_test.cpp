@@ -11,7 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "support/FileStamp.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/FileSystemUtils.h"
@@ -64,7 +64,7 @@ class MissingCompsStore : public ::testing::Test {
 
   testing_support::UpdaterSandbox mSandbox;
   const std::string mStorePath = mSandbox.MissingCompsFile();
-  testing_support::SemaphoreGuard mLockGuard{mStorePath};
+  testing_support::LockFileGuard mLockGuard{mStorePath};
 };
 
 // Exact text in the per-user folder, shared permission, no journal; no home, no store.

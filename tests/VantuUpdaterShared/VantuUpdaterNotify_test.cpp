@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "support/ChildProcess.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "support/Unprivileged.h"
@@ -34,7 +34,7 @@ class NotifyTest : public ::testing::Test {
   testing_support::UpdaterSandbox mSandbox;
   TestEnv& mEnv = mSandbox.env();
   const std::string mAppID = "NotifyTest" + std::to_string(getpid());
-  testing_support::SemaphoreGuard mGuard{mAppID};
+  testing_support::LockFileGuard mGuard{mAppID};
 };
 
 // The marker <temporary items>/Updater5/locked/lock.ID holds "lock" and makes the workflow
@@ -48,7 +48,7 @@ TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
   EXPECT_EQ(path, runtime() + "/Updater5/locked/lock." + mAppID);
 
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
-  EXPECT_FALSE(testing_support::SemaphoreExists(mAppID)) << "the test took the lock only briefly";
+  EXPECT_FALSE(testing_support::LockIsHeld(mAppID)) << "the test took the lock only briefly";
   ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID));
   ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID)) << "an existing marker is rewritten";
   EXPECT_EQ(testing_support::ReadFile(path), "lock");
@@ -72,7 +72,7 @@ TEST_F(NotifyTest, LockHeldByAnotherProcessMakesTheWorkflowActive) {
   });
   ASSERT_TRUE(locked.Wait());
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
-  EXPECT_TRUE(testing_support::SemaphoreExists(mAppID)) << "the holder's lock was not broken";
+  EXPECT_TRUE(testing_support::LockIsHeld(mAppID)) << "the holder's lock was not broken";
   release.Signal();
   EXPECT_EQ(testing_support::WaitChild(holder), 0);
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
@@ -94,7 +94,7 @@ TEST_F(NotifyTest, DoubtfulIdentifiersAndFoldersReadAsActive) {
   mEnv.SetVariable("XDG_RUNTIME_DIR", root() + "/not-a-folder");
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_FALSE(Locker::CreateIPCLockFile(mAppID));
-  EXPECT_FALSE(testing_support::SemaphoreExists(mAppID));
+  EXPECT_FALSE(testing_support::LockIsHeld(mAppID));
 }
 
 // The express-download request reports success even without any session bus (the signal itself
