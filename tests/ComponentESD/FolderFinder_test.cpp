@@ -161,6 +161,32 @@ TEST_F(FolderFinderTest, PrivateTemporaryFolderIsRefusedUnlessOurs) {
   EXPECT_EQ(fs::status(target).permissions(), fs::perms(0755)) << "the link's target was changed";
 }
 
+// $XDG_RUNTIME_DIR counts only as a folder of the caller's own with mode 0700 (another user's
+// runtime folder, handed over with that user's environment, could be changed under us); any
+// other gives way to the private temporary folder, which is also the caller's alone. The
+// refused folder is left as it is.
+TEST_F(FolderFinderTest, RuntimeFolderCountsOnlyWhenPrivateAndOurs) {
+  const std::string runtime = mBase / "runtime";
+  fs::create_directories(runtime);
+  mEnv.SetVariable("XDG_RUNTIME_DIR", runtime);
+  const struct {
+    mode_t mode;
+    uid_t user;
+    std::string expected;
+  } cases[] = {
+      {0700, geteuid(), runtime},
+      {0755, geteuid(), privateTmp()},
+      {0770, geteuid(), privateTmp()},
+      {0700, geteuid() + 1, "<failed>"},  // and the temporary folder made by root is not its
+  };
+  for (const auto& c : cases) {
+    chmod(runtime.c_str(), c.mode);
+    mEnv.SetEffectiveUserId(c.user);
+    EXPECT_EQ(Find(1, true), c.expected) << std::oct << c.mode << " " << c.user;
+    EXPECT_EQ(fs::status(runtime).permissions(), fs::perms(c.mode));
+  }
+}
+
 // An identifier beyond the table is a programming error.
 TEST(FolderFinderDeathTest, IdentifierAboveTwelveStopsTheProcess) {
   std::string path;

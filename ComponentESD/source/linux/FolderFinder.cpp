@@ -128,12 +128,30 @@ bool GetPrivateTemporaryFolder(Env* env, bool create, std::string& out) {
     if (!IsFolder(GetTemporaryRoot(env)) &&
         !FileSystemUtils::CreateLocalDirectory(GetTemporaryRoot(env)))
       return false;
-    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return false;
+    if (!FileSystemUtils::CreateLocalDirectoryWithMode(path, 0700)) return false;
     if (lstat(path.c_str(), &info) != 0) return false;
   }
   if (!S_ISDIR(info.st_mode) || info.st_uid != user) return false;
   if ((info.st_mode & 07777) != 0700 && chmod(path.c_str(), 0700) != 0) return false;
   out = path;
+  return true;
+}
+
+// $XDG_RUNTIME_DIR counts only as the base-directory rules define it: a folder of the caller's
+// own with mode 0700. Anything else (another user's folder handed over by "sudo -E", a link
+// to one, an open folder) could be changed under us by someone else.
+bool GetRuntimeFolder(Env* env, const std::string& folder, bool create, std::string& out) {
+  struct stat info;
+  if (stat(folder.c_str(), &info) != 0) {
+    if (errno != ENOENT || !create ||
+        !FileSystemUtils::CreateLocalDirectoryWithMode(folder, 0700) ||
+        stat(folder.c_str(), &info) != 0)
+      return false;
+  }
+  if (!S_ISDIR(info.st_mode) || info.st_uid != env->GetEffectiveUserId() ||
+      (info.st_mode & 07777) != 0700)
+    return false;
+  out = folder;
   return true;
 }
 
@@ -158,8 +176,9 @@ bool FolderFinder::GetFolderPath(FolderID id, std::string& path, bool create) {
     case kChewableItems:
       return ProvideFolder(GetTemporaryRoot(env), create, path);
     case kUserTemporaryItems:
-      if (GetAbsoluteVariable(env, "XDG_RUNTIME_DIR", folder))
-        return ProvideFolder(folder, create, path);
+      if (GetAbsoluteVariable(env, "XDG_RUNTIME_DIR", folder) &&
+          GetRuntimeFolder(env, folder, create, path))
+        return true;
       return GetPrivateTemporaryFolder(env, create, path);
     case kUserDesktop:
       if (!ReadUserDirectory(env, "XDG_DESKTOP_DIR", folder) &&
