@@ -335,7 +335,7 @@ bool PrefsWriter::Save() {
   // A file we may not write is left alone, as writing it in place would be refused; replacing it
   // by rename would otherwise succeed wherever the folder is writable.
   if (FileSystemUtils::DoesPathExist(m_PrefsPath)) {
-    FilePtr probe(std::fopen(m_PrefsPath.c_str(), "r+b"));
+    FilePtr probe(std::fopen(m_PrefsPath.c_str(), "r+be"));
     if (!probe) return false;
   }
 
