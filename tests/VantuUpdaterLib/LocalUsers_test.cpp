@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "LibraryTestFixture.h"
+#include "support/ChildProcess.h"
 #include "support/FakeUpdaterBundle.h"
 #include "support/MultiUser.h"
 #include "support/TestEnv.h"
@@ -79,34 +79,6 @@ bool OnMachine(const std::function<void(const MultiUserMachine&, FakeUpdaterBund
   return true;
 }
 
-// Starts `argv` as `who` and leaves it running; the caller kills it.
-pid_t StartAs(const UserIdentity& who, const std::vector<std::string>& argv) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    std::vector<char*> args;
-    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    if (::setgroups(0, nullptr) == 0 && ::setresgid(who.gid, who.gid, who.gid) == 0 &&
-        ::setresuid(who.uid, who.uid, who.uid) == 0)
-      ::execv(args[0], args.data());
-    ::_exit(127);
-  }
-  return pid;
-}
-
-void Stop(pid_t pid) {
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, nullptr, 0);
-}
-
-// Gives a tree to `who`, as if that user had made it.
-void GiveTo(const std::string& path, const UserIdentity& who) {
-  ::lchown(path.c_str(), who.uid, who.gid);
-  if (!fs::is_directory(fs::symlink_status(path))) return;
-  for (const auto& entry : fs::recursive_directory_iterator(path))
-    ::lchown(entry.path().c_str(), who.uid, who.gid);
-}
-
 // A binary property list of `depth` arrays, each holding the next.
 std::string NestedBinaryPlist(uint32_t depth) {
   auto bigEndian = [](std::string& out, uint64_t value, int bytes) {
@@ -161,13 +133,20 @@ TEST(LocalUsersTest, BundlePosingAsTheUpdaterIsNotTheUpdater) {
           Host host(machine, testing_support::RootUser());
           const std::string bundle = machine.HomeOf(Attacker()) + "/Vantu Updater.app";
           const std::string program = bundle + "/Contents/MacOS/Vantu Updater";
-          fs::create_directories(bundle + "/Contents/MacOS");
-          testing_support::WriteFile(
-              bundle + "/Contents/Info.plist",
-              poser.infoPlist(testing_support::ReadFile(updater.path() + "/Contents/Info.plist")));
-          fs::copy_file("/bin/sleep", program);
-          GiveTo(bundle, Attacker());
-          const pid_t poserPid = StartAs(Attacker(), {program, "60"});
+          const std::string infoPlist =
+              poser.infoPlist(testing_support::ReadFile(updater.path() + "/Contents/Info.plist"));
+          ASSERT_EQ(0, testing_support::RunAs(Attacker(), [&] {
+            fs::create_directories(bundle + "/Contents/MacOS");
+            testing_support::WriteFile(bundle + "/Contents/Info.plist", infoPlist);
+            return fs::copy_file("/bin/sleep", program) ? 0 : 1;
+          }));
+          const pid_t poserPid = testing_support::StartChild([&] {
+            const UserIdentity& who = Attacker();
+            if (::setgroups(0, nullptr) == 0 && ::setresgid(who.gid, who.gid, who.gid) == 0 &&
+                ::setresuid(who.uid, who.uid, who.uid) == 0)
+              ::execl(program.c_str(), program.c_str(), "60", static_cast<char*>(nullptr));
+            return 127;
+          });
           esd::Env::ProcessInfo info;
           for (int i = 0; i < 2000 && !(host.env.GetProcessInfo(poserPid, info) &&
                                         info.executablePath == program);
@@ -190,7 +169,8 @@ TEST(LocalUsersTest, BundlePosingAsTheUpdaterIsNotTheUpdater) {
           EXPECT_EQ(1u, launched(2).count("RZ_LAUNCH_MODE"));
           EXPECT_EQ(0, ROZUnRegisterApplication(kAppID));
           EXPECT_EQ(1u, launched(3).count("RZ_LAUNCH_MODE"));
-          Stop(poserPid);
+          ::kill(poserPid, SIGKILL);
+          testing_support::WaitChild(poserPid);
         })) {
       GTEST_SKIP() << "needs a root test run";
     }

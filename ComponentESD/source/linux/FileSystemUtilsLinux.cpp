@@ -445,8 +445,10 @@ bool WriteLocalFile(const std::string& path, const std::string& bytes, uint16_t 
   Fd folder(-1);
   std::string name;
   if (!OpenEntryFolder(path, folder, name)) return false;
+  // Non-blocking, so that a named pipe at the name is refused rather than waited on.
   Fd file(::openat(folder.get(), name.c_str(),
-                   O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+                   O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                   S_IRUSR | S_IWUSR));
   if (!file.valid()) return false;
   struct stat st;
   if (::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
