@@ -87,8 +87,9 @@ bool DeleteLocalFile(const std::string& path);
 bool CreateLocalDirectory(const std::string& sDir);
 
 // As CreateLocalDirectory, except that `dir` itself, when it is created, gets exactly the bits
-// `mode` (whatever the umask or the parent's bits) and stays the caller's. An existing folder
-// is left as it is. False when `dir` is not a folder afterwards.
+// `mode`, whatever the umask or the parent's bits (its owner and group are the parent's where
+// the caller may give them). An existing folder is left as it is. False when `dir` is not a
+// folder afterwards.
 bool CreateLocalDirectoryWithMode(const std::string& dir, uint16_t mode);
 
 // Writes `bytes` as the whole content of the file `path`, creating it when missing, with the

@@ -101,7 +101,7 @@ bool OthersMayChange(const struct stat& folder) {
 enum class Missing {
   Fail,     // the open fails
   Inherit,  // created with the parent's permission bits, owner and group
-  Private,  // like Inherit, except the last one: created with `lastMode` and the caller's ids
+  Private,  // like Inherit, except that the last one gets exactly `lastMode`
 };
 
 // Opens the folder `path` (absolute, or relative to the working folder) one component at a time.
@@ -140,7 +140,7 @@ int OpenFolder(const std::string& path, Missing missing, mode_t lastMode = 0700)
           return -1;
         }
         const mode_t mode = exact ? lastMode & 07777 : parent.st_mode & 07777;
-        if (!exact && ::fchown(next, parent.st_uid, parent.st_gid) != 0 && errno == EPERM) {
+        if (::fchown(next, parent.st_uid, parent.st_gid) != 0 && errno == EPERM) {
           // Not allowed to give the folder away; the parent's group is still possible for a
           // member. Otherwise the folder keeps the caller's identity and is usable.
           if (::fchown(next, static_cast<uid_t>(-1), parent.st_gid) != 0) {
