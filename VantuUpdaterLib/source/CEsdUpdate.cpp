@@ -305,6 +305,13 @@ int32_t CEsdUpdate::ROZIsUpdateAvailable(const char* appID, const unsigned char*
   const std::string resultFile =
       FileSystemUtils::AppendPathElement(requestFolder, requestName + ".xml");
 
+  // A request that can never be marked (no usable folder for the markers: the runtime folder
+  // refused and the private temporary folder taken by another user) would otherwise read as a
+  // workflow under way for ever.
+  std::string markerFolder;
+  if (!VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::GetIPCLockFileFolder(markerFolder))
+    return kROZResultMissingCompsStoreFailed;
+
   // While the updater works on this application, a second start would race it for the same
   // result file.
   if (VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::IsNotificationWorkflowActive(

@@ -92,7 +92,7 @@ Names ListFolder(const std::string& path) {
 
 // The new file is the journal renamed into place, so it is rewritable by every user whatever the
 // old file's bits were, and no journal is left behind.
-TEST(JournaledXMLFile, SaveLeavesOnlyTheFileWithSharedPermissions) {
+TEST(JournaledXMLFile, SaveLeavesOnlyTheFileWithTheOwnersPermissions) {
   TempDir dir;
   const std::string path = dir / "Store.xml";
   LockFileGuard guard(path);
@@ -110,7 +110,7 @@ TEST(JournaledXMLFile, SaveLeavesOnlyTheFileWithSharedPermissions) {
     EXPECT_EQ(StoreText("new"), ReadFile(path));
     struct stat info {};
     ASSERT_EQ(0, stat(path.c_str(), &info));
-    EXPECT_EQ(mode_t(0666), info.st_mode & 07777) << std::oct << before;
+    EXPECT_EQ(mode_t(0600), info.st_mode & 07777) << std::oct << before;
   }
   umask(oldMask);
   EXPECT_FALSE(LockIsHeld(path));

@@ -67,7 +67,7 @@ class MissingCompsStore : public ::testing::Test {
   testing_support::LockFileGuard mLockGuard{mStorePath};
 };
 
-// Exact text in the per-user folder, shared permission, no journal; no home, no store.
+// Exact text in the per-user folder, the owner's alone, no journal; no home, no store.
 TEST_F(MissingCompsStore, FirstRequestsWriteTheExactText) {
   EXPECT_EQ(0u, Request("W", "Writer & Co", "/opt/W", 7, "Spelling", "Dictionary", "1.0"));
   EXPECT_EQ(
@@ -76,7 +76,7 @@ TEST_F(MissingCompsStore, FirstRequestsWriteTheExactText) {
   EXPECT_FALSE(FileSystemUtils::DoesPathExist(mStorePath + "_"));
   uint16_t mode = 0;
   ASSERT_TRUE(FileSystemUtils::GetFilePermission(mStorePath, mode));
-  EXPECT_EQ(0666, mode & 0666);
+  EXPECT_EQ(0600, mode);
 
   mSandbox.env().SetHome("");
   try {

@@ -38,7 +38,8 @@ class NotifyTest : public ::testing::Test {
 };
 
 // The marker <temporary items>/Updater5/locked/lock.ID holds "lock" and makes the workflow
-// active until deleted, even when stale; deleting a missing marker succeeds.
+// active until deleted, even when stale; deleting a missing marker succeeds. Marker and folders
+// are the user's alone whatever the umask.
 TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
   std::string path;
   ASSERT_TRUE(Locker::GetIPCLockFileParentFolder(path));
@@ -49,9 +50,15 @@ TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
 
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_FALSE(testing_support::LockIsHeld(mAppID)) << "the test took the lock only briefly";
+  const mode_t oldMask = umask(0);
   ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID));
   ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID)) << "an existing marker is rewritten";
+  umask(oldMask);
   EXPECT_EQ(testing_support::ReadFile(path), "lock");
+  struct stat marker {}, folder {};
+  ASSERT_EQ(stat(path.c_str(), &marker) | stat((runtime() + "/Updater5").c_str(), &folder), 0);
+  EXPECT_EQ(marker.st_mode & 07777, 0600u);
+  EXPECT_EQ(folder.st_mode & 07777, 0700u);
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_TRUE(Locker::DeleteIPCLockFile(mAppID));
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
@@ -92,6 +99,7 @@ TEST_F(NotifyTest, DoubtfulIdentifiersAndFoldersReadAsActive) {
   EXPECT_FALSE(fs::exists(runtime() + "/escape"));
   testing_support::WriteFile(root() + "/not-a-folder", "");
   mEnv.SetVariable("XDG_RUNTIME_DIR", root() + "/not-a-folder");
+  mEnv.SetVariable("TMPDIR", root() + "/not-a-folder");
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_FALSE(Locker::CreateIPCLockFile(mAppID));
   EXPECT_FALSE(testing_support::LockIsHeld(mAppID));

@@ -103,7 +103,10 @@ ROZ_EXPORT int32_t ROZUnRegisterApplication(const char* appID);
 /* Asks whether an update is known for the application. The first call for a request number starts
  * the updater and gives kROZResultAnswerPending; a later call with the same number gives
  * kROZResultOK and stores the answer in *available. With registerFirst the application is
- * registered (or its entry refreshed) first. */
+ * registered (or its entry refreshed) first. When the request cannot be set up at all (no folder
+ * for the user's answers or workflow markers can be had, for instance because the runtime folder
+ * is unusable and the private temporary folder belongs to another user), the request could not
+ * be marked: kROZResultMissingCompsStoreFailed, never a pending answer that cannot come. */
 ROZ_EXPORT int32_t ROZIsUpdateAvailable(const char* appID, const unsigned char* displayName,
                                         const unsigned char* installPath,
                                         unsigned long requestNumber, bool* available,
