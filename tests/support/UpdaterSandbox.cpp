@@ -143,7 +143,10 @@ std::vector<std::string> UpdaterSandbox::Snapshot() const {
   std::error_code ignored;
   for (auto it = fs::recursive_directory_iterator(mBase, ignored);
        it != fs::recursive_directory_iterator(); it.increment(ignored))
-    paths.push_back(it->path().string());
+    paths.push_back(it->path().string() +
+                    (it->is_regular_file(ignored)
+                         ? " " + std::to_string(std::hash<std::string>()(ReadFile(it->path())))
+                         : ""));
   std::sort(paths.begin(), paths.end());
   return paths;
 }

@@ -69,7 +69,8 @@ class UpdaterSandbox {
   // checks run at exit), and a request made meanwhile rightly finds the updater running.
   bool WaitUntilUpdatersEnd(int timeoutMs = 10000);
 
-  // Every file and folder below the sandbox, for "nothing was created" checks.
+  // Every file and folder below the sandbox, regular files with a digest of their contents, for
+  // "nothing was created or changed" checks.
   std::vector<std::string> Snapshot() const;
 
  private:
