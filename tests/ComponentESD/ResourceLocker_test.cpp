@@ -31,7 +31,9 @@ class ResourceLockerTest : public ::testing::Test {
     mEnv.SetRoot(mDir / "root");
     mEnv.SetVariable("XDG_RUNTIME_DIR", mDir / "run");
     std::filesystem::create_directories(AllUsersDir());
+    // A runtime folder counts only when it is the caller's own, mode 0700.
     std::filesystem::create_directories(mDir / "run");
+    std::filesystem::permissions(mDir / "run", std::filesystem::perms::owner_all);
   }
   std::string AllUsersDir() const { return mDir / "root/var/lib/Vantu/Updater5"; }
 
