@@ -78,6 +78,17 @@ TEST(FileSystemUtilsPaths, SplitAndJoinAtTheEdges) {
   EXPECT_EQ("/y", AppendPathElement("/", "y"));
 }
 
+// SetFilePermission only adds bits, never takes any away.
+TEST(FileSystemUtils, PermissionsAreOnlyAdded) {
+  TempDir dir;
+  MakeFile(dir / "f", "x", 0640);
+  EXPECT_TRUE(SetFilePermission(dir / "f", 0004));
+  EXPECT_EQ(0644u, ModeOf(dir / "f"));
+  EXPECT_TRUE(SetFilePermission(dir / "f", 0600));
+  EXPECT_EQ(0644u, ModeOf(dir / "f"));
+  EXPECT_FALSE(SetFilePermission(dir / "missing", 0666));
+}
+
 // A new file gets exactly its bits whatever the umask; a name already taken (a link included)
 // is never written through; every failure leaves no file behind.
 TEST(FileSystemUtils, CreateFileWith) {
