@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -57,46 +56,6 @@ TEST(FileSystemVersion, RejectsMalformedTextKeepingThePartialResult) {
       EXPECT_STREQ("Unable to parse version", e.what());
     }
   }
-}
-
-// Every comparison object against less, equal and greater pairs, where each component position
-// decides once and numbering is numeric (1.10 after 1.9); components are signed.
-TEST(FileSystemVersion, CompareWithEachComparisonObject) {
-  const struct {
-    const char* lhs;
-    const char* rhs;
-    int order;  // sign of lhs - rhs
-  } kCases[] = {
-      {"1.9", "1.10", -1},        {"2", "1.99.99.99", 1}, {"1.2.3.4", "1.2.3.5", -1},
-      {"1.2.4", "1.2.3.9", 1},    {"1.2.3.4", "1,2-3 4", 0},
-  };
-  for (const auto& c : kCases) {
-    const FileSystemVersion lhs(c.lhs), rhs(c.rhs);
-    SCOPED_TRACE(std::string(c.lhs) + " vs " + c.rhs);
-    EXPECT_EQ(c.order < 0, FileSystemVersion::Compare(lhs, rhs, std::less<int>()));
-    EXPECT_EQ(c.order <= 0, FileSystemVersion::Compare(lhs, rhs, std::less_equal<int>()));
-    EXPECT_EQ(c.order == 0, FileSystemVersion::Compare(lhs, rhs, std::equal_to<int>()));
-    EXPECT_EQ(c.order >= 0, FileSystemVersion::Compare(lhs, rhs, std::greater_equal<int>()));
-    EXPECT_EQ(c.order > 0, FileSystemVersion::Compare(lhs, rhs, std::greater<int>()));
-    EXPECT_EQ(c.order == 0, lhs == rhs);
-  }
-  FileSystemVersion negative("1.0.0.0");
-  negative.versionComps[1] = -1;
-  EXPECT_TRUE(FileSystemVersion::Compare(negative, V("1"), std::less<int>()));
-  EXPECT_EQ("1.-1.0.0", negative.ToString());
-}
-
-// A caller that resizes the public components breaks an invariant every operation relies on.
-TEST(FileSystemVersionDeathTest, WrongComponentCountIsAProgrammingError) {
-  FileSystemVersion shortened("1.2.3.4");
-  shortened.versionComps.pop_back();
-  const FileSystemVersion whole("1.2.3.4");
-  EXPECT_DEATH(FileSystemVersion::Compare(shortened, whole, std::less<int>()),
-               "failed assertion `4 == lhs\\.versionComps\\.size\\(\\)'");
-  EXPECT_DEATH(FileSystemVersion::Compare(whole, shortened, std::less<int>()),
-               "failed assertion `4 == rhs\\.versionComps\\.size\\(\\)'");
-  EXPECT_DEATH(FileSystemVersion::ParseVersionString("1", shortened),
-               "failed assertion `4 == outVersion\\.versionComps\\.size\\(\\)'");
 }
 
 // Stored "version" attributes are read through the stream operators: a word that does not parse

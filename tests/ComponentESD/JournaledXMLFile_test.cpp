@@ -10,7 +10,6 @@
 #include <sstream>
 #include <string>
 
-#include "support/ChildProcess.h"
 #include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "xplat/DOMUtils.h"
@@ -53,11 +52,6 @@ void SetValue(Builder& builder, const std::string& value) {
     esd::DOMUtils::SetChildValue(root, "Entry", std::string("text"));
   }
   root->SetAttributeData("value", value);
-}
-
-int Counter(Builder& builder) {
-  const std::string value = Value(builder);
-  return value.empty() ? 0 : std::stoi(value);
 }
 
 // A store that can save from inside OnLoadSuccess, as the real stores do when they repair what
@@ -287,47 +281,6 @@ TEST(JournaledXMLLockedFile, OperationsNestInsideAHeldLock) {
     TestStore holder(path);
     ASSERT_TRUE(holder.Lock());
   }
-  EXPECT_FALSE(LockIsHeld(path));
-}
-
-// Two processes doing locked read-modify-write never lose an increment, and a reader without the
-// lock only ever sees whole files.
-TEST(JournaledXMLLockedFile, TwoProcessesSavingAlternatelyNeverLeaveABrokenFile) {
-  TempDir dir;
-  const std::string path = dir / "Store.xml";
-  LockFileGuard guard(path);
-  const int kRounds = 150;
-  auto writer = [&] {
-    TestStore store(path, 10000);
-    for (int i = 0; i < kRounds; ++i) {
-      if (!store.Lock() || !store.Load(nullptr)) return 2;
-      store.SetValue(std::to_string(Counter(store.mBuilder) + 1));
-      if (!store.Save() || !store.Unlock(false)) return 3;
-    }
-    return 0;
-  };
-  testing_support::Pipe stop;
-  const pid_t reader = testing_support::StartChild([&] {
-    int reads = 0;
-    while (!stop.Wait(0)) {
-      if (access(path.c_str(), F_OK) != 0) continue;
-      Builder builder;
-      if (!builder.Create(nullptr, nullptr) || !builder.ParseFile(path, false)) return 10;
-      ++reads;
-    }
-    return reads > 0 ? 0 : 11;
-  });
-  const pid_t first = testing_support::StartChild(writer);
-  const pid_t second = testing_support::StartChild(writer);
-  EXPECT_EQ(0, testing_support::WaitChild(first));
-  EXPECT_EQ(0, testing_support::WaitChild(second));
-  stop.Signal();
-  EXPECT_EQ(0, testing_support::WaitChild(reader));
-
-  TestStore store(path);
-  ASSERT_TRUE(store.Load(nullptr));
-  EXPECT_EQ(2 * kRounds, Counter(store.mBuilder));
-  EXPECT_EQ(Names{"Store.xml"}, ListFolder(dir.path()));
   EXPECT_FALSE(LockIsHeld(path));
 }
 

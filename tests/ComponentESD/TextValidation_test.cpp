@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 namespace {
@@ -39,23 +38,6 @@ TEST(ValidateUtf8, NulInsideASequenceIsInvalid) {
   EXPECT_FALSE(validate_utf8(kThree));
   EXPECT_FALSE(validate_utf8(kFour));
   EXPECT_TRUE(validate_utf8(kAfterEnd));
-}
-
-// The first five characters, language lower and region upper case, separator as it is; shorter
-// input gives "". Every one of the 11 output bytes is written, whatever the buffer held before.
-TEST(ValidateIsoCode, NormalisesTheFirstFiveCharacters) {
-  const std::pair<const char*, const char*> kCases[] = {
-      {"en_U", ""}, {"EN_us", "en_US"}, {"zH-Tw", "zh-TW"}, {"fr.ca", "fr.CA"},
-      {"de_DE.UTF-8", "de_DE"}, {nullptr, ""},
-  };
-  for (const auto& [in, expected] : kCases) {
-    char out[11];
-    std::memset(out, 'X', sizeof out);
-    ValidateIsoCode(in, out);
-    EXPECT_EQ(std::string(expected) + std::string(11 - std::strlen(expected), '\0'),
-              std::string(out, sizeof out))
-        << (in ? in : "null");
-  }
 }
 
 }  // namespace

@@ -162,11 +162,4 @@ TEST(XMLBoundObjectUtils, ChildrenAsTypeTakesExactNamesInDocumentOrder) {
   EXPECT_TRUE(records.empty());
 }
 
-TEST(XMLBoundObjectDeathTest, NullNodesAreProgrammingErrors) {
-  EXPECT_DEATH(Record(static_cast<XMLDocumentNode*>(nullptr)), "failed assertion `inRootNode'");
-  std::vector<Record> records;
-  EXPECT_DEATH(XMLBoundObjectUtils::GetNodeChildrenAsType<Record>(nullptr, "Record", records),
-               "failed assertion `inParent'");
-}
-
 }  // namespace

@@ -3,22 +3,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include <boost/date_time/gregorian/parsers.hpp>
 
-#include "support/ChildProcess.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/FileSystemUtils.h"
-#include "xplat/ResourceLocker.h"
 
 using testing_support::ReadFile;
 using testing_support::WriteFile;
@@ -138,49 +134,6 @@ TEST(VantuUpdaterPrefs, CorruptFileIsReplaced) {
     EXPECT_STREQ("Unable to parse settings file", error.what());
   }
   EXPECT_EQ("\x01\x02 not xml", ReadFile(sandbox.PrefsFile()));
-}
-
-// Without a data folder construction and the singleton throw, and the singleton is built once
-// things are fixed (in a child, so this process's singleton never points into a test folder).
-TEST(VantuUpdaterPrefs, NoDataFolderAndTheSingleton) {
-  PrefsSandbox sandbox;
-  std::filesystem::remove_all(sandbox.home() + "/.local");
-  WriteFile(sandbox.home() + "/.local", "a file where a folder belongs");
-  const pid_t child = testing_support::StartChild([&] {
-    try {
-      VantuUpdaterPrefs::GetVantuUpdaterPrefs();
-      return 1;
-    } catch (const std::runtime_error& error) {
-      if (std::string(error.what()) != "Unable to create file!") return 2;
-    }
-    if (unlink((sandbox.home() + "/.local").c_str()) != 0) return 3;
-    VantuUpdaterPrefs* first = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
-    return first == VantuUpdaterPrefs::GetVantuUpdaterPrefs() && first->Launch.Set("Manual") ? 0
-                                                                                             : 4;
-  });
-  EXPECT_EQ(0, testing_support::WaitChild(child));
-  EXPECT_NE(std::string::npos, ReadFile(sandbox.PrefsFile()).find("<Launch>Manual</Launch>"));
-}
-
-// Operations wait for another holder of the shared "VantuUpdater" lock (held briefly, so other
-// test programs using it only wait).
-TEST(VantuUpdaterPrefs, WaitsForTheSharedLock) {
-  PrefsSandbox sandbox;
-  VantuUpdaterPrefs prefs;
-  const std::string released = sandbox.home() + "/released";
-  testing_support::Pipe held;
-  const pid_t child = testing_support::StartChild([&] {
-    esd::ResourceLocker lock("VantuUpdater", 3000);
-    if (!lock.Lock()) return 1;
-    held.Signal();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    WriteFile(released, "");
-    return lock.Unlock(false) ? 0 : 2;
-  });
-  ASSERT_TRUE(held.Wait());
-  EXPECT_TRUE(prefs.SilentCheck.Set(true));
-  EXPECT_TRUE(FileSystemUtils::DoesPathExist(released)) << "the set did not wait for the lock";
-  EXPECT_EQ(0, testing_support::WaitChild(child));
 }
 
 // A frequency that cannot be read makes the check not due, whatever the date says.

@@ -1,5 +1,5 @@
 // Writes, renames and syncs that fail: a full disk, a file system out of inodes, read-only
-// folders, a file size limit, and renames or syncs refused through the file-system fault hook.
+// folders, and renames or syncs refused through the file-system fault hook.
 // Each must give the failure its caller is promised (ROZRegisterApplication and
 // ROZUnRegisterApplication 4, ROZDownloadMissingComponents 1, a preference set false, the
 // preferences' constructor its exception) and leave the previous file byte for byte, with no
@@ -10,8 +10,6 @@
 // child, and the locks live in a private /dev/shm where one is available.
 
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -22,7 +20,6 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -304,73 +301,6 @@ TEST_F(FaultInjection, ReadOnlyFoldersFailChangesAndKeepTheFiles) {
     f.ExpectEq(kROZResultMissingCompsStoreFailed, Download("Any"), "download without a folder");
     f.ExpectEq(kROZResultOK, Register("org.fault.elsewhere"), "the machine-wide store is fine");
   });
-}
-
-// A file size limit (RLIMIT_FSIZE, with SIGXFSZ ignored so that writes fail with EFBIG instead
-// of ending the process), byte-exact: one byte short of the new text fails and keeps the file,
-// the exact size succeeds.
-TEST_F(FaultInjection, FileSizeLimitFailsSavesUpToTheLastByte) {
-  struct Sizes {
-    long registry = 0, missing = 0, prefs = 0;
-  };
-  const std::string sizesPath = sandbox.root() + "/sizes";
-  RUN_IN_CHILD(Isolation::kPrefersPrivateLocks, [this](Findings& f) { Fill(f); });
-  const std::map<std::string, std::string> baseline = {
-      {sandbox.RegistryFile(), Bytes(sandbox.RegistryFile())},
-      {sandbox.MissingCompsFile(), Bytes(sandbox.MissingCompsFile())},
-      {PrefsFile(), Bytes(PrefsFile())}};
-  const auto restore = [&baseline] {
-    for (const auto& file : baseline) testing_support::WriteFile(file.first, file.second);
-  };
-
-  // The sizes of the new texts, from one run without a limit.
-  Sizes sizes;
-  RUN_IN_CHILD(Isolation::kPrefersPrivateLocks, [&](Findings& f) {
-    f.ExpectEq(0, Register("org.fault.new"), "register without a limit");
-    f.ExpectEq(0, Download("New"), "download without a limit");
-    f.Expect(SetPref("Fault0", "limit"), "preference without a limit");
-    testing_support::WriteFile(sizesPath,
-                               std::to_string(fs::file_size(sandbox.RegistryFile())) + " " +
-                                   std::to_string(fs::file_size(sandbox.MissingCompsFile())) + " " +
-                                   std::to_string(fs::file_size(PrefsFile())));
-  });
-  std::istringstream(Bytes(sizesPath)) >> sizes.registry >> sizes.missing >> sizes.prefs;
-  ASSERT_GT(sizes.registry, 4096);
-  ASSERT_GT(sizes.missing, 4096);
-  ASSERT_GT(sizes.prefs, 1024);
-
-  // From a limit below the old files' size (reading is not limited) to the exact new size. A
-  // limit under a few dozen bytes would stop the C library from making the lock's semaphore.
-  for (long shortBy : {4000L, 1000L, 1L, 0L}) {
-    restore();
-    RUN_IN_CHILD(Isolation::kPrefersPrivateLocks, [&](Findings& f) {
-      ::signal(SIGXFSZ, SIG_IGN);
-      const auto limit = [](long bytes) {
-        const rlimit value{static_cast<rlim_t>(bytes), RLIM_INFINITY};
-        return ::setrlimit(RLIMIT_FSIZE, &value) == 0;
-      };
-      const std::string condition = "limit " + std::to_string(shortBy) + " bytes short";
-      const bool fits = shortBy == 0;
-
-      const std::string registry = Bytes(sandbox.RegistryFile());
-      f.Expect(limit(std::max(64L, sizes.registry - shortBy)), "setrlimit");
-      const int32_t registered = Register("org.fault.new");
-      f.ExpectEq(fits ? kROZResultOK : kROZResultRegistryUnusable, registered,
-                 condition + ": register");
-      if (!fits) ExpectIntact(f, sandbox.RegistryFile(), registry, condition + ": register");
-
-      const std::string missing = Bytes(sandbox.MissingCompsFile());
-      f.Expect(limit(std::max(64L, sizes.missing - shortBy)), "setrlimit");
-      f.ExpectEq(fits ? kROZResultOK : kROZResultMissingCompsStoreFailed, Download("New"),
-                 condition + ": download");
-      if (!fits) ExpectIntact(f, sandbox.MissingCompsFile(), missing, condition + ": download");
-
-      const std::string prefs = Bytes(PrefsFile());
-      f.Expect(limit(std::max(64L, sizes.prefs - shortBy)), "setrlimit");
-      f.Expect(SetPref("Fault0", "limit") == fits, condition + ": preference set");
-      if (!fits) ExpectIntact(f, PrefsFile(), prefs, condition + ": preference");
-    });
-  }
 }
 
 // Renames, exchanges and syncs refused through the fault hook, once each at every step of a
