@@ -193,6 +193,8 @@ int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned cha
 
   std::optional<VantuUpdaterRegistrationManager> store;
   if (!OpenStore(store)) return kROZResultRegistryUnusable;
+  // Outside the update group the store is read-only: refused before its lock is even asked for.
+  if (!VantuUpdaterUtils::CanChangeAllUserData()) return kROZResultRegistryUnusable;
 
   unsigned result = store->InsertOrUpdateRegisteredApp(app);
   if (result == 0 || result == 1) return kROZResultOK;
@@ -249,6 +251,7 @@ int32_t CEsdUpdate::ROZUnRegisterApplication(const char* appID) {
 
   std::optional<VantuUpdaterRegistrationManager> store;
   if (!OpenStore(store)) return kROZResultRegistryUnusable;
+  if (!VantuUpdaterUtils::CanChangeAllUserData()) return kROZResultRegistryUnusable;
 
   const unsigned removed = store->UnregisterApp(std::string(appID));
   if (removed == 1) return kROZResultNotRegistered;
