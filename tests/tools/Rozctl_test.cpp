@@ -5,10 +5,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "support/ChildProcess.h"
+#include "support/PrivateSessionBus.h"
 #include "support/RunProgram.h"
 #include "support/SemaphoreGuard.h"
 #include "support/TempDir.h"
@@ -16,6 +19,7 @@
 #include "xplat/ResourceLocker.h"
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 using testing_support::ProgramResult;
 using testing_support::RunOptions;
 using testing_support::RunProgram;
@@ -196,6 +200,71 @@ TEST_F(RozctlTest, InspectionShowsTheSandboxAndTouchesNothingOutsideIt) {
   }
   for (const char* name : {"home", "data", "config", "cache", "run", "tmp"})
     EXPECT_FALSE(FileSystemUtils::DoesPathExist(outside / name)) << name;
+}
+
+// Looking changes nothing: the inspection commands leave a bare sandbox (the home, runtime and
+// temporary folders --root makes) as they found it.
+TEST_F(RozctlTest, InspectionCommandsCreateNothing) {
+  const auto tree = [this] {
+    std::vector<std::string> paths;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(mRoot.path()))
+      paths.push_back(entry.path());
+    return paths;
+  };
+  ASSERT_EQ(0, Rozctl({"version"}).exitStatus);
+  const std::vector<std::string> bare = tree();
+  for (const char* command : {"folders", "locks", "policy", "doctor"}) {
+    const ProgramResult result = Rozctl({command});
+    EXPECT_NE(2, result.exitStatus) << command << ": " << result.err;
+    EXPECT_EQ(bare, tree()) << command;
+  }
+}
+
+// The doctor finds a machine installed as it should be healthy, and names each fault with what
+// to do about it.
+TEST_F(RozctlTest, DoctorNamesWhatToFix) {
+  if (!testing_support::CanChooseGroups()) GTEST_SKIP() << "making root's folders needs root";
+  const std::string folder = mRoot / "var/lib/Vantu/Updater5";
+  const std::string updater = mRoot / "opt/Vantu Utilities.localized/Vantu Updater5";
+  struct Case {
+    const char* fault;
+    std::string command;  // run with the sandbox's root as $R; empty: healthy
+    std::string named;
+  };
+  const std::vector<Case> cases = {
+      {"none", "", ""},
+      {"folder mode", "chmod g-s $R/var/lib/Vantu/Updater5", "Updater5 is 0:"},
+      {"product folder mode", "chmod 0777 $R/var/lib/Vantu", "expected root:root 0755"},
+      {"no updater", "rm -r \"$R/opt\"", "the updater is not installed"},
+      {"bad policy", "echo nonsense >$R/etc/com.vantu.VantuUpdater.Admin.plist",
+       "is not a property list dictionary"},
+      {"damaged store", "echo '<a' >$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml",
+       "registered applications does not parse"},
+      {"leftover journal", "echo '<a/>' >$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml_",
+       "leftover journal"},
+      {"no session bus", "unset", "no session bus"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.fault);
+    std::filesystem::remove_all(mRoot.path() + "/var");
+    ASSERT_EQ(0, std::system(("install -d -m 0755 " + mRoot.path() + "/var/lib/Vantu " +
+                              mRoot.path() + "/etc && install -d -g " UPDATE_GROUP_NAME
+                              " -m 2775 " + folder + " && mkdir -p '" + updater +
+                              "' && cp -a '" VANTU_UPDATER_BUNDLE "' '" + updater + "'")
+                                 .c_str()));
+    if (!c.command.empty() && c.command != "unset") {
+      ASSERT_EQ(0, std::system(("R=" + mRoot.path() + "; " + c.command).c_str()));
+    }
+    RunOptions options;
+    testing_support::PrivateSessionBus bus;
+    if (c.command == "unset") options.unsetVariables = {"DBUS_SESSION_BUS_ADDRESS"};
+    const ProgramResult result = Rozctl({"doctor"}, options);
+    EXPECT_EQ(c.named.empty() ? 0 : 1, result.exitStatus) << result.out;
+    EXPECT_THAT(result.out, HasSubstr(c.named.empty() ? "ok    " : "FIX   "));
+    EXPECT_THAT(result.out, HasSubstr(c.named));
+    std::filesystem::remove_all(mRoot.path() + "/opt");
+    std::filesystem::remove_all(mRoot.path() + "/etc");
+  }
 }
 
 // Each export's command prints the function's result code and name and exits 0 only for

@@ -10,6 +10,7 @@
 
 #include "CommandLine.h"
 #include "Commands.h"
+#include "LockInspection.h"
 #include "UpdaterPaths.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"
@@ -180,6 +181,18 @@ int RunBreakLock(const std::vector<std::string>& args) {
 }
 
 }  // namespace
+
+std::vector<LockState> InspectLocks() {
+  std::vector<LockState> states;
+  for (const KnownLock& lock : KnownLocks({})) {
+    LockState state;
+    state.label = lock.label;
+    state.held = SemaphoreExists(lock.resource) ||
+                 (!lock.marker.empty() && FileSystemUtils::DoesPathExist(lock.marker));
+    states.push_back(state);
+  }
+  return states;
+}
 
 const std::vector<Command>& LockCommands() {
   static const std::vector<Command> commands = {
