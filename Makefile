@@ -38,6 +38,11 @@ test: build
 demo: build
 	$(SUDO) sh tools/demo/run-demo.sh $(BUILD)
 
+# Debian packages of the library, its development files and the updater, in $(BUILD)/packages.
+.PHONY: package
+package: build
+	cd $(BUILD) && cpack -G DEB -B packages
+
 clean:
 	rm -rf $(BUILD)
 
