@@ -73,7 +73,11 @@ const UserIdentity& Attacker() {
 bool CanRunAsOtherUsers() { return ::geteuid() == 0; }
 
 int RunAs(const UserIdentity& who, const std::function<int()>& body) {
-  return WaitChild(StartChild([&]() {
+  return WaitChild(StartAs(who, body));
+}
+
+pid_t StartAs(const UserIdentity& who, const std::function<int()>& body) {
+  return StartChild([&]() {
     // Groups first: once the user id is dropped they can no longer be changed.
     if (::setgroups(who.groups.size(), who.groups.data()) != 0 ||
         ::setresgid(who.gid, who.gid, who.gid) != 0 ||
@@ -81,7 +85,7 @@ int RunAs(const UserIdentity& who, const std::function<int()>& body) {
       return 100;
     }
     return body();
-  }));
+  });
 }
 
 std::string MultiUserMachine::HomeOf(const UserIdentity& who) const {

@@ -35,6 +35,9 @@ bool CanRunAsOtherUsers();
 // body's return value, -1 when it died of a signal). 100 when the ids could not be taken.
 int RunAs(const UserIdentity& who, const std::function<int()>& body);
 
+// The same without waiting: the child's process id, for WaitChild (support/ChildProcess.h).
+pid_t StartAs(const UserIdentity& who, const std::function<int()>& body);
+
 // A machine of its own for several users, set up in the calling process by Enter: a private
 // mount namespace, an empty /dev/shm and a tmpfs sandbox (0755) mounted on an existing folder
 // given by the caller. The sandbox holds the relocated machine root (root/, with root/var/lib/
