@@ -30,11 +30,11 @@ namespace {
 const unsigned char kName[] = "Host";
 const unsigned char kPath[] = "/opt/host";
 
-// Runs `body` as `who` with the library looking at the machine: its root, and the user's own
+// Starts `body` as `who` with the library looking at the machine: its root, and the user's own
 // home and runtime folder.
-int AsUser(const MultiUserMachine& machine, const UserIdentity& who,
-           const std::function<int()>& body) {
-  return RunAs(who, [&] {
+pid_t StartAsUser(const MultiUserMachine& machine, const UserIdentity& who,
+                  const std::function<int()>& body) {
+  return StartAs(who, [&] {
     TestEnv env;
     env.SetRoot(machine.Root());
     env.SetHome(machine.HomeOf(who));
@@ -42,6 +42,11 @@ int AsUser(const MultiUserMachine& machine, const UserIdentity& who,
     esd::ScopedEnv scope(&env);
     return body();
   });
+}
+
+int AsUser(const MultiUserMachine& machine, const UserIdentity& who,
+           const std::function<int()>& body) {
+  return WaitChild(StartAsUser(machine, who, body));
 }
 
 int Register(const MultiUserMachine& machine, const UserIdentity& who, const char* appID) {
@@ -173,14 +178,12 @@ TEST(MultiUserTest, AnOutsiderCannotTouchTheStoreOrItsLock) {
     if (attempts != 0) return 20 + attempts;
 
     Pipe held, release;
-    const pid_t holder = StartChild([&] {
-      return AsUser(machine, AdministratorA(), [&] {
-        esd::ResourceLocker lock(store, 0);
-        if (!lock.Lock()) return 1;
-        held.Signal();
-        release.Wait();
-        return lock.Unlock(false) ? 0 : 2;
-      });
+    const pid_t holder = StartAsUser(machine, AdministratorA(), [&] {
+      esd::ResourceLocker lock(store, 0);
+      if (!lock.Lock()) return 1;
+      held.Signal();
+      release.Wait();
+      return lock.Unlock(false) ? 0 : 2;
     });
     if (!held.Wait()) return 30;
     const int broke = AsUser(machine, OrdinaryUser(), [&] {
@@ -203,16 +206,14 @@ TEST(MultiUserTest, OneUsersLocksDoNotDelayAnother) {
   OnMachine([](const MultiUserMachine& machine) {
     if (!Provision(machine)) return 10;
     Pipe held, release;
-    const pid_t holder = StartChild([&] {
-      return AsUser(machine, AdministratorA(), [&] {
-        // The workflow lock as the updater takes it while it works for the application.
-        VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
-        esd::ResourceLocker workflow("com.example.Same", 0);
-        if (!prefs->LockPrefs() || !workflow.Lock()) return 1;
-        held.Signal();
-        release.Wait();
-        return prefs->UnlockPrefs() && workflow.Unlock(false) ? 0 : 2;
-      });
+    const pid_t holder = StartAsUser(machine, AdministratorA(), [&] {
+      // The workflow lock as the updater takes it while it works for the application.
+      VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
+      esd::ResourceLocker workflow("com.example.Same", 0);
+      if (!prefs->LockPrefs() || !workflow.Lock()) return 1;
+      held.Signal();
+      release.Wait();
+      return prefs->UnlockPrefs() && workflow.Unlock(false) ? 0 : 2;
     });
     if (!held.Wait()) return 20;
     const int other = AsUser(machine, AdministratorB(), [] {
