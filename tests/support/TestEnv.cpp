@@ -108,6 +108,7 @@ bool TestEnv::GetGroupId(const std::string& name, gid_t& group) {
         group = kFirstFakeGroup + static_cast<gid_t>(i);
         return true;
       }
+      return false;
     }
   }
   return EnvWrapper::GetGroupId(name, group);

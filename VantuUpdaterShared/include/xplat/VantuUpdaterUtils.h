@@ -61,8 +61,8 @@ bool GetDefaultUpdateGroup(gid_t& group);
 // changed.
 bool GetVantuUpdaterAllUserDataDir(std::string& path);
 
-// Whether the caller may create and replace files in the machine-wide data folder (it exists
-// and the caller is root or a member of its group, as the folder's bits say).
+// Whether the caller may create and replace files in the machine-wide data folder: it exists
+// and the caller is root, or the folder's bits let the caller write (a member of its group).
 bool CanChangeAllUserData();
 
 // The user's data folder, ${XDG_DATA_HOME:-HOME/.local/share}/Vantu/Updater5; product folders

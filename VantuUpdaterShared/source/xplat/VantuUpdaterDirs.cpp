@@ -102,8 +102,11 @@ bool GetVantuUpdaterAllUserDataDir(std::string& path) {
 
 bool CanChangeAllUserData() {
   std::string folder;
-  return GetVantuUpdaterAllUserDataDir(folder) &&
-         esd::Env::Default()->IsAccessible(folder, W_OK | X_OK);
+  if (!GetVantuUpdaterAllUserDataDir(folder)) return false;
+  // Root passes every permission check; what stops root (a read-only mount) is left to the
+  // save, which reports it as any failed save.
+  esd::Env* env = esd::Env::Default();
+  return env->GetEffectiveUserId() == 0 || env->IsAccessible(folder, W_OK | X_OK);
 }
 
 bool GetVantuUpdaterDataDir(std::string& path) {
