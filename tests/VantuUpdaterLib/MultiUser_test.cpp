@@ -16,7 +16,6 @@
 #include "support/ChildProcess.h"
 #include "support/MultiUser.h"
 #include "support/TestEnv.h"
-#include "xplat/FileSystemUtils.h"
 #include "xplat/ResourceLocker.h"
 #include "xplat/ScopedEnv.h"
 #include "xplat/VantuUpdaterNotifyWorkflowLocker.h"
@@ -26,9 +25,6 @@
 using namespace testing_support;
 
 namespace {
-
-const unsigned char kName[] = "Host";
-const unsigned char kPath[] = "/opt/host";
 
 // Starts `body` as `who` with the library looking at the machine: its root, and the user's own
 // home and runtime folder.
@@ -51,7 +47,16 @@ int AsUser(const MultiUserMachine& machine, const UserIdentity& who,
 
 int Register(const MultiUserMachine& machine, const UserIdentity& who, const char* appID) {
   return AsUser(machine, who, [appID] {
-    return ROZRegisterApplication(appID, kName, kPath);
+    return ROZRegisterApplication(appID, reinterpret_cast<const unsigned char*>("Host"),
+                                  reinterpret_cast<const unsigned char*>("/opt/host"));
+  });
+}
+
+int RegisteredCount(const MultiUserMachine& machine) {
+  return AsUser(machine, RootUser(), [] {
+    VantuUpdaterRegistrationManager store;
+    std::list<VantuUpdaterRegisteredApp> apps;
+    return store.GetRegisteredApps(apps) ? static_cast<int>(apps.size()) : -1;
   });
 }
 
@@ -66,22 +71,18 @@ bool Provision(const MultiUserMachine& machine) {
   return std::system(command.c_str()) == 0;
 }
 
-struct Status {
-  uid_t uid = 0;
-  gid_t gid = 0;
-  unsigned mode = 0;
-};
-
-Status StatusOf(const std::string& path) {
+// "owner:group mode" in octal, or "missing".
+std::string Described(const std::string& path) {
   struct stat info {};
-  if (lstat(path.c_str(), &info) != 0) return {static_cast<uid_t>(-1), 0, 0};
-  return {info.st_uid, info.st_gid, static_cast<unsigned>(info.st_mode & 07777)};
+  if (lstat(path.c_str(), &info) != 0) return "missing";
+  char text[64];
+  std::snprintf(text, sizeof text, "%u:%u %o", info.st_uid, info.st_gid, info.st_mode & 07777);
+  return text;
 }
 
-size_t RegisteredCount() {
-  VantuUpdaterRegistrationManager store;
-  std::list<VantuUpdaterRegisteredApp> apps;
-  return store.GetRegisteredApps(apps) ? apps.size() : 0;
+// Owned by `owner` (empty: anybody) and the update group, with `mode`.
+std::string Installed(const char* mode, const std::string& owner = "0") {
+  return owner + ":" + std::to_string(AdministratorsGroup()) + " " + mode;
 }
 
 // Runs a body on a fresh machine, skipping where no machine can be made.
@@ -95,66 +96,48 @@ void OnMachine(const std::function<int(const MultiUserMachine&)>& body) {
 
 }  // namespace
 
-// The snippet gives the folders their owner, group and mode, and a store written by one
-// administrator belongs to the group, so the other administrator shares it.
-TEST(MultiUserTest, AdministratorsShareTheStoreTheSnippetProvisioned) {
-  OnMachine([](const MultiUserMachine& machine) {
-    if (!Provision(machine)) return 10;
-    const Status product = StatusOf(machine.Root() + "/var/lib/Vantu");
-    const Status folder = StatusOf(machine.AllUsersDataDir());
-    if (product.uid != 0 || product.gid != 0 || product.mode != 0755) return 11;
-    if (folder.uid != 0 || folder.gid != AdministratorsGroup() || folder.mode != 02775) return 12;
-    if (Register(machine, AdministratorA(), "com.example.A") != kROZResultOK) return 13;
-    if (Register(machine, AdministratorB(), "com.example.B") != kROZResultOK) return 14;
-    const Status store = StatusOf(machine.AllUsersDataDir() + "/VantuESDGlobalApps.xml");
-    if (store.gid != AdministratorsGroup() || store.mode != 0664) return 15;
-    return AsUser(machine, AdministratorB(), [] { return RegisteredCount() == 2 ? 0 : 16; });
-  });
-}
-
-// Whoever may not change the store gets kROZResultRegistryUnusable and changes nothing; only
-// root provisions a missing folder, and then exactly as the snippet would, whatever its umask.
+// After administrator B registered in the provisioned folder, each caller gets its result:
+// another administrator shares the store, whoever may not change it gets 4 and changes nothing,
+// and only root makes a missing folder, exactly as the snippet would, whatever its umask.
 TEST(MultiUserTest, WhoMayChangeTheMachineWideStore) {
   struct Case {
     const char* what;
-    bool provision;
-    unsigned folderMode;  // 0: as provisioned or missing
+    bool provisioned;
+    unsigned folderMode;  // set after B registered; 0: as provisioned
     const UserIdentity& who;
-    int32_t expected;
+    int32_t result;
+    std::string folderAfter;
+    int appsAfter;  // -1: not looked at
   };
   const Case cases[] = {
-      {"a user outside the group", true, 0, OrdinaryUser(), kROZResultRegistryUnusable},
-      {"nobody", true, 0, Attacker(), kROZResultRegistryUnusable},
+      {"another administrator", true, 0, AdministratorA(), kROZResultOK, Installed("2775"), 2},
+      {"a user outside the group", true, 0, OrdinaryUser(), kROZResultRegistryUnusable,
+       Installed("2775"), 1},
+      {"nobody", true, 0, Attacker(), kROZResultRegistryUnusable, Installed("2775"), 1},
       {"an administrator, folder not group-writable", true, 0755, AdministratorA(),
-       kROZResultRegistryUnusable},
+       kROZResultRegistryUnusable, Installed("755"), 1},
       {"an administrator, folder missing", false, 0, AdministratorA(),
-       kROZResultRegistryUnusable},
-      {"root, folder missing", false, 0, RootUser(), kROZResultOK},
+       kROZResultRegistryUnusable, "missing", -1},
+      {"root, folder missing", false, 0, RootUser(), kROZResultOK, Installed("2775"), 1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     OnMachine([&c](const MultiUserMachine& machine) {
       const std::string folder = machine.AllUsersDataDir();
-      const std::string product = FileSystemUtils::GetParentPath(folder);
-      if (c.provision ? !Provision(machine) ||
-                            Register(machine, AdministratorB(), "com.example.B") != kROZResultOK
-                      : rmdir(product.c_str()) != 0)
+      const std::string product = machine.Root() + "/var/lib/Vantu";
+      if (c.provisioned ? !Provision(machine) ||
+                              Register(machine, AdministratorB(), "com.example.B") != 0
+                        : rmdir(product.c_str()) != 0)
         return 10;
       if (c.folderMode != 0 && chmod(folder.c_str(), c.folderMode) != 0) return 11;
-      const Status before = StatusOf(folder);
       umask(077);
-      if (Register(machine, c.who, "com.example.C") != c.expected) return 12;
-      const Status after = StatusOf(folder);
-      if (c.expected != kROZResultOK) {
-        if (after.uid != before.uid || after.mode != before.mode) return 13;
-        if (!c.provision) return FileSystemUtils::DoesPathExist(product) ? 14 : 0;
-        return AsUser(machine, RootUser(), [] { return RegisteredCount() == 1 ? 0 : 15; });
-      }
-      const Status parent = StatusOf(product);
-      return parent.uid == 0 && parent.gid == 0 && parent.mode == 0755 && after.uid == 0 &&
-                     after.gid == AdministratorsGroup() && after.mode == 02775
-                 ? 0
-                 : 16;
+      if (Register(machine, c.who, "com.example.C") != c.result) return 12;
+      if (Described(folder) != c.folderAfter) return 13;
+      if (c.folderAfter != "missing" && Described(product) != "0:0 755") return 14;
+      const std::string store = Described(folder + "/VantuESDGlobalApps.xml");
+      if (c.result == kROZResultOK && store.substr(store.find(':')) != Installed("664", ""))
+        return 15;
+      return c.appsAfter < 0 || RegisteredCount(machine) == c.appsAfter ? 0 : 16;
     });
   }
 }
@@ -163,20 +146,9 @@ TEST(MultiUserTest, WhoMayChangeTheMachineWideStore) {
 // an administrator holds on it.
 TEST(MultiUserTest, AnOutsiderCannotTouchTheStoreOrItsLock) {
   OnMachine([](const MultiUserMachine& machine) {
-    if (!Provision(machine)) return 10;
-    if (Register(machine, AdministratorA(), "com.example.A") != kROZResultOK) return 11;
-    const std::string folder = machine.AllUsersDataDir();
-    const std::string store = folder + "/VantuESDGlobalApps.xml";
-    const int attempts = AsUser(machine, OrdinaryUser(), [&] {
-      const std::string planted = machine.HomeOf(OrdinaryUser()) + "/planted";
-      std::ofstream(planted) << "<x/>";
-      if (std::fopen(store.c_str(), "r+") != nullptr) return 1;
-      if (std::rename(planted.c_str(), store.c_str()) == 0) return 2;
-      if (unlink(store.c_str()) == 0) return 3;
-      return 0;
-    });
-    if (attempts != 0) return 20 + attempts;
-
+    if (!Provision(machine) || Register(machine, AdministratorA(), "com.example.A") != 0)
+      return 10;
+    const std::string store = machine.AllUsersDataDir() + "/VantuESDGlobalApps.xml";
     Pipe held, release;
     const pid_t holder = StartAsUser(machine, AdministratorA(), [&] {
       esd::ResourceLocker lock(store, 0);
@@ -185,18 +157,21 @@ TEST(MultiUserTest, AnOutsiderCannotTouchTheStoreOrItsLock) {
       release.Wait();
       return lock.Unlock(false) ? 0 : 2;
     });
-    if (!held.Wait()) return 30;
-    const int broke = AsUser(machine, OrdinaryUser(), [&] {
-      esd::ResourceLocker breaker(store, 0);
-      return breaker.Unlock(true) ? 1 : 0;
+    if (!held.Wait()) return 11;
+    const int outsider = AsUser(machine, OrdinaryUser(), [&] {
+      const std::string planted = machine.HomeOf(OrdinaryUser()) + "/planted";
+      std::ofstream(planted) << "<x/>";
+      if (std::fopen(store.c_str(), "r+") != nullptr) return 1;
+      if (std::rename(planted.c_str(), store.c_str()) == 0) return 2;
+      if (unlink(store.c_str()) == 0) return 3;
+      return esd::ResourceLocker(store, 0).Unlock(true) ? 4 : 0;
     });
     const int stillHeld = AsUser(machine, AdministratorB(), [&] {
-      esd::ResourceLocker other(store, 0);
-      return other.Lock() ? 1 : 0;
+      return esd::ResourceLocker(store, 0).Lock() ? 1 : 0;
     });
     release.Signal();
     const int holderStatus = WaitChild(holder);
-    return broke != 0 ? 31 : stillHeld != 0 ? 32 : holderStatus != 0 ? 33 : 0;
+    return outsider != 0 ? 20 + outsider : stillHeld != 0 ? 30 : holderStatus != 0 ? 40 : 0;
   });
 }
 
@@ -215,7 +190,7 @@ TEST(MultiUserTest, OneUsersLocksDoNotDelayAnother) {
       release.Wait();
       return prefs->UnlockPrefs() && workflow.Unlock(false) ? 0 : 2;
     });
-    if (!held.Wait()) return 20;
+    if (!held.Wait()) return 11;
     const int other = AsUser(machine, AdministratorB(), [] {
       using VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker;
       if (VantuUpdaterNotifyWorkflowLocker::IsNotificationWorkflowActive("com.example.Same"))
