@@ -240,6 +240,10 @@ TEST_F(RozctlTest, DoctorNamesWhatToFix) {
        "is not a property list dictionary"},
       {"damaged store", "echo '<a' >$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml",
        "registered applications does not parse"},
+      {"store not the group's",
+       "f=$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml; echo '<a/>' >$f && chmod 0664 $f "
+       "&& chgrp root $f",
+       "expected group " UPDATE_GROUP_NAME " 0664"},
       {"leftover journal", "echo '<a/>' >$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml_",
        "leftover journal"},
       {"no session bus", "unset", "no session bus"},

@@ -77,10 +77,10 @@ void CheckFolders(Report& report, const UpdaterPaths& paths) {
     return;
   }
   gid_t updateGroup = 0;
-  const bool haveGroup = VantuUpdaterUtils::GetDefaultUpdateGroup(updateGroup);
-  if (!haveGroup)
+  if (!FileSystemUtils::DoesPathExist(paths.allUsersData) &&
+      !VantuUpdaterUtils::GetDefaultUpdateGroup(updateGroup))
     report.Line(false, "none of the groups admin, sudo, wheel exists: create one ('groupadd "
-                       "--system sudo') or give the folder another group");
+                       "--system sudo') before installing");
   CheckFolder(report, FileSystemUtils::GetParentPath(paths.allUsersData), 0, 0755);
   // Any group will do: an administrator may have widened or narrowed who may register.
   CheckFolder(report, paths.allUsersData, -1, 02775);
@@ -142,6 +142,22 @@ void CheckPolicy(Report& report, const UpdaterPaths& paths) {
   }
 }
 
+// The machine-wide store belongs to its folder's group and is 0664, so every member can replace
+// it and nobody else can.
+void CheckSharedFile(Report& report, const std::string& path) {
+  struct stat file, folder;
+  if (lstat(path.c_str(), &file) != 0 ||
+      stat(FileSystemUtils::GetParentPath(path).c_str(), &folder) != 0)
+    return;
+  const bool right = S_ISREG(file.st_mode) && file.st_gid == folder.st_gid &&
+                     (file.st_mode & 07777) == 0664;
+  if (!right)
+    report.Line(false, path + " is group " + GroupName(file.st_gid) + " " +
+                           Octal(file.st_mode & 07777) + ", expected group " +
+                           GroupName(folder.st_gid) + " 0664: as root run 'chgrp " +
+                           GroupName(folder.st_gid) + " FILE; chmod 0664 FILE'");
+}
+
 void CheckStore(Report& report, const std::string& label, const std::string& path) {
   if (path.empty()) return;
   std::string journal;
@@ -190,6 +206,7 @@ int RunDoctor(const std::vector<std::string>& args) {
   CheckPolicy(report, paths);
   CheckLocks(report);
   CheckStore(report, "registered applications", paths.registry);
+  CheckSharedFile(report, paths.registry);
   CheckStore(report, "missing components", paths.missingComps);
   CheckStore(report, "preferences", paths.prefs);
   CheckSessionBus(report);
