@@ -38,6 +38,11 @@ test: build
 demo: build
 	$(SUDO) sh tools/demo/run-demo.sh $(BUILD)
 
+# Debian packages of the library, its development files and the updater, in $(BUILD)/packages.
+.PHONY: package
+package: build
+	cd $(BUILD) && cpack -G DEB -B packages
+
 clean:
 	rm -rf $(BUILD)
 
@@ -61,14 +66,16 @@ valgrind: build
 	sh tests/VantuUpdaterLib/Memcheck.sh $(BUILD)
 
 # Reliability at full length: TORTURE_PROCESSES hosts calling the exports at once for
-# TORTURE_SECONDS, then TORTURE_KILLS hosts killed at random moments of their saves. `make test`
-# runs a four-second torture and the same thousand kills.
+# TORTURE_SECONDS, as one user and then (as root) as three administrators, then TORTURE_KILLS
+# hosts killed at random moments of their saves. `make test` runs four-second tortures and the
+# same thousand kills.
 TORTURE_PROCESSES ?= 16
 TORTURE_SECONDS   ?= 30
 TORTURE_KILLS     ?= 1000
 .PHONY: torture
 torture: build
 	$(BUILD)/tests/reliability/TortureHarness --processes $(TORTURE_PROCESSES) --seconds $(TORTURE_SECONDS)
+	$(BUILD)/tests/reliability/TortureHarness --processes $(TORTURE_PROCESSES) --seconds $(TORTURE_SECONDS) --users 3 || [ $$? = 77 ]
 	$(BUILD)/tests/reliability/CrashHarness --kills $(TORTURE_KILLS)
 
 # Benchmarks: the registration figures (every figure the median of repeated runs, every ratio

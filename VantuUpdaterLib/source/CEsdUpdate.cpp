@@ -233,6 +233,9 @@ int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned cha
 
     std::optional<VantuUpdaterRegistrationManager> store;
     if (!OpenStore(store)) return kROZResultRegistryUnusable;
+    // Outside the update group the store is read-only: refused before its lock is even asked
+    // for.
+    if (!VantuUpdaterUtils::CanChangeAllUserData()) return kROZResultRegistryUnusable;
 
     unsigned result = store->InsertOrUpdateRegisteredApp(app);
     if (result == 0 || result == 1) return kROZResultOK;
@@ -289,6 +292,7 @@ int32_t CEsdUpdate::ROZUnRegisterApplication(const char* appID) {
   std::optional<VantuUpdaterRegistrationManager> store;
   const int32_t removal = Contained(kROZResultRegistryUnusable, [&]() -> int32_t {
     if (!OpenStore(store)) return kROZResultRegistryUnusable;
+    if (!VantuUpdaterUtils::CanChangeAllUserData()) return kROZResultRegistryUnusable;
     const unsigned removed = store->UnregisterApp(std::string(appID));
     if (removed == 1) return kROZResultNotRegistered;
     return removed == 0 ? kROZResultOK : kROZResultRegistryUnusable;

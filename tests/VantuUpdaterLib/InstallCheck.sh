@@ -15,7 +15,9 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/vantu-install-XXXXXX")
 trap 'rm -rf "$work"' EXIT INT TERM
 prefix=$work/prefix
 
-"$cmake" --install "$build" --prefix "$prefix" --component VantuUpdater >/dev/null
+for component in VantuUpdater VantuUpdaterDev; do
+  "$cmake" --install "$build" --prefix "$prefix" --component $component >/dev/null
+done
 library=$(find "$prefix" -name 'libVantuUpdater.so' | head -n 1)
 test -n "$library" || { echo "libVantuUpdater.so was not installed"; exit 1; }
 libdir=$(dirname "$library")

@@ -2,6 +2,7 @@
 // private permissions per user and restricted ones for all users, and the updater's location.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -62,15 +63,27 @@ TEST_F(UpdaterDirsTest, UserFoldersAreTheUsersAlone) {
   EXPECT_EQ(ModeOf(path), 0700u);
 }
 
-// The all-users folders get the restricted permission, not their parent's.
-TEST_F(UpdaterDirsTest, AllUsersFoldersAreRestricted) {
+// Only root makes the missing all-users folders, and then as installed: the product folder
+// root:root 0755, the data folder root and the update group (here "wheel") 2775.
+TEST_F(UpdaterDirsTest, OnlyRootMakesTheAllUsersFoldersAsInstalled) {
+  if (geteuid() != 0) GTEST_SKIP() << "giving folders away needs root";
   chmod(root().c_str(), 0700);
+  mEnv.SetGroups({"users", "wheel"});
   std::string path;
+  mEnv.SetEffectiveUserId(1000);
+  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(path));
+  EXPECT_FALSE(fs::exists(root() + "/var/lib/Vantu"));
+  mEnv.SetEffectiveUserId(0);
   ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(path));
   EXPECT_EQ(path, root() + "/var/lib/Vantu/Updater5");
+  struct stat info {};
+  ASSERT_EQ(0, stat(path.c_str(), &info));
+  gid_t wheel = 0;
+  ASSERT_TRUE(mEnv.GetGroupId("wheel", wheel));
+  EXPECT_EQ(info.st_gid, wheel);
   EXPECT_EQ(ModeOf(root() + "/var/lib"), 0700u);
-  EXPECT_EQ(ModeOf(root() + "/var/lib/Vantu"), 0775u);
-  EXPECT_EQ(ModeOf(path), 0775u);
+  EXPECT_EQ(ModeOf(root() + "/var/lib/Vantu"), 0755u);
+  EXPECT_EQ(ModeOf(path), 02775u);
 }
 
 // Without a home folder, or with a file where a folder belongs, there is no data folder and

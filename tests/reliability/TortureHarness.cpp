@@ -1,7 +1,11 @@
 // Concurrency torture: many host processes calling the exported functions at once on one
 // sandboxed machine, then a check that nothing a call reported as done was lost.
 //
-//   TortureHarness [--processes N] [--seconds S] [--seed X]
+//   TortureHarness [--processes N] [--seconds S] [--seed X] [--users U]
+//
+// With --users 2 or 3 (as root) the processes run as that many administrators in turn, each
+// with a home and runtime folder of their own, sharing the machine-wide store in a folder
+// provisioned as installed (root:<administrators' group> 2775); 77 when not root.
 //
 // Each process owns its application identifiers ("torture.p<N>.a<K>") and preference keys, and
 // keeps a model of what its successful calls must have left in the files. The others change the
@@ -10,10 +14,12 @@
 // status 0 when every call gave its expected result, no call ran into a lock time-out and every
 // model matches the files; 1 otherwise.
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -30,9 +36,11 @@
 #include "VantuUpdater/VantuUpdater.h"
 #include "reliability/StoreState.h"
 #include "support/ChildProcess.h"
+#include "support/MultiUser.h"
 #include "support/PrivateMounts.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
+#include "xplat/FileSystemUtils.h"
 #include "xplat/PrefsLockScope.h"
 #include "xplat/VantuUpdaterPrefs.h"
 
@@ -61,6 +69,17 @@ struct Options {
   int processes = 16;
   double seconds = 30;
   unsigned long long seed = 0;
+  int users = 1;
+};
+
+// The users of a run and where each keeps its own files. A run as one user is the harness's own
+// identity in the sandbox's home.
+struct User {
+  testing_support::UserIdentity identity;
+  std::string home;
+  std::string runtime;
+  StoreFiles files;
+  unsigned long manual = 0, scheduled = 0;
 };
 
 struct Timing {
@@ -341,13 +360,58 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.seconds = std::atof(value);
     else if (arg == "--seed")
       options.seed = std::strtoull(value, nullptr, 10);
+    else if (arg == "--users")
+      options.users = std::atoi(value);
     else
       return false;
   }
-  return options.processes > 0 && options.processes <= 256 && options.seconds > 0;
+  return options.processes > 0 && options.processes <= 256 && options.seconds > 0 &&
+         options.users >= 1 && options.users <= 3;
+}
+
+bool Chown(const std::string& path, uid_t uid, gid_t gid, mode_t mode) {
+  return chown(path.c_str(), uid, gid) == 0 && chmod(path.c_str(), mode) == 0;
+}
+
+// Gives each user a home and runtime folder, makes the sandbox reachable for them, and makes the
+// machine-wide folder as an installation does.
+bool MakeUsers(testing_support::UpdaterSandbox& sandbox, int count, std::vector<User>& users) {
+  using namespace testing_support;
+  const UserIdentity third{1003, 1003, {AdministratorsGroup()}};
+  const UserIdentity* identities[] = {&AdministratorA(), &AdministratorB(), &third};
+  const std::string base = FileSystemUtils::GetParentPath(sandbox.root());
+  const std::string folder = sandbox.AllUsersDataDir();
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  bool ok = !error && Chown(base, 0, 0, 0755) && Chown(sandbox.root(), 0, 0, 0755) &&
+            Chown(FileSystemUtils::GetParentPath(folder), 0, 0, 0755) &&
+            Chown(folder, 0, AdministratorsGroup(), 02775);
+  for (int u = 0; ok && u < count; ++u) {
+    const std::string uid = std::to_string(identities[u]->uid);
+    User user{*identities[u], base + "/home-" + uid, base + "/runtime-" + uid, {}, 0, 0};
+    const std::string data = user.home + "/.local/share/Vantu/Updater5";
+    user.files = {sandbox.RegistryFile(), data + "/VantuMissingComps.xml",
+                  data + "/VantuUpdaterPrefs.dat"};
+    for (const std::string& path : {user.home, user.runtime}) {
+      ok = ok && std::filesystem::create_directory(path, error) &&
+           Chown(path, user.identity.uid, user.identity.gid, 0700);
+    }
+    users.push_back(user);
+  }
+  return ok;
+}
+
+// Points the sandbox's Env at one user's own folders.
+void UseFoldersOf(testing_support::UpdaterSandbox& sandbox, const User& user) {
+  sandbox.env().SetHome(user.home);
+  sandbox.env().SetVariable("XDG_RUNTIME_DIR", user.runtime);
 }
 
 int Run(const Options& options) {
+  if (options.users > 1 && !testing_support::CanRunAsOtherUsers()) {
+    std::cout << "skipped: running as several users needs root\n";
+    return 77;
+  }
   std::string why;
   const bool isolated = testing_support::EnterPrivateMountNamespace(why) &&
                         testing_support::UsePrivateSemaphores(why);
@@ -358,15 +422,24 @@ int Run(const Options& options) {
   sandbox.InstallUpdater();
   // Launches are counted, not run: thousands of updater processes would measure fork, not us.
   sandbox.env().RecordLaunches(true, 0);
-  const StoreFiles files{sandbox.RegistryFile(), sandbox.MissingCompsFile(),
-                         sandbox.UserDataDir() + "/VantuUpdaterPrefs.dat"};
+  std::vector<User> users;
+  if (options.users == 1) {
+    users.push_back({testing_support::RootUser(), sandbox.home(), sandbox.runtimeDir(),
+                     {sandbox.RegistryFile(), sandbox.MissingCompsFile(),
+                      sandbox.UserDataDir() + "/VantuUpdaterPrefs.dat"}, 0, 0});
+  } else if (!MakeUsers(sandbox, options.users, users)) {
+    std::cout << "could not make the users' folders\n";
+    return 1;
+  }
 
   testing_support::TempDir results;
+  chmod(results.path().c_str(), 01777);
   testing_support::Pipe go;
   std::vector<pid_t> workers;
   for (int i = 0; i < options.processes; ++i) {
     const std::string resultPath = results / ("worker" + std::to_string(i));
-    workers.push_back(testing_support::StartChild([&, i, resultPath] {
+    const User& user = users[i % users.size()];
+    const auto work = [&, i, resultPath] {
       if (!go.Wait(60000)) return 3;
       Worker worker(i, options.seed, sandbox);
       const auto duration = std::chrono::duration_cast<Clock::duration>(
@@ -376,7 +449,10 @@ int Run(const Options& options) {
       worker.WriteResults(out);
       out.close();
       return out ? 0 : 4;
-    }));
+    };
+    UseFoldersOf(sandbox, user);
+    workers.push_back(options.users == 1 ? testing_support::StartChild(work)
+                                         : testing_support::StartAs(user.identity, work));
   }
   const Clock::time_point start = Clock::now();
   for (size_t i = 0; i < workers.size(); ++i) go.Signal();
@@ -389,7 +465,7 @@ int Run(const Options& options) {
   // Gather.
   std::vector<Report> reports(workers.size());
   Timing totals[kOperations];
-  unsigned long failures = 0, timeouts = 0, manual = 0, scheduled = 0, launchProblems = 0;
+  unsigned long failures = 0, timeouts = 0, launchProblems = 0;
   std::set<std::string> prefKeys = {"Launch"};
   for (size_t i = 0; i < reports.size(); ++i) {
     if (!ReadReport(results / ("worker" + std::to_string(i)), reports[i])) {
@@ -405,8 +481,8 @@ int Run(const Options& options) {
     }
     failures += r.failures.size();
     timeouts += r.timeouts;
-    manual += r.manualTriggers;
-    scheduled += r.scheduledTriggers;
+    users[i % users.size()].manual += r.manualTriggers;
+    users[i % users.size()].scheduled += r.scheduledTriggers;
     for (const std::string& failure : r.failures)
       std::cout << "worker " << i << ": " << failure << "\n";
     if (r.launches < r.leastLaunches || r.launches > r.mostLaunches) {
@@ -417,18 +493,36 @@ int Run(const Options& options) {
     prefKeys.insert("torture.p" + std::to_string(i) + ".value");
   }
 
-  // Every file parses, and holds exactly what the successful calls left.
-  StoreState actual;
+  // Every file parses, and holds exactly what the successful calls left: the shared store, and
+  // each user's own files.
+  std::vector<StoreState> actual(users.size());
   std::string error;
-  const bool loaded = StoreState::Load(files, prefKeys, actual, error);
+  bool loaded = true;
   StoreState::Leftovers leftovers;
-  const std::string atRest = StoreState::CheckAtRest(files, leftovers);
-  size_t lost = 0, checked = 0;
+  std::string atRest;
+  size_t lost = 0, checked = 0, missingEntries = 0, messages = 0;
+  for (size_t u = 0; u < users.size(); ++u) {
+    UseFoldersOf(sandbox, users[u]);
+    loaded = StoreState::Load(users[u].files, prefKeys, actual[u], error) && loaded;
+    StoreState::Leftovers found;
+    atRest += StoreState::CheckAtRest(users[u].files, found);
+    leftovers.partialJournals += found.partialJournals;
+    leftovers.prefsTemporaries += found.prefsTemporaries;
+    missingEntries += actual[u].missing.size();
+    messages += actual[u].messages.size();
+    const std::string launch = actual[u].prefs.count("Launch") ? actual[u].prefs.at("Launch") : "";
+    const std::string wanted =
+        users[u].manual > 0 ? "Manual" : users[u].scheduled > 0 ? "Scheduled" : "";
+    if (launch != wanted) {
+      ++lost;
+      std::cout << "\"Launch\" is \"" << launch << "\", expected \"" << wanted << "\"\n";
+    }
+  }
   if (loaded) {
     for (size_t i = 0; i < reports.size(); ++i) {
       if (!reports[i].complete) continue;
       StoreState expected = reports[i].model;
-      StoreState found = actual.Owned("torture.p" + std::to_string(i) + ".");
+      StoreState found = actual[i % users.size()].Owned("torture.p" + std::to_string(i) + ".");
       Untaint(expected, reports[i].tainted);
       Untaint(found, reports[i].tainted);
       checked += expected.registered.size() + expected.missing.size() + expected.prefs.size() +
@@ -439,20 +533,14 @@ int Run(const Options& options) {
         std::cout << "worker " << i << ": the files do not hold what its calls did:\n" << diff;
       }
     }
-    const std::string launch = actual.prefs.count("Launch") ? actual.prefs.at("Launch") : "";
-    const std::string wanted = manual > 0 ? "Manual" : scheduled > 0 ? "Scheduled" : "";
-    if (launch != wanted) {
-      ++lost;
-      std::cout << "\"Launch\" is \"" << launch << "\", expected \"" << wanted << "\"\n";
-    }
   } else {
     std::cout << "loading the files failed: " << error << "\n";
   }
   if (!atRest.empty()) std::cout << atRest;
 
   unsigned long calls = 0;
-  std::printf("\n%d processes, %.1f s (%s locks)\n", options.processes, elapsed,
-              isolated ? "private" : "shared");
+  std::printf("\n%d processes as %d user(s), %.1f s (%s locks)\n", options.processes,
+              options.users, elapsed, isolated ? "private" : "shared");
   std::printf("%-18s %9s %9s %9s\n", "operation", "calls", "mean ms", "max ms");
   for (int op = 0; op < kOperations; ++op) {
     calls += totals[op].calls;
@@ -467,7 +555,7 @@ int Run(const Options& options) {
   std::printf(
       "files: %zu registered applications, %zu missing-components entries, "
       "%zu messages\n",
-      actual.registered.size(), actual.missing.size(), actual.messages.size());
+      actual[0].registered.size(), missingEntries, messages);
 
   const bool ok = crashed == 0 && failures == 0 && loaded && lost == 0 && atRest.empty() &&
                   launchProblems == 0 && leftovers.prefsTemporaries == 0 &&
@@ -483,7 +571,8 @@ int main(int argc, char** argv) {
   options.seed =
       static_cast<unsigned long long>(std::chrono::system_clock::now().time_since_epoch().count());
   if (!ParseOptions(argc, argv, options)) {
-    std::cerr << "usage: " << argv[0] << " [--processes N] [--seconds S] [--seed X]\n";
+    std::cerr << "usage: " << argv[0]
+              << " [--processes N] [--seconds S] [--seed X] [--users 1-3]\n";
     return 2;
   }
   std::cout << "seed " << options.seed << std::endl;

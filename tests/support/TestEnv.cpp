@@ -99,6 +99,21 @@ bool TestEnv::GetGroupName(gid_t group, std::string& name) {
   return EnvWrapper::GetGroupName(group, name);
 }
 
+bool TestEnv::GetGroupId(const std::string& name, gid_t& group) {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mGroups) {
+      for (size_t i = 0; i < mGroups->size(); ++i) {
+        if ((*mGroups)[i] != name) continue;
+        group = kFirstFakeGroup + static_cast<gid_t>(i);
+        return true;
+      }
+      return false;
+    }
+  }
+  return EnvWrapper::GetGroupId(name, group);
+}
+
 bool TestEnv::IsAccessible(const std::string& path, int mode) {
   {
     std::lock_guard<std::mutex> lock(mMutex);

@@ -70,6 +70,7 @@ class TestEnv : public esd::EnvWrapper {
   uid_t GetEffectiveUserId() override;
   bool GetSupplementaryGroups(std::vector<gid_t>& groups) override;
   bool GetGroupName(gid_t group, std::string& name) override;
+  bool GetGroupId(const std::string& name, gid_t& group) override;
   bool IsAccessible(const std::string& path, int mode) override;
   bool ListProcessIds(std::vector<pid_t>& pids) override;
   bool BringProcessToFront(pid_t pid) override;

@@ -7,10 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "support/ChildProcess.h"
+#include "support/PrivateSessionBus.h"
 #include "support/LockFiles.h"
 #include "support/RunProgram.h"
 #include "support/TempDir.h"
@@ -20,6 +23,7 @@
 #include "xplat/ScopedEnv.h"
 
 using ::testing::HasSubstr;
+using ::testing::Not;
 using testing_support::ProgramResult;
 using testing_support::RunOptions;
 using testing_support::RunProgram;
@@ -166,7 +170,8 @@ TEST_F(RozctlTest, BadUsageExitsWithTwoAndHelpWithZero) {
 }
 
 // The inspection commands show the sandbox's files, and nothing outside DIR is created even when
-// the caller's own folder variables point elsewhere.
+// the caller's own folder variables point elsewhere. Looking changes nothing: folders, locks,
+// policy and doctor leave the bare sandbox (the folders --root makes) as they found it.
 TEST_F(RozctlTest, InspectionShowsTheSandboxAndTouchesNothingOutsideIt) {
   TempDir outside;
   RunOptions options;
@@ -177,40 +182,101 @@ TEST_F(RozctlTest, InspectionShowsTheSandboxAndTouchesNothingOutsideIt) {
                           {"XDG_RUNTIME_DIR", outside / "run"},
                           {"TMPDIR", outside / "tmp"}};
   const std::string root = mRoot.path();
-
-  const ProgramResult folders = Rozctl({"folders"}, options);
-  ASSERT_EQ(0, folders.exitStatus) << folders.err;
-  EXPECT_THAT(folders.out, HasSubstr("machine root:           " + root + "\n"));
-  EXPECT_THAT(folders.out, HasSubstr("registered apps:        " + root +
-                                     "/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml"));
-  EXPECT_THAT(folders.out, HasSubstr("missing components:     " + root +
-                                     "/home/.local/share/Vantu/Updater5/VantuMissingComps.xml"));
-  EXPECT_THAT(folders.out, HasSubstr("workflow markers:       " + root + "/run/Updater5/locked"));
-  EXPECT_THAT(folders.out, HasSubstr("administrator policy:   " + root +
-                                     "/etc/com.vantu.VantuUpdater.Admin.plist (does not exist)"));
-  EXPECT_THAT(folders.out,
-              HasSubstr("updater:                " + root +
-                        "/opt/Vantu Utilities.localized/Vantu Updater5/Vantu Updater.app"));
+  const auto tree = [&root] {
+    std::vector<std::string> paths;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+      paths.push_back(entry.path());
+    return paths;
+  };
+  ASSERT_EQ(0, Rozctl({"version"}, options).exitStatus);
+  const std::vector<std::string> bare = tree();
 
   struct Case {
     const char* command;
     std::string expected;
   };
   const std::vector<Case> cases = {
+      {"folders", "machine root:           " + root + "\n"},
+      {"folders", "registered apps:        " + root +
+                      "/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml"},
+      {"folders", "missing components:     " + root +
+                      "/home/.local/share/Vantu/Updater5/VantuMissingComps.xml"},
+      {"folders", "workflow markers:       " + root + "/run/Updater5/locked"},
+      {"folders", "administrator policy:   " + root +
+                      "/etc/com.vantu.VantuUpdater.Admin.plist (does not exist)"},
+      {"folders", "updater:                " + root +
+                      "/opt/Vantu Utilities.localized/Vantu Updater5/Vantu Updater.app"},
+      {"policy", "Disable.Update:         not set (checks stay enabled)\n"},
+      {"locks", "registered-apps\n"},
+      {"doctor", "FIX   " + root + "/var/lib/Vantu is missing"},
       {"apps", "no registered applications\n"},
       {"missing", "no missing-component requests\n"},
       {"prefs", "DownloadDir = " + root + "/home/Documents/Updater5\n"},
       {"prefs", "AutoCheck = 1\n"},
-      {"policy", "Disable.Update:         not set (checks stay enabled)\n"},
       {"version", "ROZGetVersion: 1358954502 (0x51000006, version 5.1.0.6)\n"},
   };
+  bool onlyLooking = true;  // up to "apps", which as root makes the folder it reads
   for (const Case& inspection : cases) {
-    const ProgramResult result = Rozctl({inspection.command}, options);
-    EXPECT_EQ(0, result.exitStatus) << inspection.command << ": " << result.err;
-    EXPECT_THAT(result.out, HasSubstr(inspection.expected)) << inspection.command;
+    const std::string command = inspection.command;
+    const ProgramResult result = Rozctl({command}, options);
+    EXPECT_EQ(command == "doctor", result.exitStatus) << command << ": " << result.err;
+    EXPECT_THAT(result.out, HasSubstr(inspection.expected)) << command;
+    onlyLooking = onlyLooking && command != "apps";
+    EXPECT_TRUE(!onlyLooking || bare == tree()) << command << " changed the sandbox";
   }
   for (const char* name : {"home", "data", "config", "cache", "run", "tmp"})
     EXPECT_FALSE(FileSystemUtils::DoesPathExist(outside / name)) << name;
+}
+
+// The doctor finds a machine installed as it should be healthy, and names each fault with what
+// to do about it.
+TEST_F(RozctlTest, DoctorNamesWhatToFix) {
+  if (!testing_support::CanChooseGroups()) GTEST_SKIP() << "making root's folders needs root";
+  const std::string folder = mRoot / "var/lib/Vantu/Updater5";
+  const std::string updater = mRoot / "opt/Vantu Utilities.localized/Vantu Updater5";
+  struct Case {
+    const char* fault;
+    std::string command;  // run with the sandbox's root as $R; empty: healthy
+    std::string named;
+  };
+  const std::vector<Case> cases = {
+      {"none", "", ""},
+      {"folder mode", "chmod g-s $R/var/lib/Vantu/Updater5", "Updater5 is 0:"},
+      {"product folder mode", "chmod 0777 $R/var/lib/Vantu", "expected root:root 0755"},
+      {"no updater", "rm -r \"$R/opt\"", "the updater is not installed"},
+      {"bad policy", "echo nonsense >$R/etc/com.vantu.VantuUpdater.Admin.plist",
+       "is not a property list dictionary"},
+      {"damaged store", "echo '<a' >$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml",
+       "registered applications does not parse"},
+      {"store not the group's",
+       "f=$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml; echo '<a/>' >$f && chmod 0664 $f "
+       "&& chgrp root $f",
+       "expected group " UPDATE_GROUP_NAME " 0664"},
+      {"leftover journal", "echo '<a/>' >$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml_",
+       "leftover journal"},
+      {"no session bus", "unset", "no session bus"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.fault);
+    std::filesystem::remove_all(mRoot.path() + "/var");
+    ASSERT_EQ(0, std::system(("install -d -m 0755 " + mRoot.path() + "/var/lib/Vantu " +
+                              mRoot.path() + "/etc && install -d -g " UPDATE_GROUP_NAME
+                              " -m 2775 " + folder + " && mkdir -p '" + updater +
+                              "' && cp -a '" VANTU_UPDATER_BUNDLE "' '" + updater + "'")
+                                 .c_str()));
+    if (!c.command.empty() && c.command != "unset") {
+      ASSERT_EQ(0, std::system(("R=" + mRoot.path() + "; " + c.command).c_str()));
+    }
+    RunOptions options;
+    testing_support::PrivateSessionBus bus;
+    if (c.command == "unset") options.unsetVariables = {"DBUS_SESSION_BUS_ADDRESS"};
+    const ProgramResult result = Rozctl({"doctor"}, options);
+    EXPECT_EQ(c.named.empty() ? 0 : 1, result.exitStatus) << result.out;
+    EXPECT_THAT(result.out, HasSubstr(c.named.empty() ? "ok    " : "FIX   "));
+    EXPECT_THAT(result.out, HasSubstr(c.named));
+    std::filesystem::remove_all(mRoot.path() + "/opt");
+    std::filesystem::remove_all(mRoot.path() + "/etc");
+  }
 }
 
 // Each export's command prints the function's result code and name and exits 0 only for

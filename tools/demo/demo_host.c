@@ -104,9 +104,37 @@ static void RequestMissing(ROZMissingComponent* components, uint32_t count) {
          kROZResultOK);
 }
 
+static int Report(void) {
+  if (gFailures != 0) {
+    printf("\n%d unexpected result(s)\n", gFailures);
+    return 1;
+  }
+  printf("\nEvery call gave the expected result.\n");
+  return 0;
+}
+
+/* The same host run by a user outside the update group: the machine-wide store is not theirs
+ * to change, and they are no administrator. */
+static int RunOutsideTheGroup(void) {
+  Step("Register with the updater, as a user outside the update group");
+  Expect("ROZRegisterApplication(\"com.example.DemoHost\", \"Demo Host\", \"/opt/DemoHost\")",
+         ROZRegisterApplication(kAppID, kName, kPath), kROZResultRegistryUnusable);
+  printf("   (only members of the folder's group may change the registered applications)\n");
+  Step("Are update checks enabled? (no: not an administrator)");
+  const int32_t enabled = ROZIsUpdateCheckEnabled();
+  printf("   ROZIsUpdateCheckEnabled() -> %d\n", enabled);
+  if (enabled != 0) {
+    printf("   UNEXPECTED: wanted 0\n");
+    ++gFailures;
+  }
+  return Report();
+}
+
 int main(int argc, char** argv) {
+  setvbuf(stdout, NULL, _IOLBF, 0);
+  if (argc == 2 && strcmp(argv[1], "--outside-group") == 0) return RunOutsideTheGroup();
   if (argc != 2) {
-    fprintf(stderr, "usage: demo_host UPDATER-LOG\n");
+    fprintf(stderr, "usage: demo_host UPDATER-LOG | demo_host --outside-group\n");
     return 2;
   }
   gLogPath = argv[1];
@@ -116,7 +144,6 @@ int main(int argc, char** argv) {
     gLogOffset = ftell(existing);
     fclose(existing);
   }
-  setvbuf(stdout, NULL, _IOLBF, 0);
 
   const uint32_t version = (uint32_t)ROZGetVersion();
   printf("Demo Host, using the Vantu Updater library %u.%u.%u.%u (ROZGetVersion() = 0x%08X)\n",
@@ -183,11 +210,5 @@ int main(int argc, char** argv) {
   Expect("ROZUnRegisterApplication(\"com.example.DemoHost\")", ROZUnRegisterApplication(kAppID),
          kROZResultOK);
   UpdaterRuns();
-
-  if (gFailures != 0) {
-    printf("\n%d unexpected result(s)\n", gFailures);
-    return 1;
-  }
-  printf("\nEvery call gave the expected result.\n");
-  return 0;
+  return Report();
 }

@@ -1,11 +1,12 @@
 #!/bin/sh
 # Runs the demo host through the whole story in a sandbox. In private mount and process
-# namespaces, /var/lib, /etc and /opt are overlays whose changes land in BUILD/demo, /dev/shm
-# (where the lock semaphores live) is empty, the home and runtime folders lie in BUILD/demo, a
-# session bus of its own runs, and the reference updater is installed in the sandbox's /opt. The
-# host runs as root with the supplementary group root, which makes it an administrator for the
-# library. Nothing of the real machine is changed and nothing is left running; what the demo
-# wrote stays in BUILD/demo for a look afterwards.
+# namespaces, /var/lib, /etc, /opt and the system library folder are overlays whose changes land
+# in BUILD/demo, /dev/shm (where the lock semaphores live) is empty, the home and runtime folders
+# lie in BUILD/demo, a session bus of its own runs, and the reference updater is installed in the
+# sandbox as root installs it, which also provisions the machine-wide folder. The host then runs
+# as an ordinary administrator (uid 1000, supplementary update group), and once more as a user
+# outside that group (uid 1002), who may not change the machine-wide store. Nothing of the real
+# machine is changed and nothing is left running; what the demo wrote stays in BUILD/demo.
 #
 # usage: run-demo.sh BUILD_DIR        (as root; exits 77 when the namespaces are not possible)
 # CMAKE names the cmake program used to install the updater (default: cmake).
@@ -46,7 +47,9 @@ if [ "${1:-}" = --inside ]; then
   # paths are the real machine's, from sharing locks with the machine's own hosts.
   mount -t tmpfs -o mode=1777 tmpfs /dev/shm
   layers=$sandbox
-  for dir in var/lib etc opt; do
+  # The tmpfiles snippet installs below the library folder (/lib, often a link to /usr/lib).
+  libdir=$(readlink -f /lib | cut -c2-)
+  for dir in var/lib etc opt "$libdir"; do
     layer=$layers/$(echo "$dir" | tr / -)
     mkdir -p "$layer/upper" "$layer/work"
     if ! mount -t overlay overlay -o "lowerdir=/$dir,upperdir=$layer/upper,workdir=$layer/work" \
@@ -64,19 +67,42 @@ if [ "${1:-}" = --inside ]; then
     fi
   done
 
-  HOME=$sandbox/home
-  XDG_DATA_HOME=$HOME/.local/share
-  XDG_CONFIG_HOME=$HOME/.config
-  XDG_CACHE_HOME=$HOME/.cache
-  XDG_RUNTIME_DIR=$sandbox/run
-  TMPDIR=$sandbox/tmp
-  export HOME XDG_DATA_HOME XDG_CONFIG_HOME XDG_CACHE_HOME XDG_RUNTIME_DIR TMPDIR
-  mkdir -p "$HOME" "$TMPDIR"
-  mkdir -m 0700 -p "$XDG_RUNTIME_DIR"
+  # The update group: the first of the administrators' groups the machine has.
+  group=
+  for name in admin sudo wheel; do
+    group=$(getent group "$name" | cut -d: -f3) && [ -n "$group" ] && break
+  done
+  if [ -z "$group" ]; then
+    echo "run-demo.sh: none of the groups admin, sudo, wheel exists (groupadd --system sudo)" >&2
+    exit 1
+  fi
+  admin=1000
+  outsider=1002
+  # Each user's own folders, theirs alone.
+  for who in $admin $outsider; do
+    install -d -o $who -g $who -m 0700 "$sandbox/home-$who" "$sandbox/run-$who" \
+      "$sandbox/tmp-$who"
+  done
+  as_user() {
+    who=$1
+    shift
+    HOME=$sandbox/home-$who XDG_DATA_HOME=$sandbox/home-$who/.local/share \
+      XDG_CONFIG_HOME=$sandbox/home-$who/.config XDG_CACHE_HOME=$sandbox/home-$who/.cache \
+      XDG_RUNTIME_DIR=$sandbox/run-$who TMPDIR=$sandbox/tmp-$who \
+      DBUS_SESSION_BUS_ADDRESS=unix:path=$sandbox/run-$who/bus \
+      setpriv --reuid=$who --regid=$who "$@"
+  }
+  if ! as_user $admin --groups="$group" test -x "$build/tools/demo/demo_host"; then
+    echo "run-demo.sh: user $admin cannot reach $build: build in a folder others may read" >&2
+    exit 1
+  fi
 
-  "${CMAKE:-cmake}" --install "$build" --component VantuUpdaterApp --prefix / >/dev/null
+  echo "Provisioning: root installs the updater; the tmpfiles snippet makes the folders"
+  echo "  cmake --install $build --component VantuUpdaterApp --prefix /"
+  "${CMAKE:-cmake}" --install "$build" --component VantuUpdaterApp --prefix / |
+    sed -n 's/^-- Created /  created /p'
+  stat -c '  %A %U:%G %n' /var/lib/Vantu /var/lib/Vantu/Updater5
   # The catalogue stands in for the update server: it knows of a new version of the demo host.
-  install -d -m 0775 /var/lib/Vantu /var/lib/Vantu/Updater5
   cat >/var/lib/Vantu/Updater5/VantuUpdateCatalog.xml <<'CATALOG'
 <?xml version="1.0" encoding="UTF-8"?>
 <UpdateCatalog>
@@ -84,7 +110,9 @@ if [ "${1:-}" = --inside ]; then
 </UpdateCatalog>
 CATALOG
 
-  dbus-daemon --session --address="unix:path=$XDG_RUNTIME_DIR/bus" --nofork --nopidfile \
+  XDG_RUNTIME_DIR=$sandbox/run-$admin
+  as_user $admin --groups="$group" \
+    dbus-daemon --session --address="unix:path=$XDG_RUNTIME_DIR/bus" --nofork --nopidfile \
     2>/dev/null &
   bus_pid=$!
   tries=0
@@ -96,11 +124,17 @@ CATALOG
     fi
     sleep 0.05
   done
-  DBUS_SESSION_BUS_ADDRESS=unix:path=$XDG_RUNTIME_DIR/bus
-  export DBUS_SESSION_BUS_ADDRESS
 
-  setpriv --groups=0 -- "$build/tools/demo/demo_host" "$XDG_DATA_HOME/Vantu/Updater5/roz.log"
-  exit $?
+  echo
+  echo "=== As an administrator: uid $admin, supplementary group $(getent group "$group" | cut -d: -f1)"
+  status=0
+  as_user $admin --groups="$group" -- "$build/tools/demo/demo_host" \
+    "$sandbox/home-$admin/.local/share/Vantu/Updater5/roz.log" || status=$?
+
+  echo
+  echo "=== As a user outside the group: uid $outsider, no supplementary group"
+  as_user $outsider --clear-groups -- "$build/tools/demo/demo_host" --outside-group || status=$?
+  exit $status
 fi
 
 # --- Outside: prepare, enter the namespace, tidy up ---------------------------------------------
@@ -117,15 +151,22 @@ if [ "$(id -u)" != 0 ]; then
   echo "run-demo.sh: the demo needs root for its private mount namespace (try: sudo make demo)" >&2
   exit 77
 fi
-if ! unshare --mount --pid --fork --mount-proc true 2>/dev/null; then
-  echo "run-demo.sh: this system does not allow private mount and process namespaces" >&2
+if ! why=$(unshare --mount --pid --fork --mount-proc --propagation private true 2>&1); then
+  echo "run-demo.sh: cannot make private mount and process namespaces: $why" >&2
+  if ! mountpoint -q /; then
+    echo "run-demo.sh: / is not a mount point (a chroot?): bind-mount the chroot's folder onto" \
+         "itself before entering it (mount --bind DIR DIR), or run the demo outside it" >&2
+  else
+    echo "run-demo.sh: run it as root on the host, or in a container allowed to unshare" \
+         "(for example with --privileged)" >&2
+  fi
   exit 77
 fi
 
 rm -rf "$sandbox"
 mkdir -p "$sandbox"
 echo "Sandbox: /var/lib, /etc and /opt are overlays whose changes go to $sandbox;"
-echo "HOME is $sandbox/home; private /dev/shm, processes and session bus; group root."
+echo "homes are in $sandbox; private /dev/shm, processes and session bus."
 status=0
 # A process namespace of its own too: the library looks for a running updater among all
 # processes, and must find the demo's alone. When the script inside ends, the kernel ends
@@ -135,5 +176,5 @@ unshare --mount --pid --fork --mount-proc --propagation private -- \
 # The overlays' work folders are the kernel's scratch space, of no use afterwards.
 rm -rf "$sandbox"/*/work
 if [ -n "${SUDO_UID:-}" ]; then chown -R "$SUDO_UID:${SUDO_GID:-$SUDO_UID}" "$sandbox"; fi
-echo "The updater's log: $sandbox/home/.local/share/Vantu/Updater5/roz.log"
+echo "The updater's log: $sandbox/home-1000/.local/share/Vantu/Updater5/roz.log"
 exit $status

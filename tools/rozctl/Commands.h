@@ -29,6 +29,7 @@ const std::vector<Command>& AllCommands();
 const std::vector<Command>& ExportCommands();
 const std::vector<Command>& InspectionCommands();
 const std::vector<Command>& LockCommands();
+const std::vector<Command>& DoctorCommands();
 
 }  // namespace rozctl
 

@@ -19,6 +19,7 @@
 
 #include "CommandLine.h"
 #include "Commands.h"
+#include "LockInspection.h"
 #include "UpdaterPaths.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"
@@ -280,6 +281,25 @@ int RunBreakLock(const std::vector<std::string>& args) {
 }
 
 }  // namespace
+
+std::vector<LockState> InspectLocks() {
+  std::vector<LockState> states;
+  for (const KnownLock& lock : KnownLocks({})) {
+    LockState state;
+    state.label = lock.label;
+    const std::string described = DescribeLockFile(LockFile(lock.resource));
+    if (described.compare(0, 9, "(held by ") == 0) {
+      state.held = true;
+      state.holder = described.substr(9, described.size() - 10);
+    } else if (!lock.marker.empty() && FileSystemUtils::DoesPathExist(lock.marker)) {
+      state.held = true;
+      state.holder = "the workflow marker " + lock.marker;
+    }
+    if (SemaphoreExists(lock.resource)) state.leftover = SemaphoreFile(lock.resource);
+    states.push_back(state);
+  }
+  return states;
+}
 
 const std::vector<Command>& LockCommands() {
   static const std::vector<Command> commands = {

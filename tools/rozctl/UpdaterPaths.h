@@ -6,10 +6,9 @@
 namespace rozctl {
 
 // Where the library and the updater keep their files for the current user and machine (the
-// current esd::Env's view). Found without creating the product folders, so that looking does
-// not change the machine; only the standard folders they lie in (ROOT/var/lib, the user's data
-// folder) are created when missing, as any desktop session would have them. A path that cannot
-// be determined (no home folder, no ROOT/opt) is empty.
+// current esd::Env's view). Found without creating anything, so that looking does not change
+// the machine. A path that cannot be determined (no home folder, a standard folder missing) is
+// empty.
 struct UpdaterPaths {
   std::string allUsersData;  // ROOT/var/lib/Vantu/Updater5
   std::string userData;      // ${XDG_DATA_HOME:-HOME/.local/share}/Vantu/Updater5

@@ -126,7 +126,8 @@ int Main(int argc, char** argv) {
 const std::vector<Command>& AllCommands() {
   static const std::vector<Command> all = [] {
     std::vector<Command> commands;
-    for (const auto* group : {&ExportCommands(), &InspectionCommands(), &LockCommands()})
+    for (const auto* group : {&ExportCommands(), &InspectionCommands(), &LockCommands(),
+                               &DoctorCommands()})
       commands.insert(commands.end(), group->begin(), group->end());
     return commands;
   }();

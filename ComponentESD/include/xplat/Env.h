@@ -79,6 +79,9 @@ class Env {
   // The name of a group from the group database; false when the id has no entry.
   virtual bool GetGroupName(gid_t group, std::string& name) = 0;
 
+  // The id of a group named in the group database; false when no group has that name.
+  virtual bool GetGroupId(const std::string& name, gid_t& group) = 0;
+
   // Whether the effective user may access `path` in every way named by `mode` (a combination
   // of R_OK, W_OK and X_OK). False also when the path does not exist.
   virtual bool IsAccessible(const std::string& path, int mode) = 0;

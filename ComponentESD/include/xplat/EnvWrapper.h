@@ -28,6 +28,9 @@ class EnvWrapper : public Env {
   bool GetGroupName(gid_t group, std::string& name) override {
     return mTarget->GetGroupName(group, name);
   }
+  bool GetGroupId(const std::string& name, gid_t& group) override {
+    return mTarget->GetGroupId(name, group);
+  }
   bool IsAccessible(const std::string& path, int mode) override {
     return mTarget->IsAccessible(path, mode);
   }

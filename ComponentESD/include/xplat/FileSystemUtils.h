@@ -7,6 +7,8 @@
 // path is resolved (DoesPathExist, times, permissions, copy source) but are never followed when
 // something is deleted or renamed: the link itself is what goes.
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <ostream>
@@ -85,6 +87,14 @@ bool DeleteLocalFile(const std::string& path);
 // a component; every new folder is checked to be the caller's before its bits and owner are set
 // through its descriptor.
 bool CreateLocalDirectory(const std::string& sDir);
+
+// Creates the one folder `path` (its parent must exist) owned by `owner` and `group` with exactly
+// the bits `mode` (07777, setgid included), set on the new folder's descriptor, so neither the
+// umask nor the parent's bits have a say. An existing folder, also one another process made
+// meanwhile, is left exactly as it is (true). False, with nothing left behind, when the folder
+// cannot be made or given away (giving it to another owner needs root), or when the name holds
+// anything but a folder (a symbolic link is never followed).
+bool CreateDirectoryOwnedBy(const std::string& path, uid_t owner, gid_t group, uint16_t mode);
 
 // As CreateLocalDirectory, except that `dir` itself, when it is created, gets exactly the bits
 // `mode`, whatever the umask or the parent's bits (its owner and group are the parent's where

@@ -457,6 +457,22 @@ bool WriteLocalFile(const std::string& path, const std::string& bytes, uint16_t 
   return file.Close() && ok;
 }
 
+bool CreateDirectoryOwnedBy(const std::string& path, uid_t owner, gid_t group, uint16_t mode) {
+  const std::string name = GetPathLastComponent(path);
+  if (name.empty() || name == "." || name == "..") return false;
+  Fd parent(Open(FolderOf(path), O_RDONLY | O_DIRECTORY));
+  if (!parent.valid()) return false;
+  const bool made = ::mkdirat(parent.get(), name.c_str(), S_IRWXU) == 0;
+  if (!made && errno != EEXIST) return false;
+  Fd folder(::openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!made) return folder.valid();
+  // The owner first: a change of owner clears the set-group-ID bit the mode may ask for.
+  const bool ok = folder.valid() && ::fchown(folder.get(), owner, group) == 0 &&
+                  ::fchmod(folder.get(), mode & 07777) == 0;
+  if (!ok) ::unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR);
+  return ok;
+}
+
 bool CopyLocalFile(const std::string& src, const std::string& dst) {
   const std::string name = GetPathLastComponent(dst);
   if (name.empty()) return false;

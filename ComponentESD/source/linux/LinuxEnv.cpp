@@ -71,6 +71,21 @@ bool ReadWholeFile(const std::string& path, std::string& bytes) {
   return ok;
 }
 
+// Runs a reentrant group-database query with a buffer grown until the entry fits and hands the
+// entry, while its buffer lives, to `use`. False when there is no such entry.
+template <typename Query, typename Use>
+bool LookUpGroup(Query query, Use use) {
+  long size = sysconf(_SC_GETGR_R_SIZE_MAX);
+  std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 16384);
+  struct group entry;
+  struct group* found = nullptr;
+  while (query(&entry, buffer.data(), buffer.size(), &found) == ERANGE &&
+         buffer.size() < (1u << 22)) {
+    buffer.resize(buffer.size() * 2);
+  }
+  return found != nullptr && use(*found);
+}
+
 // The caller's environment with `additions` applied in order, as "NAME=VALUE" texts for execve.
 // A pair the system would refuse (an empty name, one holding "=", a NUL anywhere) is skipped.
 std::vector<std::string> BuildEnvironment(const Env::EnvironmentList& additions) {
@@ -207,17 +222,26 @@ class LinuxEnv : public Env {
   }
 
   bool GetGroupName(gid_t group, std::string& name) override {
-    long size = sysconf(_SC_GETGR_R_SIZE_MAX);
-    std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 16384);
-    struct group entry;
-    struct group* found = nullptr;
-    while (getgrgid_r(group, &entry, buffer.data(), buffer.size(), &found) == ERANGE &&
-           buffer.size() < (1u << 22)) {
-      buffer.resize(buffer.size() * 2);
-    }
-    if (!found || !found->gr_name) return false;
-    name = found->gr_name;
-    return true;
+    return LookUpGroup(
+        [group](struct group* entry, char* buffer, size_t size, struct group** result) {
+          return getgrgid_r(group, entry, buffer, size, result);
+        },
+        [&name](const struct group& found) {
+          if (!found.gr_name) return false;
+          name = found.gr_name;
+          return true;
+        });
+  }
+
+  bool GetGroupId(const std::string& name, gid_t& group) override {
+    return LookUpGroup(
+        [&name](struct group* entry, char* buffer, size_t size, struct group** result) {
+          return getgrnam_r(name.c_str(), entry, buffer, size, result);
+        },
+        [&group](const struct group& found) {
+          group = found.gr_gid;
+          return true;
+        });
   }
 
   bool IsAccessible(const std::string& path, int mode) override {

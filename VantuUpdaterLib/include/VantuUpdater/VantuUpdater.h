@@ -56,7 +56,11 @@ enum {
   kROZResultUpdaterUnavailable = 2,      /* the updater is not installed or could not be started */
   kROZResultInvalidArgument = 3,         /* an argument failed the rules above */
   kROZResultRegistryUnusable = 4,        /* the registered-applications store failed and could not
-                                            be rebuilt, or the entry could not be removed */
+                                            be rebuilt, or the entry could not be removed; also
+                                            when the caller may not change the machine-wide
+                                            store (not root and not in the group of
+                                            /var/lib/Vantu/Updater5) or that folder is missing
+                                            and the caller is not root: nothing is changed */
   kROZResultRegistryNotUpdated = 5,      /* the registered-applications store refused the entry */
   kROZResultNotRegistered = 6,           /* the application is not registered, or registering it
                                             failed */

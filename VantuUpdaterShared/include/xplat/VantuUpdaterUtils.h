@@ -5,6 +5,8 @@
 // found, and how the library signals it. Every operating-system query goes through
 // esd::Env::Default(). All functions report failure by returning false and never throw.
 
+#include <sys/types.h>
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -48,9 +50,20 @@ using EnvironmentList = std::vector<std::pair<std::string, std::string>>;
 
 // --- Folders ---------------------------------------------------------------------------------
 
-// ROOT/var/lib/Vantu/Updater5, created when missing with the restricted permission (0775), so
-// every user of the machine shares it.
+// The group that may change the machine-wide data, as installed: the first of "admin", "sudo"
+// and "wheel" the group database knows. False when it knows none of them.
+bool GetDefaultUpdateGroup(gid_t& group);
+
+// ROOT/var/lib/Vantu/Updater5, the machine-wide data folder. It is made at install time:
+// ROOT/var/lib/Vantu root:root 0755 and Updater5 root:<update group> 2775, so that the files
+// created in it belong to that group. A caller running as root that finds them missing creates
+// them exactly so; anybody else gets false and nothing is created. An existing folder is never
+// changed.
 bool GetVantuUpdaterAllUserDataDir(std::string& path);
+
+// Whether the caller may create and replace files in the machine-wide data folder: it exists
+// and the caller is root, or the folder's bits let the caller write (a member of its group).
+bool CanChangeAllUserData();
 
 // The user's data folder, ${XDG_DATA_HOME:-HOME/.local/share}/Vantu/Updater5; product folders
 // created here inherit their parent's permission bits (0774 when those cannot be read).

@@ -1,4 +1,6 @@
 // The updater's folders and its installed location.
+#include <unistd.h>
+
 #include <cstdint>
 #include <string>
 
@@ -12,6 +14,12 @@ namespace VantuUpdaterUtils {
 
 namespace {
 
+// Candidates for the update group, in order: the administrators' group of the usual desktops.
+const char* const kUpdateGroupCandidates[] = {"admin", "sudo", "wheel"};
+
+constexpr uint16_t kProductFolderMode = 0755;
+constexpr uint16_t kAllUserDataFolderMode = 02775;
+
 // Used for a new product folder when its parent's bits cannot be read.
 constexpr uint16_t kFallbackFolderMode = 0774;
 
@@ -24,25 +32,20 @@ uint16_t GetFolderModeOr(const std::string& folder, uint16_t fallback) {
 constexpr uint16_t kPrivateFolderMode = 0700;
 
 // Appends `name` to `parent`, creating the folder when it is missing. A new folder is given
-// the restricted permission, or, per user, the parent's bits within owner-only access (made
-// with those bits, never widened by the parent or narrowed by the umask); an existing one is
-// left exactly as it is, so an administrator's choice of permissions survives.
-bool ProvideProductFolder(const std::string& parent, const char* name, bool restricted,
-                          std::string& folder) {
+// the parent's bits within owner-only access (made with those bits, never widened by the parent
+// or narrowed by the umask); an existing one is left exactly as it is, so an administrator's
+// choice of permissions survives.
+bool ProvideProductFolder(const std::string& parent, const char* name, std::string& folder) {
   folder = FileSystemUtils::AppendPathElement(parent, name);
   // Every store operation comes through here, so the parent's bits are read only when needed.
   if (FileSystemUtils::DoesPathExist(folder)) return true;
-  if (!restricted) {
-    const uint16_t inherited = GetFolderModeOr(parent, kFallbackFolderMode);
-    return FileSystemUtils::CreateLocalDirectoryWithMode(
-        folder, (inherited & kPrivateFolderMode) | kPrivateFolderMode);
-  }
-  return FileSystemUtils::CreateLocalDirectory(folder) &&
-         FileSystemUtils::SetRestrictedFilePermission(folder);
+  const uint16_t inherited = GetFolderModeOr(parent, kFallbackFolderMode);
+  return FileSystemUtils::CreateLocalDirectoryWithMode(
+      folder, (inherited & kPrivateFolderMode) | kPrivateFolderMode);
 }
 
 // <standard folder>/Vantu/Updater5, each missing level created.
-bool GetVantuUpdaterDir(esd::FolderFinder::FolderID id, std::string& path, bool restricted) {
+bool GetVantuUpdaterDir(esd::FolderFinder::FolderID id, std::string& path) {
   std::string base;
   if (!esd::FolderFinder::GetFolderPath(id, base, true)) return false;
   // Every store operation comes through here and the folders nearly always exist: one look at
@@ -54,9 +57,9 @@ bool GetVantuUpdaterDir(esd::FolderFinder::FolderID id, std::string& path, bool 
     return true;
   }
   std::string vantu;
-  if (!ProvideProductFolder(base, "Vantu", restricted, vantu)) return false;
+  if (!ProvideProductFolder(base, "Vantu", vantu)) return false;
   std::string updater;
-  if (!ProvideProductFolder(vantu, kVantuUpdaterFolder, restricted, updater)) return false;
+  if (!ProvideProductFolder(vantu, kVantuUpdaterFolder, updater)) return false;
   path = updater;
   return true;
 }
@@ -73,8 +76,41 @@ std::string GetStartupModeName(ROZStartupMode mode) {
   return std::string();
 }
 
+bool GetDefaultUpdateGroup(gid_t& group) {
+  esd::Env* env = esd::Env::Default();
+  for (const char* name : kUpdateGroupCandidates) {
+    if (env->GetGroupId(name, group)) return true;
+  }
+  return false;
+}
+
 bool GetVantuUpdaterAllUserDataDir(std::string& path) {
-  return GetVantuUpdaterDir(esd::FolderFinder::kLocalApplicationSupport, path, true);
+  const bool asRoot = esd::Env::Default()->GetEffectiveUserId() == 0;
+  std::string base;
+  if (!esd::FolderFinder::GetFolderPath(esd::FolderFinder::kLocalApplicationSupport, base, asRoot))
+    return false;
+  const std::string vantu = FileSystemUtils::AppendPathElement(base, "Vantu");
+  const std::string updater = FileSystemUtils::AppendPathElement(vantu, kVantuUpdaterFolder);
+  if (!FileSystemUtils::DoesPathExist(updater)) {
+    // Anyone but root would make the folders its own, and the next user would be locked out.
+    if (!asRoot) return false;
+    gid_t group = 0;  // no administrators' group at all: root alone, until one is chosen
+    GetDefaultUpdateGroup(group);
+    if (!FileSystemUtils::CreateDirectoryOwnedBy(vantu, 0, 0, kProductFolderMode) ||
+        !FileSystemUtils::CreateDirectoryOwnedBy(updater, 0, group, kAllUserDataFolderMode))
+      return false;
+  }
+  path = updater;
+  return true;
+}
+
+bool CanChangeAllUserData() {
+  std::string folder;
+  if (!GetVantuUpdaterAllUserDataDir(folder)) return false;
+  // Root passes every permission check; what stops root (a read-only mount) is left to the
+  // save, which reports it as any failed save.
+  esd::Env* env = esd::Env::Default();
+  return env->GetEffectiveUserId() == 0 || env->IsAccessible(folder, W_OK | X_OK);
 }
 
 bool GetVantuUpdaterDataDir(std::string& path) {
@@ -83,7 +119,7 @@ bool GetVantuUpdaterDataDir(std::string& path) {
     path = overridden;
     return true;
   }
-  return GetVantuUpdaterDir(esd::FolderFinder::kUserApplicationSupport, path, false);
+  return GetVantuUpdaterDir(esd::FolderFinder::kUserApplicationSupport, path);
 }
 
 bool GetVantuUpdaterCacheDataDir(std::string& path) {
