@@ -5,7 +5,8 @@ CMAKE_FLAGS ?=
 
 DEBIAN_PACKAGES = build-essential cmake pkg-config libexpat1-dev libboost-dev \
   libboost-date-time-dev libgtest-dev libgmock-dev libbenchmark-dev libplist-dev \
-  libdbus-1-dev dbus-daemon libmd-dev clang libclang-rt-14-dev valgrind
+  libdbus-1-dev dbus-daemon libmd-dev clang libclang-rt-14-dev valgrind \
+  systemd lintian
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
