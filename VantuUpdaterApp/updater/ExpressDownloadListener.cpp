@@ -8,14 +8,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include "xplat/UpdaterNames.h"
 
 namespace {
 
-const char kPath[] = "/org/esd/DistributedNotificationCenter";
-const char kInterface[] = "org.esd.DistributedNotificationCenter";
-const char kMember[] = "Notification";
-const char kName[] = "Do Express Download";
-const char kObject[] = "Vantu Updater Express Download Signal";
+using UpdaterNames::kExpressDownloadName;
+using UpdaterNames::kExpressDownloadObject;
+using UpdaterNames::kNotificationInterface;
+using UpdaterNames::kNotificationMember;
+using UpdaterNames::kNotificationObjectPath;
 
 // The bus the library posts to: the given address, else the socket in the runtime folder.
 std::string SessionBusAddress() {
@@ -30,14 +31,15 @@ std::string SessionBusAddress() {
 }
 
 bool IsExpressDownload(DBusMessage* message) {
-  if (!dbus_message_is_signal(message, kInterface, kMember) ||
-      !dbus_message_has_path(message, kPath))
+  if (!dbus_message_is_signal(message, kNotificationInterface, kNotificationMember) ||
+      !dbus_message_has_path(message, kNotificationObjectPath))
     return false;
   const char* name = nullptr;
   const char* object = nullptr;
   return dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &object,
                                DBUS_TYPE_INVALID) &&
-         std::strcmp(name, kName) == 0 && std::strcmp(object, kObject) == 0;
+         std::strcmp(name, kExpressDownloadName) == 0 &&
+         std::strcmp(object, kExpressDownloadObject) == 0;
 }
 
 }  // namespace
@@ -53,8 +55,9 @@ ExpressDownloadListener::ExpressDownloadListener() : mConnection(nullptr) {
     return;
   }
   dbus_connection_set_exit_on_disconnect(connection, FALSE);
-  const std::string rule = std::string("type='signal',interface='") + kInterface + "',member='" +
-                           kMember + "',path='" + kPath + "'";
+  const std::string rule = std::string("type='signal',interface='") + kNotificationInterface +
+                           "',member='" + kNotificationMember + "',path='" +
+                           kNotificationObjectPath + "'";
   if (dbus_bus_register(connection, &error)) dbus_bus_add_match(connection, rule.c_str(), &error);
   if (dbus_error_is_set(&error)) {
     dbus_error_free(&error);

@@ -238,8 +238,8 @@ int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned cha
     if (!VantuUpdaterUtils::CanChangeAllUserData()) return kROZResultRegistryUnusable;
 
     unsigned result = store->InsertOrUpdateRegisteredApp(app);
-    if (result == 0 || result == 1) return kROZResultOK;
-    if (result == 2) return kROZResultRegistryNotUpdated;
+    if (result == VantuUpdaterRegistrationManager::kInserted || result == VantuUpdaterRegistrationManager::kReplaced) return kROZResultOK;
+    if (result == VantuUpdaterRegistrationManager::kUnchanged || result == VantuUpdaterRegistrationManager::kRefused) return kROZResultRegistryNotUpdated;
 
     // The store failed. Only a file the store cannot read is rebuilt: when it still loads, the
     // fault lay with this entry or the save (a name the UTF-8 check lets through but XML cannot
@@ -256,7 +256,8 @@ int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned cha
     // their next request, whereas a store that stays broken would refuse every host for good.
     if (!store->Delete()) return kROZResultRegistryUnusable;
     result = store->InsertOrUpdateRegisteredApp(app);
-    return (result == 0 || result == 1) ? kROZResultOK : kROZResultRegistryUnusable;
+    return (result == VantuUpdaterRegistrationManager::kInserted || result == VantuUpdaterRegistrationManager::kReplaced) ? kROZResultOK
+                                                                       : kROZResultRegistryUnusable;
   });
 }
 
@@ -294,8 +295,8 @@ int32_t CEsdUpdate::ROZUnRegisterApplication(const char* appID) {
     if (!OpenStore(store)) return kROZResultRegistryUnusable;
     if (!VantuUpdaterUtils::CanChangeAllUserData()) return kROZResultRegistryUnusable;
     const unsigned removed = store->UnregisterApp(std::string(appID));
-    if (removed == 1) return kROZResultNotRegistered;
-    return removed == 0 ? kROZResultOK : kROZResultRegistryUnusable;
+    if (removed == VantuUpdaterRegistrationManager::kNotFound) return kROZResultNotRegistered;
+    return removed == VantuUpdaterRegistrationManager::kRemoved ? kROZResultOK : kROZResultRegistryUnusable;
   });
   if (removal != kROZResultOK) return removal;
 
@@ -518,10 +519,10 @@ int32_t CEsdUpdate::ROZDownloadMissingComponents(
     // The first failing entry ends the request; entries before it stay recorded, so the host may
     // simply ask again with the whole list.
     bool allAlreadyKnown = true;
-    unsigned last = 0;
+    unsigned last = VantuUpdaterMissingCompsManager::kAdded;
     const uint32_t count = list != nullptr ? list->count : 0;
     for (uint32_t i = 0; i < count; ++i) {
-      if (last == 2) return kROZResultMissingCompsStoreFailed;
+      if (last == VantuUpdaterMissingCompsManager::kUpdateFailed) return kROZResultMissingCompsStoreFailed;
       const ROZMissingComponent* entry =
           list->components != nullptr ? list->components[i] : nullptr;
       // A missing entry is recorded as nothing at all, which the store reports as a failure.
@@ -529,11 +530,11 @@ int32_t CEsdUpdate::ROZDownloadMissingComponents(
           appID, displayName, installPath, static_cast<int>(type),
           entry != nullptr ? entry->name : nullptr, entry != nullptr ? entry->category : nullptr,
           entry != nullptr ? entry->version : nullptr);
-      if (last == 0) allAlreadyKnown = false;
+      if (last == VantuUpdaterMissingCompsManager::kAdded) allAlreadyKnown = false;
     }
-    if (last == 2) return kROZResultMissingCompsStoreFailed;
+    if (last == VantuUpdaterMissingCompsManager::kUpdateFailed) return kROZResultMissingCompsStoreFailed;
     int32_t recorded = result;
-    if (last == 1 && allAlreadyKnown) recorded = kROZResultAlreadyRequested;
+    if (last == VantuUpdaterMissingCompsManager::kAlreadyListed && allAlreadyKnown) recorded = kROZResultAlreadyRequested;
 
     // The request stays recorded either way; without an updater nobody will act on it yet.
     std::string updater;

@@ -19,6 +19,9 @@
 
 namespace {
 
+constexpr unsigned kAdded = VantuUpdaterMissingCompsManager::kAdded;
+constexpr unsigned kListed = VantuUpdaterMissingCompsManager::kAlreadyListed;
+constexpr unsigned kFailed = VantuUpdaterMissingCompsManager::kUpdateFailed;
 using testing_support::ReadFile;
 using testing_support::StampOf;
 using testing_support::WriteFile;
@@ -69,7 +72,7 @@ class MissingCompsStore : public ::testing::Test {
 
 // Exact text in the per-user folder, the owner's alone, no journal; no home, no store.
 TEST_F(MissingCompsStore, FirstRequestsWriteTheExactText) {
-  EXPECT_EQ(0u, Request("W", "Writer & Co", "/opt/W", 7, "Spelling", "Dictionary", "1.0"));
+  EXPECT_EQ(kAdded, Request("W", "Writer & Co", "/opt/W", 7, "Spelling", "Dictionary", "1.0"));
   EXPECT_EQ(
       Store(Entry("W", 7, "Writer &amp; Co", "/opt/W", Comp("Spelling", "Dictionary", "1.0.0.0"))),
       ReadFile(mStorePath));
@@ -87,23 +90,23 @@ TEST_F(MissingCompsStore, FirstRequestsWriteTheExactText) {
   }
 }
 
-// A listed component: 1, written only when name, path or type changed; a new version: 0 and
-// added to the entry (which stays bound to the loaded tree until the save).
-TEST_F(MissingCompsStore, ListedComponentAnswersOneAndSavesOnlyChanges) {
-  ASSERT_EQ(0u, RequestA("Spelling", "Dictionary", "1.0"));
+// A listed component is written only when name, path or type changed; a new version is added
+// to the entry (which stays bound to the loaded tree until the save).
+TEST_F(MissingCompsStore, ListedComponentSavesOnlyChanges) {
+  ASSERT_EQ(kAdded, RequestA("Spelling", "Dictionary", "1.0"));
   const std::string before = ReadFile(mStorePath);
   const testing_support::FileStamp stamp = StampOf(mStorePath);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_EQ(1u, RequestA("Spelling", "Dictionary", "1.0.0.0"));
+  EXPECT_EQ(kListed, RequestA("Spelling", "Dictionary", "1.0.0.0"));
   EXPECT_EQ(before, ReadFile(mStorePath));
   EXPECT_TRUE(stamp == StampOf(mStorePath));
 
-  EXPECT_EQ(1u, RequestA("Spelling", "Dictionary", "1.0", "Alpha Pro"));
+  EXPECT_EQ(kListed, RequestA("Spelling", "Dictionary", "1.0", "Alpha Pro"));
   const std::string comp = Comp("Spelling", "Dictionary", "1.0.0.0");
   EXPECT_EQ(Store(Entry("A", 1, "Alpha Pro", "/opt/a", comp)), ReadFile(mStorePath));
-  EXPECT_EQ(1u, RequestA("Spelling", "Dictionary", "1.0", "Alpha Pro", "/srv/a", 4));
+  EXPECT_EQ(kListed, RequestA("Spelling", "Dictionary", "1.0", "Alpha Pro", "/srv/a", 4));
   EXPECT_EQ(Store(Entry("A", 4, "Alpha Pro", "/srv/a", comp)), ReadFile(mStorePath));
-  EXPECT_EQ(0u, RequestA("Spelling", "Dictionary", "1.0.0.1", "Alpha Pro", "/srv/a", 4));
+  EXPECT_EQ(kAdded, RequestA("Spelling", "Dictionary", "1.0.0.1", "Alpha Pro", "/srv/a", 4));
   EXPECT_EQ(
       Store(Entry("A", 4, "Alpha Pro", "/srv/a", comp + Comp("Spelling", "Dictionary", "1.0.0.1"))),
       ReadFile(mStorePath));
@@ -112,14 +115,14 @@ TEST_F(MissingCompsStore, ListedComponentAnswersOneAndSavesOnlyChanges) {
 // "*" stands for any name on either side, never for a category, a version or another
 // application (identifiers compare exactly).
 TEST_F(MissingCompsStore, WildcardMatchesNamesOnly) {
-  ASSERT_EQ(0u, RequestA("*", "Dictionary", "1.0"));
-  EXPECT_EQ(1u, RequestA("Spelling", "Dictionary", "1.0"));
-  EXPECT_EQ(0u, RequestA("Spelling", "Thesaurus", "1.0"));
-  EXPECT_EQ(0u, RequestA("Spelling", "Dictionary", "2.0"));
-  EXPECT_EQ(0u, Request("a", "Alpha", "/opt/a", 1, "*", "Dictionary", "1.0")) << "another app";
-  ASSERT_EQ(0u, Request("B", "Beta", "/opt/b", 1, "Hyphenation", "Dictionary", "3.0"));
-  EXPECT_EQ(1u, Request("B", "Beta", "/opt/b", 1, "*", "Dictionary", "3.0"));
-  EXPECT_EQ(0u, Request("B", "Beta", "/opt/b", 1, "*", "Dictionary", "3.1"));
+  ASSERT_EQ(kAdded, RequestA("*", "Dictionary", "1.0"));
+  EXPECT_EQ(kListed, RequestA("Spelling", "Dictionary", "1.0"));
+  EXPECT_EQ(kAdded, RequestA("Spelling", "Thesaurus", "1.0"));
+  EXPECT_EQ(kAdded, RequestA("Spelling", "Dictionary", "2.0"));
+  EXPECT_EQ(kAdded, Request("a", "Alpha", "/opt/a", 1, "*", "Dictionary", "1.0")) << "another app";
+  ASSERT_EQ(kAdded, Request("B", "Beta", "/opt/b", 1, "Hyphenation", "Dictionary", "3.0"));
+  EXPECT_EQ(kListed, Request("B", "Beta", "/opt/b", 1, "*", "Dictionary", "3.0"));
+  EXPECT_EQ(kAdded, Request("B", "Beta", "/opt/b", 1, "*", "Dictionary", "3.1"));
 }
 
 // The destructor deletes an empty or unparsable store and keeps one with entries as it was.
@@ -142,24 +145,21 @@ TEST_F(MissingCompsStore, DestructorDeletesEmptyOrUnparsableStore) {
 }
 
 // Null arguments, markup in (unescaped) attributes, incomplete entries, an unparsable store:
-// 2, and nothing written.
-TEST_F(MissingCompsStore, BadRequestsAnswerTwoAndWriteNothing) {
-  ASSERT_EQ(0u, RequestA("Spelling", "Dictionary", "1.0"));
+// failure, and nothing written.
+TEST_F(MissingCompsStore, BadRequestsFailAndWriteNothing) {
+  ASSERT_EQ(kAdded, RequestA("Spelling", "Dictionary", "1.0"));
   const std::string before = ReadFile(mStorePath);
   for (int i = 0; i < 6; ++i) {
     std::array<const char*, 6> args = {"A", "Alpha", "/opt/a", "Fonts", "Extras", "1.0"};
     args[i] = nullptr;
-    EXPECT_EQ(2u, Request(args[0], args[1], args[2], 1, args[3], args[4], args[5])) << i;
+    EXPECT_EQ(kFailed, Request(args[0], args[1], args[2], 1, args[3], args[4], args[5])) << i;
   }
-  EXPECT_EQ(2u, RequestA("Spell\"ing", "Dictionary", "1.0"));
-  EXPECT_EQ(2u, RequestA("Spelling", "Dict<", "1.0"));
-  EXPECT_EQ(2u, Request("B&", "Beta", "/opt/b", 1, "Spelling", "Dictionary", "1.0"));
   // A tab, line feed or carriage return in an attribute would read back as a blank: the entry or
   // component would never be found again, and every request would add it once more.
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(2u, Request("B\tb", "Beta", "/opt/b", 1, "Spelling", "Dictionary", "1.0"));
-    EXPECT_EQ(2u, RequestA("Spell\ning", "Dictionary", "1.0"));
-    EXPECT_EQ(2u, RequestA("Spelling", "Dict\r", "1.0"));
+  for (const char* bad : {"B\"", "B<", "B&", "B\tb", "B\nb", "B\rb"}) {
+    EXPECT_EQ(kFailed, Request(bad, "Beta", "/opt/b", 1, "Spelling", "Dictionary", "1.0")) << bad;
+    EXPECT_EQ(kFailed, RequestA(bad, "Dictionary", "1.0")) << bad;
+    EXPECT_EQ(kFailed, RequestA("Spelling", bad, "1.0")) << bad;
   }
   EXPECT_EQ(before, ReadFile(mStorePath));
 
@@ -167,26 +167,26 @@ TEST_F(MissingCompsStore, BadRequestsAnswerTwoAndWriteNothing) {
   for (auto* entry : {&complete, &noPath, &noID}) entry->SetDisplayName("Alpha");
   for (auto* entry : {&complete, &noName, &noID}) entry->SetInstallPath("/opt/a");
   for (auto* entry : {&noName, &noPath, &noID})
-    EXPECT_EQ(2u, VantuUpdaterMissingCompsManager().InsertMissingCompsApp(*entry));
+    EXPECT_EQ(kFailed, VantuUpdaterMissingCompsManager().InsertMissingCompsApp(*entry));
   EXPECT_EQ(before, ReadFile(mStorePath));
 
   const std::string damaged = "<VantuUpdaterMissingCompsManager><Vantu";
   WriteFile(mStorePath, damaged);
   {
     VantuUpdaterMissingCompsManager store;
-    EXPECT_EQ(2u, store.InsertMissingCompsApp(complete));
+    EXPECT_EQ(kFailed, store.InsertMissingCompsApp(complete));
     EXPECT_EQ(damaged, ReadFile(mStorePath));
   }
   WriteFile(mStorePath, damaged);
-  EXPECT_EQ(2u, RequestA("Spelling", "Dictionary", "1.0"));
-  EXPECT_EQ(0u, RequestA("Spelling", "Dictionary", "1.0")) << "the damaged store was removed";
+  EXPECT_EQ(kFailed, RequestA("Spelling", "Dictionary", "1.0"));
+  EXPECT_EQ(kAdded, RequestA("Spelling", "Dictionary", "1.0")) << "the damaged store was removed";
 }
 
 // An unparsable version fails the request, and nothing of it (a new name here) is saved.
 TEST_F(MissingCompsStore, UnparsableVersionSavesNothing) {
-  ASSERT_EQ(0u, RequestA("Spelling", "Dictionary", "1.0"));
+  ASSERT_EQ(kAdded, RequestA("Spelling", "Dictionary", "1.0"));
   const std::string before = ReadFile(mStorePath);
-  EXPECT_EQ(2u, RequestA("Spelling", "Dictionary", ".1", "Renamed"));
+  EXPECT_EQ(kFailed, RequestA("Spelling", "Dictionary", ".1", "Renamed"));
   EXPECT_EQ(before, ReadFile(mStorePath));
 }
 
@@ -205,7 +205,8 @@ TEST_F(MissingCompsStore, UnusableRecordsAreDroppedOnLoad) {
   const std::string good = "<Note>keep</Note>\n" + Entry("Good", 1, "Good", "/opt/good", comp);
   for (const std::string& bad : badEntries) {
     WriteFile(mStorePath, Store(bad + good));
-    EXPECT_EQ(1u, Request("Good", "Good", "/opt/good", 1, "Spelling", "Dictionary", "1.0")) << bad;
+    EXPECT_EQ(kListed, Request("Good", "Good", "/opt/good", 1, "Spelling", "Dictionary", "1.0"))
+        << bad;
     EXPECT_EQ(Store(good), ReadFile(mStorePath)) << bad;
   }
   for (const char* bad : {"category=\"Dictionary\" version=\"1.0\"", "name=\"S\" version=\"1.0\"",
@@ -213,7 +214,7 @@ TEST_F(MissingCompsStore, UnusableRecordsAreDroppedOnLoad) {
                           "category=\"Dictionary\" name=\"S\" version=\"\""}) {
     WriteFile(mStorePath, Store(Entry("Good", 1, "Good", "/opt/good",
                                       "<AMissingComponent " + std::string(bad) + "/>\n" + comp)));
-    EXPECT_EQ(1u, Request("Good", "Good", "/opt/good", 1, "*", "Dictionary", "1.0")) << bad;
+    EXPECT_EQ(kListed, Request("Good", "Good", "/opt/good", 1, "*", "Dictionary", "1.0")) << bad;
     EXPECT_EQ(Store(Entry("Good", 1, "Good", "/opt/good", comp)), ReadFile(mStorePath)) << bad;
   }
 }

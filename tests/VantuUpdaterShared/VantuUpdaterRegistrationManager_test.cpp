@@ -22,6 +22,7 @@
 
 namespace {
 
+using Reg = VantuUpdaterRegistrationManager;
 using testing_support::ReadFile;
 using testing_support::StampOf;
 using testing_support::WriteFile;
@@ -70,7 +71,7 @@ class RegistrationStore : public ::testing::Test {
 
 // Exact text (name escaped), restricted permission, no journal; no data folder, no store.
 TEST_F(RegistrationStore, FirstInsertionsWriteTheExactText) {
-  EXPECT_EQ(0u, Insert("com.example.Writer", "Writer & <Co>", "/opt/Writer Pro"));
+  EXPECT_EQ(Reg::kInserted, Insert("com.example.Writer", "Writer & <Co>", "/opt/Writer Pro"));
   EXPECT_EQ(Store(Entry("com.example.Writer", "Writer &amp; &lt;Co&gt;", "/opt/Writer Pro")),
             ReadFile(mStorePath));
   EXPECT_EQ(0664, StoreMode());
@@ -86,23 +87,23 @@ TEST_F(RegistrationStore, FirstInsertionsWriteTheExactText) {
   }
 }
 
-// Unchanged: 2, bytes and mtime kept, as for a record with an empty identifier, name or path (3);
-// changed: 1 and moved last; identifiers compare exactly.
+// Unchanged: bytes and mtime kept, as for a record with an empty identifier, name or path;
+// changed: replaced and moved last; identifiers compare exactly.
 TEST_F(RegistrationStore, ReinsertionKeepsOrReplacesTheEntry) {
-  for (const char* id : {"A", "B", "C"}) ASSERT_EQ(0u, Insert(id, id, "/opt"));
+  for (const char* id : {"A", "B", "C"}) ASSERT_EQ(Reg::kInserted, Insert(id, id, "/opt"));
   const std::string before = ReadFile(mStorePath);
   const testing_support::FileStamp stamp = StampOf(mStorePath);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_EQ(2u, Insert("A", "A", "/opt"));
-  EXPECT_EQ("333", std::to_string(Insert("", "N", "/p")) + std::to_string(Insert("X", "", "/p")) +
-                       std::to_string(Insert("X", "N", "")));
+  EXPECT_EQ(Reg::kUnchanged, Insert("A", "A", "/opt"));
+  const char* const incomplete[][3] = {{"", "N", "/p"}, {"X", "", "/p"}, {"X", "N", ""}};
+  for (const auto& a : incomplete) EXPECT_EQ(Reg::kInsertFailed, Insert(a[0], a[1], a[2]));
   EXPECT_EQ(before, ReadFile(mStorePath));
   EXPECT_TRUE(stamp == StampOf(mStorePath));
 
-  EXPECT_EQ(1u, Insert("A", "A", "/opt/a2"));
-  EXPECT_EQ(1u, Insert("B", "Beta 2", "/opt"));
-  EXPECT_EQ(0u, Insert("c", "c", "/opt"));
-  EXPECT_EQ(1u, Unregister("a"));
+  EXPECT_EQ(Reg::kReplaced, Insert("A", "A", "/opt/a2"));
+  EXPECT_EQ(Reg::kReplaced, Insert("B", "Beta 2", "/opt"));
+  EXPECT_EQ(Reg::kInserted, Insert("c", "c", "/opt"));
+  EXPECT_EQ(Reg::kNotFound, Unregister("a"));
   EXPECT_EQ(Store(Entry("C", "C", "/opt") + Entry("A", "A", "/opt/a2") +
                   Entry("B", "Beta 2", "/opt") + Entry("c", "c", "/opt")),
             ReadFile(mStorePath));
@@ -110,17 +111,17 @@ TEST_F(RegistrationStore, ReinsertionKeepsOrReplacesTheEntry) {
 
 // Refusals and misses leave the file alone; the last removal deletes it.
 TEST_F(RegistrationStore, UnregisterResults) {
-  EXPECT_EQ(2u, Unregister("A"));
+  EXPECT_EQ(Reg::kUnregisterFailed, Unregister("A"));
   EXPECT_FALSE(StoreExists());
-  ASSERT_EQ(0u, Insert("A", "Alpha", "/opt/a"));
-  ASSERT_EQ(0u, Insert("B", "Beta", "/opt/b"));
+  ASSERT_EQ(Reg::kInserted, Insert("A", "Alpha", "/opt/a"));
+  ASSERT_EQ(Reg::kInserted, Insert("B", "Beta", "/opt/b"));
   const testing_support::FileStamp stamp = StampOf(mStorePath);
-  EXPECT_EQ(2u, Unregister("VantuUpdater"));
-  EXPECT_EQ(1u, Unregister("Z"));
+  EXPECT_EQ(Reg::kUnregisterFailed, Unregister("VantuUpdater"));
+  EXPECT_EQ(Reg::kNotFound, Unregister("Z"));
   EXPECT_TRUE(stamp == StampOf(mStorePath));
-  EXPECT_EQ(0u, Unregister("A"));
+  EXPECT_EQ(Reg::kRemoved, Unregister("A"));
   EXPECT_EQ(Store(Entry("B", "Beta", "/opt/b")), ReadFile(mStorePath));
-  EXPECT_EQ(0u, Unregister("B"));
+  EXPECT_EQ(Reg::kRemoved, Unregister("B"));
   EXPECT_FALSE(StoreExists());
 }
 
@@ -143,7 +144,7 @@ TEST_F(RegistrationStore, UpdaterRecordIsMadeUpOnTheSpot) {
 // Records handed out are private copies: they outlive the manager's tree, and a caller's change
 // never reaches the file. A failed lookup leaves the caller's pointer alone.
 TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
-  ASSERT_EQ(0u, Insert("A", "Alpha", "/opt/a"));
+  ASSERT_EQ(Reg::kInserted, Insert("A", "Alpha", "/opt/a"));
   std::list<VantuUpdaterRegisteredApp> all;
   std::unique_ptr<VantuUpdaterRegisteredApp> found;
   {
@@ -157,7 +158,7 @@ TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
   found->SetInstallPath("/changed/by/caller");
   VantuUpdaterRegistrationManager store;
   VantuUpdaterRegisteredApp b = MakeApp("B", "Beta", "/opt/b");
-  ASSERT_EQ(0u, store.InsertOrUpdateRegisteredApp(b));
+  ASSERT_EQ(Reg::kInserted, store.InsertOrUpdateRegisteredApp(b));
   EXPECT_EQ(Store(Entry("A", "Alpha", "/opt/a") + Entry("B", "Beta", "/opt/b")),
             ReadFile(mStorePath));
   VantuUpdaterRegisteredApp* previous = found.get();
@@ -184,19 +185,19 @@ TEST_F(RegistrationStore, LoadDropsUnusableEntriesAndKeepsForeignElements) {
                     "<InstallPath>/b</InstallPath>\n</Application>\n")}) {
     WriteFile(mStorePath, Store(before + bad + after));
     chmod(mStorePath.c_str(), 0600);
-    EXPECT_EQ(1u, Unregister("Nobody")) << bad;
+    EXPECT_EQ(Reg::kNotFound, Unregister("Nobody")) << bad;
     EXPECT_EQ(Store(before + after), ReadFile(mStorePath)) << bad;
     EXPECT_EQ(0664, StoreMode());
   }
   const testing_support::FileStamp stamp = StampOf(mStorePath);
-  EXPECT_EQ(1u, Unregister("Nobody"));
+  EXPECT_EQ(Reg::kNotFound, Unregister("Nobody"));
   EXPECT_TRUE(stamp == StampOf(mStorePath));
-  EXPECT_EQ(0u, Unregister("Good"));
-  EXPECT_EQ(0u, Unregister("B"));
+  EXPECT_EQ(Reg::kRemoved, Unregister("Good"));
+  EXPECT_EQ(Reg::kRemoved, Unregister("B"));
   EXPECT_EQ(Store("<Note>keep</Note>\n"), ReadFile(mStorePath));
 
   WriteFile(mStorePath, Store(Entry("B", "Beta", "/opt/b") + Entry("B", "Old", "/opt/old")));
-  EXPECT_EQ(1u, Insert("B", "Beta", "/opt/b"));
+  EXPECT_EQ(Reg::kReplaced, Insert("B", "Beta", "/opt/b"));
   EXPECT_EQ(Store(Entry("B", "Beta", "/opt/b")), ReadFile(mStorePath));
 }
 
@@ -210,8 +211,8 @@ TEST_F(RegistrationStore, UnparsableFileIsRefusedAndKept) {
   const std::string damaged = "<?xml version=\"1.0\"?>\n<VantuUpdaterRegistrationManager>\n<Ap";
   WriteFile(mStorePath, damaged);
   VantuUpdaterRegisteredApp app = MakeApp("B", "Beta", "/opt/b");
-  EXPECT_EQ(3u, store.InsertOrUpdateRegisteredApp(app));
-  EXPECT_EQ(2u, store.UnregisterApp("A"));
+  EXPECT_EQ(Reg::kInsertFailed, store.InsertOrUpdateRegisteredApp(app));
+  EXPECT_EQ(Reg::kUnregisterFailed, store.UnregisterApp("A"));
   EXPECT_FALSE(store.GetRegisteredApps(all));
   std::unique_ptr<VantuUpdaterRegisteredApp> found;
   EXPECT_FALSE(store.GetRegisteredApplicationByAppID("A", found));
@@ -222,7 +223,7 @@ TEST_F(RegistrationStore, UnparsableFileIsRefusedAndKept) {
 
 // Another program's top element, in the file or in a journal that wins over it, gives way to an
 // empty store at the next registration (a second top element could never be saved); a journal
-// that does not parse is ignored. Markup in an identifier is refused (2: an entry refused, not an
+// that does not parse is ignored. Markup in an identifier is refused (an entry refused, not an
 // unusable store that callers would rebuild), and nothing is written.
 TEST_F(RegistrationStore, ForeignTextHealsAndTextThatWouldNotLoadIsNeverWritten) {
   const std::string foreign = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<Other>\n</Other>\n";
@@ -232,41 +233,36 @@ TEST_F(RegistrationStore, ForeignTextHealsAndTextThatWouldNotLoadIsNeverWritten)
   for (const auto& [file, journal] : fileAndJournal) {
     WriteFile(mStorePath, file);
     if (!journal.empty()) WriteFile(mStorePath + "_", journal);
-    EXPECT_EQ(0u, Insert("A", "Alpha", "/opt/a")) << file << journal;
+    EXPECT_EQ(Reg::kInserted, Insert("A", "Alpha", "/opt/a")) << file << journal;
     EXPECT_EQ(Store(Entry("A", "Alpha", "/opt/a")), ReadFile(mStorePath)) << file << journal;
     EXPECT_FALSE(FileSystemUtils::DoesPathExist(mStorePath + "_"));
   }
 
-  const std::string before = ReadFile(mStorePath);
-  for (const char* id : {"a\"b", "a<b", "a&b"}) EXPECT_EQ(2u, Insert(id, "Name", "/opt/x")) << id;
-  EXPECT_EQ(before, ReadFile(mStorePath));
-
   // A tab, line feed or carriage return would be written raw and read back as a blank: the entry
   // could never be found under its identifier again, and every registration would add one more.
-  for (const char* id : {"a\tb", "a\nb", "a\rb"}) {
-    EXPECT_EQ(2u, Insert(id, "Name", "/opt/x")) << id;
-    EXPECT_EQ(2u, Insert(id, "Name", "/opt/x")) << id;
-  }
+  const std::string before = ReadFile(mStorePath);
+  for (const char* id : {"a\"b", "a<b", "a&b", "a\tb", "a\nb", "a\rb"})
+    EXPECT_EQ(Reg::kRefused, Insert(id, "Name", "/opt/x")) << id;
   EXPECT_EQ(before, ReadFile(mStorePath));
-  EXPECT_EQ(0u, Insert("a b", "Name", "/opt/x"));
+  EXPECT_EQ(Reg::kInserted, Insert("a b", "Name", "/opt/x"));
 }
 
 // A lock held by another process fails both operations after the time-out, writing nothing.
 TEST_F(RegistrationStore, HeldLockMakesOperationsFailWithoutWriting) {
-  ASSERT_EQ(0u, Insert("A", "Alpha", "/opt/a"));
+  ASSERT_EQ(Reg::kInserted, Insert("A", "Alpha", "/opt/a"));
   const std::string before = ReadFile(mStorePath);
   testing_support::LockHolder holder(mStorePath, 30000);
   ASSERT_TRUE(holder.Locked());
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(3u, Insert("B", "Beta", "/opt/b"));
+  EXPECT_EQ(Reg::kInsertFailed, Insert("B", "Beta", "/opt/b"));
   const auto waited = std::chrono::steady_clock::now() - start;
   EXPECT_GE(waited, std::chrono::milliseconds(1900));
   EXPECT_LT(waited, std::chrono::seconds(10));
-  EXPECT_EQ(2u, Unregister("A"));
+  EXPECT_EQ(Reg::kUnregisterFailed, Unregister("A"));
   EXPECT_EQ(before, ReadFile(mStorePath));
   holder.Release();
   EXPECT_EQ(0, holder.Wait());
-  EXPECT_EQ(0u, Insert("B", "Beta", "/opt/b"));
+  EXPECT_EQ(Reg::kInserted, Insert("B", "Beta", "/opt/b"));
 }
 
 }  // namespace

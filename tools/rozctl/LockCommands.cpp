@@ -25,6 +25,7 @@
 #include "xplat/FileSystemUtils.h"
 #include "xplat/NodeName.h"
 #include "xplat/ResourceLocker.h"
+#include "xplat/UpdaterNames.h"
 #include "xplat/SearchResult.h"
 #include "xplat/VantuUpdaterNotifyWorkflowLocker.h"
 #include "xplat/XMLDocumentNode.h"
@@ -34,7 +35,7 @@ namespace rozctl {
 namespace {
 
 // The preferences file's lock, shared by the library and the updater in every process.
-const char kPrefsLockResource[] = "VantuUpdater";
+using UpdaterNames::kPrefsLockResource;
 const char kMarkerPrefix[] = "lock.";
 const char kAppLockPrefix[] = "app:";
 

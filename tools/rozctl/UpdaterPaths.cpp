@@ -3,19 +3,13 @@
 #include "xplat/Env.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/FolderFinder.h"
+#include "xplat/UpdaterNames.h"
 #include "xplat/VantuUpdaterUtils.h"
 
 namespace rozctl {
 
 namespace {
 
-// The names the library and the updater give their files; they are part of the exchange
-// between them and never change.
-const char kRegistryFileName[] = "VantuESDGlobalApps.xml";
-const char kMissingCompsFileName[] = "VantuMissingComps.xml";
-const char kPrefsFileName[] = "VantuUpdaterPrefs.dat";
-const char kLogFileName[] = "roz.log";
-const char kPolicyFileName[] = "com.vantu.VantuUpdater.Admin.plist";
 
 std::string Join(const std::string& folder, const char* name) {
   return folder.empty() ? std::string() : FileSystemUtils::AppendPathElement(folder, name);
@@ -56,16 +50,16 @@ UpdaterPaths UpdaterPaths::Find() {
   paths.allUsersData = ProductFolder(esd::FolderFinder::kLocalApplicationSupport);
   paths.userData = ProductFolder(esd::FolderFinder::kUserApplicationSupport);
   paths.cacheData = Join(paths.userData, "Data");
-  paths.registry = Join(paths.allUsersData, kRegistryFileName);
-  paths.missingComps = Join(paths.userData, kMissingCompsFileName);
-  paths.prefs = Join(paths.userData, kPrefsFileName);
-  paths.updaterLog = Join(paths.userData, kLogFileName);
+  paths.registry = Join(paths.allUsersData, UpdaterNames::kRegistrationFileName);
+  paths.missingComps = Join(paths.userData, UpdaterNames::kMissingCompsFileName);
+  paths.prefs = Join(paths.userData, UpdaterNames::kPrefsFileName);
+  paths.updaterLog = Join(paths.userData, UpdaterNames::kLogFileName);
   paths.markers = Join(Join(StandardFolder(esd::FolderFinder::kUserTemporaryItems),
                             VantuUpdaterUtils::kVantuUpdaterFolder),
                        "locked");
   // Both are shown also when ROOT/etc or ROOT/opt is missing, which the lookups refuse.
   const std::string root = esd::Env::Default()->GetRootDirectory();
-  paths.policy = Join(Join(root, "etc"), kPolicyFileName);
+  paths.policy = Join(Join(root, "etc"), UpdaterNames::kAdminPrefsFileName);
   if (!VantuUpdaterUtils::GetUpdaterLocation(paths.updater))
     paths.updater =
         Join(Join(Join(Join(root, "opt"), "Vantu Utilities.localized"), "Vantu Updater5"),

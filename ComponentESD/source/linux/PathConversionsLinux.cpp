@@ -1,7 +1,10 @@
 #include "xplat/PathConversions.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+
+#include "xplat/TextValidation.h"
 
 namespace esd {
 
@@ -27,36 +30,13 @@ bool CStringToVectorUniChar(const char* cString, std::vector<uint16_t>& out) {
   out.clear();
   if (cString == nullptr) return false;
   const unsigned char* p = reinterpret_cast<const unsigned char*>(cString);
+  const unsigned char* const end = p + std::strlen(cString);
   std::vector<uint16_t> units;
-  while (*p != 0) {
-    const unsigned char lead = *p++;
-    uint32_t cp;
-    int more;
-    uint32_t minimum;
-    if (lead < 0x80) {
-      units.push_back(lead);
-      continue;
-    } else if ((lead & 0xE0) == 0xC0) {
-      cp = lead & 0x1F;
-      more = 1;
-      minimum = 0x80;
-    } else if ((lead & 0xF0) == 0xE0) {
-      cp = lead & 0x0F;
-      more = 2;
-      minimum = 0x800;
-    } else if ((lead & 0xF8) == 0xF0) {
-      cp = lead & 0x07;
-      more = 3;
-      minimum = 0x10000;
-    } else {
-      return false;  // a continuation byte without a lead, or 0xF8..0xFF
-    }
-    for (int i = 0; i < more; ++i) {
-      // The terminating NUL fails this test too, so a truncated sequence is caught here.
-      if ((*p & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (*p++ & 0x3F);
-    }
-    if (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+  while (p != end) {
+    unsigned long cp;
+    const std::size_t length = DecodeUTF8(p, static_cast<std::size_t>(end - p), cp);
+    if (length == 0 || !IsScalarValue(cp)) return false;
+    p += length;
     if (cp >= 0x10000) {
       cp -= 0x10000;
       units.push_back(static_cast<uint16_t>(0xD800 + (cp >> 10)));

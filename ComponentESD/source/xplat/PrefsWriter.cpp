@@ -15,6 +15,7 @@
 #include "xplat/FileSystemUtils.h"
 #include "xplat/LockPolicyInterface.h"
 #include "xplat/PrefsLockScope.h"
+#include "xplat/TextValidation.h"
 
 namespace esd {
 
@@ -46,42 +47,6 @@ bool TextToValue(const std::string& text, T& value) {
 
 bool IsAsciiLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool IsAsciiDigit(char c) { return c >= '0' && c <= '9'; }
-
-// Decodes one UTF-8 sequence at text[i] into `code` and advances i. False for anything that is
-// not the shortest encoding of a Unicode scalar value: a parser would refuse the whole file.
-bool NextCodePoint(const std::string& text, std::size_t& i, unsigned long& code) {
-  const unsigned char lead = static_cast<unsigned char>(text[i]);
-  std::size_t extra;
-  unsigned long minimum;
-  if (lead < 0x80) {
-    code = lead;
-    ++i;
-    return true;
-  } else if (lead >= 0xC2 && lead <= 0xDF) {
-    extra = 1;
-    minimum = 0x80;
-    code = lead & 0x1F;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    extra = 2;
-    minimum = 0x800;
-    code = lead & 0x0F;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    extra = 3;
-    minimum = 0x10000;
-    code = lead & 0x07;
-  } else {
-    return false;
-  }
-  if (text.size() - i - 1 < extra) return false;
-  for (std::size_t k = 1; k <= extra; ++k) {
-    const unsigned char next = static_cast<unsigned char>(text[i + k]);
-    if ((next & 0xC0) != 0x80) return false;
-    code = (code << 6) | (next & 0x3F);
-  }
-  if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return false;
-  i += extra + 1;
-  return true;
-}
 
 // A name for the next version of `path`, beside it so that the final rename stays on one file
 // system. Drawn afresh each time (no generator state a forked child would share with its
@@ -401,20 +366,23 @@ bool PrefsWriter::IsStorableKey(const std::string& key) {
   return true;
 }
 
+// Anything but the shortest encoding of a Unicode scalar value would make a parser refuse the
+// whole file.
 bool PrefsWriter::IsStorableText(const std::string& text) {
-  std::size_t i = 0;
-  while (i < text.size()) {
+  const unsigned char* const bytes = reinterpret_cast<const unsigned char*>(text.data());
+  for (std::size_t i = 0; i < text.size();) {
     unsigned long code = 0;
-    if (!NextCodePoint(text, i, code)) return false;
+    const std::size_t length = DecodeUTF8(bytes + i, text.size() - i, code);
+    if (length == 0 || !IsScalarValue(code)) return false;
     if (code < 0x20 && code != '\t' && code != '\n') return false;
     if (code == 0xFFFE || code == 0xFFFF) return false;
+    i += length;
   }
   return true;
 }
 
 bool PrefsWriter::IsStorableAttributeValue(const std::string& value) {
-  if (!IsStorableText(value)) return false;
-  return value.find_first_of("\"<&\t\n") == std::string::npos;
+  return IsStorableText(value) && IsRawAttributeText(value);
 }
 
 }  // namespace esd

@@ -6,8 +6,6 @@
 
 namespace {
 
-bool IsContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
-
 // Values no UTF-8 text should carry even though they are well formed.
 bool IsNonCharacter(unsigned long value) {
   const unsigned long low = value & 0xFFFF;
@@ -29,36 +27,10 @@ bool validate_utf8(const unsigned char* text) {
       p += 8;
     }
     if (p == end) break;
-    const unsigned char lead = *p++;
-    if (lead < 0x80) continue;
-
-    if ((lead & 0xE0) == 0xC0) {
-      if ((lead & 0x1E) == 0) return false;  // 0xC0 and 0xC1 only make overlong forms
-      if (!IsContinuation(*p++)) return false;
-      continue;
-    }
-
     unsigned long value;
-    int following;
-    unsigned long smallest;
-    if ((lead & 0xF0) == 0xE0) {
-      value = lead & 0x0F;
-      following = 2;
-      smallest = 0x800;
-    } else if ((lead & 0xF8) == 0xF0) {
-      value = lead & 0x07;
-      following = 3;
-      smallest = 0x10000;
-    } else {
-      return false;  // a stray continuation byte or 0xF8 and above
-    }
-    // Checked one byte at a time, so a NUL inside the sequence stops the scan right there.
-    for (int i = 0; i < following; ++i) {
-      const unsigned char byte = *p++;
-      if (!IsContinuation(byte)) return false;
-      value = (value << 6) | (byte & 0x3F);
-    }
-    if (value < smallest || IsNonCharacter(value)) return false;
+    const std::size_t length = esd::DecodeUTF8(p, static_cast<std::size_t>(end - p), value);
+    if (length == 0 || IsNonCharacter(value)) return false;
+    p += length;
   }
   return true;
 }

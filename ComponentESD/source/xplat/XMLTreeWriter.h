@@ -10,6 +10,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "xplat/TextValidation.h"
 #include "xplat/XMLDocumentNode.h"
 
 namespace esd {
@@ -59,17 +60,9 @@ inline constexpr std::array<TextByte, 256> kTextBytes = MakeTextBytes();
 // U+FFFD, U+10000 to U+10FFFF); 0 otherwise. C1 controls and the other rarely used characters
 // are left to a real parse. Needs a lead byte (kLeadByte) at text[0].
 inline std::size_t OrdinaryCharacterLength(const char* text, std::size_t available) {
-  const unsigned char lead = static_cast<unsigned char>(text[0]);
-  const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-  if (available < length) return 0;
-  unsigned long value = lead & (0x7F >> length);
-  for (std::size_t k = 1; k < length; ++k) {
-    const unsigned char next = static_cast<unsigned char>(text[k]);
-    if ((next & 0xC0) != 0x80) return 0;
-    value = (value << 6) | (next & 0x3F);
-  }
-  const unsigned long smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-  if (value < smallest[length]) return 0;  // overlong
+  unsigned long value = 0;
+  const std::size_t length =
+      DecodeUTF8(reinterpret_cast<const unsigned char*>(text), available, value);
   const bool ordinary = (value >= 0xA0 && value <= 0xD7FF) ||
                         (value >= 0xE000 && value <= 0xFFFD) ||
                         (value >= 0x10000 && value <= 0x10FFFF);

@@ -4,11 +4,12 @@
 
 #include "xplat/FileSystemUtils.h"
 #include "xplat/FolderFinder.h"
+#include "xplat/UpdaterNames.h"
 
 namespace {
 
 // The maker's reverse-domain prefix followed by ".VantuUpdater.Admin.plist".
-constexpr char kAdminPrefsFileName[] = "com.vantu.VantuUpdater.Admin.plist";
+using UpdaterNames::kAdminPrefsFileName;
 constexpr char kDisableUpdateKey[] = "Disable.Update";
 
 }  // namespace

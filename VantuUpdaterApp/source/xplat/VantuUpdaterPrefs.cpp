@@ -10,15 +10,12 @@
 #include "xplat/FileSystemUtils.h"
 #include "xplat/FolderFinder.h"
 #include "xplat/PrefsLockScope.h"
+#include "xplat/UpdaterNames.h"
 #include "xplat/VantuUpdaterUtils.h"
 
 namespace {
 
 const char kPrefsRootName[] = "VantuUpdater";
-const char kPrefsFileName[] = "VantuUpdaterPrefs.dat";
-const char kLogFileName[] = "roz.log";
-// The same lock name in the library and the updater application, so both exclude each other.
-const char kPrefsLockName[] = "VantuUpdater";
 const unsigned long kPrefsLockTimeoutMs = 3000;
 const int kWeeklyCheck = 1;
 
@@ -45,7 +42,7 @@ VantuUpdaterPrefs::VantuUpdaterPrefs()
       ConnectionType("ConnectionType", 0),
       logFile(VantuUpdaterUtils::kKeyLogFile, GetDefaultLogFileLocation()),
       logLevel(VantuUpdaterUtils::kKeyLogLevel, 2UL),
-      mPrefsLock(kPrefsLockName, kPrefsLockTimeoutMs) {
+      mPrefsLock(UpdaterNames::kPrefsLockResource, kPrefsLockTimeoutMs) {
   AutoCheck.SetPrefsFile(this);
   AutoCheckType.SetPrefsFile(this);
   DownloadDir.SetPrefsFile(this);
@@ -69,7 +66,8 @@ VantuUpdaterPrefs::VantuUpdaterPrefs()
   std::string dataDir;
   if (!VantuUpdaterUtils::GetVantuUpdaterDataDir(dataDir))
     throw std::runtime_error("Unable to create file!");
-  const std::string path = FileSystemUtils::AppendPathElement(dataDir, kPrefsFileName);
+  const std::string path =
+      FileSystemUtils::AppendPathElement(dataDir, UpdaterNames::kPrefsFileName);
 
   SetLockPolicy(&mPrefsLock);
   try {
@@ -113,7 +111,7 @@ std::string VantuUpdaterPrefs::GetDefaultDownloadLocation() {
 std::string VantuUpdaterPrefs::GetDefaultLogFileLocation() {
   std::string dataDir;
   if (!VantuUpdaterUtils::GetVantuUpdaterDataDir(dataDir) || dataDir.empty()) return "";
-  return FileSystemUtils::AppendPathElement(dataDir, kLogFileName);
+  return FileSystemUtils::AppendPathElement(dataDir, UpdaterNames::kLogFileName);
 }
 
 bool VantuUpdaterPrefs::HasAutocheckPeriodElapsed() {

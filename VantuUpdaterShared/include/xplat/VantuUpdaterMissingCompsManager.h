@@ -10,25 +10,17 @@
 // loaded tree: a change made through one, followed by SaveMissingCompsApps(), changes the file.
 // UpdateWithAppAndCompData relies on that.
 
-#include <algorithm>
 #include <list>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "xplat/ExpatDOMBuilder.h"
-#include "xplat/JournaledXMLLockedFile.h"
 #include "xplat/VantuUpdaterMissingCompsApp.h"
-#include "xplat/XMLBoundObject.h"
-#include "xplat/XMLBoundObjectUtils.h"
-#include "xplat/XMLDocumentNode.h"
+#include "xplat/XMLRecordStore.h"
 
-class VantuUpdaterMissingCompsManager
-    : public JournaledXMLLockedFile,
-      public XMLBoundObject<VantuUpdaterMissingCompsManager> {
+class VantuUpdaterMissingCompsManager : public XMLRecordStore<VantuUpdaterMissingCompsManager> {
  public:
-  // How long an operation waits for another process to release the store, in milliseconds.
-  static constexpr unsigned long kLockTimeout = 2000;
+  // Results of UpdateWithAppAndCompData and InsertMissingCompsApp.
+  enum UpdateResult : unsigned { kAdded = 0, kAlreadyListed = 1, kUpdateFailed = 2 };
 
   // True for an entry whose "AppID" equals the identifier exactly. Loading drops entries without
   // one, so meeting one here is a programming error.
@@ -59,10 +51,8 @@ class VantuUpdaterMissingCompsManager
   // Not passive: loads the store and deletes the file when it holds no entries or cannot be
   // parsed, so an empty or damaged request list never outlives the request that made it. A store
   // that could not be read only because another process held the lock is left alone: the read
-  // and the delete are made under one hold of the lock. Releases the lock if it is still held.
+  // and the delete are made under one hold of the lock.
   ~VantuUpdaterMissingCompsManager() override;
-  VantuUpdaterMissingCompsManager(const VantuUpdaterMissingCompsManager&) = delete;
-  VantuUpdaterMissingCompsManager& operator=(const VantuUpdaterMissingCompsManager&) = delete;
 
   // Binds the manager to the store root of the loaded document (adding a root when the file had
   // none, or another program's element), drops the entries the verifier rejects and the
@@ -70,9 +60,9 @@ class VantuUpdaterMissingCompsManager
   // at once.
   bool OnLoadSuccess(esd::XMLDocumentNode* root, void* context) override;
 
-  // Records one missing component of one application. 0 the component was added (to a new or an
-  // existing entry), 1 the entry already listed a matching component (a changed name, path or
-  // operation type is still saved), 2 failure: a null argument, an identifier, component name or
+  // Records one missing component of one application. kAdded (to a new or an existing entry),
+  // kAlreadyListed a matching component (a changed name, path or operation type is still saved),
+  // kUpdateFailed: a null argument, an identifier, component name or
   // category holding a tab, line feed or carriage return (an attribute cannot carry them), no
   // lock, no load, an unreadable field of the existing entry, a failed save. An unparsable
   // compVersion throws std::runtime_error "Unable to parse version" and nothing is saved.
@@ -84,7 +74,7 @@ class VantuUpdaterMissingCompsManager
                                     const unsigned char* installPath, int opType, char* compName,
                                     char* compCategory, char* compVersion);
 
-  // Appends a copy of the entry and saves: 0 done, 2 failure (no lock, no load, an empty
+  // Appends a copy of the entry and saves: kAdded, or kUpdateFailed (no lock, no load, an empty
   // identifier, display name or install path, a failed save). It does not look for an existing
   // entry of the same identifier; the caller does.
   unsigned InsertMissingCompsApp(VantuUpdaterMissingCompsApp& app);
@@ -106,30 +96,11 @@ class VantuUpdaterMissingCompsManager
   unsigned long DeleteVantuUpdaterMissingCompsAppIf(Pred pred);
 
   static std::string GetNodeRootName();
-
- private:
-  // Load(nullptr), and on failure ForgetLoadedTree(): a failed load has already destroyed the
-  // tree the manager was bound to.
-  bool LoadStore();
-
-  // Rebinds the manager to a fresh, empty root of its own, so that nothing reaches the elements
-  // of a tree the builder has freed (after a failed load or a delete).
-  void ForgetLoadedTree();
-
-  std::string mFilePath;
-  esd::ExpatDOMBuilder<esd::XMLDocumentNode> mBuilder;
 };
 
 template <class Pred>
 unsigned long VantuUpdaterMissingCompsManager::DeleteVantuUpdaterMissingCompsAppIf(Pred pred) {
-  esd::XMLDocumentNode* storeRoot = GetObjectRoot();
-  std::vector<VantuUpdaterMissingCompsApp> apps;
-  XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterMissingCompsApp>(
-      storeRoot, VantuUpdaterMissingCompsApp::GetNodeRootName(), apps);
-  auto firstKept = std::partition(apps.begin(), apps.end(), pred);
-  for (auto it = apps.begin(); it != firstKept; ++it)
-    storeRoot->DeleteChildNode(it->GetObjectRoot());
-  return static_cast<unsigned long>(firstKept - apps.begin());
+  return DeleteRecordsIf<VantuUpdaterMissingCompsApp>(pred);
 }
 
 #endif

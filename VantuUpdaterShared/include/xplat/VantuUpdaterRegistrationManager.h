@@ -10,25 +10,26 @@
 // The updater itself is never stored: a lookup of its identifier is answered with a record made
 // up on the spot from its running location.
 
-#include <algorithm>
 #include <list>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "xplat/ExpatDOMBuilder.h"
-#include "xplat/JournaledXMLLockedFile.h"
 #include "xplat/VantuUpdaterRegisteredApp.h"
-#include "xplat/XMLBoundObject.h"
-#include "xplat/XMLBoundObjectUtils.h"
-#include "xplat/XMLDocumentNode.h"
+#include "xplat/XMLRecordStore.h"
 
-class VantuUpdaterRegistrationManager
-    : public JournaledXMLLockedFile,
-      public XMLBoundObject<VantuUpdaterRegistrationManager> {
+class VantuUpdaterRegistrationManager : public XMLRecordStore<VantuUpdaterRegistrationManager> {
  public:
-  // How long an operation waits for another process to release the store, in milliseconds.
-  static constexpr unsigned long kLockTimeout = 2000;
+  // Results of InsertOrUpdateRegisteredApp. An identifier the store cannot hold is refused with
+  // the same number as an unchanged entry: callers treat both as "nothing written".
+  enum InsertResult : unsigned {
+    kInserted = 0,
+    kReplaced = 1,
+    kUnchanged = 2,
+    kRefused = 2,
+    kInsertFailed = 3
+  };
+  // Results of UnregisterApp.
+  enum UnregisterResult : unsigned { kRemoved = 0, kNotFound = 1, kUnregisterFailed = 2 };
 
   // True for a record whose "appID" equals the identifier exactly (byte-wise, case-sensitive).
   // Loading drops records without an "appID", so meeting one here is a programming error.
@@ -56,10 +57,6 @@ class VantuUpdaterRegistrationManager
   // Finds the store's path; throws std::runtime_error "Unable to determine registration filepath!"
   // when the all-users data folder cannot be had. Neither locks nor loads.
   VantuUpdaterRegistrationManager();
-  // Releases the lock when an operation left it held.
-  ~VantuUpdaterRegistrationManager() override;
-  VantuUpdaterRegistrationManager(const VantuUpdaterRegistrationManager&) = delete;
-  VantuUpdaterRegistrationManager& operator=(const VantuUpdaterRegistrationManager&) = delete;
 
   // Binds the manager to the store root of the loaded document (adding a root when the file had
   // none, or another program's element), drops entries without an identifier or an install path
@@ -67,14 +64,15 @@ class VantuUpdaterRegistrationManager
   // on only to read.
   bool OnLoadSuccess(esd::XMLDocumentNode* root, void* context) override;
 
-  // 0 inserted, 1 replaced an entry whose name or path differed (it moves to the end), 2 already
-  // registered unchanged (nothing written), 3 failure: no lock, no load, an empty identifier,
-  // name or path, or a failed save. `app` itself is not added, a copy of its element is.
+  // kInserted, kReplaced an entry whose name or path differed (it moves to the end), kUnchanged
+  // (nothing written), kRefused an identifier holding markup or a tab, line feed or carriage
+  // return, kInsertFailed: no lock, no load, an empty identifier, name or path, or a failed save.
+  // `app` itself is not added, a copy of its element is.
   unsigned InsertOrUpdateRegisteredApp(VantuUpdaterRegisteredApp& app);
 
-  // 0 removed and saved (the file is deleted when it was the last entry), 1 no entry has that
-  // identifier, 2 refused or failed: the updater's own identifier, no store file, no lock, no
-  // load, a failed save.
+  // kRemoved and saved (the file is deleted when it was the last entry), kNotFound,
+  // kUnregisterFailed: the updater's own identifier, no store file, no lock, no load, a failed
+  // save.
   unsigned UnregisterApp(const std::string& appID);
 
   // Every entry in file order, detached: the caller's records never write into the store.
@@ -102,31 +100,11 @@ class VantuUpdaterRegistrationManager
   unsigned long DeleteVantuUpdaterRegisteredAppIf(Pred pred);
 
   static std::string GetNodeRootName();
-
- private:
-  // Load(nullptr), and on failure ForgetLoadedTree(): a failed load has already destroyed the
-  // tree the manager was bound to.
-  bool LoadStore();
-
-  // Rebinds the manager to a fresh, empty root of its own, so that nothing reaches the elements
-  // of a tree the builder has freed (after a failed load or a delete).
-  void ForgetLoadedTree();
-
-  std::string mFilePath;
-  esd::ExpatDOMBuilder<esd::XMLDocumentNode> mBuilder;
 };
 
 template <class Pred>
 unsigned long VantuUpdaterRegistrationManager::DeleteVantuUpdaterRegisteredAppIf(Pred pred) {
-  esd::XMLDocumentNode* storeRoot = GetObjectRoot();
-  std::vector<VantuUpdaterRegisteredApp> apps;
-  if (!XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterRegisteredApp>(
-          storeRoot, VantuUpdaterRegisteredApp::GetNodeRootName(), apps))
-    return 0;
-  auto firstKept = std::partition(apps.begin(), apps.end(), pred);
-  for (auto it = apps.begin(); it != firstKept; ++it)
-    storeRoot->DeleteChildNode(it->GetObjectRoot());
-  return static_cast<unsigned long>(firstKept - apps.begin());
+  return DeleteRecordsIf<VantuUpdaterRegisteredApp>(pred);
 }
 
 #endif

@@ -1,21 +1,17 @@
 #include "xplat/VantuUpdaterMissingCompsManager.h"
 
-#include <cstring>
 #include <stdexcept>
 
 #include "xplat/ESDAssert.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/SearchResults.h"
 #include "xplat/StoreLockScope.h"
-#include "xplat/StoreRoot.h"
+#include "xplat/TextValidation.h"
+#include "xplat/UpdaterNames.h"
 #include "xplat/VantuUpdaterUtils.h"
 #include "xplat/XMLEscaping.h"
 
 namespace {
-
-const char kMissingCompsFileName[] = "VantuMissingComps.xml";
-
-enum UpdateResult : unsigned { kAdded = 0, kAlreadyListed = 1, kUpdateFailed = 2 };
 
 // Removes from `entry` every component that lacks a name, a category or a readable version: a
 // request could never be matched against it. Returns how many went.
@@ -61,25 +57,27 @@ bool VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsAppVerifier::opera
          !inApp.GetDisplayName(displayName) || displayName.empty();
 }
 
-VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsManager()
-    : JournaledXMLLockedFile(mBuilder, kLockTimeout) {
+namespace {
+
+std::string MissingCompsFilePath() {
   std::string dataDir;
   if (!VantuUpdaterUtils::GetVantuUpdaterDataDir(dataDir))
     throw std::runtime_error("Unable to determine missing comps filepath!");
-  mFilePath = FileSystemUtils::AppendPathElement(dataDir, kMissingCompsFileName);
-  SetPath(mFilePath);
+  return FileSystemUtils::AppendPathElement(dataDir, UpdaterNames::kMissingCompsFileName);
 }
+
+}  // namespace
+
+VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsManager()
+    : XMLRecordStore(MissingCompsFilePath()) {}
 
 // With the lock taken separately by the read and the delete, a read that timed out on a busy lock
 // was followed by a delete that got it once freed, throwing away every pending request.
 VantuUpdaterMissingCompsManager::~VantuUpdaterMissingCompsManager() {
   try {
-    {
-      StoreLockScope lock(*this);
-      std::list<VantuUpdaterMissingCompsApp> apps;
-      if (lock.Held() && (!GetMissingCompsApps(apps) || apps.empty())) Delete();
-    }
-    if (HasLock()) Unlock(false);
+    StoreLockScope lock(*this);
+    std::list<VantuUpdaterMissingCompsApp> apps;
+    if (lock.Held() && (!GetMissingCompsApps(apps) || apps.empty())) Delete();
   } catch (...) {
   }
 }
@@ -88,54 +86,24 @@ std::string VantuUpdaterMissingCompsManager::GetNodeRootName() {
   return "VantuUpdaterMissingCompsManager";
 }
 
-bool VantuUpdaterMissingCompsManager::LoadStore() {
-  if (Load(nullptr)) return true;
-  ForgetLoadedTree();
-  return false;
-}
-
-void VantuUpdaterMissingCompsManager::ForgetLoadedTree() {
-  using Binding = XMLBoundObject<VantuUpdaterMissingCompsManager>;
-  Binding::operator=(Binding());
-}
-
 bool VantuUpdaterMissingCompsManager::OnLoadSuccess(esd::XMLDocumentNode* root, void*) {
-  esd::XMLDocumentNode* storeRoot = StoreRoot::FindOrAdd(root, GetNodeRootName());
-  if (storeRoot == nullptr) return false;
-  SetObjectRoot(storeRoot);
+  if (!BindStoreRoot(root)) return false;
   unsigned long dropped =
       DeleteVantuUpdaterMissingCompsAppIf(VantuUpdaterMissingCompsAppVerifier(this));
   std::vector<VantuUpdaterMissingCompsApp> entries;
   XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterMissingCompsApp>(
-      storeRoot, VantuUpdaterMissingCompsApp::GetNodeRootName(), entries);
+      GetObjectRoot(), VantuUpdaterMissingCompsApp::GetNodeRootName(), entries);
   for (VantuUpdaterMissingCompsApp& entry : entries) dropped += DropUnusableComponents(entry);
   if (dropped > 0) Save();
   return true;
 }
 
-bool VantuUpdaterMissingCompsManager::SaveMissingCompsApps() {
-  try {
-    if (GetObjectRoot()->GetChildNodes().empty()) {
-      if (!Delete()) return false;
-      ForgetLoadedTree();
-      return true;
-    }
-    return Save();
-  } catch (...) {
-    return false;
-  }
-}
+bool VantuUpdaterMissingCompsManager::SaveMissingCompsApps() { return SaveOrDelete(); }
 
 bool VantuUpdaterMissingCompsManager::GetMissingCompsApps(
     std::list<VantuUpdaterMissingCompsApp>& out) {
-  StoreLockScope lock(*this);
-  if (!lock.Held()) return false;
-  if (!LoadStore()) return false;
-
-  out.clear();
   std::vector<VantuUpdaterMissingCompsApp> apps;
-  XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterMissingCompsApp>(
-      GetObjectRoot(), VantuUpdaterMissingCompsApp::GetNodeRootName(), apps);
+  if (!LoadRecords(apps)) return false;
   out.assign(apps.begin(), apps.end());
   return true;
 }
@@ -146,10 +114,7 @@ bool VantuUpdaterMissingCompsManager::GetMissingCompsAppByAppID(
   if (!lock.Held()) return false;
   std::list<VantuUpdaterMissingCompsApp> apps;
   if (!GetMissingCompsApps(apps)) return false;
-  auto found = std::find_if(apps.begin(), apps.end(), VantuUpdaterMissingCompsAppMatcher(appID));
-  if (found == apps.end()) return false;
-  out.reset(new VantuUpdaterMissingCompsApp(*found));
-  return true;
+  return FindRecord(apps, VantuUpdaterMissingCompsAppMatcher(appID), out);
 }
 
 unsigned VantuUpdaterMissingCompsManager::InsertMissingCompsApp(VantuUpdaterMissingCompsApp& app) {
@@ -174,12 +139,10 @@ unsigned VantuUpdaterMissingCompsManager::UpdateWithAppAndCompData(
   if (appID == nullptr || displayName == nullptr || installPath == nullptr ||
       compName == nullptr || compCategory == nullptr || compVersion == nullptr)
     return kUpdateFailed;
-  // These three are written raw as attribute values: one holding a tab, line feed or carriage
-  // return would read back with a blank, never be found again, and be added once more by every
-  // request. (Markup in them is caught when the save refuses text that would not load.)
+  // These three are written raw as attribute values.
   for (const char* attribute : {appID, static_cast<const char*>(compName),
                                 static_cast<const char*>(compCategory)}) {
-    if (std::strpbrk(attribute, "\t\n\r") != nullptr) return kUpdateFailed;
+    if (!esd::IsRawAttributeText(attribute)) return kUpdateFailed;
   }
   // The host's text, not the store's: a version that does not parse is a refused entry, found
   // before the lock is taken.

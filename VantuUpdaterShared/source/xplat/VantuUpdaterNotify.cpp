@@ -10,6 +10,7 @@
 #include "xplat/FileSystemUtils.h"
 #include "xplat/FolderFinder.h"
 #include "xplat/ResourceLocker.h"
+#include "xplat/UpdaterNames.h"
 #include "xplat/VantuUpdaterNotifyWorkflowLocker.h"
 #include "xplat/VantuUpdaterUtils.h"
 
@@ -17,11 +18,11 @@ namespace VantuUpdaterUtils {
 
 namespace {
 
-constexpr char kNotificationObjectPath[] = "/org/esd/DistributedNotificationCenter";
-constexpr char kNotificationInterface[] = "org.esd.DistributedNotificationCenter";
-constexpr char kNotificationMember[] = "Notification";
-constexpr char kExpressDownloadName[] = "Do Express Download";
-constexpr char kExpressDownloadObject[] = "Vantu Updater Express Download Signal";
+using UpdaterNames::kExpressDownloadName;
+using UpdaterNames::kExpressDownloadObject;
+using UpdaterNames::kNotificationInterface;
+using UpdaterNames::kNotificationMember;
+using UpdaterNames::kNotificationObjectPath;
 
 // Groups whose members administer the machine: the original platform's, Debian's, Red Hat's,
 // and root's own group.

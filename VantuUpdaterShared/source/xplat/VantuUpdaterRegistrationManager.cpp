@@ -6,19 +6,16 @@
 #include "xplat/FileSystemUtils.h"
 #include "xplat/SearchResults.h"
 #include "xplat/StoreLockScope.h"
-#include "xplat/StoreRoot.h"
+#include "xplat/TextValidation.h"
+#include "xplat/UpdaterNames.h"
 #include "xplat/VantuUpdaterUtils.h"
 #include "xplat/XMLEscaping.h"
 
 namespace {
 
-const char kRegistrationFileName[] = "VantuESDGlobalApps.xml";
 const char kAppIDAttr[] = "appID";
 const char kVantuUpdaterDisplayName[] = "Vantu Updater";
 const char kInstallPathElem[] = "InstallPath";
-
-enum InsertResult : unsigned { kInserted = 0, kReplaced = 1, kUnchanged = 2, kInsertFailed = 3 };
-enum UnregisterResult : unsigned { kRemoved = 0, kNotFound = 1, kUnregisterFailed = 2 };
 
 // Adds a deep copy of `record` as the last child of `storeRoot`; false when it cannot be copied.
 bool AppendCopy(esd::XMLDocumentNode* storeRoot, esd::XMLDocumentNode* record) {
@@ -76,62 +73,37 @@ bool VantuUpdaterRegistrationManager::RegisteredAppVerifier::operator()(
          installPath.empty();
 }
 
-VantuUpdaterRegistrationManager::VantuUpdaterRegistrationManager()
-    : JournaledXMLLockedFile(mBuilder, kLockTimeout) {
+namespace {
+
+std::string RegistrationFilePath() {
   std::string dataDir;
   if (!VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(dataDir))
     throw std::runtime_error("Unable to determine registration filepath!");
-  mFilePath = FileSystemUtils::AppendPathElement(dataDir, kRegistrationFileName);
-  SetPath(mFilePath);
+  return FileSystemUtils::AppendPathElement(dataDir, UpdaterNames::kRegistrationFileName);
+}
+
+}  // namespace
+
+VantuUpdaterRegistrationManager::VantuUpdaterRegistrationManager()
+    : XMLRecordStore(RegistrationFilePath()) {
   // The machine-wide register must not be world-writable: every save gives it the restricted
   // permission as it is written, rather than narrowing a world-writable file afterwards.
   SetSavedFileMode(0664);
-}
-
-VantuUpdaterRegistrationManager::~VantuUpdaterRegistrationManager() {
-  try {
-    if (HasLock()) Unlock(false);
-  } catch (...) {
-  }
 }
 
 std::string VantuUpdaterRegistrationManager::GetNodeRootName() {
   return "VantuUpdaterRegistrationManager";
 }
 
-bool VantuUpdaterRegistrationManager::LoadStore() {
-  if (Load(nullptr)) return true;
-  ForgetLoadedTree();
-  return false;
-}
-
-void VantuUpdaterRegistrationManager::ForgetLoadedTree() {
-  using Binding = XMLBoundObject<VantuUpdaterRegistrationManager>;
-  Binding::operator=(Binding());
-}
-
 bool VantuUpdaterRegistrationManager::OnLoadSuccess(esd::XMLDocumentNode* root, void*) {
-  esd::XMLDocumentNode* storeRoot = StoreRoot::FindOrAdd(root, GetNodeRootName());
-  if (storeRoot == nullptr) return false;
-  SetObjectRoot(storeRoot);
-  if (HasUnusableRecord(storeRoot) &&
+  if (!BindStoreRoot(root)) return false;
+  if (HasUnusableRecord(GetObjectRoot()) &&
       DeleteVantuUpdaterRegisteredAppIf(RegisteredAppVerifier(this)) > 0)
     Save();
   return true;
 }
 
-bool VantuUpdaterRegistrationManager::SaveRegisteredApps() {
-  try {
-    if (GetObjectRoot()->GetChildNodes().empty()) {
-      if (!Delete()) return false;
-      ForgetLoadedTree();
-      return true;
-    }
-    return Save();
-  } catch (...) {
-    return false;
-  }
-}
+bool VantuUpdaterRegistrationManager::SaveRegisteredApps() { return SaveOrDelete(); }
 
 bool VantuUpdaterRegistrationManager::DeleteVantuUpdaterRegisteredApp(
     VantuUpdaterRegisteredApp& app) {
@@ -153,7 +125,7 @@ unsigned VantuUpdaterRegistrationManager::InsertOrUpdateRegisteredApp(
   // again, registered once more by every call, the duplicates ending the next lookup of the blank
   // form. It is refused here rather than reported as an unusable store, which callers answer by
   // rebuilding the file and dropping every other registration.
-  if (appID.find_first_of("\"<&\t\n\r") != std::string::npos) return kUnchanged;
+  if (!esd::IsRawAttributeText(appID)) return kRefused;
 
   esd::XMLDocumentNode* storeRoot = GetObjectRoot();
   esd::SearchResult<esd::XMLDocumentNode> existing =
@@ -202,14 +174,9 @@ unsigned VantuUpdaterRegistrationManager::UnregisterApp(const std::string& appID
 
 bool VantuUpdaterRegistrationManager::GetRegisteredApps(
     std::list<VantuUpdaterRegisteredApp>& out) {
-  StoreLockScope lock(*this);
-  if (!lock.Held()) return false;
-  if (!LoadStore()) return false;
-
-  out.clear();
   std::vector<VantuUpdaterRegisteredApp> apps;
-  XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterRegisteredApp>(
-      GetObjectRoot(), VantuUpdaterRegisteredApp::GetNodeRootName(), apps);
+  if (!LoadRecords(apps)) return false;
+  out.clear();
   for (VantuUpdaterRegisteredApp& app : apps) {
     out.push_back(app);
     out.back().Detach();
@@ -225,10 +192,7 @@ bool VantuUpdaterRegistrationManager::GetRegisteredApplicationByAppID(
   if (!lock.Held()) return false;
   std::list<VantuUpdaterRegisteredApp> apps;
   if (!GetRegisteredApps(apps)) return false;
-  auto found = std::find_if(apps.begin(), apps.end(), RegisteredAppMatcher(appID));
-  if (found == apps.end()) return false;
-  out.reset(new VantuUpdaterRegisteredApp(*found));
-  return true;
+  return FindRecord(apps, RegisteredAppMatcher(appID), out);
 }
 
 bool VantuUpdaterRegistrationManager::GetVantuUpdaterInfo(
