@@ -1,0 +1,505 @@
+// Fuzzes the eight exported functions the way a host calls them: each input plants the files a
+// machine may hold (the registered-applications store and its journal, the missing-components
+// store, the preferences, the administrator policy, an availability answer) in a sandboxed
+// machine, then makes one to four calls with arguments it picks (identifiers, names, paths,
+// versions, language codes, request numbers, trigger types, component lists with NULLs).
+//
+// Checked after every call: the host is still alive (an exception or an abort leaving an export
+// ends the run), the result is a documented code, every lock the library uses is free for
+// another process at once, and every store file the call wrote parses. Checked after the calls:
+// nothing outside the library's data folders changed, and the files of an application the calls
+// never named are byte-identical.
+//
+// Nothing is ever started: launches and shell commands answer as the input says without running,
+// and the process table shows this process alone. The launch parameters the library sets stay in
+// the sandbox too, so no input leaves state for the next.
+
+#include <fuzzer/FuzzedDataProvider.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "FuzzSandbox.h"
+#include "VantuUpdater/VantuUpdater.h"
+#include "support/PrivateMounts.h"
+#include "xplat/ExpatDOMBuilder.h"
+#include "xplat/FileSystemUtils.h"
+#include "xplat/FolderFinder.h"
+#include "xplat/JournaledXMLFile.h"
+#include "xplat/ResourceLocker.h"
+#include "xplat/VantuUpdaterMissingCompsManager.h"
+#include "xplat/VantuUpdaterNotifyWorkflowLocker.h"
+#include "xplat/VantuUpdaterPrefs.h"
+#include "xplat/VantuUpdaterRegistrationManager.h"
+#include "xplat/VantuUpdaterUtils.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using fuzzing::Check;
+using Builder = esd::ExpatDOMBuilder<esd::XMLDocumentNode>;
+
+// The application the inputs work with, and one they never name, whose files must survive.
+const char kAppID[] = "com.example.Fuzz";
+const char kOtherAppID[] = "com.example.Other";
+// The resource name of the preferences lock, shared by every process of the user.
+const char kPrefsLock[] = "VantuUpdater";
+// How long the other process waits for a lock: far shorter than any caller's time-out, long
+// enough for a holder that is still finishing its own release.
+const unsigned long kLockProbeMs = 20;
+const std::size_t kMaxFileBytes = 1 << 21;
+const std::size_t kMaxArgumentBytes = 600;
+
+const char kUpdaterInfoPlist[] =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+    "<key>CFBundleExecutable</key><string>Vantu Updater</string>"
+    "<key>CFBundlePackageType</key><string>APPL</string>"
+    "<key>CFBundleSignature</key><string>ROZ5</string></dict></plist>\n";
+const char kAnswerYes[] = "<UpdateInfo><Result>1</Result></UpdateInfo>";
+
+// The real system, except that nothing is started, only this process runs, and the variables
+// the library sets for the updater live here instead of in the process environment.
+class FuzzEnv : public testing_support::TestEnv {
+ public:
+  void Reset(bool launchesWork) {
+    mLaunchesWork = launchesWork;
+    mSetVariables.clear();
+  }
+
+  bool ListProcessIds(std::vector<pid_t>& pids) override {
+    pids.assign(1, getpid());
+    return true;
+  }
+  bool StartDetachedProcess(const std::string&, const std::vector<std::string>&) override {
+    return mLaunchesWork;
+  }
+  int RunShellCommand(const std::string&) override { return mLaunchesWork ? 0 : 1 << 8; }
+  bool PostSessionBusSignal(const std::string&, const std::string&, const std::string&,
+                            const std::vector<std::string>&) override {
+    return mLaunchesWork;
+  }
+  bool GetEnvironmentVariable(const std::string& name, std::string& value) override {
+    const auto found = mSetVariables.find(name);
+    if (found == mSetVariables.end()) return TestEnv::GetEnvironmentVariable(name, value);
+    if (!found->second) return false;
+    value = *found->second;
+    return true;
+  }
+  bool SetEnvironmentVariable(const std::string& name, const std::string& value) override {
+    if (name.empty() || name.find('=') != std::string::npos) return false;
+    mSetVariables[name] = value;
+    return true;
+  }
+  bool UnsetEnvironmentVariable(const std::string& name) override {
+    mSetVariables[name] = std::nullopt;
+    return true;
+  }
+
+ private:
+  bool mLaunchesWork = true;
+  std::map<std::string, std::optional<std::string>> mSetVariables;
+};
+
+// Another process that tries each lock it is sent for kLockProbeMs and answers with the index of
+// the first one it could not take (or -1). One process serves every input: forking per check
+// would cost more than the calls themselves.
+class LockProbe {
+ public:
+  LockProbe() {
+    int ends[2];
+    Check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "a socket pair");
+    mChild = fork();
+    Check(mChild >= 0, "the lock probe can be forked");
+    if (mChild == 0) {
+      close(ends[0]);
+      Serve(ends[1]);
+    }
+    close(ends[1]);
+    mSocket = ends[0];
+  }
+
+  // The first of `names` that another process cannot take at once, or nullptr.
+  const std::string* FirstHeld(const std::vector<std::string>& names) {
+    std::string request;
+    for (const std::string& name : names) {
+      const uint32_t length = static_cast<uint32_t>(name.size());
+      request.append(reinterpret_cast<const char*>(&length), sizeof length).append(name);
+    }
+    const uint32_t total = static_cast<uint32_t>(request.size());
+    request.insert(0, reinterpret_cast<const char*>(&total), sizeof total);
+    Check(WriteAll(mSocket, request.data(), request.size()), "the lock probe takes a request");
+    int32_t held = -1;
+    Check(ReadAll(mSocket, &held, sizeof held), "the lock probe answers");
+    return held < 0 ? nullptr : &names.at(static_cast<std::size_t>(held));
+  }
+
+ private:
+  [[noreturn]] static void Serve(int socket) {
+    for (;;) {
+      uint32_t total = 0;
+      if (!ReadAll(socket, &total, sizeof total)) _exit(0);
+      std::string request(total, '\0');
+      if (!ReadAll(socket, request.data(), total)) _exit(0);
+      int32_t held = -1;
+      for (std::size_t at = 0, index = 0; at + sizeof(uint32_t) <= request.size(); ++index) {
+        uint32_t length = 0;
+        request.copy(reinterpret_cast<char*>(&length), sizeof length, at);
+        at += sizeof length;
+        const std::string name = request.substr(at, length);
+        at += length;
+        if (held < 0 && !TryLock(name)) held = static_cast<int32_t>(index);
+      }
+      if (!WriteAll(socket, &held, sizeof held)) _exit(0);
+    }
+  }
+
+  static bool TryLock(const std::string& name) {
+    try {
+      esd::ResourceLocker locker(name, kLockProbeMs);
+      return locker.Lock();
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+
+  static bool ReadAll(int fd, void* data, std::size_t size) {
+    for (std::size_t done = 0; done < size;) {
+      const ssize_t got = read(fd, static_cast<char*>(data) + done, size - done);
+      if (got <= 0) return false;
+      done += static_cast<std::size_t>(got);
+    }
+    return true;
+  }
+  static bool WriteAll(int fd, const void* data, std::size_t size) {
+    for (std::size_t done = 0; done < size;) {
+      const ssize_t put = write(fd, static_cast<const char*>(data) + done, size - done);
+      if (put <= 0) return false;
+      done += static_cast<std::size_t>(put);
+    }
+    return true;
+  }
+
+  pid_t mChild = -1;
+  int mSocket = -1;
+};
+
+// The files an input may plant, in the order the input gives them.
+enum Planted { kRegistry, kRegistryJournal, kMissingComps, kPrefs, kPolicy, kAnswer, kPlantedCount };
+
+// A private machine for the whole run, with the library's locations found through the library.
+struct Machine {
+  Machine() {
+    env.SetRoot(temp / "root");
+    env.SetHome(temp / "home");
+    env.SetVariable("XDG_RUNTIME_DIR", temp / "run");
+    for (const char* folder : {"root/etc", "root/opt", "home/.local", "run"})
+      fs::create_directories(temp / folder);
+
+    std::string folder;
+    Check(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(folder), "the machine's data folder");
+    dataFolders.push_back(folder);
+    Check(VantuUpdaterUtils::GetVantuUpdaterDataDir(folder), "the user's data folder");
+    dataFolders.push_back(folder);
+    Check(VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::GetIPCLockFileParentFolder(folder),
+          "the workflow markers' folder");
+    dataFolders.push_back(folder);
+    for (const std::string& data : dataFolders) fs::create_directories(data);
+
+    files[kRegistry] = fuzzing::StorePath<VantuUpdaterRegistrationManager>();
+    JournaledXMLFile::GetJournalPath(files[kRegistry], files[kRegistryJournal]);
+    files[kMissingComps] = fuzzing::StorePath<VantuUpdaterMissingCompsManager>();
+    files[kPrefs] = FileSystemUtils::AppendPathElement(dataFolders[1], "VantuUpdaterPrefs.dat");
+    Check(esd::FolderFinder::GetLocalPreferencesFolderPath(folder), "the policy folder");
+    files[kPolicy] = FileSystemUtils::AppendPathElement(folder, "com.vantu.VantuUpdater.Admin.plist");
+    Check(VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(cacheData), "the cache-data folder");
+    files[kAnswer] = RequestFolder(kAppID) + "/1.xml";
+    Check(VantuUpdaterUtils::GetUpdaterLocation(updater), "the updater's location");
+
+    // What a call for kOtherAppID, and only such a call, may change; and a file an identifier
+    // climbing out of the cache folder would reach.
+    otherFiles = {cacheData + "/" + kOtherAppID + ".rzp.xml",
+                  RequestFolder(kOtherAppID) + "/7.xml",
+                  dataFolders[2] + "/locked/lock." + kOtherAppID};
+    outsideFile = temp / "home/.local/esc.rzp.xml";
+  }
+
+  std::string RequestFolder(const std::string& appID) const {
+    return cacheData + "/UpdateAvailable/" + appID;
+  }
+
+  // Back to an empty machine with the planted files; also removes what the last input made.
+  void Reset(const std::optional<std::string> (&planted)[kPlantedCount], bool updaterInstalled) {
+    for (const std::string& data : dataFolders) {
+      fs::remove_all(data);
+      fs::create_directories(data);
+    }
+    fs::remove_all(updater);
+    if (updaterInstalled) {
+      fs::create_directories(updater + "/Contents/MacOS");
+      testing_support::WriteFile(updater + "/Contents/Info.plist", kUpdaterInfoPlist);
+      testing_support::WriteFile(updater + "/Contents/MacOS/Vantu Updater", "#!/bin/false\n");
+    }
+    for (const std::string& file : otherFiles) Plant(file, kAnswerYes);
+    Plant(outsideFile, kAnswerYes);
+    for (int which = 0; which < kPlantedCount; ++which) {
+      if (planted[which]) Plant(files[which], *planted[which]);
+      else std::remove(files[which].c_str());
+    }
+  }
+
+  static void Plant(const std::string& path, const std::string& bytes) {
+    fs::create_directories(fs::path(path).parent_path());
+    testing_support::WriteFile(path, bytes);
+  }
+
+  // Every entry below the sandbox outside the data folders, with the content of each file.
+  std::map<std::string, std::string> Outside() const {
+    std::map<std::string, std::string> seen;
+    std::error_code error;
+    for (auto it = fs::recursive_directory_iterator(temp.path(), error);
+         it != fs::recursive_directory_iterator(); it.increment(error)) {
+      const std::string path = it->path().string();
+      bool data = false;
+      for (const std::string& folder : dataFolders) data = data || path == folder;
+      if (data) {
+        it.disable_recursion_pending();
+        continue;
+      }
+      if (it->is_symlink()) seen[path] = "symlink to " + fs::read_symlink(it->path()).string();
+      else if (it->is_directory()) seen[path] = "folder";
+      else seen[path] = fuzzing::ReadIfPresent(path).value_or("unreadable");
+    }
+    return seen;
+  }
+
+  testing_support::TempDir temp;
+  FuzzEnv env;
+  esd::ScopedEnv scope{&env};
+  std::vector<std::string> dataFolders;  // machine-wide, per user, runtime
+  std::string files[kPlantedCount];
+  std::string cacheData;
+  std::string updater;
+  std::vector<std::string> otherFiles;
+  std::string outsideFile;
+};
+
+Machine* gMachine = nullptr;
+LockProbe* gProbe = nullptr;
+
+// One call's text arguments: NULL, one of the values a host would pass, or bytes from the input.
+// The texts live until the input is done.
+class Arguments {
+ public:
+  explicit Arguments(FuzzedDataProvider& input) : mInput(input) {}
+
+  const char* Text(std::initializer_list<const char*> usual) {
+    const std::size_t choice = mInput.ConsumeIntegralInRange<std::size_t>(0, usual.size() + 1);
+    if (choice == 0) return nullptr;
+    if (choice <= usual.size()) return usual.begin()[choice - 1];
+    mTexts.push_back(mInput.ConsumeRandomLengthString(kMaxArgumentBytes));
+    return mTexts.back().c_str();
+  }
+  const unsigned char* Bytes(std::initializer_list<const char*> usual) {
+    return reinterpret_cast<const unsigned char*>(Text(usual));
+  }
+  const char* AppID() {
+    const char* id = Text({kAppID, "..", "../../../../esc"});
+    if (id) mAppIDs.insert(id);
+    return id;
+  }
+  const unsigned char* Name() { return Bytes({"Fuzz App"}); }
+  const unsigned char* Path() { return Bytes({"/opt/Fuzz App"}); }
+  const char* Language() { return Text({"en_US"}); }
+
+  // Every identifier passed so far.
+  const std::set<std::string>& AppIDs() const { return mAppIDs; }
+
+  // A list of up to four components, each NULL or with fields picked like the other texts.
+  const ROZMissingComptList* Components() {
+    if (mInput.ConsumeIntegralInRange<uint8_t>(0, 7) == 0) return nullptr;
+    mLists.emplace_back();
+    List& list = mLists.back();
+    const uint8_t count = mInput.ConsumeIntegralInRange<uint8_t>(0, 4);
+    for (uint8_t i = 0; i < count; ++i) {
+      list.components.push_back(ROZMissingComponent{const_cast<char*>(Text({"Fonts"})),
+                                                    const_cast<char*>(Text({"Serif"})),
+                                                    const_cast<char*>(Text({"1.2.0.0", "1..2"}))});
+    }
+    for (ROZMissingComponent& component : list.components)
+      list.pointers.push_back(mInput.ConsumeIntegralInRange<uint8_t>(0, 7) ? &component : nullptr);
+    list.list.count = count;
+    list.list.components = count ? list.pointers.data() : nullptr;
+    return &list.list;
+  }
+
+ private:
+  struct List {
+    std::vector<ROZMissingComponent> components;
+    std::vector<ROZMissingComponent*> pointers;
+    ROZMissingComptList list{};
+  };
+  FuzzedDataProvider& mInput;
+  std::deque<std::string> mTexts;
+  std::deque<List> mLists;
+  std::set<std::string> mAppIDs;
+};
+
+template <class Enum>
+Enum PickType(FuzzedDataProvider& input) {
+  const uint8_t choice = input.ConsumeIntegralInRange<uint8_t>(0, 2);
+  return static_cast<Enum>(choice < 2 ? choice : input.ConsumeIntegral<int32_t>());
+}
+
+bool IsResultCode(int32_t result) { return (result >= 0 && result <= 9) || result == 12; }
+
+// Makes the call the input picks; false when the result is not a documented one.
+bool CallOne(FuzzedDataProvider& input, Arguments& args) {
+  int32_t result = 0;
+  switch (input.ConsumeIntegralInRange<uint8_t>(0, 7)) {
+    case 0:
+      return ROZGetVersion() == 0x51000006;
+    case 1:
+      result = ROZIsUpdateCheckEnabled();
+      return result == 0 || result == 1;
+    case 2: {
+      const char* id = args.AppID();
+      const unsigned char* name = args.Name();
+      result = ROZRegisterApplication(id, name, args.Path());
+      break;
+    }
+    case 3:
+      result = ROZUnRegisterApplication(args.AppID());
+      break;
+    case 4: {
+      const char* id = args.AppID();
+      const unsigned char* name = args.Name();
+      const unsigned char* path = args.Path();
+      const unsigned long request =
+          input.ConsumeBool() ? 1 : input.ConsumeIntegral<unsigned long>();
+      bool available = false;
+      bool* answer = input.ConsumeBool() ? &available : nullptr;
+      result = ROZIsUpdateAvailable(id, name, path, request, answer, input.ConsumeBool());
+      break;
+    }
+    case 5: {
+      const char* id = args.AppID();
+      const unsigned char* name = args.Name();
+      const unsigned char* path = args.Path();
+      const char* language = args.Language();
+      const ROZTriggerType type = PickType<ROZTriggerType>(input);
+      result = ROZTriggerUpdateCheck(id, name, path, language, type, input.ConsumeBool());
+      break;
+    }
+    case 6:
+      result = ROZDoPluginAction(args.AppID());
+      break;
+    default: {
+      const char* id = args.AppID();
+      const unsigned char* name = args.Name();
+      const unsigned char* path = args.Path();
+      const char* language = args.Language();
+      const ROZMissingComptList* list = args.Components();
+      const ROZDownloadMissingCompType type = PickType<ROZDownloadMissingCompType>(input);
+      result = ROZDownloadMissingComponents(id, name, path, language, list, type,
+                                            input.ConsumeBool());
+      break;
+    }
+  }
+  return IsResultCode(result);
+}
+
+// Every lock a call may have taken: both stores, the preferences, and the workflow of each
+// application named.
+std::vector<std::string> LockNames(const Arguments& args) {
+  std::vector<std::string> names = {gMachine->files[kRegistry], gMachine->files[kMissingComps],
+                                    kPrefsLock, kAppID};
+  for (const std::string& id : args.AppIDs()) {
+    if (!id.empty()) names.push_back(id);
+  }
+  return names;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  // Locks of this run are nobody else's, and none outlives it, when the kernel allows a private
+  // /dev/shm (as root); otherwise they share the machine's, and the probe's wait covers other
+  // processes holding a lock for a moment. Done here, while the process has one thread.
+  std::string why;
+  if (!testing_support::EnterPrivateMountNamespace(why) ||
+      !testing_support::UsePrivateSemaphores(why))
+    std::fprintf(stderr, "Exports_fuzz: locks shared with the machine (%s)\n", why.c_str());
+  gMachine = new Machine();
+  // The preferences are read once per process, which also makes the user's download folder:
+  // a first call's work, not something an input does.
+  VantuUpdaterPrefs::GetVantuUpdaterPrefs();
+  gProbe = new LockProbe();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  FuzzedDataProvider input(data, size);
+
+  const uint8_t groups = input.ConsumeIntegralInRange<uint8_t>(0, 7);
+  if (groups == 7) gMachine->env.SetGroups({"users"});
+  else if (groups == 6) gMachine->env.SetGroups({});
+  else gMachine->env.SetGroups({"staff", "admin"});
+  const bool updaterInstalled = input.ConsumeBool();
+  gMachine->env.Reset(input.ConsumeBool());
+  std::optional<std::string> planted[kPlantedCount];
+  for (std::optional<std::string>& file : planted) {
+    if (input.ConsumeBool()) file = input.ConsumeRandomLengthString(kMaxFileBytes);
+  }
+  gMachine->Reset(planted, updaterInstalled);
+  const std::map<std::string, std::string> outside = gMachine->Outside();
+
+  Arguments args(input);
+  const uint8_t calls = input.ConsumeIntegralInRange<uint8_t>(1, 4);
+  for (uint8_t call = 0; call < calls; ++call) {
+    std::optional<std::string> stores[kPolicy];
+    for (int which = 0; which < kPolicy; ++which)
+      stores[which] = fuzzing::ReadIfPresent(gMachine->files[which]);
+
+    Check(CallOne(input, args), "an export answers with a documented result");
+
+    if (const std::string* held = gProbe->FirstHeld(LockNames(args))) {
+      std::fprintf(stderr, "lock left held: %s\n", held->c_str());
+      Check(false, "no lock is left held after a call");
+    }
+    for (int which = 0; which < kPolicy; ++which) {
+      const std::optional<std::string> now = fuzzing::ReadIfPresent(gMachine->files[which]);
+      if (now && now != stores[which])
+        Check(Builder::IsWellFormed(now->data(), now->size()), "a store the call wrote parses");
+    }
+  }
+
+  const std::map<std::string, std::string> after = gMachine->Outside();
+  for (const auto& [path, content] : outside) {
+    const auto now = after.find(path);
+    if (now == after.end() || now->second != content)
+      std::fprintf(stderr, "changed outside the data folders: %s\n", path.c_str());
+  }
+  for (const auto& [path, content] : after) {
+    if (!outside.count(path)) std::fprintf(stderr, "made outside the data folders: %s\n", path.c_str());
+  }
+  Check(after == outside, "nothing outside the data folders changes");
+  if (!args.AppIDs().count(kOtherAppID)) {
+    for (const std::string& file : gMachine->otherFiles)
+      Check(fuzzing::ReadIfPresent(file) == std::string(kAnswerYes),
+            "another application's files are left alone");
+  }
+  return 0;
+}
