@@ -22,6 +22,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <exception>
 #include <filesystem>
@@ -357,23 +358,35 @@ class Arguments {
   std::set<std::string> mAppIDs;
 };
 
+// 0, 1, or any value of the type. Negative numbers are left out: in C++ they lie outside the
+// range of both enumerations, whose largest enumerator is 0x7FFFFFFF.
 template <class Enum>
 Enum PickType(FuzzedDataProvider& input) {
   const uint8_t choice = input.ConsumeIntegralInRange<uint8_t>(0, 2);
-  return static_cast<Enum>(choice < 2 ? choice : input.ConsumeIntegral<int32_t>());
+  return static_cast<Enum>(choice < 2 ? choice : input.ConsumeIntegralInRange<int32_t>(0, 0x7FFFFFFF));
 }
 
-bool IsResultCode(int32_t result) { return (result >= 0 && result <= 9) || result == 12; }
+bool IsResultCode(int32_t result) {
+  return (result >= kROZResultOK && result <= kROZResultAlreadyRequested) ||
+         result == kROZResultUpdaterRunning;
+}
 
-// Makes the call the input picks; false when the result is not a documented one.
-bool CallOne(FuzzedDataProvider& input, Arguments& args) {
+// Makes the call the input picks and checks its result: a documented code, and the one the
+// machine decides when `enabled` knows whether update checks are enabled (an administrator
+// without a policy: yes; anybody else: no; an administrator with a policy: not known here).
+void CallOne(FuzzedDataProvider& input, Arguments& args, std::optional<bool> enabled) {
+  static const int32_t version = ROZGetVersion();
   int32_t result = 0;
-  switch (input.ConsumeIntegralInRange<uint8_t>(0, 7)) {
+  const uint8_t which = input.ConsumeIntegralInRange<uint8_t>(0, 7);
+  switch (which) {
     case 0:
-      return ROZGetVersion() == 0x51000006;
+      Check(version != 0 && ROZGetVersion() == version, "the version is the same every time");
+      return;
     case 1:
       result = ROZIsUpdateCheckEnabled();
-      return result == 0 || result == 1;
+      Check(result == 0 || result == 1, "update checks are enabled or not");
+      Check(!enabled || result == *enabled, "update checks are enabled for administrators only");
+      return;
     case 2: {
       const char* id = args.AppID();
       const unsigned char* name = args.Name();
@@ -418,7 +431,10 @@ bool CallOne(FuzzedDataProvider& input, Arguments& args) {
       break;
     }
   }
-  return IsResultCode(result);
+  Check(IsResultCode(result), "an export answers with a documented result");
+  // Registering and unregistering work whether or not checks are enabled; the rest do not.
+  if (which >= 4 && enabled == false)
+    Check(result == kROZResultUpdateCheckDisabled, "a disabled machine refuses the request");
 }
 
 // Every lock a call may have taken: both stores, the preferences, and the workflow of each
@@ -439,10 +455,20 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // /dev/shm (as root); otherwise they share the machine's, and the probe's wait covers other
   // processes holding a lock for a moment. Done here, while the process has one thread.
   std::string why;
-  if (!testing_support::EnterPrivateMountNamespace(why) ||
-      !testing_support::UsePrivateSemaphores(why))
+  const bool privateLocks = testing_support::EnterPrivateMountNamespace(why) &&
+                            testing_support::UsePrivateSemaphores(why);
+  if (!privateLocks)
     std::fprintf(stderr, "Exports_fuzz: locks shared with the machine (%s)\n", why.c_str());
-  gMachine = new Machine();
+  // The sandbox goes to the private tmpfs too: the stores and the preferences sync every save,
+  // which costs a disk far more than the input costs the code.
+  const char* tmpdir = std::getenv("TMPDIR");
+  const std::optional<std::string> callerTmpdir =
+      tmpdir ? std::optional<std::string>(tmpdir) : std::nullopt;
+  if (privateLocks) setenv("TMPDIR", "/dev/shm", 1);
+  static Machine machine;
+  gMachine = &machine;
+  if (callerTmpdir) setenv("TMPDIR", callerTmpdir->c_str(), 1);
+  else unsetenv("TMPDIR");
   // The preferences are read once per process, which also makes the user's download folder:
   // a first call's work, not something an input does.
   VantuUpdaterPrefs::GetVantuUpdaterPrefs();
@@ -457,6 +483,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (groups == 7) gMachine->env.SetGroups({"users"});
   else if (groups == 6) gMachine->env.SetGroups({});
   else gMachine->env.SetGroups({"staff", "admin"});
+  const bool admin = groups < 6;
   const bool updaterInstalled = input.ConsumeBool();
   gMachine->env.Reset(input.ConsumeBool());
   std::optional<std::string> planted[kPlantedCount];
@@ -473,7 +500,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     for (int which = 0; which < kPolicy; ++which)
       stores[which] = fuzzing::ReadIfPresent(gMachine->files[which]);
 
-    Check(CallOne(input, args), "an export answers with a documented result");
+    CallOne(input, args, admin && planted[kPolicy] ? std::nullopt : std::optional<bool>(admin));
 
     if (const std::string* held = gProbe->FirstHeld(LockNames(args))) {
       std::fprintf(stderr, "lock left held: %s\n", held->c_str());
@@ -497,9 +524,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   }
   Check(after == outside, "nothing outside the data folders changes");
   if (!args.AppIDs().count(kOtherAppID)) {
-    for (const std::string& file : gMachine->otherFiles)
-      Check(fuzzing::ReadIfPresent(file) == std::string(kAnswerYes),
-            "another application's files are left alone");
+    for (const std::string& file : gMachine->otherFiles) {
+      if (fuzzing::ReadIfPresent(file) == std::string(kAnswerYes)) continue;
+      std::fprintf(stderr, "%s changed by calls for:", file.c_str());
+      for (const std::string& id : args.AppIDs()) std::fprintf(stderr, " \"%s\"", id.c_str());
+      std::fprintf(stderr, "\n");
+      Check(false, "another application's files are left alone");
+    }
   }
   return 0;
 }
