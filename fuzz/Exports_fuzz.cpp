@@ -15,6 +15,7 @@
 // the sandbox too, so no input leaves state for the next.
 
 #include <fuzzer/FuzzedDataProvider.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,7 +43,6 @@
 #include "xplat/ResourceLocker.h"
 #include "xplat/VantuUpdaterMissingCompsManager.h"
 #include "xplat/VantuUpdaterNotifyWorkflowLocker.h"
-#include "xplat/VantuUpdaterPrefs.h"
 #include "xplat/VantuUpdaterRegistrationManager.h"
 #include "xplat/VantuUpdaterUtils.h"
 
@@ -200,13 +200,22 @@ class LockProbe {
 // The files an input may plant, in the order the input gives them.
 enum Planted { kRegistry, kRegistryJournal, kMissingComps, kPrefs, kPolicy, kAnswer, kPlantedCount };
 
+// What an input puts in a file's place: nothing, the file, the file on a read-only mount (in a
+// private mount namespace only; a plain file otherwise), or a folder, which the library can
+// neither read nor replace.
+struct PlantedFile {
+  enum Kind : uint8_t { kNothing, kFile, kReadOnlyFile, kFolder } kind = kNothing;
+  std::string bytes;
+};
+
 // A private machine for the whole run, with the library's locations found through the library.
 struct Machine {
   Machine() {
     env.SetRoot(temp / "root");
     env.SetHome(temp / "home");
     env.SetVariable("XDG_RUNTIME_DIR", temp / "run");
-    for (const char* folder : {"root/etc", "root/opt", "home/.local", "run"})
+    // The user's download folder is made by the first call that reads the preferences.
+    for (const char* folder : {"root/etc", "root/opt", "home/.local", "home/Documents/Updater5", "run"})
       fs::create_directories(temp / folder);
 
     std::string folder;
@@ -242,7 +251,9 @@ struct Machine {
   }
 
   // Back to an empty machine with the planted files; also removes what the last input made.
-  void Reset(const std::optional<std::string> (&planted)[kPlantedCount], bool updaterInstalled) {
+  void Reset(const PlantedFile (&planted)[kPlantedCount], bool updaterInstalled) {
+    for (const std::string& mounted : readOnly) umount2(mounted.c_str(), MNT_DETACH);
+    readOnly.clear();
     for (const std::string& data : dataFolders) {
       fs::remove_all(data);
       fs::create_directories(data);
@@ -256,8 +267,15 @@ struct Machine {
     for (const std::string& file : otherFiles) Plant(file, kAnswerYes);
     Plant(outsideFile, kAnswerYes);
     for (int which = 0; which < kPlantedCount; ++which) {
-      if (planted[which]) Plant(files[which], *planted[which]);
-      else std::remove(files[which].c_str());
+      const PlantedFile& plant = planted[which];
+      fs::remove_all(files[which]);
+      if (plant.kind == PlantedFile::kFolder) fs::create_directories(files[which]);
+      if (plant.kind != PlantedFile::kFile && plant.kind != PlantedFile::kReadOnlyFile) continue;
+      Plant(files[which], plant.bytes);
+      std::string why;
+      if (plant.kind == PlantedFile::kReadOnlyFile && canMount &&
+          testing_support::MountReadOnly(files[which], why))
+        readOnly.push_back(files[which]);
     }
   }
 
@@ -295,6 +313,8 @@ struct Machine {
   std::string updater;
   std::vector<std::string> otherFiles;
   std::string outsideFile;
+  bool canMount = false;
+  std::vector<std::string> readOnly;  // planted files mounted read-only
 };
 
 Machine* gMachine = nullptr;
@@ -467,11 +487,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   if (privateLocks) setenv("TMPDIR", "/dev/shm", 1);
   static Machine machine;
   gMachine = &machine;
+  machine.canMount = privateLocks;
   if (callerTmpdir) setenv("TMPDIR", callerTmpdir->c_str(), 1);
   else unsetenv("TMPDIR");
-  // The preferences are read once per process, which also makes the user's download folder:
-  // a first call's work, not something an input does.
-  VantuUpdaterPrefs::GetVantuUpdaterPrefs();
   gProbe = new LockProbe();
   return 0;
 }
@@ -486,9 +504,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const bool admin = groups < 6;
   const bool updaterInstalled = input.ConsumeBool();
   gMachine->env.Reset(input.ConsumeBool());
-  std::optional<std::string> planted[kPlantedCount];
-  for (std::optional<std::string>& file : planted) {
-    if (input.ConsumeBool()) file = input.ConsumeRandomLengthString(kMaxFileBytes);
+  PlantedFile planted[kPlantedCount];
+  for (PlantedFile& file : planted) {
+    file.kind = static_cast<PlantedFile::Kind>(input.ConsumeIntegralInRange<uint8_t>(0, 3));
+    if (file.kind == PlantedFile::kFile || file.kind == PlantedFile::kReadOnlyFile)
+      file.bytes = input.ConsumeRandomLengthString(kMaxFileBytes);
   }
   gMachine->Reset(planted, updaterInstalled);
   const std::map<std::string, std::string> outside = gMachine->Outside();
@@ -500,7 +520,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     for (int which = 0; which < kPolicy; ++which)
       stores[which] = fuzzing::ReadIfPresent(gMachine->files[which]);
 
-    CallOne(input, args, admin && planted[kPolicy] ? std::nullopt : std::optional<bool>(admin));
+    CallOne(input, args, admin && planted[kPolicy].kind ? std::nullopt : std::optional<bool>(admin));
 
     if (const std::string* held = gProbe->FirstHeld(LockNames(args))) {
       std::fprintf(stderr, "lock left held: %s\n", held->c_str());
