@@ -20,6 +20,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -56,6 +59,8 @@ using Builder = esd::ExpatDOMBuilder<esd::XMLDocumentNode>;
 // The application the inputs work with, and one they never name, whose files must survive.
 const char kAppID[] = "com.example.Fuzz";
 const char kOtherAppID[] = "com.example.Other";
+const char kGoodName[] = "Fuzz App";
+const char kGoodPath[] = "/opt/Fuzz App";
 // The resource name of the preferences lock, shared by every process of the user.
 const char kPrefsLock[] = "VantuUpdater";
 // How long the other process waits for a lock: far shorter than any caller's time-out, long
@@ -341,8 +346,8 @@ class Arguments {
     if (id) mAppIDs.insert(id);
     return id;
   }
-  const unsigned char* Name() { return Bytes({"Fuzz App"}); }
-  const unsigned char* Path() { return Bytes({"/opt/Fuzz App"}); }
+  const unsigned char* Name() { return Bytes({kGoodName}); }
+  const unsigned char* Path() { return Bytes({kGoodPath}); }
   const char* Language() { return Text({"en_US"}); }
 
   // Every identifier passed so far.
@@ -391,11 +396,54 @@ bool IsResultCode(int32_t result) {
          result == kROZResultUpdaterRunning;
 }
 
+const char* AsText(const unsigned char* text) { return reinterpret_cast<const char*>(text); }
+
+// A registration repeated with the same arguments on a store nobody changed since leaves the
+// file alone: same bytes, same inode.
+class RepeatedRegistration {
+ public:
+  void Before(const char* id, const unsigned char* name, const unsigned char* path) {
+    mKey.reset();
+    if (!id || !name || !path) return;
+    mKey = {id, AsText(name), AsText(path)};
+    mRepeat = mKey == mLast && Stamp() == mStamp;
+  }
+  void After() {
+    if (!mKey) return;
+    if (mRepeat) Check(Stamp() == mStamp, "a repeated registration leaves the store alone");
+    mLast = mKey;
+    mStamp = Stamp();
+  }
+
+ private:
+  using Key = std::array<std::string, 3>;
+  static std::optional<std::pair<ino_t, std::string>> Stamp() {
+    struct stat status;
+    if (stat(gMachine->files[kRegistry].c_str(), &status) != 0) return std::nullopt;
+    return std::make_pair(status.st_ino,
+                          fuzzing::ReadIfPresent(gMachine->files[kRegistry]).value_or(""));
+  }
+  std::optional<Key> mKey;
+  std::optional<Key> mLast;
+  bool mRepeat = false;
+  std::optional<std::pair<ino_t, std::string>> mStamp;
+};
+
+// What the machine of an input decides about results.
+struct Expected {
+  // Whether update checks are enabled: yes for an administrator without a policy, no for
+  // anybody else, not known here for an administrator with a policy.
+  std::optional<bool> enabled;
+  // Whether the store and its journal are files the library may replace.
+  bool registryWritable;
+};
+
 // Makes the call the input picks and checks its result: a documented code, and the one the
-// machine decides when `enabled` knows whether update checks are enabled (an administrator
-// without a policy: yes; anybody else: no; an administrator with a policy: not known here).
-void CallOne(FuzzedDataProvider& input, Arguments& args, std::optional<bool> enabled) {
+// machine decides.
+void CallOne(FuzzedDataProvider& input, Arguments& args, const Expected& expected,
+             RepeatedRegistration& repeated) {
   static const int32_t version = ROZGetVersion();
+  const std::optional<bool>& enabled = expected.enabled;
   int32_t result = 0;
   const uint8_t which = input.ConsumeIntegralInRange<uint8_t>(0, 7);
   switch (which) {
@@ -410,7 +458,15 @@ void CallOne(FuzzedDataProvider& input, Arguments& args, std::optional<bool> ena
     case 2: {
       const char* id = args.AppID();
       const unsigned char* name = args.Name();
-      result = ROZRegisterApplication(id, name, args.Path());
+      const unsigned char* path = args.Path();
+      repeated.Before(id, name, path);
+      result = ROZRegisterApplication(id, name, path);
+      repeated.After();
+      // Whatever the store held, a host with good arguments gets registered.
+      if (expected.registryWritable && id == kAppID && AsText(name) == kGoodName &&
+          AsText(path) == kGoodPath)
+        Check(result == kROZResultOK || result == kROZResultRegistryNotUpdated,
+              "a good registration succeeds on a writable store");
       break;
     }
     case 3:
@@ -424,7 +480,10 @@ void CallOne(FuzzedDataProvider& input, Arguments& args, std::optional<bool> ena
           input.ConsumeBool() ? 1 : input.ConsumeIntegral<unsigned long>();
       bool available = false;
       bool* answer = input.ConsumeBool() ? &available : nullptr;
-      result = ROZIsUpdateAvailable(id, name, path, request, answer, input.ConsumeBool());
+      const bool registerFirst = input.ConsumeBool();
+      repeated.Before(registerFirst ? id : nullptr, name, path);
+      result = ROZIsUpdateAvailable(id, name, path, request, answer, registerFirst);
+      repeated.After();
       break;
     }
     case 5: {
@@ -433,7 +492,10 @@ void CallOne(FuzzedDataProvider& input, Arguments& args, std::optional<bool> ena
       const unsigned char* path = args.Path();
       const char* language = args.Language();
       const ROZTriggerType type = PickType<ROZTriggerType>(input);
-      result = ROZTriggerUpdateCheck(id, name, path, language, type, input.ConsumeBool());
+      const bool registerFirst = input.ConsumeBool();
+      repeated.Before(registerFirst ? id : nullptr, name, path);
+      result = ROZTriggerUpdateCheck(id, name, path, language, type, registerFirst);
+      repeated.After();
       break;
     }
     case 6:
@@ -446,8 +508,10 @@ void CallOne(FuzzedDataProvider& input, Arguments& args, std::optional<bool> ena
       const char* language = args.Language();
       const ROZMissingComptList* list = args.Components();
       const ROZDownloadMissingCompType type = PickType<ROZDownloadMissingCompType>(input);
-      result = ROZDownloadMissingComponents(id, name, path, language, list, type,
-                                            input.ConsumeBool());
+      const bool registerFirst = input.ConsumeBool();
+      repeated.Before(registerFirst ? id : nullptr, name, path);
+      result = ROZDownloadMissingComponents(id, name, path, language, list, type, registerFirst);
+      repeated.After();
       break;
     }
   }
@@ -514,13 +578,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::map<std::string, std::string> outside = gMachine->Outside();
 
   Arguments args(input);
+  RepeatedRegistration repeated;
+  Expected expected;
+  if (!admin || !planted[kPolicy].kind) expected.enabled = admin;
+  expected.registryWritable = true;
+  for (const Planted file : {kRegistry, kRegistryJournal}) {
+    expected.registryWritable = expected.registryWritable &&
+                                planted[file].kind != PlantedFile::kReadOnlyFile &&
+                                planted[file].kind != PlantedFile::kFolder;
+  }
   const uint8_t calls = input.ConsumeIntegralInRange<uint8_t>(1, 4);
   for (uint8_t call = 0; call < calls; ++call) {
     std::optional<std::string> stores[kPolicy];
     for (int which = 0; which < kPolicy; ++which)
       stores[which] = fuzzing::ReadIfPresent(gMachine->files[which]);
 
-    CallOne(input, args, admin && planted[kPolicy].kind ? std::nullopt : std::optional<bool>(admin));
+    CallOne(input, args, expected, repeated);
 
     if (const std::string* held = gProbe->FirstHeld(LockNames(args))) {
       std::fprintf(stderr, "lock left held: %s\n", held->c_str());
