@@ -8,11 +8,8 @@
 // held an entry (an empty or broken request list is deleted); a request that reports success can
 // be read back and keeps every other entry (as the text form reads it back: a value the file
 // spelled with character references for a tab, a line feed or a carriage return comes back with
-// blanks).
-//
-// Entries and components missing the attributes that identify them are outside what the manager
-// accepts, by design: looking them up ends the process with an assertion. The target checks for
-// them first and then only lists such a store.
+// blanks). No input may end the process: entries and components lacking what identifies them are
+// dropped on load, and another program's top element gives way to an empty store.
 
 #include <cstddef>
 #include <cstdint>
@@ -25,6 +22,7 @@
 
 #include "FuzzSandbox.h"
 #include "support/SemaphoreGuard.h"
+#include "xplat/ChangeDiffType.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/VantuUpdaterMissingCompsManager.h"
@@ -39,33 +37,6 @@ const char kFuzzName[] = "Fuzz & <Co>";
 const char kFuzzPath[] = "/opt/Fuzz Pro";
 const char kFuzzVersion[] = "1.2.3.4";
 const int kFuzzOpType = 1;
-
-// True when looking the fuzz entry up cannot meet a record without its identifying attributes:
-// every entry has an "AppID", and every component of an entry with the fuzz identifier has a
-// name, a category and a readable version.
-bool LookupIsSafe(const std::string& bytes) {
-  Builder builder;
-  if (!fuzzing::ParseBytes(builder, bytes)) return true;
-  for (esd::XMLDocumentNode* top : builder.GetDocumentNode()->GetChildNodes()) {
-    if (top->GetElementName() != VantuUpdaterMissingCompsManager::GetNodeRootName()) continue;
-    for (esd::XMLDocumentNode* child : top->GetChildNodes()) {
-      if (child->GetElementName() != VantuUpdaterMissingCompsApp::GetNodeRootName()) continue;
-      VantuUpdaterMissingCompsApp app(child);
-      std::string id;
-      if (!app.GetAppID(id)) return false;
-      if (id != kFuzzAppID) continue;
-      std::list<VantuUpdaterAMissingComponent> comps;
-      app.GetMissingComponents(comps);
-      for (const VantuUpdaterAMissingComponent& comp : comps) {
-        std::string name, category;
-        FileSystemVersion version(FileSystemVersion::kInvalidVersion);
-        if (!comp.Getname(name) || !comp.Getcategory(category) || !comp.Getversion(version))
-          return false;
-      }
-    }
-  }
-  return true;
-}
 
 // Identifier to (display name, install path) of every entry, first entry of an identifier wins.
 using Entries = std::map<std::string, std::pair<std::string, std::string>>;
@@ -83,7 +54,8 @@ std::string UniqueChildText(const esd::XMLDocumentNode* node, const std::string&
   return found ? found->GetData() : std::string();
 }
 
-// The entries a plain reading of the store text says the manager keeps.
+// The entries a plain reading of the store text says the manager keeps: those with an identifier,
+// a readable operation type, a display name and an install path.
 EntryList ReadStoreText(const std::string& bytes) {
   EntryList kept;
   Builder builder;
@@ -92,11 +64,14 @@ EntryList ReadStoreText(const std::string& bytes) {
     if (top->GetElementName() != VantuUpdaterMissingCompsManager::GetNodeRootName()) continue;
     for (esd::XMLDocumentNode* child : top->GetChildNodes()) {
       if (child->GetElementName() != VantuUpdaterMissingCompsApp::GetNodeRootName()) continue;
-      std::string id;
-      child->GetAttrValue("AppID", id);
+      std::string id, type;
+      int opType = 0;
       const std::string name = UniqueChildText(child, "DisplayName");
       const std::string path = UniqueChildText(child, "InstallPath");
-      if (!name.empty() && !path.empty()) kept.emplace_back(id, name, path);
+      if (child->GetAttrValue("AppID", id) && !id.empty() &&
+          child->GetAttrValue("OperationType", type) && esd::ChangeType(type, opType) &&
+          !name.empty() && !path.empty())
+        kept.emplace_back(id, name, path);
     }
   }
   return kept;
@@ -108,9 +83,9 @@ bool List(VantuUpdaterMissingCompsManager& store, Entries& out, EntryList* order
   out.clear();
   for (const VantuUpdaterMissingCompsApp& app : apps) {
     std::string id, name, path;
-    app.GetAppID(id);
-    Check(app.GetDisplayName(name) && !name.empty() && app.GetInstallPath(path) && !path.empty(),
-          "entries without a name or a path are dropped on load");
+    Check(app.GetAppID(id) && !id.empty() && app.GetDisplayName(name) && !name.empty() &&
+              app.GetInstallPath(path) && !path.empty(),
+          "entries without an identifier, a name or a path are dropped on load");
     out.emplace(id, std::make_pair(name, path));
     if (order) order->emplace_back(id, name, path);
   }
@@ -136,7 +111,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string& path = fuzzing::StorePath<VantuUpdaterMissingCompsManager>();
   static testing_support::SemaphoreGuard lockCleanup(path);
   const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path);
-  const bool lookupIsSafe = LookupIsSafe(input.effective);
 
   Entries before;
   EntryList listed;
@@ -152,7 +126,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     Check(listed == ReadStoreText(input.effective), "the store lists what its text holds");
   Check(FileSystemUtils::DoesPathExist(path) == (loaded && !before.empty()),
         "an empty or broken request list does not outlive its reader");
-  if (!lookupIsSafe) return 0;
   const std::optional<std::string> afterList = fuzzing::ReadIfPresent(path);
 
   unsigned result;
@@ -167,8 +140,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   }
   Check(result <= 2, "a request result is one of the three codes");
   if (result == 2) {
-    // Refused, for a tree the writer cannot save (an attribute holding markup) or an entry whose
-    // operation type cannot be read: nothing may have been written.
+    // Refused, for a tree the writer cannot save (an attribute holding markup): nothing may have
+    // been written.
     Check(fuzzing::ReadIfPresent(path) == afterList, "a failed request keeps the file");
     return 0;
   }

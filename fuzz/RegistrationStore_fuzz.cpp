@@ -7,18 +7,15 @@
 // dropped); a file that does not load is never overwritten; a registration that reports success
 // can be read back and keeps every entry the file held before (as the text form reads it back: a
 // value the file spelled with character references for a tab, a line feed or a carriage return
-// comes back with blanks); an unregistration removes only its own entry.
-//
-// Two shapes of file are outside what the manager accepts, by design: an "Application" without an
-// "appID" and two entries for one identifier end the process with an assertion when the
-// identifier is looked up. The target checks for them first and then only makes the calls that do
-// not look identifiers up.
+// comes back with blanks); an unregistration removes only its own entry. No input may end the
+// process: entries without an identifier are dropped on load like those without an install path,
+// an identifier listed twice becomes one entry when it registers, and another program's top
+// element gives way to an empty store.
 
 #include <cstddef>
 #include <cstdint>
 #include <list>
 #include <map>
-#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -44,14 +41,7 @@ struct Entry {
 };
 using Entries = std::map<std::string, Entry>;
 
-// What the file says about identifiers: whether every entry has one, and whether any repeats.
-struct Identifiers {
-  bool allPresent = true;
-  bool unique = true;
-  int fuzzAppCount = 0;
-};
-
-// (identifier, display name, install path) of each entry in file order; a missing field is empty.
+// (identifier, display name, install path) of each entry in file order.
 using EntryList = std::vector<std::tuple<std::string, std::string, std::string>>;
 
 // The text of the only child `name` of `node`, or "" when there is not exactly one.
@@ -65,32 +55,23 @@ std::string UniqueChildText(const esd::XMLDocumentNode* node, const std::string&
   return found ? found->GetData() : std::string();
 }
 
-// What a plain reading of the store text finds: the entries the manager keeps, and the shape of
-// their identifiers.
-Identifiers ReadStoreText(const std::string& bytes, EntryList& kept) {
-  Identifiers result;
-  kept.clear();
+// The entries a plain reading of the store text says the manager keeps: those with an identifier
+// and an install path.
+EntryList ReadStoreText(const std::string& bytes) {
+  EntryList kept;
   Builder builder;
-  if (!fuzzing::ParseBytes(builder, bytes)) return result;
-  std::set<std::string> seen;
+  if (!fuzzing::ParseBytes(builder, bytes)) return kept;
   for (esd::XMLDocumentNode* top : builder.GetDocumentNode()->GetChildNodes()) {
     if (top->GetElementName() != VantuUpdaterRegistrationManager::GetNodeRootName()) continue;
     for (esd::XMLDocumentNode* child : top->GetChildNodes()) {
       if (child->GetElementName() != VantuUpdaterRegisteredApp::GetNodeRootName()) continue;
       std::string id;
-      const bool hasID = child->GetAttrValue("appID", id);
       const std::string path = UniqueChildText(child, "InstallPath");
-      if (path.empty()) continue;
+      if (!child->GetAttrValue("appID", id) || id.empty() || path.empty()) continue;
       kept.emplace_back(id, UniqueChildText(child, "DisplayName"), path);
-      if (!hasID) {
-        result.allPresent = false;
-        continue;
-      }
-      if (!seen.insert(id).second) result.unique = false;
-      if (id == kFuzzAppID) ++result.fuzzAppCount;
     }
   }
-  return result;
+  return kept;
 }
 
 // Lists the store into `out` (first entry of an identifier wins) and `order`; false when it cannot
@@ -104,10 +85,9 @@ bool List(Entries& out, EntryList* order = nullptr) {
   for (const VantuUpdaterRegisteredApp& app : apps) {
     std::string id;
     Entry entry;
-    app.GetappID(id);
     app.GetDisplayName(entry.name);
-    Check(app.GetInstallPath(entry.path) && !entry.path.empty(),
-          "entries without an install path are dropped on load");
+    Check(app.GetappID(id) && !id.empty() && app.GetInstallPath(entry.path) && !entry.path.empty(),
+          "entries without an identifier or an install path are dropped on load");
     out.emplace(id, entry);
     if (order) order->emplace_back(id, entry.name, entry.path);
   }
@@ -134,8 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   static testing_support::SemaphoreGuard lockCleanup(path);
 
   const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path);
-  EntryList expected;
-  const Identifiers ids = ReadStoreText(input.effective, expected);
+  const EntryList expected = ReadStoreText(input.effective);
 
   Entries before;
   EntryList listed;
@@ -147,7 +126,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   if (loaded) Check(listed == expected, "the store lists what its text holds");
   const std::optional<std::string> afterLoad = fuzzing::ReadIfPresent(path);
 
-  if (ids.fuzzAppCount > 1) return 0;
   unsigned inserted;
   {
     VantuUpdaterRegistrationManager store;
@@ -187,7 +165,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
           "a registration keeps every other entry");
   }
 
-  if (!ids.allPresent || !ids.unique) return 0;
   unsigned removed;
   {
     VantuUpdaterRegistrationManager store;

@@ -107,6 +107,12 @@ TEST(VantuUpdaterPrefs, RecreatesOnlyTheDefaultDownloadFolder) {
     EXPECT_EQ(chosen != custom, FileSystemUtils::DoesPathExist(sandbox.DefaultDownloadDir()));
     EXPECT_FALSE(FileSystemUtils::DoesPathExist(custom));
   }
+  // A Documents folder that cannot be made leaves no default rather than ending the process.
+  std::filesystem::create_directories(sandbox.home() + "/.config");
+  WriteFile(sandbox.home() + "/.config/user-dirs.dirs", "XDG_DOCUMENTS_DIR=\"/proc/none\"\n");
+  VantuUpdaterPrefs withoutDocuments;
+  ASSERT_TRUE(withoutDocuments.DownloadDir.Set(""));
+  EXPECT_EQ("", Read(withoutDocuments.DownloadDir));
 }
 
 // A file that does not parse is replaced (defaults, then a whole new file at the next set); one

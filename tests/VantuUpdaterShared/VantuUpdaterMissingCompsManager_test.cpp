@@ -128,9 +128,6 @@ TEST_F(MissingCompsStore, DestructorDeletesEmptyOrUnparsableStore) {
       {Store(""), false},
       {"<?xml version=\"1.0\"?>\n<VantuUpdaterMissingCompsManager>\n<VantuUpdater", false},
       {"", false},
-      {Store("<VantuUpdaterMissingCompsApp AppID=\"A\" OperationType=\"1\" RedoCFU=\"1\">\n"
-             "<InstallPath>/opt/a</InstallPath>\n</VantuUpdaterMissingCompsApp>\n"),
-       false},
       {Store(Entry("A", 1, "Alpha", "/opt/a", "")), true},
   };
   for (const auto& [bytes, kept] : cases) {
@@ -198,19 +195,32 @@ TEST_F(MissingCompsStore, UnparsableVersionThrowsAndSavesNothing) {
   EXPECT_EQ(before, ReadFile(mStorePath));
 }
 
-// Loads drop entries without name or path and save at once; foreign elements ride along.
-TEST_F(MissingCompsStore, UnusableEntriesAreDroppedOnLoad) {
-  const std::string good = "<Note>keep</Note>\n" + Entry("Good", 1, "Good", "/opt/good",
-                                                         Comp("Spelling", "Dictionary", "1.0.0.0"));
-  WriteFile(mStorePath, Store(good + Entry("EmptyPath", 1, "E", "", "") +
-                              "<VantuUpdaterMissingCompsApp AppID=\"NoName\" OperationType=\"1\" "
-                              "RedoCFU=\"1\">\n<InstallPath>/opt/n</InstallPath>\n"
-                              "</VantuUpdaterMissingCompsApp>\n"));
-  VantuUpdaterMissingCompsManager store;
-  std::list<VantuUpdaterMissingCompsApp> apps;
-  ASSERT_TRUE(store.GetMissingCompsApps(apps));
-  EXPECT_EQ(1u, apps.size());
-  EXPECT_EQ(Store(good), ReadFile(mStorePath));
+// Loads drop every record a request cannot use, found before a good one, and save at once:
+// entries without an identifier, a readable type, a name or a path, and components without a
+// name, a category or a version. Foreign elements ride along.
+TEST_F(MissingCompsStore, UnusableRecordsAreDroppedOnLoad) {
+  const std::string comp = Comp("Spelling", "Dictionary", "1.0.0.0");
+  const std::string tail = "<InstallPath>/n</InstallPath>\n</VantuUpdaterMissingCompsApp>\n";
+  const std::string badEntries[] = {
+      Entry("EmptyPath", 1, "E", "", ""), Entry("", 1, "N", "/n", ""),
+      "<VantuUpdaterMissingCompsApp OperationType=\"1\">\n<DisplayName>N</DisplayName>\n" + tail,
+      "<VantuUpdaterMissingCompsApp AppID=\"T\" OperationType=\"x\">\n<DisplayName>N</DisplayName>\n" +
+          tail,
+      "<VantuUpdaterMissingCompsApp AppID=\"NoName\" OperationType=\"1\">\n" + tail};
+  const std::string good = "<Note>keep</Note>\n" + Entry("Good", 1, "Good", "/opt/good", comp);
+  for (const std::string& bad : badEntries) {
+    WriteFile(mStorePath, Store(bad + good));
+    EXPECT_EQ(1u, Request("Good", "Good", "/opt/good", 1, "Spelling", "Dictionary", "1.0")) << bad;
+    EXPECT_EQ(Store(good), ReadFile(mStorePath)) << bad;
+  }
+  for (const char* bad : {"category=\"Dictionary\" version=\"1.0\"", "name=\"S\" version=\"1.0\"",
+                          "category=\"Dictionary\" name=\"S\"",
+                          "category=\"Dictionary\" name=\"S\" version=\"\""}) {
+    WriteFile(mStorePath, Store(Entry("Good", 1, "Good", "/opt/good",
+                                      "<AMissingComponent " + std::string(bad) + "/>\n" + comp)));
+    EXPECT_EQ(1u, Request("Good", "Good", "/opt/good", 1, "*", "Dictionary", "1.0")) << bad;
+    EXPECT_EQ(Store(Entry("Good", 1, "Good", "/opt/good", comp)), ReadFile(mStorePath)) << bad;
+  }
 }
 
 }  // namespace

@@ -86,13 +86,16 @@ TEST_F(RegistrationStore, FirstInsertionsWriteTheExactText) {
   }
 }
 
-// Unchanged: 2, bytes and mtime kept; changed: 1 and moved last; identifiers compare exactly.
+// Unchanged: 2, bytes and mtime kept, as for a record with an empty identifier, name or path (3);
+// changed: 1 and moved last; identifiers compare exactly.
 TEST_F(RegistrationStore, ReinsertionKeepsOrReplacesTheEntry) {
   for (const char* id : {"A", "B", "C"}) ASSERT_EQ(0u, Insert(id, id, "/opt"));
   const std::string before = ReadFile(mStorePath);
   const testing_support::FileStamp stamp = StampOf(mStorePath);
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_EQ(2u, Insert("A", "A", "/opt"));
+  EXPECT_EQ("333", std::to_string(Insert("", "N", "/p")) + std::to_string(Insert("X", "", "/p")) +
+                       std::to_string(Insert("X", "N", "")));
   EXPECT_EQ(before, ReadFile(mStorePath));
   EXPECT_TRUE(stamp == StampOf(mStorePath));
 
@@ -103,16 +106,6 @@ TEST_F(RegistrationStore, ReinsertionKeepsOrReplacesTheEntry) {
   EXPECT_EQ(Store(Entry("C", "C", "/opt") + Entry("A", "A", "/opt/a2") +
                   Entry("B", "Beta 2", "/opt") + Entry("c", "c", "/opt")),
             ReadFile(mStorePath));
-}
-
-// A record with an empty identifier, name or path answers 3 and writes nothing.
-TEST_F(RegistrationStore, IncompleteRecordIsRefused) {
-  ASSERT_EQ(0u, Insert("A", "Alpha", "/opt/a"));
-  const testing_support::FileStamp stamp = StampOf(mStorePath);
-  EXPECT_EQ(3u, Insert("", "N", "/p"));
-  EXPECT_EQ(3u, Insert("X", "", "/p"));
-  EXPECT_EQ(3u, Insert("X", "N", ""));
-  EXPECT_TRUE(stamp == StampOf(mStorePath));
 }
 
 // Refusals and misses leave the file alone; the last removal deletes it.
@@ -172,16 +165,19 @@ TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
   EXPECT_EQ(previous, found.get());
 }
 
-// Any load drops each kind of entry without one usable install path, found alone among good
-// ones, and saves at once (restricted again); attributes and elements it does not know stay,
-// and keep the file when its last entry goes. A store with nothing to drop is left untouched.
+// Any load drops each kind of entry it cannot use (no identifier, no single usable install path),
+// found alone among good ones, and saves at once (restricted again); attributes and elements it
+// does not know stay, and keep the file when its last entry goes. A store with nothing to drop is
+// left untouched. An identifier listed twice is rewritten as one entry by its next registration.
 TEST_F(RegistrationStore, LoadDropsUnusableEntriesAndKeepsForeignElements) {
   const std::string before =
       "<Application appID=\"Good\" extra=\"x\">\n<DisplayName>G</DisplayName>\n"
       "<InstallPath>/opt/g</InstallPath>\n<Icon>g.png</Icon>\n</Application>\n";
   const std::string after = "<Note>keep</Note>\n" + Entry("B", "Beta", "/opt/b");
   for (const std::string& bad :
-       {Entry("Empty", "E", ""),
+       {Entry("Empty", "E", ""), Entry("", "No identifier", "/opt/n"),
+        std::string("<Application>\n<DisplayName>N</DisplayName>\n"
+                    "<InstallPath>/opt/n</InstallPath>\n</Application>\n"),
         std::string("<Application appID=\"None\">\n<DisplayName>N</DisplayName>\n"
                     "</Application>\n"),
         std::string("<Application appID=\"Twice\">\n<InstallPath>/a</InstallPath>\n"
@@ -198,6 +194,10 @@ TEST_F(RegistrationStore, LoadDropsUnusableEntriesAndKeepsForeignElements) {
   EXPECT_EQ(0u, Unregister("Good"));
   EXPECT_EQ(0u, Unregister("B"));
   EXPECT_EQ(Store("<Note>keep</Note>\n"), ReadFile(mStorePath));
+
+  WriteFile(mStorePath, Store(Entry("B", "Beta", "/opt/b") + Entry("B", "Old", "/opt/old")));
+  EXPECT_EQ(1u, Insert("B", "Beta", "/opt/b"));
+  EXPECT_EQ(Store(Entry("B", "Beta", "/opt/b")), ReadFile(mStorePath));
 }
 
 // An unparsable file is refused by every operation and kept, also after an earlier good load
@@ -220,23 +220,29 @@ TEST_F(RegistrationStore, UnparsableFileIsRefusedAndKept) {
   EXPECT_EQ(damaged, ReadFile(mStorePath));
 }
 
-// Text that would not load again is never written: a second root (3), markup in an identifier
-// (2: an entry refused, not an unusable store that callers would rebuild).
-TEST_F(RegistrationStore, TextThatWouldNotLoadAgainIsNeverWritten) {
+// Another program's top element, in the file or in a journal that wins over it, gives way to an
+// empty store at the next registration (a second top element could never be saved); a journal
+// that does not parse is ignored. Markup in an identifier is refused (2: an entry refused, not an
+// unusable store that callers would rebuild), and nothing is written.
+TEST_F(RegistrationStore, ForeignTextHealsAndTextThatWouldNotLoadIsNeverWritten) {
   const std::string foreign = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<Other>\n</Other>\n";
-  WriteFile(mStorePath, foreign);
-  EXPECT_EQ(3u, Insert("A", "Alpha", "/opt/a"));
-  EXPECT_EQ(foreign, ReadFile(mStorePath));
+  const std::string good = Store(Entry("Z", "Zeta", "/opt/z"));
+  const std::pair<std::string, std::string> fileAndJournal[] = {
+      {foreign, ""}, {good, foreign}, {foreign, "<VantuUpdaterRegistrationManager><App"}};
+  for (const auto& [file, journal] : fileAndJournal) {
+    WriteFile(mStorePath, file);
+    if (!journal.empty()) WriteFile(mStorePath + "_", journal);
+    EXPECT_EQ(0u, Insert("A", "Alpha", "/opt/a")) << file << journal;
+    EXPECT_EQ(Store(Entry("A", "Alpha", "/opt/a")), ReadFile(mStorePath)) << file << journal;
+    EXPECT_FALSE(FileSystemUtils::DoesPathExist(mStorePath + "_"));
+  }
 
-  std::filesystem::remove(mStorePath);
-  ASSERT_EQ(0u, Insert("A", "Alpha", "/opt/a"));
   const std::string before = ReadFile(mStorePath);
   for (const char* id : {"a\"b", "a<b", "a&b"}) EXPECT_EQ(2u, Insert(id, "Name", "/opt/x")) << id;
   EXPECT_EQ(before, ReadFile(mStorePath));
 
   // A tab, line feed or carriage return would be written raw and read back as a blank: the entry
-  // could never be found under its identifier again, every registration would add one more, and
-  // the duplicates would end the next host that registers the blank form.
+  // could never be found under its identifier again, and every registration would add one more.
   for (const char* id : {"a\tb", "a\nb", "a\rb"}) {
     EXPECT_EQ(2u, Insert(id, "Name", "/opt/x")) << id;
     EXPECT_EQ(2u, Insert(id, "Name", "/opt/x")) << id;

@@ -6,7 +6,6 @@
 #include <boost/date_time/date_parsing.hpp>
 #include <boost/date_time/gregorian/gregorian_types.hpp>
 
-#include "xplat/ESDAssert.h"
 #include "xplat/Env.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/FolderFinder.h"
@@ -106,7 +105,8 @@ std::string VantuUpdaterPrefs::GetDefaultDownloadLocation() {
     else
       sRet = FileSystemUtils::AppendPathElement(sRet, VantuUpdaterUtils::kVantuUpdaterFolder);
   }
-  ESD_ASSERT(!sRet.empty());
+  // The user's folder settings may name a Documents folder nobody can create: that leaves the
+  // download folder without a default, never the host without its process.
   return sRet;
 }
 

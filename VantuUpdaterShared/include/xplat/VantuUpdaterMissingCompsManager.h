@@ -30,8 +30,8 @@ class VantuUpdaterMissingCompsManager
   // How long an operation waits for another process to release the store, in milliseconds.
   static constexpr unsigned long kLockTimeout = 2000;
 
-  // True for an entry whose "AppID" equals the identifier exactly. Every stored entry has one;
-  // an entry without is a programming error.
+  // True for an entry whose "AppID" equals the identifier exactly. Loading drops entries without
+  // one, so meeting one here is a programming error.
   class VantuUpdaterMissingCompsAppMatcher {
    public:
     explicit VantuUpdaterMissingCompsAppMatcher(const std::string& appID);
@@ -41,8 +41,9 @@ class VantuUpdaterMissingCompsManager
     std::string mAppID;
   };
 
-  // True ("remove it") for an entry without a non-empty "DisplayName" and "InstallPath": the
-  // updater could neither show nor install such a request.
+  // True ("remove it") for an entry without a non-empty "AppID", a readable "OperationType", a
+  // non-empty "DisplayName" and "InstallPath": such a request could be neither found, updated,
+  // shown nor installed, and a damaged file must not end the host.
   class VantuUpdaterMissingCompsAppVerifier {
    public:
     explicit VantuUpdaterMissingCompsAppVerifier(VantuUpdaterMissingCompsManager* inManager);
@@ -64,7 +65,8 @@ class VantuUpdaterMissingCompsManager
   VantuUpdaterMissingCompsManager& operator=(const VantuUpdaterMissingCompsManager&) = delete;
 
   // Binds the manager to the store root of the loaded document (adding a root when the file had
-  // none), drops entries without a display name or install path and, when it dropped any, saves
+  // none, or another program's element), drops the entries the verifier rejects and the
+  // components without a name, a category or a readable version and, when it dropped any, saves
   // at once.
   bool OnLoadSuccess(esd::XMLDocumentNode* root, void* context) override;
 

@@ -31,7 +31,7 @@ class VantuUpdaterRegistrationManager
   static constexpr unsigned long kLockTimeout = 2000;
 
   // True for a record whose "appID" equals the identifier exactly (byte-wise, case-sensitive).
-  // Every stored record has an "appID"; one without is a programming error.
+  // Loading drops records without an "appID", so meeting one here is a programming error.
   class RegisteredAppMatcher {
    public:
     explicit RegisteredAppMatcher(const std::string& appID);
@@ -41,8 +41,9 @@ class VantuUpdaterRegistrationManager
     std::string mAppID;
   };
 
-  // True ("remove it") for a record with no "InstallPath" or an empty one: such an entry cannot be
-  // updated by the updater, so loading drops it. The file system is not consulted.
+  // True ("remove it") for a record with no "appID" or no "InstallPath" (or an empty one): such an
+  // entry can be neither looked up nor updated, so loading drops it rather than letting a damaged
+  // file end the host. The file system is not consulted.
   class RegisteredAppVerifier {
    public:
     explicit RegisteredAppVerifier(VantuUpdaterRegistrationManager* inManager);
@@ -61,8 +62,9 @@ class VantuUpdaterRegistrationManager
   VantuUpdaterRegistrationManager& operator=(const VantuUpdaterRegistrationManager&) = delete;
 
   // Binds the manager to the store root of the loaded document (adding a root when the file had
-  // none), drops entries without an install path and, when it dropped any, saves at once so the
-  // repair reaches the disk even if the caller goes on only to read.
+  // none, or another program's element), drops entries without an identifier or an install path
+  // and, when it dropped any, saves at once so the repair reaches the disk even if the caller goes
+  // on only to read.
   bool OnLoadSuccess(esd::XMLDocumentNode* root, void* context) override;
 
   // 0 inserted, 1 replaced an entry whose name or path differed (it moves to the end), 2 already

@@ -16,6 +16,22 @@ const char kMissingCompsFileName[] = "VantuMissingComps.xml";
 
 enum UpdateResult : unsigned { kAdded = 0, kAlreadyListed = 1, kUpdateFailed = 2 };
 
+// Removes from `entry` every component that lacks a name, a category or a readable version: a
+// request could never be matched against it. Returns how many went.
+unsigned long DropUnusableComponents(VantuUpdaterMissingCompsApp& entry) {
+  std::list<VantuUpdaterAMissingComponent> comps;
+  entry.GetMissingComponents(comps);
+  unsigned long dropped = 0;
+  for (VantuUpdaterAMissingComponent& comp : comps) {
+    std::string name, category;
+    FileSystemVersion version(FileSystemVersion::kInvalidVersion);
+    if (comp.Getname(name) && comp.Getcategory(category) && comp.Getversion(version)) continue;
+    entry.GetObjectRoot()->DeleteChildNode(comp.GetObjectRoot());
+    ++dropped;
+  }
+  return dropped;
+}
+
 }  // namespace
 
 VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsAppMatcher::
@@ -37,8 +53,10 @@ VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsAppVerifier::
 
 bool VantuUpdaterMissingCompsManager::VantuUpdaterMissingCompsAppVerifier::operator()(
     const VantuUpdaterMissingCompsApp& inApp) const {
-  std::string installPath, displayName;
-  return !inApp.GetInstallPath(installPath) || installPath.empty() ||
+  std::string appID, installPath, displayName;
+  int opType = 0;
+  return !inApp.GetAppID(appID) || appID.empty() || !inApp.GetOperationType(opType) ||
+         !inApp.GetInstallPath(installPath) || installPath.empty() ||
          !inApp.GetDisplayName(displayName) || displayName.empty();
 }
 
@@ -84,7 +102,13 @@ bool VantuUpdaterMissingCompsManager::OnLoadSuccess(esd::XMLDocumentNode* root, 
   esd::XMLDocumentNode* storeRoot = StoreRoot::FindOrAdd(root, GetNodeRootName());
   if (storeRoot == nullptr) return false;
   SetObjectRoot(storeRoot);
-  if (DeleteVantuUpdaterMissingCompsAppIf(VantuUpdaterMissingCompsAppVerifier(this)) > 0) Save();
+  unsigned long dropped =
+      DeleteVantuUpdaterMissingCompsAppIf(VantuUpdaterMissingCompsAppVerifier(this));
+  std::vector<VantuUpdaterMissingCompsApp> entries;
+  XMLBoundObjectUtils::GetNodeChildrenAsType<VantuUpdaterMissingCompsApp>(
+      storeRoot, VantuUpdaterMissingCompsApp::GetNodeRootName(), entries);
+  for (VantuUpdaterMissingCompsApp& entry : entries) dropped += DropUnusableComponents(entry);
+  if (dropped > 0) Save();
   return true;
 }
 

@@ -27,13 +27,16 @@ bool AppendCopy(esd::XMLDocumentNode* storeRoot, esd::XMLDocumentNode* record) {
   return true;
 }
 
-// Whether some record under `storeRoot` lacks a single, non-empty "InstallPath" child, which is
-// what RegisteredAppVerifier removes. Found by looking at the elements directly: a load of a
-// large store would otherwise bind and search every record only to learn that all are fine.
-bool HasRecordWithoutInstallPath(const esd::XMLDocumentNode* storeRoot) {
+// Whether some record under `storeRoot` is one RegisteredAppVerifier removes: no "appID" or an
+// empty one, or not a single, non-empty "InstallPath" child. Found by looking at the elements
+// directly: a load of a large store would otherwise bind and search every record only to learn
+// that all are fine.
+bool HasUnusableRecord(const esd::XMLDocumentNode* storeRoot) {
   const std::string recordName = VantuUpdaterRegisteredApp::GetNodeRootName();
+  std::string appID;
   for (const esd::XMLDocumentNode* record : storeRoot->GetChildNodes()) {
     if (record->ElementName() != recordName) continue;
+    if (!record->GetAttrValue(kAppIDAttr, appID) || appID.empty()) return true;
     int paths = 0;
     bool empty = true;
     for (const esd::XMLDocumentNode* field : record->GetChildNodes()) {
@@ -67,8 +70,9 @@ VantuUpdaterRegistrationManager::RegisteredAppVerifier::RegisteredAppVerifier(
 
 bool VantuUpdaterRegistrationManager::RegisteredAppVerifier::operator()(
     const VantuUpdaterRegisteredApp& inApp) const {
-  std::string installPath;
-  return !inApp.GetInstallPath(installPath) || installPath.empty();
+  std::string appID, installPath;
+  return !inApp.GetappID(appID) || appID.empty() || !inApp.GetInstallPath(installPath) ||
+         installPath.empty();
 }
 
 VantuUpdaterRegistrationManager::VantuUpdaterRegistrationManager()
@@ -109,7 +113,7 @@ bool VantuUpdaterRegistrationManager::OnLoadSuccess(esd::XMLDocumentNode* root, 
   esd::XMLDocumentNode* storeRoot = StoreRoot::FindOrAdd(root, GetNodeRootName());
   if (storeRoot == nullptr) return false;
   SetObjectRoot(storeRoot);
-  if (HasRecordWithoutInstallPath(storeRoot) &&
+  if (HasUnusableRecord(storeRoot) &&
       DeleteVantuUpdaterRegisteredAppIf(RegisteredAppVerifier(this)) > 0)
     Save();
   return true;
@@ -160,15 +164,20 @@ unsigned VantuUpdaterRegistrationManager::InsertOrUpdateRegisteredApp(
   if (existing.empty()) {
     if (AppendCopy(storeRoot, app.GetObjectRoot())) result = kInserted;
   } else {
-    VantuUpdaterRegisteredApp stored(existing.GetSingleMatch());
+    VantuUpdaterRegisteredApp stored(existing.GetFirst());
     std::string storedPath, storedName;
-    if (stored.GetInstallPath(storedPath) && storedPath == installPath &&
+    if (existing.size() == 1 && stored.GetInstallPath(storedPath) && storedPath == installPath &&
         stored.GetDisplayName(storedName) && storedName == displayName) {
       result = kUnchanged;
-    } else if (DeleteVantuUpdaterRegisteredApp(stored)) {
+    } else {
       // Replacing rather than editing in place moves the entry to the end of the file, which is
-      // where readers of the file expect the most recently registered application.
-      if (AppendCopy(storeRoot, app.GetObjectRoot())) result = kReplaced;
+      // where readers of the file expect the most recently registered application. A file
+      // another program wrote may list the identifier more than once: every copy goes, so the
+      // saved store holds the one entry this registration makes.
+      bool removed = true;
+      for (esd::XMLDocumentNode* old : existing)
+        removed = storeRoot->DeleteChildNode(old) && removed;
+      if (removed && AppendCopy(storeRoot, app.GetObjectRoot())) result = kReplaced;
     }
   }
 
