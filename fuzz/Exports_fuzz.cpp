@@ -5,8 +5,10 @@
 // versions, language codes, request numbers, trigger types, component lists with NULLs).
 //
 // Checked after every call: the host is still alive (an exception or an abort leaving an export
-// ends the run), the result is a documented code, every lock the library uses is free for
-// another process at once, and every store file the call wrote parses. Checked after the calls:
+// ends the run), the result is a documented code (7 wherever update checks are off), every lock
+// the library uses is free for another process at once, and every store file the call wrote
+// parses. A registration with good arguments succeeds whatever a writable store held, and one
+// repeated on a store nobody changed since leaves the file alone. Checked after the calls:
 // nothing outside the library's data folders changed, and the files of an application the calls
 // never named are byte-identical.
 //
@@ -17,10 +19,8 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstddef>
@@ -202,8 +202,10 @@ class LockProbe {
   int mSocket = -1;
 };
 
-// The files an input may plant, in the order the input gives them.
-enum Planted { kRegistry, kRegistryJournal, kMissingComps, kPrefs, kPolicy, kAnswer, kPlantedCount };
+// The files an input may plant, in the order the input gives them; the stores come first.
+enum Planted {
+  kRegistry, kRegistryJournal, kMissingComps, kPrefs, kPolicy, kAnswer, kPlantedCount
+};
 
 // What an input puts in a file's place: nothing, the file, the file on a read-only mount (in a
 // private mount namespace only; a plain file otherwise), or a folder, which the library can
@@ -220,7 +222,8 @@ struct Machine {
     env.SetHome(temp / "home");
     env.SetVariable("XDG_RUNTIME_DIR", temp / "run");
     // The user's download folder is made by the first call that reads the preferences.
-    for (const char* folder : {"root/etc", "root/opt", "home/.local", "home/Documents/Updater5", "run"})
+    for (const char* folder :
+         {"root/etc", "root/opt", "home/.local", "home/Documents/Updater5", "run"})
       fs::create_directories(temp / folder);
 
     std::string folder;
@@ -238,7 +241,8 @@ struct Machine {
     files[kMissingComps] = fuzzing::StorePath<VantuUpdaterMissingCompsManager>();
     files[kPrefs] = FileSystemUtils::AppendPathElement(dataFolders[1], "VantuUpdaterPrefs.dat");
     Check(esd::FolderFinder::GetLocalPreferencesFolderPath(folder), "the policy folder");
-    files[kPolicy] = FileSystemUtils::AppendPathElement(folder, "com.vantu.VantuUpdater.Admin.plist");
+    files[kPolicy] =
+        FileSystemUtils::AppendPathElement(folder, "com.vantu.VantuUpdater.Admin.plist");
     Check(VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(cacheData), "the cache-data folder");
     files[kAnswer] = RequestFolder(kAppID) + "/1.xml";
     Check(VantuUpdaterUtils::GetUpdaterLocation(updater), "the updater's location");
@@ -388,7 +392,8 @@ class Arguments {
 template <class Enum>
 Enum PickType(FuzzedDataProvider& input) {
   const uint8_t choice = input.ConsumeIntegralInRange<uint8_t>(0, 2);
-  return static_cast<Enum>(choice < 2 ? choice : input.ConsumeIntegralInRange<int32_t>(0, 0x7FFFFFFF));
+  return static_cast<Enum>(choice < 2 ? choice
+                                      : input.ConsumeIntegralInRange<int32_t>(0, 0x7FFFFFFF));
 }
 
 bool IsResultCode(int32_t result) {
@@ -613,7 +618,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
       std::fprintf(stderr, "changed outside the data folders: %s\n", path.c_str());
   }
   for (const auto& [path, content] : after) {
-    if (!outside.count(path)) std::fprintf(stderr, "made outside the data folders: %s\n", path.c_str());
+    if (!outside.count(path))
+      std::fprintf(stderr, "made outside the data folders: %s\n", path.c_str());
   }
   Check(after == outside, "nothing outside the data folders changes");
   if (!args.AppIDs().count(kOtherAppID)) {
