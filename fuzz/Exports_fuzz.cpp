@@ -467,7 +467,8 @@ void CallOne(FuzzedDataProvider& input, Arguments& args, const Expected& expecte
       repeated.Before(id, name, path);
       result = ROZRegisterApplication(id, name, path);
       repeated.After();
-      // Whatever the store held, a host with good arguments gets registered.
+      // Whatever the store held, a host with good arguments (the usual values, compared by
+      // address) gets registered.
       if (expected.registryWritable && id == kAppID && AsText(name) == kGoodName &&
           AsText(path) == kGoodPath)
         Check(result == kROZResultOK || result == kROZResultRegistryNotUpdated,
