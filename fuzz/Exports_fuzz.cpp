@@ -23,6 +23,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -181,9 +182,11 @@ class LockProbe {
     }
   }
 
+  // Both go on after a signal: libFuzzer's time-out alarm interrupts the wait for an answer.
   static bool ReadAll(int fd, void* data, std::size_t size) {
     for (std::size_t done = 0; done < size;) {
       const ssize_t got = read(fd, static_cast<char*>(data) + done, size - done);
+      if (got < 0 && errno == EINTR) continue;
       if (got <= 0) return false;
       done += static_cast<std::size_t>(got);
     }
@@ -192,6 +195,7 @@ class LockProbe {
   static bool WriteAll(int fd, const void* data, std::size_t size) {
     for (std::size_t done = 0; done < size;) {
       const ssize_t put = write(fd, static_cast<const char*>(data) + done, size - done);
+      if (put < 0 && errno == EINTR) continue;
       if (put <= 0) return false;
       done += static_cast<std::size_t>(put);
     }
