@@ -122,15 +122,16 @@ class FuzzEnv : public testing_support::TestEnv {
 
 // Another process that tries each lock it is sent for kLockProbeMs and answers with the index of
 // the first one it could not take (or -1). One process serves every input: forking per check
-// would cost more than the calls themselves.
+// would cost more than the calls themselves. A request is one packet of NUL-terminated names
+// (no name holds a NUL: they are paths and C strings).
 class LockProbe {
  public:
   LockProbe() {
     int ends[2];
-    Check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "a socket pair");
-    mChild = fork();
-    Check(mChild >= 0, "the lock probe can be forked");
-    if (mChild == 0) {
+    Check(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "a socket pair");
+    const pid_t child = fork();
+    Check(child >= 0, "the lock probe can be forked");
+    if (child == 0) {
       close(ends[0]);
       Serve(ends[1]);
     }
@@ -141,35 +142,29 @@ class LockProbe {
   // The first of `names` that another process cannot take at once, or nullptr.
   const std::string* FirstHeld(const std::vector<std::string>& names) {
     std::string request;
-    for (const std::string& name : names) {
-      const uint32_t length = static_cast<uint32_t>(name.size());
-      request.append(reinterpret_cast<const char*>(&length), sizeof length).append(name);
-    }
-    const uint32_t total = static_cast<uint32_t>(request.size());
-    request.insert(0, reinterpret_cast<const char*>(&total), sizeof total);
-    Check(WriteAll(mSocket, request.data(), request.size()), "the lock probe takes a request");
+    for (const std::string& name : names) request.append(name).push_back('\0');
+    Check(Transfer(write, mSocket, request.data(), request.size()) ==
+              static_cast<ssize_t>(request.size()),
+          "the lock probe takes a request");
     int32_t held = -1;
-    Check(ReadAll(mSocket, &held, sizeof held), "the lock probe answers");
+    Check(Transfer(read, mSocket, &held, sizeof held) == sizeof held, "the lock probe answers");
     return held < 0 ? nullptr : &names.at(static_cast<std::size_t>(held));
   }
 
  private:
   [[noreturn]] static void Serve(int socket) {
+    std::vector<char> request(1 << 20);
     for (;;) {
-      uint32_t total = 0;
-      if (!ReadAll(socket, &total, sizeof total)) _exit(0);
-      std::string request(total, '\0');
-      if (!ReadAll(socket, request.data(), total)) _exit(0);
+      const ssize_t size = Transfer(read, socket, request.data(), request.size());
+      if (size <= 0) _exit(0);
       int32_t held = -1;
-      for (std::size_t at = 0, index = 0; at + sizeof(uint32_t) <= request.size(); ++index) {
-        uint32_t length = 0;
-        request.copy(reinterpret_cast<char*>(&length), sizeof length, at);
-        at += sizeof length;
-        const std::string name = request.substr(at, length);
-        at += length;
-        if (held < 0 && !TryLock(name)) held = static_cast<int32_t>(index);
+      int32_t index = 0;
+      for (const char* name = request.data(); name < request.data() + size; ++index) {
+        const std::string text(name);
+        name += text.size() + 1;
+        if (held < 0 && !TryLock(text)) held = index;
       }
-      if (!WriteAll(socket, &held, sizeof held)) _exit(0);
+      if (Transfer(write, socket, &held, sizeof held) != sizeof held) _exit(0);
     }
   }
 
@@ -182,27 +177,15 @@ class LockProbe {
     }
   }
 
-  // Both go on after a signal: libFuzzer's time-out alarm interrupts the wait for an answer.
-  static bool ReadAll(int fd, void* data, std::size_t size) {
-    for (std::size_t done = 0; done < size;) {
-      const ssize_t got = read(fd, static_cast<char*>(data) + done, size - done);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) return false;
-      done += static_cast<std::size_t>(got);
-    }
-    return true;
-  }
-  static bool WriteAll(int fd, const void* data, std::size_t size) {
-    for (std::size_t done = 0; done < size;) {
-      const ssize_t put = write(fd, static_cast<const char*>(data) + done, size - done);
-      if (put < 0 && errno == EINTR) continue;
-      if (put <= 0) return false;
-      done += static_cast<std::size_t>(put);
-    }
-    return true;
+  // read or write, again after a signal: libFuzzer's time-out alarm interrupts the wait.
+  template <class Call, class Buffer>
+  static ssize_t Transfer(Call call, int fd, Buffer data, std::size_t size) {
+    ssize_t done;
+    do done = call(fd, data, size);
+    while (done < 0 && errno == EINTR);
+    return done;
   }
 
-  pid_t mChild = -1;
   int mSocket = -1;
 };
 
@@ -605,7 +588,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
 
     CallOne(input, args, expected, repeated);
 
-    if (const std::string* held = gProbe->FirstHeld(LockNames(args))) {
+    const std::vector<std::string> locks = LockNames(args);
+    if (const std::string* held = gProbe->FirstHeld(locks)) {
       std::fprintf(stderr, "lock left held: %s\n", held->c_str());
       Check(false, "no lock is left held after a call");
     }
