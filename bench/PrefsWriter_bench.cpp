@@ -4,7 +4,6 @@
 // choose the file system measured (default /var/tmp).
 #include <benchmark/benchmark.h>
 
-#include <semaphore.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -32,7 +31,7 @@ class BenchFile {
     mLockName = mPath;
   }
   ~BenchFile() {
-    sem_unlink(esd::ResourceLocker::GetSemaphoreName(mLockName).c_str());
+    esd::ResourceLocker(mLockName, 0).Unlock(true);  // lock files stay in place otherwise
     std::error_code ignored;
     if (!mDir.empty()) std::filesystem::remove_all(mDir, ignored);
   }

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "FuzzSandbox.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "xplat/ChangeDiffType.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"
@@ -109,7 +109,7 @@ Entries AsSaved(const Entries& entries) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   fuzzing::FuzzSandbox::Get();
   const std::string& path = fuzzing::StorePath<VantuUpdaterMissingCompsManager>();
-  static testing_support::SemaphoreGuard lockCleanup(path);
+  static testing_support::LockFileGuard lockCleanup(path);
   const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path);
 
   Entries before;

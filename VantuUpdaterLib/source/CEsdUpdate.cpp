@@ -1,4 +1,5 @@
 #include "CEsdUpdate.h"
+#include "Contained.h"
 
 #include <cstring>
 #include <list>
@@ -26,6 +27,7 @@
 #include "xplat/VantuUpdaterRegistrationManager.h"
 #include "xplat/VantuUpdaterUtils.h"
 #include "xplat/XMLDocumentNode.h"
+#include "xplat/XMLEscaping.h"
 
 namespace {
 
@@ -60,13 +62,30 @@ size_t Length(const unsigned char* text) {
 bool IsNullOrEmpty(const char* text) { return text == nullptr || text[0] == '\0'; }
 bool IsNullOrEmpty(const unsigned char* text) { return text == nullptr || text[0] == '\0'; }
 
-// Application identifiers name files, locks and environment values the updater reads back, so
-// they are plain 7-bit text: valid UTF-8 is not enough.
-bool HasHighBitByte(const char* text) {
-  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(text); *p != 0; ++p) {
-    if (*p >= 0x80) return true;
+// The header's argument rules, each stated once; every export applies them in its own order.
+
+// An application identifier names files, folders, locks and environment values the updater reads
+// back, so it is plain 7-bit text that stands as one file-name component: "." and ".." would name
+// the folder above, and "/" another folder. Valid UTF-8 is not enough.
+bool IsValidAppID(const char* appID) {
+  if (IsNullOrEmpty(appID) || Length(appID) > kMaxAppIDLength) return false;
+  if (std::strcmp(appID, ".") == 0 || std::strcmp(appID, "..") == 0) return false;
+  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(appID); *p != 0; ++p) {
+    if (*p < 0x20 || *p >= 0x7F || *p == '/') return false;
   }
-  return false;
+  return true;
+}
+
+bool IsValidDisplayName(const unsigned char* displayName) {
+  return !IsNullOrEmpty(displayName) && Length(displayName) <= kMaxDisplayNameLength &&
+         validate_utf8(displayName);
+}
+
+// Only some exports hold the install path to the length limit.
+enum class PathLimit { kNone, kMaxLength };
+bool IsValidInstallPath(const unsigned char* installPath, PathLimit limit) {
+  return !IsNullOrEmpty(installPath) && validate_utf8(installPath) &&
+         (limit == PathLimit::kNone || Length(installPath) <= kMaxInstallPathLength);
 }
 
 std::string AsString(const unsigned char* text) {
@@ -93,20 +112,39 @@ std::string NormalisedLanguage(const char* displayLanguage) {
 // workflow's store failure code instead of unwinding into C code; every other exception passes.
 template <class Store>
 bool OpenStore(std::optional<Store>& store) {
-  try {
+  return Contained(false, [&store] {
     store.emplace();
-  } catch (const std::runtime_error&) {
-    return false;
-  }
-  return true;
+    return true;
+  });
+}
+
+// Runs `use` on the user's preferences while their lock is held. False when it could not run:
+// the lock stayed busy, or the preferences could not be read or made (a damaged file that cannot
+// be replaced, no data folder); every caller then goes on as if there were no preferences.
+template <class Use>
+bool WithPrefs(Use use) {
+  return Contained(false, [&use] {
+    VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
+    esd::PrefsLockScope lock(*prefs);
+    if (!lock.IsHeld()) return false;
+    use(*prefs);
+    return true;
+  });
 }
 
 // Sets "Launch" to "Manual" so the updater knows the user asked for this launch.
 void RecordManualLaunch() {
-  VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
-  esd::PrefsLockScope lock(*prefs);
-  if (lock.IsHeld())
-    prefs->Launch.Set(VantuUpdaterUtils::GetStartupModeName(VantuUpdaterUtils::kManual));
+  WithPrefs([](VantuUpdaterPrefs& prefs) {
+    prefs.Launch.Set(VantuUpdaterUtils::GetStartupModeName(VantuUpdaterUtils::kManual));
+  });
+}
+
+bool LaunchUpdater(const LaunchParams& params) {
+  return Contained(false, [&params] { return CKVXVersion().LaunchUpdater(params); });
+}
+
+bool ForkUpdater(const LaunchParams& params) {
+  return Contained(false, [&params] { return CKVXVersion().ForkUpdater(params); });
 }
 
 // Reads the answer of the updater's result file. False when the file does not parse or holds no
@@ -157,85 +195,87 @@ int32_t CEsdUpdate::ROZGetVersion() {
 }
 
 bool CEsdUpdate::ROZIsUpdateCheckEnabled() {
+  // A policy that cannot be read gives no answer, as a missing one does.
   bool policyEnabled = true;
   bool answer = true;
-  if (VantuUpdaterAdminPrefs::GetVantuUpdaterAdminPrefs().GetUpdateCheckEnabled(answer))
+  if (Contained(false, [&answer] {
+        return VantuUpdaterAdminPrefs::GetVantuUpdaterAdminPrefs().GetUpdateCheckEnabled(answer);
+      }))
     policyEnabled = answer;
 
-  const bool isAdmin = VantuUpdaterUtils::DoesUserHaveAdminPrivileges();
+  const bool isAdmin = Contained(false, [] { return VantuUpdaterUtils::DoesUserHaveAdminPrivileges(); });
   bool platformAllows = false;
   if (!isAdmin) {
     // Only a platform whose ordinary users may update by themselves enables non-administrators;
     // this one never does, so the comparison documents the rule rather than ever passing.
-    const std::string platform = esd::SystemUtils::GetOSPlatform();
-    const std::string versionText = esd::SystemUtils::GetOSPlatformVersion();
-    float version = 0.0f;
-    if (!esd::ChangeDiffTypeImpl<std::string, float>::ChangeType(versionText, version))
-      version = 0.0f;
-    platformAllows = platform == "Windows" && version >= 6.0f;
+    platformAllows = Contained(false, [] {
+      const std::string platform = esd::SystemUtils::GetOSPlatform();
+      const std::string versionText = esd::SystemUtils::GetOSPlatformVersion();
+      float version = 0.0f;
+      if (!esd::ChangeDiffTypeImpl<std::string, float>::ChangeType(versionText, version))
+        version = 0.0f;
+      return platform == "Windows" && version >= 6.0f;
+    });
   }
   return policyEnabled && (isAdmin || platformAllows);
 }
 
 int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned char* displayName,
                                            const unsigned char* installPath) {
-  if (IsNullOrEmpty(appID) || IsNullOrEmpty(displayName)) return kROZResultInvalidArgument;
-  if (Length(displayName) > kMaxDisplayNameLength || IsNullOrEmpty(installPath))
+  if (!IsValidAppID(appID) || !IsValidDisplayName(displayName) ||
+      !IsValidInstallPath(installPath, PathLimit::kMaxLength))
     return kROZResultInvalidArgument;
-  if (Length(appID) > kMaxAppIDLength) return kROZResultInvalidArgument;
-  if (HasHighBitByte(appID)) return kROZResultInvalidArgument;
-  if (!validate_utf8(installPath) || !validate_utf8(displayName)) return kROZResultInvalidArgument;
-  if (Length(installPath) > kMaxInstallPathLength) return kROZResultInvalidArgument;
 
-  VantuUpdaterRegisteredApp app{std::string(appID)};
-  app.SetDisplayName(AsString(displayName));
-  app.SetInstallPath(AsString(installPath));
+  return Contained(kROZResultRegistryUnusable, [&]() -> int32_t {
+    VantuUpdaterRegisteredApp app{std::string(appID)};
+    app.SetDisplayName(AsString(displayName));
+    app.SetInstallPath(AsString(installPath));
 
-  std::optional<VantuUpdaterRegistrationManager> store;
-  if (!OpenStore(store)) return kROZResultRegistryUnusable;
+    std::optional<VantuUpdaterRegistrationManager> store;
+    if (!OpenStore(store)) return kROZResultRegistryUnusable;
 
-  unsigned result = store->InsertOrUpdateRegisteredApp(app);
-  if (result == 0 || result == 1) return kROZResultOK;
-  if (result == 2) return kROZResultRegistryNotUpdated;
+    unsigned result = store->InsertOrUpdateRegisteredApp(app);
+    if (result == 0 || result == 1) return kROZResultOK;
+    if (result == 2) return kROZResultRegistryNotUpdated;
 
-  // The store failed. Only a file the store cannot read is rebuilt: when it still loads, the
-  // fault lay with this entry or the save (a name the UTF-8 check lets through but XML cannot
-  // carry, a full disk), and deleting the file would cost every other host its registration
-  // for nothing. The lock is held from that test to the rebuild: a store that could not be read
-  // only because the lock stayed busy is not unusable, and without the lock another process
-  // could write between the test and the deletion.
-  StoreLockScope lock(*store);
-  if (!lock.Held()) return kROZResultRegistryUnusable;
-  std::list<VantuUpdaterRegisteredApp> current;
-  if (store->GetRegisteredApps(current)) return kROZResultRegistryUnusable;
+    // The store failed. Only a file the store cannot read is rebuilt: when it still loads, the
+    // fault lay with this entry or the save (a name the UTF-8 check lets through but XML cannot
+    // carry, a full disk), and deleting the file would cost every other host its registration
+    // for nothing. The lock is held from that test to the rebuild: a store that could not be
+    // read only because the lock stayed busy is not unusable, and without the lock another
+    // process could write between the test and the deletion.
+    StoreLockScope lock(*store);
+    if (!lock.Held()) return kROZResultRegistryUnusable;
+    std::list<VantuUpdaterRegisteredApp> current;
+    if (store->GetRegisteredApps(current)) return kROZResultRegistryUnusable;
 
-  // Rebuilding from this one entry loses the other registrations, but they re-register on their
-  // next request, whereas a store that stays broken would refuse every host for good.
-  if (!store->Delete()) return kROZResultRegistryUnusable;
-  result = store->InsertOrUpdateRegisteredApp(app);
-  return (result == 0 || result == 1) ? kROZResultOK : kROZResultRegistryUnusable;
+    // Rebuilding from this one entry loses the other registrations, but they re-register on
+    // their next request, whereas a store that stays broken would refuse every host for good.
+    if (!store->Delete()) return kROZResultRegistryUnusable;
+    result = store->InsertOrUpdateRegisteredApp(app);
+    return (result == 0 || result == 1) ? kROZResultOK : kROZResultRegistryUnusable;
+  });
 }
 
 int32_t CEsdUpdate::AddOrUpdateRegistration(const char* appID, const unsigned char* displayName,
                                             const unsigned char* installPath) {
   if (appID == nullptr || installPath == nullptr) return kROZResultInvalidArgument;
 
-  std::optional<VantuUpdaterRegistrationManager> store;
-  if (!OpenStore(store)) return kROZResultNotRegistered;
-
-  std::unique_ptr<VantuUpdaterRegisteredApp> existing;
-  if (store->GetRegisteredApplicationByAppID(std::string(appID), existing)) {
+  const bool current = Contained(false, [&] {
+    std::optional<VantuUpdaterRegistrationManager> store;
+    if (!OpenStore(store)) return false;
+    std::unique_ptr<VantuUpdaterRegisteredApp> existing;
+    if (!store->GetRegisteredApplicationByAppID(std::string(appID), existing)) return false;
     // A field the entry lacks is no reason to rewrite it: only a readable, different value is.
+    // Values are compared in the form the file gives them back.
     std::string stored;
-    bool differs = false;
-    if (existing->GetInstallPath(stored) && stored != AsString(installPath)) {
-      differs = true;
-    } else if (displayName != nullptr && existing->GetDisplayName(stored) &&
-               stored != AsString(displayName)) {
-      differs = true;
-    }
-    if (!differs) return kROZResultOK;
-  }
+    if (existing->GetInstallPath(stored) &&
+        stored != esd::XMLEscaping::AsReadBack(AsString(installPath)))
+      return false;
+    return displayName == nullptr || !existing->GetDisplayName(stored) ||
+           stored == esd::XMLEscaping::AsReadBack(AsString(displayName));
+  });
+  if (current) return kROZResultOK;
 
   const unsigned char* name =
       displayName != nullptr ? displayName : reinterpret_cast<const unsigned char*>(appID);
@@ -244,34 +284,39 @@ int32_t CEsdUpdate::AddOrUpdateRegistration(const char* appID, const unsigned ch
 }
 
 int32_t CEsdUpdate::ROZUnRegisterApplication(const char* appID) {
-  if (IsNullOrEmpty(appID) || Length(appID) > kMaxAppIDLength || HasHighBitByte(appID))
-    return kROZResultInvalidArgument;
+  if (!IsValidAppID(appID)) return kROZResultInvalidArgument;
 
   std::optional<VantuUpdaterRegistrationManager> store;
-  if (!OpenStore(store)) return kROZResultRegistryUnusable;
+  const int32_t removal = Contained(kROZResultRegistryUnusable, [&]() -> int32_t {
+    if (!OpenStore(store)) return kROZResultRegistryUnusable;
+    const unsigned removed = store->UnregisterApp(std::string(appID));
+    if (removed == 1) return kROZResultNotRegistered;
+    return removed == 0 ? kROZResultOK : kROZResultRegistryUnusable;
+  });
+  if (removal != kROZResultOK) return removal;
 
-  const unsigned removed = store->UnregisterApp(std::string(appID));
-  if (removed == 1) return kROZResultNotRegistered;
-  if (removed != 0) return kROZResultRegistryUnusable;
+  // What follows only tidies up after a removal that has happened, so it cannot fail it.
+  Contained(false, [&] {
+    // A cached answer for an application that is gone would be handed to the next host that
+    // registers under the same identifier.
+    std::string cacheDir;
+    if (VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(cacheDir)) {
+      const std::string cached =
+          FileSystemUtils::AppendPathElement(cacheDir, std::string(appID) + kUpdateResultSuffix);
+      if (FileSystemUtils::DoesPathExist(cached)) FileSystemUtils::DeleteLocalFile(cached);
+    }
 
-  // A cached answer for an application that is gone would be handed to the next host that
-  // registers under the same identifier.
-  std::string cacheDir;
-  if (VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(cacheDir)) {
-    const std::string cached =
-        FileSystemUtils::AppendPathElement(cacheDir, std::string(appID) + kUpdateResultSuffix);
-    if (FileSystemUtils::DoesPathExist(cached)) FileSystemUtils::DeleteLocalFile(cached);
-  }
+    std::list<VantuUpdaterRegisteredApp> remaining;
+    if (store->GetRegisteredApps(remaining) && !remaining.empty()) return true;
 
-  std::list<VantuUpdaterRegisteredApp> remaining;
-  if (store->GetRegisteredApps(remaining) && !remaining.empty()) return kROZResultOK;
-
-  // The last application left: the updater cleans up after it (and may remove itself).
-  if (!VantuUpdaterUtils::IsUpdaterRunning(false)) {
-    LaunchParams params;
-    AddStartMode(params, kStartModeCleanUp);
-    if (!params.empty()) CKVXVersion().LaunchUpdater(params);
-  }
+    // The last application left: the updater cleans up after it (and may remove itself).
+    if (!VantuUpdaterUtils::IsUpdaterRunning(false)) {
+      LaunchParams params;
+      AddStartMode(params, kStartModeCleanUp);
+      if (!params.empty()) CKVXVersion().LaunchUpdater(params);
+    }
+    return true;
+  });
   return kROZResultOK;
 }
 
@@ -281,62 +326,68 @@ int32_t CEsdUpdate::ROZIsUpdateAvailable(const char* appID, const unsigned char*
                                          bool registerFirst) {
   if (!ROZIsUpdateCheckEnabled()) return kROZResultUpdateCheckDisabled;
 
-  if (IsNullOrEmpty(appID) || IsNullOrEmpty(displayName)) return kROZResultInvalidArgument;
-  if (Length(displayName) > kMaxDisplayNameLength) return kROZResultInvalidArgument;
-  if (Length(appID) > kMaxAppIDLength) return kROZResultInvalidArgument;
-  if (HasHighBitByte(appID)) return kROZResultInvalidArgument;
-  if (!validate_utf8(installPath) || !validate_utf8(displayName) || IsNullOrEmpty(installPath))
+  if (!IsValidAppID(appID) || !IsValidDisplayName(displayName) ||
+      !IsValidInstallPath(installPath, PathLimit::kMaxLength))
     return kROZResultInvalidArgument;
-  if (Length(installPath) > kMaxInstallPathLength) return kROZResultInvalidArgument;
 
   // The registration only keeps the store current; the availability request stands on its own,
   // so its outcome is deliberately not reported.
   if (registerFirst) AddOrUpdateRegistration(appID, displayName, installPath);
 
-  // Without the cache-data folder there is nowhere for the updater to put its answer, so the
-  // request cannot be set up: reported like a request that could not be marked.
-  std::string cacheDir;
-  if (!VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(cacheDir))
-    return kROZResultMissingCompsStoreFailed;
-  const std::string requestFolder = FileSystemUtils::AppendPathElement(
-      FileSystemUtils::AppendPathElement(cacheDir, kUpdateAvailableFolder), std::string(appID));
-  std::string requestName;
-  esd::ChangeDiffTypeImpl<unsigned long, std::string>::ChangeType(requestNumber, requestName);
-  const std::string resultFile =
-      FileSystemUtils::AppendPathElement(requestFolder, requestName + ".xml");
+  // Every failure to set the request up is reported as a request that could not be marked.
+  return Contained(kROZResultMissingCompsStoreFailed, [&]() -> int32_t {
+    // Without the cache-data folder there is nowhere for the updater to put its answer.
+    std::string cacheDir;
+    if (!VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(cacheDir))
+      return kROZResultMissingCompsStoreFailed;
+    const std::string requestFolder = FileSystemUtils::AppendPathElement(
+        FileSystemUtils::AppendPathElement(cacheDir, kUpdateAvailableFolder), std::string(appID));
+    std::string requestName;
+    esd::ChangeDiffTypeImpl<unsigned long, std::string>::ChangeType(requestNumber, requestName);
+    const std::string resultFile =
+        FileSystemUtils::AppendPathElement(requestFolder, requestName + ".xml");
 
-  // While the updater works on this application, a second start would race it for the same
-  // result file.
-  if (VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::IsNotificationWorkflowActive(
-          std::string(appID)))
-    return kROZResultAnswerPending;
+    // A request that can never be marked (no usable folder for the markers: the runtime folder
+    // refused and the private temporary folder taken by another user) would otherwise read as a
+    // workflow under way for ever.
+    std::string markerFolder;
+    if (!VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::GetIPCLockFileFolder(markerFolder))
+      return kROZResultMissingCompsStoreFailed;
 
-  if (FileSystemUtils::DoesPathExist(resultFile)) {
-    bool answer = false;
-    ReadAvailabilityAnswer(resultFile, answer);
-    if (available != nullptr) *available = answer;
-    // The answer is consumed: the next request starts afresh, also after a file that did not
-    // parse.
+    // While the updater works on this application, a second start would race it for the same
+    // result file.
+    if (VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::IsNotificationWorkflowActive(
+            std::string(appID)))
+      return kROZResultAnswerPending;
+
+    if (FileSystemUtils::DoesPathExist(resultFile)) {
+      bool answer = false;
+      ReadAvailabilityAnswer(resultFile, answer);
+      if (available != nullptr) *available = answer;
+      // The answer is consumed: the next request starts afresh, also after a file that did not
+      // parse.
+      FileSystemUtils::DeleteDirectory(requestFolder, true);
+      return kROZResultOK;
+    }
+
     FileSystemUtils::DeleteDirectory(requestFolder, true);
-    return kROZResultOK;
-  }
+    FileSystemUtils::CreateLocalDirectory(requestFolder);
 
-  FileSystemUtils::DeleteDirectory(requestFolder, true);
-  FileSystemUtils::CreateLocalDirectory(requestFolder);
+    LaunchParams params;
+    params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesNotifyAppID),
+                                    std::string(appID)));
+    params.push_back(
+        std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesNotifyOutfile), resultFile));
 
-  LaunchParams params;
-  params.push_back(
-      std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesNotifyAppID), std::string(appID)));
-  params.push_back(
-      std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesNotifyOutfile), resultFile));
-
-  // The marker tells the next request (ours or another host's) that the answer is under way; the
-  // updater removes it when it has written the result file.
-  if (!VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::CreateIPCLockFile(std::string(appID)))
-    return kROZResultMissingCompsStoreFailed;
-  if (CKVXVersion().ForkUpdater(params)) return kROZResultAnswerPending;
-  VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::DeleteIPCLockFile(std::string(appID));
-  return kROZResultUpdaterUnavailable;
+    // The marker tells the next request (ours or another host's) that the answer is under way;
+    // the updater removes it when it has written the result file.
+    if (!VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::CreateIPCLockFile(
+            std::string(appID)))
+      return kROZResultMissingCompsStoreFailed;
+    if (ForkUpdater(params)) return kROZResultAnswerPending;
+    VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::DeleteIPCLockFile(std::string(appID));
+    return kROZResultUpdaterUnavailable;
+  });
 }
 
 int32_t CEsdUpdate::ROZTriggerUpdateCheck(const char* appID, const unsigned char* displayName,
@@ -345,6 +396,7 @@ int32_t CEsdUpdate::ROZTriggerUpdateCheck(const char* appID, const unsigned char
                                           bool registerFirst) {
   if (!ROZIsUpdateCheckEnabled()) return kROZResultUpdateCheckDisabled;
 
+  // Without an application only the presence of the name and path is checked.
   if (IsNullOrEmpty(displayName) || Length(displayName) > kMaxDisplayNameLength ||
       IsNullOrEmpty(installPath))
     return kROZResultInvalidArgument;
@@ -360,16 +412,14 @@ int32_t CEsdUpdate::ROZTriggerUpdateCheck(const char* appID, const unsigned char
   // Without an application the updater checks everything it knows; nothing is registered.
   if (appID == nullptr) {
     RecordManualLaunch();
-    return CKVXVersion().LaunchUpdater(params) ? kROZResultOK : kROZResultUpdaterUnavailable;
+    return LaunchUpdater(params) ? kROZResultOK : kROZResultUpdaterUnavailable;
   }
 
+  if (!IsValidAppID(appID) || !IsValidInstallPath(installPath, PathLimit::kMaxLength) ||
+      !IsValidDisplayName(displayName))
+    return kROZResultInvalidArgument;
   params.push_back(
       std::make_pair(std::string(VantuUpdaterUtils::kEnvStartAppID), std::string(appID)));
-  if (appID[0] == '\0' || installPath[0] == '\0') return kROZResultInvalidArgument;
-  if (Length(installPath) > kMaxInstallPathLength) return kROZResultInvalidArgument;
-  if (Length(appID) > kMaxAppIDLength) return kROZResultInvalidArgument;
-  if (HasHighBitByte(appID)) return kROZResultInvalidArgument;
-  if (!validate_utf8(installPath) || !validate_utf8(displayName)) return kROZResultInvalidArgument;
 
   int32_t result = kROZResultOK;
   if (registerFirst) {
@@ -377,17 +427,14 @@ int32_t CEsdUpdate::ROZTriggerUpdateCheck(const char* appID, const unsigned char
     if (result != kROZResultOK) return result;
   }
 
-  VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
   if (type != kROZTriggerManual) {
+    // Preferences that cannot be read ask for a check, as fresh ones do.
     bool periodElapsed = true;
     bool autoCheck = true;
-    {
-      esd::PrefsLockScope lock(*prefs);
-      if (lock.IsHeld()) {
-        periodElapsed = prefs->HasAutocheckPeriodElapsed();
-        if (!prefs->AutoCheck.Get(autoCheck)) autoCheck = true;
-      }
-    }
+    WithPrefs([&](VantuUpdaterPrefs& prefs) {
+      periodElapsed = prefs.HasAutocheckPeriodElapsed();
+      if (!prefs.AutoCheck.Get(autoCheck)) autoCheck = true;
+    });
     // The user switched automatic checks off, or checked recently enough: the schedule asks for
     // nothing, which is success.
     if (!autoCheck || !periodElapsed) return kROZResultOK;
@@ -396,50 +443,50 @@ int32_t CEsdUpdate::ROZTriggerUpdateCheck(const char* appID, const unsigned char
   if (!scheduled) RecordManualLaunch();
 
   if (scheduled) {
-    esd::PrefsLockScope lock(*prefs);
-    if (lock.IsHeld()) {
+    WithPrefs([](VantuUpdaterPrefs& prefs) {
       bool firstRun = false;
-      if (!prefs->IsFirstRun.Get(firstRun)) firstRun = false;
+      if (!prefs.IsFirstRun.Get(firstRun)) firstRun = false;
       if (!firstRun) {
         // A scheduled check after the first run stays out of the user's way.
-        prefs->InBackground.Set(true);
+        prefs.InBackground.Set(true);
         int checkType = 0;
-        prefs->InTrayIcon.Set(prefs->AutoCheckType.Get(checkType) && checkType == 0);
+        prefs.InTrayIcon.Set(prefs.AutoCheckType.Get(checkType) && checkType == 0);
       }
       std::string launch;
-      prefs->Launch.Get(launch);
+      prefs.Launch.Get(launch);
       // A scheduled check must never override a manual launch the user already asked for.
       if (launch != VantuUpdaterUtils::GetStartupModeName(VantuUpdaterUtils::kManual))
-        prefs->Launch.Set(VantuUpdaterUtils::GetStartupModeName(VantuUpdaterUtils::kScheduled));
-    }
+        prefs.Launch.Set(VantuUpdaterUtils::GetStartupModeName(VantuUpdaterUtils::kScheduled));
+    });
   }
 
-  return CKVXVersion().LaunchUpdater(params) ? result : kROZResultUpdaterUnavailable;
+  return LaunchUpdater(params) ? result : kROZResultUpdaterUnavailable;
 }
 
 int32_t CEsdUpdate::ROZDoPluginAction(const char* appID) {
   if (!ROZIsUpdateCheckEnabled()) return kROZResultUpdateCheckDisabled;
   // A running updater is busy with its own work; the host asks again later.
-  if (VantuUpdaterUtils::IsUpdaterRunning(false)) return kROZResultUpdaterRunning;
-  if (IsNullOrEmpty(appID) || Length(appID) > kMaxAppIDLength || HasHighBitByte(appID))
-    return kROZResultInvalidArgument;
+  if (Contained(false, [] { return VantuUpdaterUtils::IsUpdaterRunning(false); }))
+    return kROZResultUpdaterRunning;
+  if (!IsValidAppID(appID)) return kROZResultInvalidArgument;
 
-  {
-    VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
-    esd::PrefsLockScope lock(*prefs);
-    if (lock.IsHeld() && !prefs->HasAutocheckPeriodElapsed()) return kROZResultOK;
-  }
+  bool periodPending = false;
+  WithPrefs([&periodPending](VantuUpdaterPrefs& prefs) {
+    periodPending = !prefs.HasAutocheckPeriodElapsed();
+  });
+  if (periodPending) return kROZResultOK;
 
-  std::optional<VantuUpdaterRegistrationManager> store;
-  if (!OpenStore(store)) return kROZResultNotRegistered;
-  std::unique_ptr<VantuUpdaterRegisteredApp> app;
-  if (!store->GetRegisteredApplicationByAppID(std::string(appID), app))
-    return kROZResultNotRegistered;
+  const bool registered = Contained(false, [appID] {
+    std::optional<VantuUpdaterRegistrationManager> store;
+    std::unique_ptr<VantuUpdaterRegisteredApp> app;
+    return OpenStore(store) && store->GetRegisteredApplicationByAppID(std::string(appID), app);
+  });
+  if (!registered) return kROZResultNotRegistered;
 
   LaunchParams params;
   params.push_back(
       std::make_pair(std::string(VantuUpdaterUtils::kKeyUpdatesDoActionAppID), std::string(appID)));
-  return CKVXVersion().ForkUpdater(params) ? kROZResultOK : kROZResultUpdaterUnavailable;
+  return ForkUpdater(params) ? kROZResultOK : kROZResultUpdaterUnavailable;
 }
 
 int32_t CEsdUpdate::ROZDownloadMissingComponents(
@@ -448,12 +495,10 @@ int32_t CEsdUpdate::ROZDownloadMissingComponents(
     bool registerFirst) {
   if (!ROZIsUpdateCheckEnabled()) return kROZResultUpdateCheckDisabled;
 
-  if (IsNullOrEmpty(appID) || IsNullOrEmpty(displayName)) return kROZResultInvalidArgument;
-  if (Length(displayName) > kMaxDisplayNameLength || IsNullOrEmpty(installPath))
+  if (!IsValidAppID(appID) || !IsValidDisplayName(displayName) ||
+      !IsValidInstallPath(installPath, PathLimit::kNone))
     return kROZResultInvalidArgument;
   const std::string language = NormalisedLanguage(displayLanguage);
-  if (Length(appID) > kMaxAppIDLength || HasHighBitByte(appID)) return kROZResultInvalidArgument;
-  if (!validate_utf8(installPath) || !validate_utf8(displayName)) return kROZResultInvalidArgument;
 
   int32_t result = kROZResultOK;
   if (registerFirst) {
@@ -461,42 +506,49 @@ int32_t CEsdUpdate::ROZDownloadMissingComponents(
     if (result != kROZResultOK) return result;
   }
 
-  // Held until the method returns, also while the updater is signalled or started.
-  std::optional<VantuUpdaterMissingCompsManager> store;
-  if (!OpenStore(store)) return kROZResultMissingCompsStoreFailed;
+  // The store is held until the request is recorded and the updater signalled or started.
+  return Contained(kROZResultMissingCompsStoreFailed, [&]() -> int32_t {
+    std::optional<VantuUpdaterMissingCompsManager> store;
+    if (!OpenStore(store)) return kROZResultMissingCompsStoreFailed;
 
-  // The first failing entry ends the request; entries before it stay recorded, so the host may
-  // simply ask again with the whole list.
-  bool allAlreadyKnown = true;
-  unsigned last = 0;
-  const uint32_t count = list != nullptr ? list->count : 0;
-  for (uint32_t i = 0; i < count; ++i) {
+    // The first failing entry ends the request; entries before it stay recorded, so the host may
+    // simply ask again with the whole list.
+    bool allAlreadyKnown = true;
+    unsigned last = 0;
+    const uint32_t count = list != nullptr ? list->count : 0;
+    for (uint32_t i = 0; i < count; ++i) {
+      if (last == 2) return kROZResultMissingCompsStoreFailed;
+      const ROZMissingComponent* entry =
+          list->components != nullptr ? list->components[i] : nullptr;
+      // A missing entry is recorded as nothing at all, which the store reports as a failure.
+      last = store->UpdateWithAppAndCompData(
+          appID, displayName, installPath, static_cast<int>(type),
+          entry != nullptr ? entry->name : nullptr, entry != nullptr ? entry->category : nullptr,
+          entry != nullptr ? entry->version : nullptr);
+      if (last == 0) allAlreadyKnown = false;
+    }
     if (last == 2) return kROZResultMissingCompsStoreFailed;
-    const ROZMissingComponent* entry = list->components != nullptr ? list->components[i] : nullptr;
-    // A missing entry is recorded as nothing at all, which the store reports as a failure.
-    last = store->UpdateWithAppAndCompData(appID, displayName, installPath, static_cast<int>(type),
-                                           entry != nullptr ? entry->name : nullptr,
-                                           entry != nullptr ? entry->category : nullptr,
-                                           entry != nullptr ? entry->version : nullptr);
-    if (last == 0) allAlreadyKnown = false;
-  }
-  if (last == 2) return kROZResultMissingCompsStoreFailed;
-  if (last == 1 && allAlreadyKnown) result = kROZResultAlreadyRequested;
+    int32_t recorded = result;
+    if (last == 1 && allAlreadyKnown) recorded = kROZResultAlreadyRequested;
 
-  // The request stays recorded either way; without an updater nobody will act on it yet.
-  std::string updater;
-  if (!VantuUpdaterUtils::GetUpdaterLocation(updater) || !FileSystemUtils::DoesPathExist(updater))
-    return kROZResultUpdaterUnavailable;
+    // The request stays recorded either way; without an updater nobody will act on it yet.
+    std::string updater;
+    if (!VantuUpdaterUtils::GetUpdaterLocation(updater) ||
+        !FileSystemUtils::DoesPathExist(updater))
+      return kROZResultUpdaterUnavailable;
 
-  // A running updater reads the store itself once told to; a second instance is not started.
-  if (VantuUpdaterUtils::IsUpdaterRunning(true) &&
-      VantuUpdaterUtils::SignalExpressDownloadRequest())
-    return result;
+    // A running updater reads the store itself once told to; a second instance is not started.
+    if (Contained(false, [] {
+          return VantuUpdaterUtils::IsUpdaterRunning(true) &&
+                 VantuUpdaterUtils::SignalExpressDownloadRequest();
+        }))
+      return recorded;
 
-  LaunchParams params;
-  AddStartMode(params, kStartModeDownloadMissing);
-  if (!language.empty())
-    params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kEnvDisplayLang), language));
-  CKVXVersion().LaunchUpdater(params);
-  return result;
+    LaunchParams params;
+    AddStartMode(params, kStartModeDownloadMissing);
+    if (!language.empty())
+      params.push_back(std::make_pair(std::string(VantuUpdaterUtils::kEnvDisplayLang), language));
+    LaunchUpdater(params);
+    return recorded;
+  });
 }

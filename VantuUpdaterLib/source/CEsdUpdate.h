@@ -10,9 +10,10 @@
 // why they are virtual and why their slot order is part of the class: a subclass that answers one
 // question differently changes every workflow that asks it.
 //
-// Result codes are those of the public header. No method catches exceptions, with one exception:
-// a store that cannot even find its folder is reported as that store's failure code (see the
-// .cpp), because a missing data folder is an ordinary failure for a host, not a bug.
+// Result codes are those of the public header. A step that throws (a store that cannot find its
+// folder, memory running out, preferences that cannot be read or replaced) gives that step's
+// result code, as the header documents: hosts are mostly C, where an exception would end the
+// process with its locks held.
 
 #include <cstdint>
 

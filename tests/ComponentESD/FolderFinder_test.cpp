@@ -137,7 +137,7 @@ TEST_F(FolderFinderTest, NoHomeFailsOnlyTheFoldersThatNeedIt) {
 }
 
 // The per-user temporary folder in a shared temporary folder is private (0700) and is refused
-// when someone else could have planted it: a symbolic link, or a folder of another user.
+// when someone else could have planted it: a symbolic link, or (below) a folder of another user.
 TEST_F(FolderFinderTest, PrivateTemporaryFolderIsRefusedUnlessOurs) {
   ASSERT_EQ(Find(1, true), privateTmp());
   EXPECT_EQ(fs::status(privateTmp()).permissions(), fs::perms::owner_all);
@@ -146,19 +146,39 @@ TEST_F(FolderFinderTest, PrivateTemporaryFolderIsRefusedUnlessOurs) {
   EXPECT_EQ(Find(1, false), privateTmp());
   EXPECT_EQ(fs::status(privateTmp()).permissions(), fs::perms::owner_all) << "not narrowed again";
 
-  // The same folder seen by another user is not that user's.
-  mEnv.SetEffectiveUserId(geteuid() + 1);
-  const std::string others = tmp() + "/TemporaryItems-" + std::to_string(geteuid() + 1);
-  fs::rename(privateTmp(), others);
-  EXPECT_EQ(Find(1, true), "<failed>");
-  mEnv.SetEffectiveUserId(geteuid());
-
+  fs::remove(privateTmp());
   const std::string target = mBase / "planted";
   fs::create_directories(target);
   chmod(target.c_str(), 0755);
   fs::create_directory_symlink(target, privateTmp());
   EXPECT_EQ(Find(1, true), "<failed>");
   EXPECT_EQ(fs::status(target).permissions(), fs::perms(0755)) << "the link's target was changed";
+}
+
+// $XDG_RUNTIME_DIR counts only as a folder of the caller's own with mode 0700 (another user's
+// runtime folder, handed over with that user's environment, could be changed under us); any
+// other gives way to the private temporary folder, which is also the caller's alone. The
+// refused folder is left as it is.
+TEST_F(FolderFinderTest, RuntimeFolderCountsOnlyWhenPrivateAndOurs) {
+  const std::string runtime = mBase / "runtime";
+  fs::create_directories(runtime);
+  mEnv.SetVariable("XDG_RUNTIME_DIR", runtime);
+  const struct {
+    mode_t mode;
+    uid_t user;
+    std::string expected;
+  } cases[] = {
+      {0700, geteuid(), runtime},
+      {0755, geteuid(), privateTmp()},
+      {0770, geteuid(), privateTmp()},
+      {0700, geteuid() + 1, "<failed>"},  // nor is the temporary folder made by root its own
+  };
+  for (const auto& c : cases) {
+    chmod(runtime.c_str(), c.mode);
+    mEnv.SetEffectiveUserId(c.user);
+    EXPECT_EQ(Find(1, true), c.expected) << std::oct << c.mode << " " << c.user;
+    EXPECT_EQ(fs::status(runtime).permissions(), fs::perms(c.mode));
+  }
 }
 
 // An identifier beyond the table is a programming error.

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "support/ChildProcess.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "xplat/DOMUtils.h"
 #include "xplat/ExpatDOMBuilder.h"
@@ -24,8 +24,8 @@ using esd::XMLDocumentNode;
 using Builder = esd::ExpatDOMBuilder<XMLDocumentNode>;
 using Names = std::set<std::string>;
 using testing_support::ReadFile;
-using testing_support::SemaphoreExists;
-using testing_support::SemaphoreGuard;
+using testing_support::LockIsHeld;
+using testing_support::LockFileGuard;
 using testing_support::TempDir;
 using testing_support::WriteFile;
 
@@ -92,10 +92,10 @@ Names ListFolder(const std::string& path) {
 
 // The new file is the journal renamed into place, so it is rewritable by every user whatever the
 // old file's bits were, and no journal is left behind.
-TEST(JournaledXMLFile, SaveLeavesOnlyTheFileWithSharedPermissions) {
+TEST(JournaledXMLFile, SaveLeavesOnlyTheFileWithTheOwnersPermissions) {
   TempDir dir;
   const std::string path = dir / "Store.xml";
-  SemaphoreGuard guard(path);
+  LockFileGuard guard(path);
   const mode_t oldMask = umask(022);
   for (mode_t before : {mode_t(0), mode_t(0444), mode_t(0777)}) {
     if (before) {
@@ -110,10 +110,10 @@ TEST(JournaledXMLFile, SaveLeavesOnlyTheFileWithSharedPermissions) {
     EXPECT_EQ(StoreText("new"), ReadFile(path));
     struct stat info {};
     ASSERT_EQ(0, stat(path.c_str(), &info));
-    EXPECT_EQ(mode_t(0666), info.st_mode & 07777) << std::oct << before;
+    EXPECT_EQ(mode_t(0600), info.st_mode & 07777) << std::oct << before;
   }
   umask(oldMask);
-  EXPECT_FALSE(SemaphoreExists(path));
+  EXPECT_FALSE(LockIsHeld(path));
 }
 
 // A journal ("Store.xml_") cut short at every byte loses to the file; a whole one (or one short of
@@ -121,7 +121,7 @@ TEST(JournaledXMLFile, SaveLeavesOnlyTheFileWithSharedPermissions) {
 TEST(JournaledXMLFile, IncompleteJournalLosesToTheFile) {
   TempDir dir;
   const std::string path = dir / "Store.xml";
-  SemaphoreGuard guard(path);
+  LockFileGuard guard(path);
   const std::string newText = StoreText("new");
   for (std::size_t cut = 0; cut <= newText.size(); ++cut) {
     WriteFile(path, StoreText("old"));
@@ -153,7 +153,7 @@ TEST(JournaledXMLFile, IncompleteJournalLosesToTheFile) {
 TEST(JournaledXMLFile, MissingStoreLoadsEmptyAndBadFilesFailTheLoad) {
   TempDir dir;
   const std::string path = dir / "Store.xml";
-  SemaphoreGuard guard(path);
+  LockFileGuard guard(path);
   {
     TestStore store(path);
     ASSERT_TRUE(store.Load(nullptr));
@@ -178,7 +178,7 @@ TEST(JournaledXMLFile, MissingStoreLoadsEmptyAndBadFilesFailTheLoad) {
 TEST(JournaledXMLFile, NeverWritesAStaleTreeOrTextThatWouldNotLoadAgain) {
   TempDir dir;
   const std::string path = dir / "Store.xml";
-  SemaphoreGuard guard(path);
+  LockFileGuard guard(path);
   WriteFile(path, StoreText("first"));
   TestStore store(path, 20);
   ASSERT_TRUE(store.Load(nullptr));
@@ -251,7 +251,7 @@ TEST(JournaledXMLFile, SetPathMovesTheStore) {
 TEST(JournaledXMLLockedFile, OperationsNestInsideAHeldLock) {
   TempDir dir;
   const std::string path = dir / "Store.xml";
-  SemaphoreGuard guard(path);
+  LockFileGuard guard(path);
   TestStore store(path, 20);
   WriteFile(path, StoreText("before"));
   int saveFlag = 1;
@@ -259,7 +259,7 @@ TEST(JournaledXMLLockedFile, OperationsNestInsideAHeldLock) {
   EXPECT_TRUE(store.lockHeldDuringLoad);
   EXPECT_TRUE(store.saveInsideLoad);
   EXPECT_FALSE(store.HasLock());
-  EXPECT_FALSE(SemaphoreExists(path));
+  EXPECT_FALSE(LockIsHeld(path));
 
   ASSERT_TRUE(store.Lock());
   EXPECT_THROW(store.Lock(), esd::resource_lock_fail);
@@ -273,7 +273,7 @@ TEST(JournaledXMLLockedFile, OperationsNestInsideAHeldLock) {
   ASSERT_TRUE(store.Delete());
   EXPECT_TRUE(store.HasLock());
   EXPECT_TRUE(store.Unlock(false));
-  EXPECT_FALSE(SemaphoreExists(path));
+  EXPECT_FALSE(LockIsHeld(path));
   EXPECT_THROW(store.Unlock(false), esd::no_resource_lock);
 
   esd::ResourceLocker crashed(path, 0);
@@ -287,7 +287,7 @@ TEST(JournaledXMLLockedFile, OperationsNestInsideAHeldLock) {
     TestStore holder(path);
     ASSERT_TRUE(holder.Lock());
   }
-  EXPECT_FALSE(SemaphoreExists(path));
+  EXPECT_FALSE(LockIsHeld(path));
 }
 
 // Two processes doing locked read-modify-write never lose an increment, and a reader without the
@@ -295,7 +295,7 @@ TEST(JournaledXMLLockedFile, OperationsNestInsideAHeldLock) {
 TEST(JournaledXMLLockedFile, TwoProcessesSavingAlternatelyNeverLeaveABrokenFile) {
   TempDir dir;
   const std::string path = dir / "Store.xml";
-  SemaphoreGuard guard(path);
+  LockFileGuard guard(path);
   const int kRounds = 150;
   auto writer = [&] {
     TestStore store(path, 10000);
@@ -328,7 +328,7 @@ TEST(JournaledXMLLockedFile, TwoProcessesSavingAlternatelyNeverLeaveABrokenFile)
   ASSERT_TRUE(store.Load(nullptr));
   EXPECT_EQ(2 * kRounds, Counter(store.mBuilder));
   EXPECT_EQ(Names{"Store.xml"}, ListFolder(dir.path()));
-  EXPECT_FALSE(SemaphoreExists(path));
+  EXPECT_FALSE(LockIsHeld(path));
 }
 
 }  // namespace

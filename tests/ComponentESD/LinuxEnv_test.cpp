@@ -3,6 +3,7 @@
 #include "xplat/Env.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/socket.h>
@@ -103,19 +104,34 @@ TEST(LinuxEnvTest, ProcessTableShowsLiveProcessesOnly) {
 }
 
 // A detached start runs the program outside the caller's session with the standard streams on
-// /dev/null and the caller's environment; what cannot be executed is a failure, never a shell run.
-TEST(LinuxEnvTest, DetachedStartRunsProgramsAndReportsWhatCannotRun) {
+// /dev/null, the caller's environment plus the given pairs and none of the caller's other
+// descriptors (close-on-exec or not); the shell gets the same. What cannot be executed is a
+// failure, never a shell run. The caller's own environment does not change.
+TEST(LinuxEnvTest, StartsGetTheGivenEnvironmentAndNoInheritedDescriptor) {
   TempDir temp;
   testing_support::FakeUpdaterBundle bundle(temp / "Fake.app");
-  ScopedVariable marker("LINUX_ENV_TEST_MARKER", "handed on");
+  ScopedVariable inherited("LINUX_ENV_TEST_HOST", "host");
+  const int leaked = open(temp.path().c_str(), O_RDONLY | O_DIRECTORY);  // no close-on-exec
+  ASSERT_GT(leaked, 2);
+  const Env::EnvironmentList added = {{"LINUX_ENV_TEST_MARKER", "handed on"},
+                                      {"LINUX_ENV_TEST_HOST", "replaced"}};
   const std::string program = bundle.programPath();
-  ASSERT_TRUE(Env::Platform()->StartDetachedProcess(program, {program}));
+  ASSERT_TRUE(Env::Platform()->StartDetachedProcess(program, {program}, added));
   const auto reports = bundle.WaitForReports(1);
   ASSERT_EQ(reports.size(), 1u);
   EXPECT_NE(reports[0].sessionId, getsid(0));
   EXPECT_EQ(reports[0].standardInput, "/dev/null");
   EXPECT_EQ(reports[0].environment.at("LINUX_ENV_TEST_MARKER"), "handed on");
+  EXPECT_EQ(reports[0].environment.at("LINUX_ENV_TEST_HOST"), "replaced");
+  EXPECT_TRUE(reports[0].descriptors.empty());
   EXPECT_TRUE(bundle.Stop());
+  const std::string check = "test \"$LINUX_ENV_TEST_MARKER\" = 'handed on' && ! test -e /proc/self/fd/" +
+                            std::to_string(leaked) + " && exit 3";
+  const int status = Env::Platform()->RunShellCommand(check, added);  // as system() gives it
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
+  EXPECT_STREQ(std::getenv("LINUX_ENV_TEST_HOST"), "host");
+  EXPECT_EQ(std::getenv("LINUX_ENV_TEST_MARKER"), nullptr);
+  close(leaked);
 
   WriteFile(temp / "plain", "echo never\n");
   chmod((temp / "plain").c_str(), 0644);
@@ -123,11 +139,8 @@ TEST(LinuxEnvTest, DetachedStartRunsProgramsAndReportsWhatCannotRun) {
   chmod((temp / "no-interpreter-line").c_str(), 0755);
   for (const std::string& path :
        {temp / "missing", temp / "plain", temp / "no-interpreter-line", temp.path()})
-    EXPECT_FALSE(Env::Platform()->StartDetachedProcess(path, {path})) << path;
+    EXPECT_FALSE(Env::Platform()->StartDetachedProcess(path, {path}, {})) << path;
   EXPECT_FALSE(fs::exists(temp / "ran"));
-
-  const int status = Env::Platform()->RunShellCommand("exit 3");  // as system() gives it
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
 }
 
 // A signal reaches a listener on the session bus with its arguments in order; text the bus would

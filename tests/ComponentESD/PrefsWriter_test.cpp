@@ -15,7 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/Unprivileged.h"
 #include "xplat/FileSystemUtils.h"
@@ -24,8 +24,8 @@
 #include "xplat/ResourceLocker.h"
 
 using testing_support::ReadFile;
-using testing_support::SemaphoreExists;
-using testing_support::SemaphoreGuard;
+using testing_support::LockIsHeld;
+using testing_support::LockFileGuard;
 using testing_support::TempDir;
 using testing_support::UniqueResourceName;
 using testing_support::WriteFile;
@@ -42,7 +42,7 @@ struct LockedWriter {
     writer.SetLockPolicy(&lock);
     writer.SetPrefsPath(path);
   }
-  SemaphoreGuard guard;
+  LockFileGuard guard;
   esd::ResourceLocker lock;
   esd::PrefsWriter writer;
 };
@@ -261,7 +261,7 @@ TEST(PrefsWriter, LockedWritersSeeEachOthersSets) {
   ASSERT_EQ(199, Read<int>(b, "Counter"));
   ASSERT_TRUE(a.writer.SetPref<int>("Counter", 500));
   EXPECT_EQ(500, Read<int>(b, "Counter"));
-  EXPECT_FALSE(SemaphoreExists(resource));
+  EXPECT_FALSE(LockIsHeld(resource));
 }
 
 // Behind a locked writer's back: a deleted file empties the document; one that no longer parses
@@ -342,9 +342,9 @@ TEST(PrefsWriter, LockHeldElsewhere) {
     EXPECT_TRUE(scope.IsHeld());
     EXPECT_FALSE(scope.TookLock());
   }
-  EXPECT_TRUE(SemaphoreExists(resource));
+  EXPECT_TRUE(LockIsHeld(resource));
   EXPECT_TRUE(writer.UnlockPrefs());
-  EXPECT_FALSE(SemaphoreExists(resource));
+  EXPECT_FALSE(LockIsHeld(resource));
   EXPECT_FALSE(writer.UnlockPrefs());
 }
 

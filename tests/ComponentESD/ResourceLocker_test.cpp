@@ -5,47 +5,83 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
+#include <functional>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
+#include "support/TempDir.h"
+#include "support/TestEnv.h"
+#include "xplat/ScopedEnv.h"
 
 namespace {
 
-using testing_support::Pipe;
-using testing_support::SemaphoreExists;
-using testing_support::SemaphoreGuard;
-using testing_support::StartChild;
-using testing_support::UniqueResourceName;
-using testing_support::WaitChild;
+using namespace testing_support;
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// The name is "/" and the name hash, with a "/" inside the hash (which Linux refuses) made "_";
-// every process must derive the same one. The semaphore is private to its owner.
-TEST(ResourceLocker, SemaphoreNameIsAValidLinuxNameDerivedFromTheHash) {
-  EXPECT_EQ("/MlvTMiyOLj_i+mGbuGxF2w==", esd::ResourceLocker::GetSemaphoreName("lock-5"));
-  const std::string resource = UniqueResourceName("mode");
-  SemaphoreGuard guard(resource);
-  {
-    esd::ResourceLocker locker(resource, 0);
-    ASSERT_TRUE(locker.Lock());
-    struct stat info {};
-    ASSERT_EQ(0, stat(testing_support::SemaphoreFilePath(resource).c_str(), &info));
-    EXPECT_EQ(0700u, info.st_mode & 0777u);
-    EXPECT_EQ(geteuid(), info.st_uid);
+// A relocated machine root and runtime folder, so lock files land in a temporary folder.
+class ResourceLockerTest : public ::testing::Test {
+ protected:
+  ResourceLockerTest() : mScope(&mEnv) {
+    mEnv.SetRoot(mDir / "root");
+    mEnv.SetVariable("XDG_RUNTIME_DIR", mDir / "run");
+    std::filesystem::create_directories(AllUsersDir());
+    // A runtime folder counts only when it is the caller's own, mode 0700.
+    std::filesystem::create_directories(mDir / "run");
+    std::filesystem::permissions(mDir / "run", std::filesystem::perms::owner_all);
   }
-  EXPECT_FALSE(SemaphoreExists(resource));  // released by the destructor
+  std::string AllUsersDir() const { return mDir / "root/var/lib/Vantu/Updater5"; }
+
+  TempDir mDir;
+  TestEnv mEnv;
+  esd::ScopedEnv mScope;
+};
+
+mode_t ModeOf(const std::string& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0 ? info.st_mode : 0;
 }
 
-TEST(ResourceLocker, MisuseThrowsTheExactExceptions) {
-  const std::string resource = UniqueResourceName("misuse");
-  SemaphoreGuard guard(resource);
-  esd::ResourceLocker locker(resource, 0);
+// The lock file's name is the name hash with "/" made "_"; a machine-wide store locks beside
+// itself and shares its lock with the folder's group, anything else locks privately in the
+// runtime folder. The bits are those whatever the umask, and the file stays after the release.
+TEST_F(ResourceLockerTest, LockFileNamePlaceAndMode) {
+  EXPECT_EQ("MlvTMiyOLj_i+mGbuGxF2w==", esd::ResourceLocker::GetLockFileName("lock-5"));
+  EXPECT_EQ("/MlvTMiyOLj_i+mGbuGxF2w==", esd::ResourceLocker::GetSemaphoreName("lock-5"));
+  const struct {
+    std::string resource, folder;
+    mode_t mode;
+  } cases[] = {
+      {"lock-5", mDir / "run", 0600},
+      {mDir / "home/.local/share/Vantu/Updater5/VantuMissingComps.xml", mDir / "run", 0600},
+      {AllUsersDir() + "/VantuESDGlobalApps.xml", AllUsersDir(), 0660},
+      {mDir / "root/var/library/x.xml", mDir / "run", 0600},
+  };
+  for (const mode_t mask : {0000, 0077}) {
+    const mode_t old = ::umask(mask);
+    for (const auto& c : cases) {
+      const std::string path = c.folder + "/" + esd::ResourceLocker::GetLockFileName(c.resource);
+      EXPECT_EQ(path, LockFilePath(c.resource));
+      esd::ResourceLocker locker(c.resource, 0);
+      ASSERT_TRUE(locker.Lock()) << c.resource;
+      EXPECT_TRUE(LockIsHeld(c.resource));
+      EXPECT_EQ(S_IFREG | c.mode, ModeOf(path)) << c.resource << " umask " << mask;
+      ASSERT_TRUE(locker.Unlock(false));
+      EXPECT_FALSE(LockIsHeld(c.resource));
+      EXPECT_NE(0u, ModeOf(path));
+      ::unlink(path.c_str());
+    }
+    ::umask(old);
+  }
+}
+
+TEST_F(ResourceLockerTest, MisuseThrowsTheExactExceptions) {
+  esd::ResourceLocker locker("misuse", 0);
   try {
     locker.Unlock(false);
     ADD_FAILURE() << "Unlock(false) without the lock did not throw";
@@ -59,7 +95,7 @@ TEST(ResourceLocker, MisuseThrowsTheExactExceptions) {
     ADD_FAILURE() << "a second Lock did not throw";
   } catch (const esd::resource_lock_fail& error) {
     EXPECT_STREQ("A resource is already being locked", error.what());
-    EXPECT_EQ(resource, error.GetResourceName());
+    EXPECT_EQ("misuse", error.GetResourceName());
   }
   EXPECT_TRUE(locker.HasLock());  // the failed second Lock keeps the first one
   EXPECT_TRUE(locker.Unlock(false));
@@ -67,36 +103,31 @@ TEST(ResourceLocker, MisuseThrowsTheExactExceptions) {
 }
 
 // Two lockers of one resource exclude each other within one process too; other resources do not.
-TEST(ResourceLocker, LockersInOneProcessExcludeEachOther) {
-  const std::string resource = UniqueResourceName("same"), other = UniqueResourceName("other");
-  SemaphoreGuard guard(resource), otherGuard(other);
-  esd::ResourceLocker first(resource, 0), second(resource, 20), unrelated(other, 0);
+TEST_F(ResourceLockerTest, LockersInOneProcessExcludeEachOther) {
+  esd::ResourceLocker first("same", 0), second("same", 20), unrelated("other", 0);
   ASSERT_TRUE(first.Lock());
   EXPECT_FALSE(second.Lock() || second.HasLock());
   EXPECT_TRUE(unrelated.Lock());
   EXPECT_TRUE(first.Unlock(false));
   EXPECT_TRUE(second.Lock());
   EXPECT_TRUE(second.Unlock(false) && unrelated.Unlock(false));
-  EXPECT_FALSE(SemaphoreExists(resource) || SemaphoreExists(other));
+  EXPECT_FALSE(LockIsHeld("same") || LockIsHeld("other"));
 }
 
-// A time-out of zero makes one attempt; a longer one waits it out, and gets the lock when the
-// other process lets go within it.
-TEST(ResourceLocker, WaitsForAnotherProcessUntilTheTimeOut) {
-  const std::string resource = UniqueResourceName("timeout");
-  SemaphoreGuard guard(resource);
-  Pipe held, release;
+// While another process holds the lock, a time-out of zero makes one attempt and a longer one
+// waits it out; a holder killed outright releases at once, so a waiter gets the lock without
+// anyone breaking it.
+TEST_F(ResourceLockerTest, WaitsForAHolderThatDiesReleasingAtOnce) {
+  Pipe held;
   const pid_t holder = StartChild([&] {
-    esd::ResourceLocker locker(resource, 0);
+    esd::ResourceLocker locker("timeout", 0);
     if (!locker.Lock()) return 1;
     held.Signal();
-    if (!release.Wait()) return 2;
-    std::this_thread::sleep_for(milliseconds(100));
-    return locker.Unlock(false) ? 0 : 3;
+    ::pause();
+    return 2;
   });
-  ASSERT_TRUE(held.Wait());
-
-  esd::ResourceLocker immediate(resource, 0), patient(resource, 50);
+  const bool wasHeld = held.Wait() && LockIsHeld("timeout");
+  esd::ResourceLocker immediate("timeout", 0), patient("timeout", 50), waiter("timeout", 10000);
   Clock::time_point start = Clock::now();
   EXPECT_FALSE(immediate.Lock());
   EXPECT_LT(Clock::now() - start, milliseconds(1000));
@@ -104,67 +135,72 @@ TEST(ResourceLocker, WaitsForAnotherProcessUntilTheTimeOut) {
   EXPECT_FALSE(patient.Lock());
   EXPECT_GE(Clock::now() - start, milliseconds(50));
   EXPECT_THROW(patient.Unlock(false), esd::no_resource_lock);
-
-  release.Signal();
-  esd::ResourceLocker waiter(resource, 10000);
+  ::kill(holder, SIGKILL);
+  EXPECT_EQ(-1, WaitChild(holder));
+  ASSERT_TRUE(wasHeld);
+  start = Clock::now();
   EXPECT_TRUE(waiter.Lock());
-  EXPECT_EQ(0, WaitChild(holder));  // the holder's own Unlock succeeded, so it released first
-  EXPECT_TRUE(waiter.Unlock(false));
+  EXPECT_LT(Clock::now() - start, milliseconds(100));
 }
 
-// Force removes another process's lock; that holder's Unlock then fails and it still counts as
-// holding, and its destructor removes the name again (it cannot tell the new semaphore apart).
-TEST(ResourceLocker, ForcedUnlockBreaksAnotherProcessesLock) {
-  const std::string resource = UniqueResourceName("forced");
-  SemaphoreGuard guard(resource);
-  Pipe held, broken, retaken, childChecked;
-  const pid_t holder = StartChild([&] {
-    int status = 0;
-    {
-      esd::ResourceLocker locker(resource, 0);
+// A lock file removed (a forced Unlock) or replaced under its holder: the next locker takes the
+// lock on the new file, and the holder learns it at its own Unlock, which fails and leaves it
+// holding; its destructor then lets go of the old file without disturbing the new holder.
+TEST_F(ResourceLockerTest, BrokenLockIsDetectedByItsHolder) {
+  const std::string path = LockFilePath("broken");
+  const std::function<bool()> breakers[] = {
+      [] { return esd::ResourceLocker("broken", 0).Unlock(true); },
+      [&] {
+        WriteFile(path + ".new", "");
+        return ::rename((path + ".new").c_str(), path.c_str()) == 0;
+      },
+  };
+  for (const auto& breakLock : breakers) {
+    Pipe held, broken, checked, retaken;
+    const pid_t holder = StartChild([&] {
+      esd::ResourceLocker locker("broken", 0);
       if (!locker.Lock()) return 1;
       held.Signal();
       if (!broken.Wait()) return 2;
-      if (locker.Unlock(false) || !locker.HasLock()) status = 3;
-      childChecked.Signal();
-      if (!retaken.Wait()) return 5;
-    }
-    return status;
-  });
-  ASSERT_TRUE(held.Wait());
-  esd::ResourceLocker breaker(resource, 0);
+      const bool noticed = !locker.Unlock(false) && locker.HasLock();
+      checked.Signal();
+      return retaken.Wait() && noticed ? 0 : 3;
+    });
+    ASSERT_TRUE(held.Wait());
+    ASSERT_TRUE(breakLock());
+    broken.Signal();
+    ASSERT_TRUE(checked.Wait());
+    esd::ResourceLocker next("broken", 0);
+    EXPECT_TRUE(next.Lock());
+    retaken.Signal();
+    EXPECT_EQ(0, WaitChild(holder));
+    EXPECT_TRUE(LockIsHeld("broken"));
+    EXPECT_TRUE(next.Unlock(false));
+  }
+  esd::ResourceLocker breaker("broken", 0);
   EXPECT_TRUE(breaker.Unlock(true));
-  EXPECT_FALSE(breaker.HasLock());
-  EXPECT_FALSE(SemaphoreExists(resource));
-  broken.Signal();
-  ASSERT_TRUE(childChecked.Wait());
-
-  EXPECT_TRUE(breaker.Lock());
-  retaken.Signal();
-  EXPECT_EQ(0, WaitChild(holder));
-  EXPECT_FALSE(SemaphoreExists(resource));
-  EXPECT_FALSE(breaker.Unlock(false));
+  EXPECT_FALSE(breaker.Unlock(true));  // nothing left to remove
 }
 
-// A killed holder leaves its lock until someone forces it; forcing a free lock removes nothing.
-TEST(ResourceLocker, LockOfADeadProcessStaysUntilForced) {
-  const std::string resource = UniqueResourceName("dead");
-  SemaphoreGuard guard(resource);
-  const pid_t holder = StartChild([&resource] {
-    esd::ResourceLocker locker(resource, 0);
-    if (!locker.Lock()) return 1;
-    kill(getpid(), SIGKILL);
-    return 2;
-  });
-  EXPECT_EQ(-1, WaitChild(holder));
-  EXPECT_TRUE(SemaphoreExists(resource));
-  esd::ResourceLocker next(resource, 20);
-  EXPECT_FALSE(next.Lock());
-  EXPECT_TRUE(next.Unlock(true));
-  EXPECT_FALSE(next.Unlock(true));
-  EXPECT_TRUE(next.Lock());
-  EXPECT_TRUE(next.Unlock(false));
-  EXPECT_FALSE(SemaphoreExists(resource));
+// What stands at the lock file's name and is not a regular file is never locked, followed or
+// opened for long: Lock answers false at once.
+TEST_F(ResourceLockerTest, RefusesWhatIsNotARegularFile) {
+  const std::string path = LockFilePath("planted");
+  WriteFile(mDir / "target", "");
+  const std::function<int()> plants[] = {
+      [&] { return ::symlink((mDir / "target").c_str(), path.c_str()); },
+      [&] { return ::mkfifo(path.c_str(), 0600); },
+      [&] { return ::mkdir(path.c_str(), 0700); },
+  };
+  for (const auto& plant : plants) {
+    ASSERT_EQ(0, plant());
+    esd::ResourceLocker locker("planted", 2000);
+    const Clock::time_point start = Clock::now();
+    EXPECT_FALSE(locker.Lock());
+    EXPECT_LT(Clock::now() - start, milliseconds(1000));
+    std::filesystem::remove(path);
+  }
+  EXPECT_EQ("", ReadFile(mDir / "target"));
 }
 
 }  // namespace

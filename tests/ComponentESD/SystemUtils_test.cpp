@@ -30,16 +30,6 @@ using testing_support::TestEnv;
 using testing_support::WriteFile;
 using EnvList = std::vector<std::pair<std::string, std::string>>;
 
-// Unsets the test's variables before and after each test, since LaunchPath leaves them set.
-struct VariableCleanup {
-  VariableCleanup() { Unset(); }
-  ~VariableCleanup() { Unset(); }
-  static void Unset() {
-    unsetenv("LAUNCH_TEST_A");
-    unsetenv("LAUNCH_TEST_B");
-  }
-};
-
 bool WaitForFile(const std::string& path, int timeoutMs = 10000) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   while (!fs::exists(path)) {
@@ -59,13 +49,12 @@ class LaunchPathTest : public ::testing::Test {
  protected:
   LaunchPathTest() : mScope(&mEnv) {}
   TempDir mTemp;
-  VariableCleanup mCleanup;
   TestEnv mEnv;
   esd::ScopedEnv mScope;
 };
 
 // A bundle (XML or binary Info.plist) is started by its program, and an executable that is no
-// bundle as it is: detached, with the variables in its environment (which stay set in the caller).
+// bundle as it is: detached, with the variables in its environment and not in the caller's.
 TEST_F(LaunchPathTest, BundleOrExecutableStartsWithTheVariables) {
   for (int kind = 0; kind < 3; ++kind) {  // XML bundle, binary bundle, the program itself
     SCOPED_TRACE(kind);
@@ -81,42 +70,39 @@ TEST_F(LaunchPathTest, BundleOrExecutableStartsWithTheVariables) {
     EXPECT_EQ(reports[0].environment.at("LAUNCH_TEST_A"), "second");
     EXPECT_EQ(reports[0].environment.at("LAUNCH_TEST_B"), "it's \"quoted\"");
     EXPECT_EQ(reports[0].standardInput, "/dev/null");
-    EXPECT_STREQ(std::getenv("LAUNCH_TEST_A"), "second");
+    EXPECT_EQ(std::getenv("LAUNCH_TEST_A"), nullptr);
     EXPECT_TRUE(mEnv.ShellCommands().empty()) << "no shell was needed";
     EXPECT_TRUE(bundle.Stop());
   }
 }
 
-// A path that exists but cannot be executed directly goes to the shell, single-quoted and in the
-// background, a single quote escaped. The scan covers only as many positions as the path has
-// characters, so the last of several quotes near the end stays unescaped and the shell refuses it.
+// The shell gets the path single-quoted, every single quote escaped: a path that exists but
+// cannot be executed directly runs in the background; a path that does not exist runs in the
+// foreground and its status decides, so "/x/Missing Dir/prog" never runs an executable
+// "/x/Missing" with an argument.
 TEST_F(LaunchPathTest, ShellFallbackQuotesThePath) {
   fs::create_directory(mTemp / "it's here");
-  WriteShellFragment(mTemp / "it's here/start me", mTemp / "ran");
-  EnvList env;
-  ASSERT_TRUE(LaunchPath(mTemp / "it's here/start me", env));
-  EXPECT_TRUE(WaitForFile(mTemp / "ran"));
-
   fs::create_directory(mTemp / "a'b");
-  const std::string late = mTemp / "a'b/x'";
-  WriteShellFragment(late, mTemp / "late");
-  EXPECT_FALSE(LaunchPath(late, env));
-  EXPECT_FALSE(fs::exists(mTemp / "late"));
+  WriteShellFragment(mTemp / "it's here/start me", mTemp / "ran");
+  WriteShellFragment(mTemp / "a'b/x'", mTemp / "late");
+  WriteShellFragment(mTemp / "Missing", mTemp / "split");
   const std::string base = "'" + mTemp.path();
-  EXPECT_EQ(mEnv.ShellCommands(), (std::vector<std::string>{base + "/it'\\''s here/start me' &",
-                                                            base + "/a'\\''b/x'' &"}));
-  EXPECT_EQ(esd::SystemUtils::QuoteShellArgument(late), base + "/a'\\''b/x'\\'''");
-}
-
-// A path that does not exist is run as a shell command, unquoted and in the foreground; its
-// exit status decides. The variables are set all the same.
-TEST_F(LaunchPathTest, MissingPathRunsAsForegroundCommand) {
-  const std::string marker = mTemp / "foreground";
-  EnvList env = {{"LAUNCH_TEST_A", "kept"}};
-  EXPECT_TRUE(LaunchPath("touch '" + marker + "'", env));
-  EXPECT_TRUE(fs::exists(marker)) << "the command finished before LaunchPath returned";
-  EXPECT_FALSE(LaunchPath("exit 4", env));
-  EXPECT_STREQ(std::getenv("LAUNCH_TEST_A"), "kept");
+  const struct {
+    std::string path;
+    bool started;
+    std::string command;
+    std::string marker;
+  } cases[] = {
+      {mTemp / "it's here/start me", true, base + "/it'\\''s here/start me' &", mTemp / "ran"},
+      {mTemp / "a'b/x'", true, base + "/a'\\''b/x'\\''' &", mTemp / "late"},
+      {mTemp / "Missing Dir/prog", false, base + "/Missing Dir/prog'", mTemp / "split"},
+  };
+  EnvList env;
+  for (const auto& c : cases) {
+    EXPECT_EQ(LaunchPath(c.path, env), c.started) << c.path;
+    EXPECT_EQ(mEnv.ShellCommands().back(), c.command);
+    EXPECT_EQ(WaitForFile(c.marker, c.started ? 10000 : 100), c.started) << c.marker;
+  }
 }
 
 // A bundle that cannot be started (the start fails, or its Info.plist does not parse) is handed

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
@@ -40,6 +41,50 @@ std::string BinaryPolicy(bool disable) {
   std::string result(bytes, length);
   plist_to_bin_free(bytes);
   return result;
+}
+
+// A policy that disables checks and also holds `depth` arrays nested in one another, written by
+// hand: the library's own writer would recurse as deeply as the parser does.
+std::string NestedPolicy(size_t depth, bool binary) {
+  if (!binary) {
+    std::string arrays;
+    for (size_t i = 0; i < depth; ++i) arrays += "<array>";
+    for (size_t i = 0; i < depth; ++i) arrays += "</array>";
+    return XmlPolicy("<dict><key>Disable.Update</key><true/><key>Deep</key>" + arrays + "</dict>");
+  }
+  // Objects: 0 the root dictionary, 1 and 2 its keys, 3 true, 4.. the arrays, each holding the
+  // next; the innermost is empty. References and offsets are four bytes wide.
+  std::string out = "bplist00";
+  std::vector<uint32_t> offsets;
+  auto put32 = [](std::string& to, uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8) to += static_cast<char>((value >> shift) & 0xFF);
+  };
+  offsets.push_back(out.size());
+  out += '\xD2';
+  for (uint32_t ref : {1u, 2u, 3u, 4u}) put32(out, ref);
+  offsets.push_back(out.size());
+  out += "\x5E" "Disable.Update";
+  offsets.push_back(out.size());
+  out += "\x54" "Deep";
+  offsets.push_back(out.size());
+  out += '\x09';
+  for (size_t i = 0; i < depth; ++i) {
+    offsets.push_back(out.size());
+    if (i + 1 == depth) {
+      out += '\xA0';
+    } else {
+      out += '\xA1';
+      put32(out, static_cast<uint32_t>(5 + i));
+    }
+  }
+  const uint32_t table = static_cast<uint32_t>(out.size());
+  for (uint32_t offset : offsets) put32(out, offset);
+  out += std::string(6, '\0') + "\x04\x04";
+  for (uint64_t value : {uint64_t{offsets.size()}, uint64_t{0}, uint64_t{table}}) {
+    put32(out, static_cast<uint32_t>(value >> 32));
+    put32(out, static_cast<uint32_t>(value));
+  }
+  return out;
 }
 
 // The answer, or nullopt for none; no answer must leave the caller's value alone.
@@ -78,11 +123,19 @@ TEST_F(AdminPrefsTest, OnlyABooleanInADictionaryAnswers) {
       {XmlPolicy("<array><dict><key>Disable.Update</key><true/></dict></array>"), std::nullopt},
       {"<?xml version=\"1.0\"?><plist><dict><key>Disable.Update</key><true/>", std::nullopt},
       {"bplist00 not really", std::nullopt},
+      // Nesting is bounded before parsing: the parser recurses once per level and a deep enough
+      // file would overflow the host's stack.
+      {NestedPolicy(60, false), false},
+      {NestedPolicy(60, true), false},
+      {NestedPolicy(70, false), std::nullopt},
+      {NestedPolicy(70, true), std::nullopt},
+      {NestedPolicy(200000, false), std::nullopt},
+      {NestedPolicy(200000, true), std::nullopt},
       {"", std::nullopt},
   };
   for (const auto& [bytes, expected] : cases) {
     WritePolicy(bytes);
-    EXPECT_EQ(Ask(), expected) << bytes;
+    EXPECT_EQ(Ask(), expected) << bytes.substr(0, 200);
   }
   fs::remove(mSandbox.PolicyFile());
   EXPECT_EQ(Ask(), std::nullopt);

@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -93,13 +94,26 @@ struct RejectedCall {
 };
 
 // Each export's invalid arguments give 3 and create, change or start nothing: the limits one
-// byte over, 8-bit identifiers (even valid UTF-8), and the UTF-8 faults the check knows.
+// byte over, identifiers that are not one plain 7-bit file-name component (they name folders,
+// files and locks), and the UTF-8 faults the check knows. Other applications' files, planted
+// where a bad identifier would lead, stay as they were.
 TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
   BecomeAdministrator();
   InstallUpdater();
+  ASSERT_EQ(0, Register(otherAppID));
+  const std::string data = sandbox.CacheDataDir();
+  for (const std::string& file : {data + "/UpdateAvailable/" + otherAppID + "/1.xml",
+                                  data + "/" + otherAppID + ".rzp.xml",
+                                  sandbox.home() + "/.local/esc.rzp.xml"}) {
+    std::filesystem::create_directories(std::filesystem::path(file).parent_path());
+    WriteFile(file, "<UpdateInfo><Result>1</Result></UpdateInfo>");
+  }
 
   const std::string id257(257, 'a');
-  const std::string eightBitID = "org.example.caf\xC3\xA9";  // valid UTF-8, not 7-bit
+  std::vector<std::string> badIDs = {"", id257,
+                                     "org.example.caf\xC3\xA9",  // valid UTF-8, not 7-bit
+                                     ".", "..", "org/example", "../../../../esc",
+                                     "org.example\tA", "org.example\x7F"};
   const std::string name513(513, 'n');
   const std::string path256 = "/" + std::string(255, 'p');
   const std::string overlong = "Host \xC0\x80";
@@ -137,9 +151,8 @@ TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
   for (const auto& e : threeArgumentExports) {
     const Export f = e.second;
     const std::string l = e.first + ": ";
-    calls.push_back({l + "empty appID", [=] { return f("", U(name), U(path)); }});
-    calls.push_back({l + "appID of 257 bytes", [=] { return f(id257.c_str(), U(name), U(path)); }});
-    calls.push_back({l + "8-bit appID", [=] { return f(eightBitID.c_str(), U(name), U(path)); }});
+    for (const std::string& badID : badIDs)
+      calls.push_back({l + "appID " + badID, [=] { return f(badID.c_str(), U(name), U(path)); }});
     calls.push_back({l + "null name", [=] { return f(id.c_str(), nullptr, U(path)); }});
     calls.push_back({l + "empty name", [=] { return f(id.c_str(), U(""), U(path)); }});
     calls.push_back({l + "name of 513 bytes", [=] { return f(id.c_str(), U(name513), U(path)); }});
@@ -164,7 +177,7 @@ TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
       {"trigger, null appID: empty path", [&] { return trig(nullptr, U(name), U("")); }});
   calls.push_back({"trigger, null appID: name of 513 bytes",
                    [&] { return trig(nullptr, U(name513), U(path)); }});
-  for (const std::string& badID : {std::string(), id257, eightBitID}) {
+  for (const std::string& badID : badIDs) {
     calls.push_back(
         {"unregister: bad appID", [=] { return ROZUnRegisterApplication(badID.c_str()); }});
     calls.push_back({"plug-in: bad appID", [=] { return ROZDoPluginAction(badID.c_str()); }});

@@ -142,6 +142,15 @@ TEST_F(RegistrationTest, AddOrUpdateRegistrationWritesOnlyWhatChanged) {
   EXPECT_EQ(text, FileText(sandbox.RegistryFile()));
   EXPECT_TRUE(written == testing_support::StampOf(sandbox.RegistryFile()));
 
+  // A carriage return reads back from the file as a line feed; the value is still the same, and
+  // neither the facade nor the store rewrites the file for it.
+  const std::string crPath = "/opt/Line\rBreak\r\nHost";
+  ASSERT_EQ(0, facade.AddOrUpdateRegistration(appID.c_str(), U(appID), U(crPath)));
+  const testing_support::FileStamp withReturns = testing_support::StampOf(sandbox.RegistryFile());
+  EXPECT_EQ(0, facade.AddOrUpdateRegistration(appID.c_str(), U(appID), U(crPath)));
+  EXPECT_EQ(5, ROZRegisterApplication(appID.c_str(), U(appID), U(crPath)));  // as any repeat
+  EXPECT_TRUE(withReturns == testing_support::StampOf(sandbox.RegistryFile()));
+
   // A different name or path is registered.
   EXPECT_EQ(0, facade.AddOrUpdateRegistration(appID.c_str(), U(displayName), U(installPath)));
   EXPECT_NE(std::string::npos,

@@ -1,5 +1,5 @@
 // The updater's folders: created on demand in a relocated root and a temporary home, with
-// inherited permissions per user and restricted ones for all users, and the updater's location.
+// private permissions per user and restricted ones for all users, and the updater's location.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -38,36 +38,28 @@ class UpdaterDirsTest : public ::testing::Test {
   esd::ScopedEnv mScope{&mEnv};
 };
 
-// New per-user folders, the whole chain down to the cache folder, take their parent's
-// permission bits whatever the umask; existing ones keep theirs.
-TEST_F(UpdaterDirsTest, UserFoldersInheritTheirParentsPermissions) {
-  chmod(home().c_str(), 0710);
+// New per-user product folders, down to the cache folder, are the user's alone (0700) whatever
+// the umask or the parent's bits; the standard folders above them take their parent's bits, and
+// existing folders keep theirs.
+TEST_F(UpdaterDirsTest, UserFoldersAreTheUsersAlone) {
+  chmod(home().c_str(), 0755);
+  const mode_t oldMask = umask(0);
   std::string path;
   ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(path));
+  umask(oldMask);
   EXPECT_EQ(path, home() + "/.local/share/Vantu/Updater5/Data");
-  for (const char* level :
-       {"/.local", "/.local/share", "/.local/share/Vantu", "/.local/share/Vantu/Updater5",
-        "/.local/share/Vantu/Updater5/Data"})
-    EXPECT_EQ(ModeOf(home() + level), 0710u) << level;
+  for (const auto& [level, mode] : {std::pair<const char*, mode_t>{"/.local/share", 0755},
+                                    {"/.local/share/Vantu", 0700},
+                                    {"/.local/share/Vantu/Updater5", 0700},
+                                    {"/.local/share/Vantu/Updater5/Data", 0700}})
+    EXPECT_EQ(ModeOf(home() + level), mode) << level;
 
   const std::string vantu = home() + "/.local/share/Vantu";
   fs::remove_all(vantu + "/Updater5");
   chmod(vantu.c_str(), 0751);
   ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
   EXPECT_EQ(ModeOf(vantu), 0751u);
-  EXPECT_EQ(ModeOf(path), 0751u);
-  chmod(path.c_str(), 0700);
-  ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
   EXPECT_EQ(ModeOf(path), 0700u);
-
-  const std::string data = mBase / "data";
-  fs::create_directory(data);
-  chmod(data.c_str(), 0777);
-  mEnv.SetVariable("XDG_DATA_HOME", data);
-  ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
-  EXPECT_EQ(path, data + "/Vantu/Updater5");
-  EXPECT_EQ(ModeOf(data + "/Vantu"), 0777u);
-  EXPECT_EQ(ModeOf(path), 0777u);
 }
 
 // The all-users folders get the restricted permission, not their parent's.

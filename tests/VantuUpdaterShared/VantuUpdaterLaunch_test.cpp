@@ -1,12 +1,14 @@
 // Starting the updater with its parameters and finding it among the running processes, with a
 // real test bundle installed under a relocated root whose name holds a single quote.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,10 +29,6 @@ using testing_support::FakeUpdaterBundle;
 using testing_support::TestEnv;
 using VantuUpdaterUtils::EnvironmentList;
 
-const char* const kTestVariables[] = {
-    "VU_TEST_SET",        "VU_TEST_UNSET",          "RZ_LAUNCH_MODE",   "RZ_DISPLAY_LANG",
-    "FAKE_UPDATER_CHILD", "FAKE_UPDATER_CHILD_ARG", "FAKE_UPDATER_EXIT"};
-
 std::string Variable(const char* name) {
   const char* value = std::getenv(name);
   return value ? value : "<unset>";
@@ -39,9 +37,7 @@ std::string Variable(const char* name) {
 class UpdaterLaunchTest : public ::testing::Test {
  protected:
   UpdaterLaunchTest() { Install(mEnv); }
-  ~UpdaterLaunchTest() override {
-    for (const char* name : kTestVariables) unsetenv(name);
-  }
+  ~UpdaterLaunchTest() override { unsetenv("VU_TEST_SET"); }
   // Makes `env` see the relocated root and only this test's processes.
   void Install(TestEnv& env) {
     env.SetRoot(root());
@@ -57,87 +53,75 @@ class UpdaterLaunchTest : public ::testing::Test {
   EnvironmentList mNone;
 };
 
-// The updater starts detached with the parameters, which stay set in the caller, also when no
-// updater is installed.
-TEST_F(UpdaterLaunchTest, LaunchUpdaterHandsOverTheParameters) {
-  EnvironmentList params = {{"VU_TEST_SET", "it's set"}};
-  EXPECT_FALSE(VantuUpdaterUtils::LaunchUpdater(params));
-  EXPECT_EQ(Variable("VU_TEST_SET"), "it's set");
-
-  FakeUpdaterBundle bundle(installed());
-  ASSERT_TRUE(CKVXVersion().LaunchUpdater(
-      {{VantuUpdaterUtils::kEnvStartMode, "3"}, {VantuUpdaterUtils::kEnvDisplayLang, "de_DE"}}));
-  const auto reports = bundle.WaitForReports(1);
-  ASSERT_EQ(reports.size(), 1u);
-  EXPECT_EQ(reports[0].environment.at("RZ_LAUNCH_MODE"), "3");
-  EXPECT_EQ(reports[0].environment.at("RZ_DISPLAY_LANG"), "de_DE");
-  EXPECT_EQ(reports[0].standardInput, "/dev/null");
-  EXPECT_EQ(Variable("RZ_LAUNCH_MODE"), "3");
+// Both ways of starting the updater hand it the parameters (a later pair wins) on top of the
+// host's environment, and nothing else of the host: no descriptor beyond the standard three,
+// even one without close-on-exec, and the host's own environment stays exactly as it was.
+TEST_F(UpdaterLaunchTest, UpdaterGetsTheParametersAndNothingElseOfTheHost) {
+  const std::vector<std::pair<const char*, std::function<bool(EnvironmentList&)>>> launches = {
+      {"LaunchUpdater", [](EnvironmentList& p) { return VantuUpdaterUtils::LaunchUpdater(p); }},
+      {"ForkUpdater", [](EnvironmentList& p) { return VantuUpdaterUtils::ForkUpdater(p, true); }},
+      {"CKVXVersion::LaunchUpdater", [](EnvironmentList& p) { return CKVXVersion().LaunchUpdater(p); }},
+      {"CKVXVersion::ForkUpdater", [](EnvironmentList& p) { return CKVXVersion().ForkUpdater(p); }}};
+  setenv("VU_TEST_SET", "before", 1);
+  const int held = open(mBase.path().c_str(), O_RDONLY | O_DIRECTORY);  // no close-on-exec
+  ASSERT_GT(held, 2);
+  for (const auto& [name, launch] : launches) {
+    SCOPED_TRACE(name);
+    fs::remove_all(installed());
+    EnvironmentList params = {{"VU_TEST_SET", "during"},
+                              {VantuUpdaterUtils::kEnvStartMode, "1"},
+                              {"VU_TEST_SET", "second"}};
+    EXPECT_FALSE(launch(params)) << "not installed";
+    FakeUpdaterBundle bundle(installed());
+    ASSERT_TRUE(launch(params));
+    const auto reports = bundle.WaitForReports(1);
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0].environment.at("VU_TEST_SET"), "second");
+    EXPECT_EQ(reports[0].environment.at("RZ_LAUNCH_MODE"), "1");
+    EXPECT_EQ(reports[0].standardInput, "/dev/null");
+    EXPECT_EQ(reports[0].descriptors, std::vector<int>{});
+    EXPECT_EQ(Variable("VU_TEST_SET") + Variable("RZ_LAUNCH_MODE"), "before<unset>");
+    EXPECT_TRUE(bundle.Stop());
+  }
+  close(held);
 }
 
-// Forking runs the quoted program through the shell and then restores the caller's environment
-// (old value, or unset); in the foreground the updater's exit status decides, and a missing
-// program fails without a shell.
-TEST_F(UpdaterLaunchTest, ForkUpdaterRestoresTheCallersEnvironment) {
+// In the foreground the updater's exit status decides; a missing program fails without a shell.
+TEST_F(UpdaterLaunchTest, ForegroundForkWaitsForTheUpdater) {
   FakeUpdaterBundle bundle(installed());
-  setenv("VU_TEST_SET", "before", 1);
-  EnvironmentList params = {
-      {"VU_TEST_SET", "during"}, {"VU_TEST_UNSET", "too"}, {"VU_TEST_SET", "second"}};
-  ASSERT_TRUE(VantuUpdaterUtils::ForkUpdater(params, true));
-  EXPECT_EQ(Variable("VU_TEST_SET") + Variable("VU_TEST_UNSET"), "before<unset>");
-  const auto reports = bundle.WaitForReports(1);
-  ASSERT_EQ(reports.size(), 1u);
-  EXPECT_EQ(reports[0].environment.at("VU_TEST_SET"), "second");
-  EXPECT_EQ(reports[0].environment.at("VU_TEST_UNSET"), "too");
-  const std::string program = installed() + "/Contents/MacOS/Vantu Updater";
-  EXPECT_EQ(mEnv.ShellCommands(),
-            std::vector<std::string>{"'" + mBase.path() + "/it'\\''s the root" +
-                                     program.substr(root().size()) + "' &"});
-  EXPECT_TRUE(CKVXVersion().ForkUpdater({{"VU_TEST_UNSET", "again"}}));
-  EXPECT_EQ(bundle.WaitForReports(2).size(), 2u);
-  EXPECT_EQ(Variable("VU_TEST_UNSET"), "<unset>");
-
   EnvironmentList succeed = {{"FAKE_UPDATER_EXIT", "0"}}, fail = {{"FAKE_UPDATER_EXIT", "3"}};
   EXPECT_TRUE(VantuUpdaterUtils::ForkUpdater(succeed, false));
-  EXPECT_EQ(bundle.Reports().size(), 3u) << "the updater ran before ForkUpdater returned";
+  EXPECT_EQ(bundle.Reports().size(), 1u) << "the updater ran before ForkUpdater returned";
   EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(fail, false));
-  EXPECT_EQ(bundle.Reports().size(), 4u);
-
+  EXPECT_EQ(bundle.Reports().size(), 2u);
+  EXPECT_EQ(mEnv.ShellCommands().size(), 2u);
   fs::remove(bundle.programPath());
-  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(params, true));
-  EXPECT_EQ(Variable("VU_TEST_SET"), "before");
-  EXPECT_EQ(mEnv.ShellCommands().size(), 4u) << "no shell for a missing program";
+  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(succeed, true));
+  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(succeed, false));
+  EXPECT_EQ(mEnv.ShellCommands().size(), 2u) << "no shell for a missing program";
 }
 
-// An updater bundle runs when a process of type APPL and signature ROZ5 runs, wherever it lies,
-// once the updater is installed; only a request brings the first one in the table to the front.
-TEST_F(UpdaterLaunchTest, RunningUpdaterIsFoundWhileItRuns) {
-  FakeUpdaterBundle::Options otherSignature, otherType;
-  otherSignature.signature = "ROZ4";
-  otherType.packageType = "FMWK";
-  FakeUpdaterBundle other(mBase / "Other.app", otherSignature);
-  FakeUpdaterBundle framework(mBase / "Framework.app", otherType);
-  FakeUpdaterBundle elsewhere(mBase / "Elsewhere.app");
-  for (FakeUpdaterBundle* started : {&other, &framework, &elsewhere}) {
-    ASSERT_TRUE(esd::SystemUtils::LaunchPath(started->path(), mNone));
-    ASSERT_EQ(started->WaitForReports(1).size(), 1u);
-  }
+// Only the installed updater's own program counts, once installed: a copy of its bundle
+// elsewhere, the genuine Info.plist included, is not the updater. Only a request brings the
+// first one in the table to the front.
+TEST_F(UpdaterLaunchTest, OnlyTheInstalledProgramIsTheUpdater) {
+  FakeUpdaterBundle copy(mBase / "Copy.app");
+  ASSERT_TRUE(esd::SystemUtils::LaunchPath(copy.path(), mNone));
+  ASSERT_EQ(copy.WaitForReports(1).size(), 1u);
   EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false)) << "running, but not installed";
   FakeUpdaterBundle bundle(installed());
-  EXPECT_TRUE(VantuUpdaterUtils::IsUpdaterRunning(false));
-  EXPECT_TRUE(elsewhere.Stop());
-  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(true));
+  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(true)) << "a copy is not the updater";
   EXPECT_TRUE(mEnv.BroughtToFront().empty());
 
   ASSERT_TRUE(VantuUpdaterUtils::LaunchUpdater(mNone));
-  ASSERT_TRUE(esd::SystemUtils::LaunchPath(elsewhere.path(), mNone));
-  const pid_t first = bundle.WaitForReports(1).at(0).pid;
-  const pid_t second = elsewhere.WaitForReports(2).at(1).pid;
+  ASSERT_TRUE(VantuUpdaterUtils::LaunchUpdater(mNone));
+  const auto reports = bundle.WaitForReports(2);
+  ASSERT_EQ(reports.size(), 2u);
   EXPECT_TRUE(VantuUpdaterUtils::IsUpdaterRunning(false));
   EXPECT_TRUE(mEnv.BroughtToFront().empty());
   EXPECT_TRUE(VantuUpdaterUtils::IsUpdaterRunning(true));
-  EXPECT_EQ(mEnv.BroughtToFront(), std::vector<pid_t>{std::min(first, second)});
-  ASSERT_TRUE(bundle.Stop() && elsewhere.Stop());
+  EXPECT_EQ(mEnv.BroughtToFront(), std::vector<pid_t>{std::min(reports[0].pid, reports[1].pid)});
+  ASSERT_TRUE(bundle.Stop() && copy.Stop());
   EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false));
 }
 

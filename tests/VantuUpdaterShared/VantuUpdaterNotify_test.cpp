@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "support/ChildProcess.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "support/Unprivileged.h"
@@ -34,11 +34,12 @@ class NotifyTest : public ::testing::Test {
   testing_support::UpdaterSandbox mSandbox;
   TestEnv& mEnv = mSandbox.env();
   const std::string mAppID = "NotifyTest" + std::to_string(getpid());
-  testing_support::SemaphoreGuard mGuard{mAppID};
+  testing_support::LockFileGuard mGuard{mAppID};
 };
 
 // The marker <temporary items>/Updater5/locked/lock.ID holds "lock" and makes the workflow
-// active until deleted, even when stale; deleting a missing marker succeeds.
+// active until deleted, even when stale; deleting a missing marker succeeds. Marker and folders
+// are the user's alone whatever the umask.
 TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
   std::string path;
   ASSERT_TRUE(Locker::GetIPCLockFileParentFolder(path));
@@ -48,10 +49,16 @@ TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
   EXPECT_EQ(path, runtime() + "/Updater5/locked/lock." + mAppID);
 
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
-  EXPECT_FALSE(testing_support::SemaphoreExists(mAppID)) << "the test took the lock only briefly";
+  EXPECT_FALSE(testing_support::LockIsHeld(mAppID)) << "the test took the lock only briefly";
+  const mode_t oldMask = umask(0);
   ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID));
   ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID)) << "an existing marker is rewritten";
+  umask(oldMask);
   EXPECT_EQ(testing_support::ReadFile(path), "lock");
+  struct stat marker {}, folder {};
+  ASSERT_EQ(stat(path.c_str(), &marker) | stat((runtime() + "/Updater5").c_str(), &folder), 0);
+  EXPECT_EQ(marker.st_mode & 07777, 0600u);
+  EXPECT_EQ(folder.st_mode & 07777, 0700u);
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_TRUE(Locker::DeleteIPCLockFile(mAppID));
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
@@ -72,7 +79,7 @@ TEST_F(NotifyTest, LockHeldByAnotherProcessMakesTheWorkflowActive) {
   });
   ASSERT_TRUE(locked.Wait());
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
-  EXPECT_TRUE(testing_support::SemaphoreExists(mAppID)) << "the holder's lock was not broken";
+  EXPECT_TRUE(testing_support::LockIsHeld(mAppID)) << "the holder's lock was not broken";
   release.Signal();
   EXPECT_EQ(testing_support::WaitChild(holder), 0);
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
@@ -92,9 +99,10 @@ TEST_F(NotifyTest, DoubtfulIdentifiersAndFoldersReadAsActive) {
   EXPECT_FALSE(fs::exists(runtime() + "/escape"));
   testing_support::WriteFile(root() + "/not-a-folder", "");
   mEnv.SetVariable("XDG_RUNTIME_DIR", root() + "/not-a-folder");
+  mEnv.SetVariable("TMPDIR", root() + "/not-a-folder");
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_FALSE(Locker::CreateIPCLockFile(mAppID));
-  EXPECT_FALSE(testing_support::SemaphoreExists(mAppID));
+  EXPECT_FALSE(testing_support::LockIsHeld(mAppID));
 }
 
 // The express-download request reports success even without any session bus (the signal itself

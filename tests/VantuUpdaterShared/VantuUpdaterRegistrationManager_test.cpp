@@ -14,7 +14,7 @@
 
 #include "support/FileStamp.h"
 #include "support/LockHolder.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/FileSystemUtils.h"
@@ -65,7 +65,7 @@ class RegistrationStore : public ::testing::Test {
 
   testing_support::UpdaterSandbox mSandbox;
   const std::string mStorePath = mSandbox.RegistryFile();
-  testing_support::SemaphoreGuard mLockGuard{mStorePath};
+  testing_support::LockFileGuard mLockGuard{mStorePath};
 };
 
 // Exact text (name escaped), restricted permission, no journal; no data folder, no store.

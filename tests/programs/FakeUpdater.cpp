@@ -3,7 +3,8 @@
 //
 // It works relative to its own program file, <bundle>/Contents/MacOS/<name>:
 //   - it writes <bundle>/Contents/reports/<pid>.report: "pid=", "ppid=", "sid=", "stdin=" (what
-//     standard input is), then "env:NAME=VALUE" per environment entry. Written under a
+//     standard input is), "fd:N" per open descriptor above the standard three, then
+//     "env:NAME=VALUE" per environment entry. Written under a
 //     temporary name and renamed, so a reader never sees half a report;
 //   - with FAKE_UPDATER_EXIT=N in its environment it exits with N right after reporting;
 //   - with FAKE_UPDATER_CHILD=PROGRAM it starts PROGRAM with the arguments in
@@ -11,6 +12,7 @@
 //     status to <bundle>/Contents/reports/<pid>.child;
 //   - it runs until <bundle>/Contents/stop exists, and never longer than a minute, so a test
 //     that dies does not leave it behind.
+#include <dirent.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -51,6 +53,13 @@ int main() {
   std::string report = "pid=" + self + "\nppid=" + std::to_string(getppid()) +
                        "\nsid=" + std::to_string(getsid(0)) +
                        "\nstdin=" + ReadLink("/proc/self/fd/0") + "\n";
+  if (DIR* fds = opendir("/proc/self/fd")) {
+    while (dirent* entry = readdir(fds)) {
+      const int fd = std::atoi(entry->d_name);
+      if (fd > 2 && fd != dirfd(fds)) report += "fd:" + std::to_string(fd) + "\n";
+    }
+    closedir(fds);
+  }
   for (char** entry = environ; *entry; ++entry) report += std::string("env:") + *entry + "\n";
   if (!WriteAtomically(reports + "/" + self + ".report", report)) return 90;
 

@@ -1,10 +1,10 @@
 // Crash safety: a host process is killed (SIGKILL) at random moments while it saves the
 // registered-applications store, the missing-components store and the preferences file; after
-// each kill the stale locks are broken with rozctl and the files, loaded through the library
-// (so an interrupted save's journal is recovered as any host would), must hold every change
-// whose call had returned.
+// each kill no lock may still be held (the kernel drops a dead holder's locks, nothing is
+// repaired) and the files, loaded through the library (so an interrupted save's journal is
+// recovered as any host would), must hold every change whose call had returned.
 //
-//   CrashHarness [--kills N] [--seed X] [--rozctl PATH]
+//   CrashHarness [--kills N] [--seed X]
 //
 // The host runs one planned sequence of calls that cycles through the three files and reports
 // over a pipe when each call starts and when it has returned. After a kill the harness knows the
@@ -14,12 +14,8 @@
 // exactly and the next host carries on from the one it finds. When a kill leaves a complete
 // journal, the load that recovers it is killed too, at a random moment of the recovery.
 //
-// Runs in a private mount namespace with its own /dev/shm, so that breaking locks after a kill
-// can never break another program's lock and the semaphore files a killed sem_open leaves behind
-// vanish with the run. Exit status 0 when nothing was lost, 1 otherwise, 77 when the namespace
-// is not available here.
+// Exit status 0 when nothing was lost and no lock outlived its holder, 1 otherwise.
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -44,15 +40,12 @@
 
 #include "VantuUpdater/VantuUpdater.h"
 #include "reliability/StoreState.h"
-#include "support/PrivateMounts.h"
-#include "support/RunProgram.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/PrefsLockScope.h"
-#include "xplat/ResourceLocker.h"
 #include "xplat/VantuUpdaterMissingCompsManager.h"
 #include "xplat/VantuUpdaterRegisteredApp.h"
 #include "xplat/VantuUpdaterRegistrationManager.h"
@@ -213,7 +206,6 @@ void Send(int fd, int32_t kind, long call, int64_t value) {
 struct Options {
   long kills = 1000;
   unsigned long long seed = 0;
-  std::string rozctl;
 };
 
 struct Figures {
@@ -222,36 +214,16 @@ struct Figures {
   long inFlightApplied[kTargets] = {0, 0, 0};
   long betweenCalls = 0;
   long callsReturned = 0;
-  long locksBroken[kTargets] = {0, 0, 0};
   long journalsComplete = 0;
   long journalsPartial = 0;
   long recoveryKills = 0;
   long recoveriesFinished = 0;
-  long semaphoreLeftovers = 0;
   long resets = 0;
   long losses = 0;
   long wrongResults = 0;
   long unparsableFiles = 0;
-  long lockBreakFailures = 0;
+  long locksLeftHeld = 0;
 };
-
-// The files a killed sem_open leaves: the C library creates "sem.XXXXXX" and links it to the
-// lock's name only when complete. Only this run's processes use the private /dev/shm.
-long RemoveSemaphoreLeftovers() {
-  long removed = 0;
-  DIR* dir = ::opendir("/dev/shm");
-  if (dir == nullptr) return 0;
-  std::vector<std::string> names;
-  while (dirent* entry = ::readdir(dir)) {
-    const std::string name = entry->d_name;
-    if (name.size() == 10 && name.compare(0, 4, "sem.") == 0) names.push_back(name);
-  }
-  ::closedir(dir);
-  for (const std::string& name : names) {
-    if (::unlink(("/dev/shm/" + name).c_str()) == 0) ++removed;
-  }
-  return removed;
-}
 
 class CrashRun {
  public:
@@ -284,31 +256,24 @@ class CrashRun {
                   kTargetNames[t], f.inFlight[t], f.inFlightApplied[t]);
     std::printf("  between calls                                %5ld\n", f.betweenCalls);
     std::printf(
-        "stale locks broken with %s: registry %ld, missing components %ld, "
-        "preferences %ld\n",
-        mUsedRozctl ? "rozctl" : "an in-process locker", f.locksBroken[kRegistry],
-        f.locksBroken[kMissing], f.locksBroken[kPrefs]);
-    std::printf(
         "journals found after a kill: %ld complete (put in place by the next load), "
         "%ld partial (ignored)\n",
         f.journalsComplete, f.journalsPartial);
     std::printf("hosts killed while they recovered a journal: %ld (%ld finished first)\n",
                 f.recoveryKills, f.recoveriesFinished);
-    std::printf("semaphore files left by a kill inside sem_open: %ld (removed)\n",
-                f.semaphoreLeftovers);
     std::printf("missing-components store reset %ld times to keep its size\n", f.resets);
     std::printf("left at the end: %zu temporaries beside the preferences file, %zu partial "
                 "journals\n",
                 mLeftovers.prefsTemporaries, mLeftovers.partialJournals);
-    std::printf("losses %ld, wrong results %ld, unparsable files %ld, failed lock breaks %ld\n",
-                f.losses, f.wrongResults, f.unparsableFiles, f.lockBreakFailures);
+    std::printf("losses %ld, wrong results %ld, unparsable files %ld, locks held after a kill %ld\n",
+                f.losses, f.wrongResults, f.unparsableFiles, f.locksLeftHeld);
   }
 
   bool Passed() const {
     const Figures& f = mFigures;
     // The last kill may have left one temporary that no later save has swept yet.
     return f.kills == mOptions.kills && f.losses == 0 && f.wrongResults == 0 &&
-           f.unparsableFiles == 0 && f.lockBreakFailures == 0 && mLeftovers.prefsTemporaries <= 1;
+           f.unparsableFiles == 0 && f.locksLeftHeld == 0 && mLeftovers.prefsTemporaries <= 1;
   }
 
  private:
@@ -354,11 +319,10 @@ class CrashRun {
     const long returned = lastReturned - mNextCall + 1;
     mFigures.callsReturned += returned;
 
-    BreakStaleLocks();
-    mFigures.semaphoreLeftovers += RemoveSemaphoreLeftovers();
+    ExpectLocksFree();
     InspectJournals();
     if (mFigures.wrongResults > 0) return Fail("a call gave a wrong result");
-    // Ten seconds without a call starting or returning: a lock nobody broke, or a hang.
+    // Ten seconds without a call starting or returning: a lock that outlived a host, or a hang.
     if (!started) return Fail("the host stalled before call " + std::to_string(victim));
     return Check(lastStarted, lastReturned);
   }
@@ -386,35 +350,12 @@ class CrashRun {
     return state;
   }
 
-  // Breaks every lock the dead host left, with rozctl when it is there.
-  void BreakStaleLocks() {
-    std::vector<std::string> held;
-    std::vector<int> targets;
+  // A killed host's locks are gone with it: nothing is broken, nothing repaired.
+  void ExpectLocksFree() {
     for (int t = 0; t < kTargets; ++t) {
-      if (testing_support::SemaphoreExists(mLockResources[t])) {
-        held.push_back(mLockResources[t]);
-        targets.push_back(t);
-        ++mFigures.locksBroken[t];
-      }
-    }
-    if (held.empty()) return;
-    if (!mOptions.rozctl.empty()) {
-      mUsedRozctl = true;
-      std::vector<std::string> argv = {mOptions.rozctl, "break-lock"};
-      for (const std::string& resource : held) argv.push_back("resource:" + resource);
-      const testing_support::ProgramResult result = testing_support::RunProgram(argv);
-      if (result.exitStatus != 0) {
-        ++mFigures.lockBreakFailures;
-        std::cout << "rozctl break-lock failed (" << result.exitStatus << "): " << result.err;
-      }
-    } else {
-      for (const std::string& resource : held) esd::ResourceLocker(resource, 0).Unlock(true);
-    }
-    for (int t : targets) {
-      if (testing_support::SemaphoreExists(mLockResources[t])) {
-        ++mFigures.lockBreakFailures;
-        std::cout << "the lock of the " << kTargetNames[t] << " is still held\n";
-      }
+      if (!testing_support::LockIsHeld(mLockResources[t])) continue;
+      ++mFigures.locksLeftHeld;
+      std::cout << "the lock of the " << kTargetNames[t] << " outlived its killed holder\n";
     }
   }
 
@@ -483,8 +424,7 @@ class CrashRun {
       ++mFigures.recoveriesFinished;
     }
     ::close(fds[0]);
-    BreakStaleLocks();
-    mFigures.semaphoreLeftovers += RemoveSemaphoreLeftovers();
+    ExpectLocksFree();
   }
 
   static bool Parses(const std::string& path) {
@@ -568,7 +508,6 @@ class CrashRun {
   Figures mFigures;
   double mSeconds = 0;
   StoreState::Leftovers mLeftovers;
-  bool mUsedRozctl = false;
 };
 
 bool ParseOptions(int argc, char** argv, Options& options) {
@@ -580,8 +519,6 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.kills = std::atol(value);
     else if (arg == "--seed")
       options.seed = std::strtoull(value, nullptr, 10);
-    else if (arg == "--rozctl")
-      options.rozctl = value;
     else
       return false;
   }
@@ -594,21 +531,11 @@ int main(int argc, char** argv) {
   Options options;
   options.seed =
       static_cast<unsigned long long>(std::chrono::system_clock::now().time_since_epoch().count());
-#ifdef ROZCTL_PROGRAM
-  options.rozctl = ROZCTL_PROGRAM;
-#endif
   if (!ParseOptions(argc, argv, options)) {
-    std::cerr << "usage: " << argv[0] << " [--kills N] [--seed X] [--rozctl PATH]\n";
+    std::cerr << "usage: " << argv[0] << " [--kills N] [--seed X]\n";
     return 2;
   }
-  std::string why;
-  if (!testing_support::EnterPrivateMountNamespace(why) ||
-      !testing_support::UsePrivateSemaphores(why)) {
-    std::cout << "skipped: no private /dev/shm for the locks (" << why << ")\n";
-    return 77;
-  }
-  std::cout << "seed " << options.seed << ", rozctl "
-            << (options.rozctl.empty() ? "<none>" : options.rozctl) << std::endl;
+  std::cout << "seed " << options.seed << std::endl;
 
   testing_support::UpdaterSandbox sandbox;
   sandbox.env().SetGroups({"admin"});

@@ -17,7 +17,7 @@
 #include "VantuUpdater/VantuUpdater.h"
 #include "support/ChildProcess.h"
 #include "support/LockHolder.h"
-#include "support/SemaphoreGuard.h"
+#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "support/UpdaterSandbox.h"
@@ -46,7 +46,7 @@ TEST(LostUpdate, ProcessesAddingToExistingMissingComponentEntriesLoseNothing) {
   env.SetRoot(temp / "root");
   env.SetHome(temp / "home");
   esd::ScopedEnv scope(&env);
-  testing_support::SemaphoreGuard guard(temp /
+  testing_support::LockFileGuard guard(temp /
                                         "home/.local/share/Vantu/Updater5/VantuMissingComps.xml");
   for (int i = 0; i < kProcesses; ++i) ASSERT_EQ(0u, Request("App" + std::to_string(i), "C0"));
 
@@ -83,7 +83,7 @@ const unsigned char* U(const std::string& text) {
 // frees would throw away every other host's registration.
 TEST(LostUpdate, RegistrationThatTimesOutOnTheLockKeepsEveryOtherRegistration) {
   testing_support::UpdaterSandbox sandbox;
-  testing_support::SemaphoreGuard guard(sandbox.RegistryFile());
+  testing_support::LockFileGuard guard(sandbox.RegistryFile());
   for (const char* id : {"org.example.A", "org.example.B"})
     ASSERT_EQ(kROZResultOK, ROZRegisterApplication(id, U("Name"), U("/opt/app")));
   const std::string before = testing_support::ReadFile(sandbox.RegistryFile());
@@ -105,7 +105,7 @@ TEST(LostUpdate, MissingComponentsSurviveAManagerThatTimedOutOnTheLock) {
   sandbox.env().SetGroups({"admin"});
   sandbox.env().RecordLaunches(true, 0);
   sandbox.InstallUpdater();
-  testing_support::SemaphoreGuard guard(sandbox.MissingCompsFile());
+  testing_support::LockFileGuard guard(sandbox.MissingCompsFile());
   ASSERT_EQ(0u, Request("org.example.A", "Spelling"));
   const std::string before = testing_support::ReadFile(sandbox.MissingCompsFile());
 

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -59,6 +60,8 @@ bool ParseReport(const std::string& path, FakeUpdaterReport& report) {
       report.parentPid = std::stoi(line.substr(5));
     } else if (line.rfind("sid=", 0) == 0) {
       report.sessionId = std::stoi(line.substr(4));
+    } else if (line.rfind("fd:", 0) == 0) {
+      report.descriptors.push_back(std::atoi(line.c_str() + 3));
     } else if (line.rfind("stdin=", 0) == 0) {
       report.standardInput = line.substr(6);
     }

@@ -15,6 +15,7 @@ struct FakeUpdaterReport {
   pid_t parentPid = 0;
   pid_t sessionId = 0;
   std::string standardInput;  // the target of its fd 0, "/dev/null" when detached
+  std::vector<int> descriptors;  // open beyond the standard three
   std::map<std::string, std::string> environment;
 };
 

@@ -53,7 +53,7 @@ bool EnterPrivateMountNamespace(std::string& why) {
     }
   }
   // Without this, mounts made here would propagate back to the shared namespace.
-  if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+  if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
     why = Describe("making / private");
     return false;
   }
@@ -69,11 +69,11 @@ bool MountTmpfs(const std::string& folder, const std::string& options, std::stri
 }
 
 bool MountReadOnly(const std::string& folder, std::string& why) {
-  if (::mount(folder.c_str(), folder.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+  if (::mount(folder.c_str(), folder.c_str(), "none", MS_BIND | MS_REC, nullptr) != 0) {
     why = Describe("bind mount " + folder);
     return false;
   }
-  if (::mount(nullptr, folder.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+  if (::mount("none", folder.c_str(), "none", MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
     why = Describe("read-only remount " + folder);
     return false;
   }

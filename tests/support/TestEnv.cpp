@@ -141,24 +141,25 @@ bool TestEnv::BringProcessToFront(pid_t pid) {
 }
 
 bool TestEnv::StartDetachedProcess(const std::string& program,
-                                   const std::vector<std::string>& arguments) {
+                                   const std::vector<std::string>& arguments,
+                                   const EnvironmentList& environment) {
   {
     std::lock_guard<std::mutex> lock(mMutex);
     if (mRecording) {
-      mLaunches.push_back({program, arguments});
+      mLaunches.push_back({program, arguments, environment});
       return mStartResult;
     }
   }
-  return EnvWrapper::StartDetachedProcess(program, arguments);
+  return EnvWrapper::StartDetachedProcess(program, arguments, environment);
 }
 
-int TestEnv::RunShellCommand(const std::string& command) {
+int TestEnv::RunShellCommand(const std::string& command, const EnvironmentList& environment) {
   {
     std::lock_guard<std::mutex> lock(mMutex);
     mShellCommands.push_back(command);
     if (mRecording) return mShellResult;
   }
-  return EnvWrapper::RunShellCommand(command);
+  return EnvWrapper::RunShellCommand(command, environment);
 }
 
 bool TestEnv::GetKernelRelease(std::string& release) {

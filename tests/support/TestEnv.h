@@ -32,6 +32,7 @@ class TestEnv : public esd::EnvWrapper {
   struct Launch {
     std::string program;
     std::vector<std::string> arguments;
+    EnvironmentList environment;
   };
 
   TestEnv();
@@ -72,9 +73,9 @@ class TestEnv : public esd::EnvWrapper {
   bool IsAccessible(const std::string& path, int mode) override;
   bool ListProcessIds(std::vector<pid_t>& pids) override;
   bool BringProcessToFront(pid_t pid) override;
-  bool StartDetachedProcess(const std::string& program,
-                            const std::vector<std::string>& arguments) override;
-  int RunShellCommand(const std::string& command) override;
+  bool StartDetachedProcess(const std::string& program, const std::vector<std::string>& arguments,
+                            const EnvironmentList& environment) override;
+  int RunShellCommand(const std::string& command, const EnvironmentList& environment) override;
   bool GetKernelRelease(std::string& release) override;
   boost::gregorian::date GetLocalDay() override;
 

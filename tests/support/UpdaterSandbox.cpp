@@ -5,12 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <set>
 #include <thread>
 
 #include "support/TempDir.h"
-
-extern char** environ;
 
 namespace fs = std::filesystem;
 
@@ -27,25 +24,6 @@ const std::string& ProcessBaseFolder() {
   return folder.path();
 }
 
-std::vector<std::string> CurrentEnvironment() {
-  std::vector<std::string> entries;
-  for (char** entry = environ; *entry != nullptr; ++entry) entries.push_back(*entry);
-  return entries;
-}
-
-void RestoreEnvironment(const std::vector<std::string>& saved) {
-  std::set<std::string> savedNames;
-  for (const std::string& entry : saved) savedNames.insert(entry.substr(0, entry.find('=')));
-  for (const std::string& entry : CurrentEnvironment()) {
-    const std::string name = entry.substr(0, entry.find('='));
-    if (savedNames.count(name) == 0) ::unsetenv(name.c_str());
-  }
-  for (const std::string& entry : saved) {
-    const size_t equals = entry.find('=');
-    ::setenv(entry.substr(0, equals).c_str(), entry.substr(equals + 1).c_str(), 1);
-  }
-}
-
 }  // namespace
 
 UpdaterSandbox::UpdaterSandbox()
@@ -53,7 +31,6 @@ UpdaterSandbox::UpdaterSandbox()
       mRoot(mBase + "/root"),
       mHome(mBase + "/home"),
       mRuntimeDir(mBase + "/runtime"),
-      mSavedEnvironment(CurrentEnvironment()),
       mScope(&mEnv) {
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator(mBase, ignored)) fs::remove_all(entry, ignored);
@@ -66,13 +43,15 @@ UpdaterSandbox::UpdaterSandbox()
   mEnv.SetRoot(mRoot);
   mEnv.SetHome(mHome);
   mEnv.SetVariable("XDG_RUNTIME_DIR", mRuntimeDir);
+  // A refused runtime folder leads to the private temporary folder, which stays inside too.
+  mEnv.SetVariable("TMPDIR", mBase + "/tmp");
   mEnv.ShowOnlyOwnProcesses();
   KeepUpdaterRunning(false);
 }
 
 UpdaterSandbox::~UpdaterSandbox() {
   mUpdater.reset();
-  RestoreEnvironment(mSavedEnvironment);
+  ::unsetenv(kExitVariable);
 }
 
 std::string UpdaterSandbox::AllUsersDataDir() const { return mRoot + "/var/lib/Vantu/Updater5"; }
@@ -118,7 +97,7 @@ bool UpdaterSandbox::StartRunningUpdater() {
   const size_t before = Launches().size();
   KeepUpdaterRunning(true);
   const std::string program = mUpdater->programPath();
-  const bool started = mEnv.StartDetachedProcess(program, {program});
+  const bool started = mEnv.StartDetachedProcess(program, {program}, {});
   KeepUpdaterRunning(false);
   if (!started || WaitForLaunches(before + 1).size() <= before) return false;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -164,7 +143,10 @@ std::vector<std::string> UpdaterSandbox::Snapshot() const {
   std::error_code ignored;
   for (auto it = fs::recursive_directory_iterator(mBase, ignored);
        it != fs::recursive_directory_iterator(); it.increment(ignored))
-    paths.push_back(it->path().string());
+    paths.push_back(it->path().string() +
+                    (it->is_regular_file(ignored)
+                         ? " " + std::to_string(std::hash<std::string>()(ReadFile(it->path())))
+                         : ""));
   std::sort(paths.begin(), paths.end());
   return paths;
 }

@@ -14,23 +14,21 @@ namespace testing_support {
 // A private machine for end-to-end tests of the exported functions, installed as the library's
 // Env while it lives (a TestEnv):
 //   - a relocated machine root and a temporary home; the folder variables read as unset except
-//     XDG_RUNTIME_DIR, which points into the sandbox so the workflow markers stay inside it;
+//     XDG_RUNTIME_DIR and TMPDIR, which point into the sandbox so the workflow markers stay
+//     inside it;
 //   - substituted groups and an optional fixed "today", set on env();
 //   - a process table of this process's own descendants only, so updaters started by other
 //     tests running at the same time are invisible;
 //   - optionally the fake updater bundle at the updater's installed location. Its copies
 //     report each launch with its environment; they end right after reporting unless
 //     KeepUpdaterRunning(true) was called before they started.
-// The process environment is restored as it was when the sandbox ends: the library leaves the
-// updater's parameters set after a launch, and they must not leak into the next test.
-//
 // The folder is per process and emptied by each new sandbox, so that the preferences singleton,
 // which keeps the path it was first built with, stays valid across the tests of one executable.
 // The per-user data folder exists from the start for the same reason.
 class UpdaterSandbox {
  public:
   UpdaterSandbox();
-  // Stops the updater copies still running and restores the process environment.
+  // Stops the updater copies still running.
   ~UpdaterSandbox();
   UpdaterSandbox(const UpdaterSandbox&) = delete;
   UpdaterSandbox& operator=(const UpdaterSandbox&) = delete;
@@ -71,7 +69,8 @@ class UpdaterSandbox {
   // checks run at exit), and a request made meanwhile rightly finds the updater running.
   bool WaitUntilUpdatersEnd(int timeoutMs = 10000);
 
-  // Every file and folder below the sandbox, for "nothing was created" checks.
+  // Every file and folder below the sandbox, regular files with a digest of their contents, for
+  // "nothing was created or changed" checks.
   std::vector<std::string> Snapshot() const;
 
  private:
@@ -81,7 +80,6 @@ class UpdaterSandbox {
   std::string mRoot;
   std::string mHome;
   std::string mRuntimeDir;
-  std::vector<std::string> mSavedEnvironment;
   TestEnv mEnv;
   esd::ScopedEnv mScope;
   std::unique_ptr<FakeUpdaterBundle> mUpdater;

@@ -2,25 +2,27 @@
 // works only inside the sandbox.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
 #include "support/ChildProcess.h"
+#include "support/LockFiles.h"
 #include "support/RunProgram.h"
-#include "support/SemaphoreGuard.h"
 #include "support/TempDir.h"
+#include "support/TestEnv.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/ResourceLocker.h"
+#include "xplat/ScopedEnv.h"
 
 using ::testing::HasSubstr;
 using testing_support::ProgramResult;
 using testing_support::RunOptions;
 using testing_support::RunProgram;
-using testing_support::SemaphoreExists;
-using testing_support::SemaphoreGuard;
 using testing_support::TempDir;
 
 namespace {
@@ -39,42 +41,58 @@ class RozctlTest : public ::testing::Test {
   TempDir mRoot;
 };
 
-// Leaves the resource's lock behind the way a crashed holder does: a child takes it and ends
-// without releasing it.
-void LeaveStaleLock(const std::string& resource) {
-  const pid_t child = testing_support::StartChild([&resource] {
-    esd::ResourceLocker* leaked = new esd::ResourceLocker(resource, 0);
-    return leaked->Lock() ? 0 : 1;
-  });
-  ASSERT_EQ(0, testing_support::WaitChild(child));
-  ASSERT_TRUE(SemaphoreExists(resource));
-}
-
 }  // namespace
 
-// A lock left by a crashed process shows as held and can be broken once; afterwards it is free.
-TEST_F(RozctlTest, LocksShowsAndBreaksAStaleStoreLock) {
-  SemaphoreGuard guard(RegistryPath());
-  ProgramResult listed = Rozctl({"locks"});
-  ASSERT_EQ(0, listed.exitStatus) << listed.err;
-  EXPECT_THAT(listed.out, HasSubstr("registered-apps\n  resource:  " + RegistryPath() + "\n"));
-  EXPECT_THAT(listed.out, HasSubstr("prefs\n  resource:  VantuUpdater\n"));
+// Each lock shows its lock file, free or with the process that holds it, and a semaphore an
+// older version left; a killed holder's lock is free at once. break-lock removes what is there
+// (semaphore and lock file) and says when there was nothing.
+TEST_F(RozctlTest, LocksShowTheHolderAndBreakLockRemovesLeftovers) {
+  testing_support::TestEnv env;  // the paths rozctl --root uses, for the lock files here
+  env.SetRoot(mRoot.path());
+  env.SetHome(mRoot / "home");
+  env.SetVariable("XDG_RUNTIME_DIR", mRoot / "run");
+  esd::ScopedEnv scope(&env);
+  ASSERT_TRUE(FileSystemUtils::CreateLocalDirectory(mRoot / "var/lib/Vantu/Updater5"));
+  ASSERT_TRUE(FileSystemUtils::CreateLocalDirectory(mRoot / "run"));
+  const std::string lockFile = testing_support::LockFilePath(RegistryPath());
+  ASSERT_EQ(mRoot / "var/lib/Vantu/Updater5/", lockFile.substr(0, lockFile.rfind('/') + 1));
   const std::string semaphore =
       "/dev/shm/sem." + esd::ResourceLocker::GetSemaphoreName(RegistryPath()).substr(1);
-  EXPECT_THAT(listed.out, HasSubstr("semaphore: " + semaphore + " (free)"));
+  const std::string header = "registered-apps\n  resource:  " + RegistryPath() +
+                             "\n  lock file: " + lockFile + " ";
 
-  LeaveStaleLock(RegistryPath());
+  testing_support::Pipe held;
+  const pid_t holder = testing_support::StartChild([&] {
+    esd::ResourceLocker locker(RegistryPath(), 0);
+    if (!locker.Lock()) return 1;
+    held.Signal();
+    ::pause();
+    return 0;
+  });
+  ASSERT_TRUE(held.Wait());
+  ProgramResult listed = Rozctl({"locks"});
+  EXPECT_THAT(listed.out, HasSubstr(header + "(held by process " + std::to_string(holder) + " "));
+  ::kill(holder, SIGKILL);
+  testing_support::WaitChild(holder);
+  testing_support::WriteFile(semaphore, "");  // as an older version's crashed holder left it
   listed = Rozctl({"locks"});
-  EXPECT_THAT(listed.out, HasSubstr("semaphore: " + semaphore + " (held)"));
+  ASSERT_EQ(0, listed.exitStatus) << listed.err;
+  EXPECT_THAT(listed.out, HasSubstr(header + "(free)\n  semaphore: " + semaphore +
+                                    " (left by an older version)\n"));
+  EXPECT_THAT(listed.out, HasSubstr("prefs\n  resource:  VantuUpdater\n  lock file: " +
+                                    mRoot.path() + "/run/"));
 
   ProgramResult broken = Rozctl({"break-lock", "registered-apps"});
   EXPECT_EQ(0, broken.exitStatus) << broken.err;
-  EXPECT_EQ("broke registered-apps: removed " + semaphore + "\n", broken.out);
-  EXPECT_FALSE(SemaphoreExists(RegistryPath()));
-
+  EXPECT_EQ("broke registered-apps: removed " + semaphore + "\nbroke registered-apps: removed " +
+                lockFile + "\n",
+            broken.out);
+  EXPECT_FALSE(FileSystemUtils::DoesPathExist(semaphore) ||
+               FileSystemUtils::DoesPathExist(lockFile));
   broken = Rozctl({"locks", "--break", "registered-apps"});
   EXPECT_EQ(1, broken.exitStatus);
-  EXPECT_EQ("registered-apps is not held\n", broken.out);
+  EXPECT_EQ("registered-apps: nothing to remove\n", broken.out);
+  ::unlink(semaphore.c_str());
 }
 
 // An application's workflow marker left by a crashed updater is a lock too: it is listed for the

@@ -1,8 +1,17 @@
-// Showing and breaking the inter-process locks. A lock is a named semaphore whose existence is
-// the lock, so a process that dies while holding one leaves it behind and every later caller
-// waits out its time-out and fails. The library never breaks a lock by itself (it cannot tell a
-// crashed holder from a slow one); these commands let a person do it.
+// Showing the inter-process locks and removing what older versions left. A lock is a write lock
+// on a lock file, dropped by the kernel when its holder dies, so no lock outlives a crash. Older
+// versions locked with named semaphores in /dev/shm, which a crashed holder left behind; those,
+// and workflow markers a crashed updater left, are what break-lock is for.
+#include <dirent.h>
+#include <fcntl.h>
+#include <semaphore.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <string>
 #include <system_error>
@@ -36,17 +45,92 @@ struct KnownLock {
   std::string marker;
 };
 
+// Where an older version's semaphore for the resource shows, and whether one is there.
 std::string SemaphoreFile(const std::string& resource) {
   return "/dev/shm/sem." + esd::ResourceLocker::GetSemaphoreName(resource).substr(1);
 }
 
 bool SemaphoreExists(const std::string& resource) {
-  return FileSystemUtils::DoesPathExist(SemaphoreFile(resource));
+  struct stat info {};
+  return ::lstat(SemaphoreFile(resource).c_str(), &info) == 0;
+}
+
+std::string LockFile(const std::string& resource) {
+  std::string path;
+  return esd::ResourceLocker::GetLockFilePath(resource, path, false) ? path : std::string();
+}
+
+bool IsNumber(const std::string& text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// The processes whose open file holds the write lock on the lock file. The kernel reports no
+// process for a lock owned by an open file description, so the holders are found through each
+// process's descriptors: the one open on the lock file whose fdinfo lists a WRITE lock. This
+// reads the kernel's own record, so it is never stale and costs the lock itself nothing.
+// Processes of other users are visible to root only.
+std::vector<pid_t> LockHolders(const struct stat& lockFile) {
+  std::vector<pid_t> holders;
+  DIR* proc = ::opendir("/proc");
+  if (proc == nullptr) return holders;
+  while (const dirent* process = ::readdir(proc)) {
+    const std::string pid = process->d_name;
+    if (!IsNumber(pid)) continue;
+    const std::string fdFolder = "/proc/" + pid + "/fd";
+    DIR* fds = ::opendir(fdFolder.c_str());
+    if (fds == nullptr) continue;
+    bool holds = false;
+    while (const dirent* fd = ::readdir(fds)) {
+      struct stat info {};
+      if (holds || !IsNumber(fd->d_name) ||
+          ::stat((fdFolder + "/" + fd->d_name).c_str(), &info) != 0 ||
+          info.st_dev != lockFile.st_dev || info.st_ino != lockFile.st_ino)
+        continue;
+      std::ifstream fdinfo("/proc/" + pid + "/fdinfo/" + fd->d_name);
+      for (std::string line; std::getline(fdinfo, line);)
+        holds = holds || (line.compare(0, 5, "lock:") == 0 && line.find(" WRITE ") != line.npos);
+    }
+    ::closedir(fds);
+    if (holds) holders.push_back(static_cast<pid_t>(std::stol(pid)));
+  }
+  ::closedir(proc);
+  return holders;
+}
+
+// The state of a lock file in words: free, held (by whom), missing or unreadable. Opens the file
+// for reading only and takes nothing, so that looking creates and disturbs nothing.
+std::string DescribeLockFile(const std::string& path) {
+  if (path.empty()) return "(no folder for it)";
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0) {
+    return errno == ENOENT ? "(not created yet: free)"
+                           : std::string("(cannot be read: ") + std::strerror(errno) + ")";
+  }
+  struct stat info {};
+  struct flock range {};
+  range.l_type = F_WRLCK;
+  range.l_whence = SEEK_SET;
+  range.l_len = 1;
+  const bool looked = ::fstat(fd, &info) == 0 && ::fcntl(fd, F_OFD_GETLK, &range) == 0;
+  ::close(fd);
+  if (!looked) return "(cannot be read)";
+  if (range.l_type == F_UNLCK) return "(free)";
+  std::string text = "(held by ";
+  const std::vector<pid_t> holders = LockHolders(info);
+  if (holders.empty()) return text + "a process this user cannot see)";
+  for (size_t i = 0; i < holders.size(); ++i) {
+    std::error_code error;
+    const std::string pid = std::to_string(holders[i]);
+    const std::string program = std::filesystem::read_symlink("/proc/" + pid + "/exe", error);
+    text += (i ? ", process " : "process ") + pid + (program.empty() ? "" : " " + program);
+  }
+  return text + ")";
 }
 
 // The registered identifiers read straight from the file, without the store's lock: listing
-// locks must work while a stale lock blocks the store. Saves replace the file whole, so an
-// unlocked read sees one complete version.
+// locks must work while a live holder keeps the store, and for users outside the update group,
+// who cannot take its lock. Saves replace the file whole, so an unlocked read sees one complete
+// version.
 std::vector<std::string> PeekRegisteredAppIDs(const std::string& registryPath) {
   std::vector<std::string> ids;
   esd::ExpatDOMBuilder<esd::XMLDocumentNode> builder;
@@ -123,18 +207,21 @@ KnownLock ResolveLock(const std::string& name) {
 
 int ListLocks(const std::vector<std::string>& appIDs) {
   for (const KnownLock& lock : KnownLocks(appIDs)) {
-    const bool held = SemaphoreExists(lock.resource);
+    const std::string lockFile = LockFile(lock.resource);
     const bool marked = !lock.marker.empty() && FileSystemUtils::DoesPathExist(lock.marker);
-    std::cout << lock.label << "\n  resource:  " << lock.resource
-              << "\n  semaphore: " << SemaphoreFile(lock.resource) << (held ? " (held)" : " (free)")
-              << "\n";
+    std::cout << lock.label << "\n  resource:  " << lock.resource << "\n  lock file: " << lockFile
+              << (lockFile.empty() ? "" : " ") << DescribeLockFile(lockFile) << "\n";
+    if (SemaphoreExists(lock.resource))
+      std::cout << "  semaphore: " << SemaphoreFile(lock.resource) << " (left by an older version)\n";
     if (!lock.marker.empty())
       std::cout << "  marker:    " << lock.marker << (marked ? " (present)" : " (absent)") << "\n";
   }
   return kExitOK;
 }
 
-// Removes the semaphore whoever created it, and for an application also its workflow marker.
+// Removes an older version's semaphore and the lock file, whoever made them, and for an
+// application also its workflow marker. A lock file is made again by the next locker; removing
+// one that a live process holds ends that process's exclusion, so it is said.
 int BreakLocks(const std::vector<std::string>& names) {
   std::vector<KnownLock> locks;
   for (const std::string& name : names) locks.push_back(ResolveLock(name));
@@ -142,12 +229,25 @@ int BreakLocks(const std::vector<std::string>& names) {
   for (const KnownLock& lock : locks) {
     bool broke = false;
     if (SemaphoreExists(lock.resource)) {
-      esd::ResourceLocker locker(lock.resource, 0);
-      if (locker.Unlock(true)) {
+      if (::sem_unlink(esd::ResourceLocker::GetSemaphoreName(lock.resource).c_str()) == 0) {
         std::cout << "broke " << lock.label << ": removed " << SemaphoreFile(lock.resource) << "\n";
         broke = true;
       } else {
         std::cerr << "rozctl: cannot remove " << SemaphoreFile(lock.resource) << "\n";
+      }
+    }
+    const std::string lockFile = LockFile(lock.resource);
+    struct stat info {};
+    if (!lockFile.empty() && ::lstat(lockFile.c_str(), &info) == 0) {
+      const std::string state = DescribeLockFile(lockFile);
+      if (esd::ResourceLocker(lock.resource, 0).Unlock(true)) {
+        std::cout << "broke " << lock.label << ": removed " << lockFile
+                  << (state.compare(0, 5, "(held") == 0 ? " " + state + ", no longer exclusive"
+                                                         : std::string())
+                  << "\n";
+        broke = true;
+      } else {
+        std::cerr << "rozctl: cannot remove " << lockFile << "\n";
       }
     }
     if (!lock.marker.empty() && FileSystemUtils::DoesPathExist(lock.marker)) {
@@ -158,7 +258,7 @@ int BreakLocks(const std::vector<std::string>& names) {
         std::cerr << "rozctl: cannot remove " << lock.marker << "\n";
       }
     }
-    if (!broke) std::cout << lock.label << " is not held\n";
+    if (!broke) std::cout << lock.label << ": nothing to remove\n";
     brokeAll = brokeAll && broke;
   }
   return brokeAll ? kExitOK : kExitFailed;
@@ -188,24 +288,27 @@ const std::vector<Command>& LockCommands() {
        "(registered-apps), the missing-components store (missing-comps), the preferences\n"
        "(prefs), and the notification workflow of each application (app:APPID) that is\n"
        "registered, has a workflow marker, or is named on the command line. For each it shows\n"
-       "the resource name, the semaphore in /dev/shm that is the lock, whether it is held, and\n"
-       "for an application whether its workflow marker is present. The semaphores are named\n"
-       "after the resources, so they are not moved by --root; the stores' resources are their\n"
-       "paths below DIR.\n"
+       "the resource name, the lock file and whether it is free or which process holds it, a\n"
+       "semaphore an older version left in /dev/shm, and for an application whether its\n"
+       "workflow marker is present. The registered-applications store locks in its own folder,\n"
+       "everything else in the user's runtime folder. A lock is dropped by the kernel when its\n"
+       "holder dies, so a lock shown as held has a live holder. Looking creates nothing.\n"
        "\n"
        "  --break LOCK   the same as 'rozctl break-lock LOCK'\n"
        "\n"
        "Exit status: 0 when the list was shown.",
        RunLocks},
-      {"break-lock", "break-lock LOCK...", "remove a lock left behind by a crashed process",
-       "Removes the semaphore of each LOCK whoever created it, and for app:APPID also the\n"
-       "application's workflow marker, which otherwise makes every availability request answer\n"
-       "kROZResultAnswerPending. LOCK is registered-apps, missing-comps, prefs, app:APPID, or\n"
-       "resource:NAME for any resource name. Break a lock only when its holder has died: a\n"
-       "live holder loses its exclusion and two processes may then write the same file.\n"
+      {"break-lock", "break-lock LOCK...", "remove what older versions or a crash left behind",
+       "For each LOCK removes the semaphore an older version left in /dev/shm and the lock\n"
+       "file, whoever made them, and for app:APPID also the application's workflow marker,\n"
+       "which a crashed updater leaves and which otherwise makes every availability request\n"
+       "answer kROZResultAnswerPending. LOCK is registered-apps, missing-comps, prefs,\n"
+       "app:APPID, or resource:NAME for any resource name. A lock whose holder died is free\n"
+       "already; removing the lock file of a live holder ends its exclusion, and two\n"
+       "processes may then write the same file.\n"
        "\n"
-       "Exit status: 0 when every LOCK was held and has been broken, 1 when one was not held or\n"
-       "could not be removed.",
+       "Exit status: 0 when there was something to remove for every LOCK and it is removed, 1\n"
+       "otherwise.",
        RunBreakLock},
   };
   return commands;

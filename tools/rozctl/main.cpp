@@ -35,8 +35,8 @@ void PrintOverview() {
                "Options:\n"
                "  --root DIR   work on a sandboxed machine: DIR stands for /, DIR/home is the\n"
                "               user's home (XDG_* folder variables are ignored) and DIR/run the\n"
-               "               user's runtime folder; nothing outside DIR is written except the\n"
-               "               lock semaphores in /dev/shm. DIR is created when missing.\n"
+               "               user's runtime folder; nothing outside DIR is written. DIR is\n"
+               "               created when missing.\n"
                "  --help       this overview; 'rozctl COMMAND --help' describes one command\n"
                "\n"
                "Exit status: 0 success, 1 the call failed or the answer was no, 2 bad usage.\n";

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <boost/date_time/gregorian/gregorian_types.hpp>
@@ -26,7 +27,16 @@ class Env {
     pid_t parentPid = 0;
     std::string executablePath;          // the program file; empty when it cannot be read
     std::vector<std::string> arguments;  // argv as the process holds it now, argv[0] included
+    uid_t userId = static_cast<uid_t>(-1);  // the effective user; -1 when it cannot be read
+    // The file the process runs (whatever its path says now): device and inode, both 0 when
+    // they cannot be read (another user's process, a kernel thread).
+    dev_t executableDevice = 0;
+    ino_t executableInode = 0;
   };
+
+  // Variables given to a started program on top of the caller's own environment, in order; a
+  // later pair for a name wins. The caller's environment itself is never changed.
+  using EnvironmentList = std::vector<std::pair<std::string, std::string>>;
 
   Env() = default;
   virtual ~Env();
@@ -53,11 +63,10 @@ class Env {
   virtual bool GetHomeDirectory(std::string& path) = 0;
 
   // The process environment. The folder lookup reads the standard XDG_* and TMPDIR variables
-  // through this; the launch code sets the updater's parameters and restores them through it.
-  // Get is false when the variable is unset (an empty value is a value).
+  // through this. False when the variable is unset (an empty value is a value). There is no
+  // setter: the library never changes a host's environment, which other threads of the host
+  // may be reading.
   virtual bool GetEnvironmentVariable(const std::string& name, std::string& value) = 0;
-  virtual bool SetEnvironmentVariable(const std::string& name, const std::string& value) = 0;
-  virtual bool UnsetEnvironmentVariable(const std::string& name) = 0;
 
   // --- Users and groups ----------------------------------------------------------------------
 
@@ -95,16 +104,19 @@ class Env {
   virtual bool BringProcessToFront(pid_t pid) = 0;
 
   // Starts `program` with `arguments` (argv[0] included) as a new detached process: its own
-  // session, standard streams on /dev/null, the caller's environment, not waited for and never
-  // left as the caller's child. True when the program was executed; false when it could not be
-  // (missing, not executable, not a binary or script with an interpreter line). No search of
-  // PATH and no shell.
+  // session, standard streams on /dev/null, the caller's environment with `environment` added,
+  // no other descriptor of the caller, not waited for and never left as the caller's child.
+  // True when the program was executed; false when it could not be (missing, not executable,
+  // not a binary or script with an interpreter line). No search of PATH and no shell.
   virtual bool StartDetachedProcess(const std::string& program,
-                                    const std::vector<std::string>& arguments) = 0;
+                                    const std::vector<std::string>& arguments,
+                                    const EnvironmentList& environment) = 0;
 
-  // Runs `command` with /bin/sh and waits for the shell; returns its wait status as system()
-  // does (0 when the shell ran and exited with 0, -1 when no shell could be started).
-  virtual int RunShellCommand(const std::string& command) = 0;
+  // Runs `command` with /bin/sh, with the caller's environment plus `environment` and no
+  // descriptor of the caller but the standard three, and waits for the shell; returns its wait
+  // status as system() does (0 when the shell ran and exited with 0, -1 when no shell could be
+  // started).
+  virtual int RunShellCommand(const std::string& command, const EnvironmentList& environment) = 0;
 
   // --- Session bus ---------------------------------------------------------------------------
 

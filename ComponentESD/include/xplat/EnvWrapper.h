@@ -20,12 +20,6 @@ class EnvWrapper : public Env {
   bool GetEnvironmentVariable(const std::string& name, std::string& value) override {
     return mTarget->GetEnvironmentVariable(name, value);
   }
-  bool SetEnvironmentVariable(const std::string& name, const std::string& value) override {
-    return mTarget->SetEnvironmentVariable(name, value);
-  }
-  bool UnsetEnvironmentVariable(const std::string& name) override {
-    return mTarget->UnsetEnvironmentVariable(name);
-  }
 
   uid_t GetEffectiveUserId() override { return mTarget->GetEffectiveUserId(); }
   bool GetSupplementaryGroups(std::vector<gid_t>& groups) override {
@@ -47,12 +41,12 @@ class EnvWrapper : public Env {
     return mTarget->GetProcessInfo(pid, info);
   }
   bool BringProcessToFront(pid_t pid) override { return mTarget->BringProcessToFront(pid); }
-  bool StartDetachedProcess(const std::string& program,
-                            const std::vector<std::string>& arguments) override {
-    return mTarget->StartDetachedProcess(program, arguments);
+  bool StartDetachedProcess(const std::string& program, const std::vector<std::string>& arguments,
+                            const EnvironmentList& environment) override {
+    return mTarget->StartDetachedProcess(program, arguments, environment);
   }
-  int RunShellCommand(const std::string& command) override {
-    return mTarget->RunShellCommand(command);
+  int RunShellCommand(const std::string& command, const EnvironmentList& environment) override {
+    return mTarget->RunShellCommand(command, environment);
   }
 
   bool PostSessionBusSignal(const std::string& objectPath, const std::string& interfaceName,

@@ -80,7 +80,23 @@ bool DeleteLocalFile(const std::string& path);
 // cannot be changed (EPERM) the folder is kept with the caller's identity, because the folder
 // itself is what the caller asked for and the caller can use it. True when sDir is a folder
 // afterwards (also when it already was). False when a path component is a file.
+// The path is walked by descriptors: a symbolic link is followed only in a folder that no user
+// but the caller and root can change, so another user cannot redirect the creation by swapping
+// a component; every new folder is checked to be the caller's before its bits and owner are set
+// through its descriptor.
 bool CreateLocalDirectory(const std::string& sDir);
+
+// As CreateLocalDirectory, except that `dir` itself, when it is created, gets exactly the bits
+// `mode`, whatever the umask or the parent's bits (its owner and group are the parent's where
+// the caller may give them). An existing folder is left as it is. False when `dir` is not a
+// folder afterwards.
+bool CreateLocalDirectoryWithMode(const std::string& dir, uint16_t mode);
+
+// Writes `bytes` as the whole content of the file `path`, creating it when missing, with the
+// permission bits `mode`. Never through a symbolic link: neither at `path` itself nor, in a
+// folder another user can change, anywhere on the way to it. False when the file cannot be
+// opened, is not a regular file, or a write fails.
+bool WriteLocalFile(const std::string& path, const std::string& bytes, uint16_t mode);
 
 // Copies the bytes and rwx permission bits of the file src resolves to into dst (setuid, setgid
 // and sticky are not carried over to a copy the caller now owns). src must exist and
@@ -104,7 +120,7 @@ bool CopyLocalFile(const std::string& src, const std::string& dst);
 bool ExchangeFiles(const std::string& a, const std::string& b);
 
 // Creates the file `path`, which must not exist yet (any object at that name, a link included,
-// makes it fail), with exactly the permission bits `mode`, and hands `write` a stream that writes
+// makes it fail; links on the way are treated as by WriteLocalFile), with exactly the permission bits `mode`, and hands `write` a stream that writes
 // straight to it. With `sync` the data reaches stable storage before the file is closed, as
 // SyncFile would make it. False, with the new file removed again, when it cannot be created,
 // when `write` returns false or throws, or when a write, the sync or the close fails. One open

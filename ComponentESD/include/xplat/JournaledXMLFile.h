@@ -29,8 +29,8 @@ class JournaledXMLFile {
 
   // Writes the builder's document to the journal, syncs it, exchanges it with the file, removes
   // the journal (now holding the old text) and syncs the folder. The new file has the saved-file
-  // mode (0666 unless the store sets another) from the moment it appears, so that every user
-  // can later rewrite the shared store. True once the new
+  // mode from the moment it appears: 0600 (the user's alone) unless the store sets another, as
+  // a store shared by a group of users does. True once the new
   // text is in place (and, with durable saves, on stable storage). False without a document,
   // without a path, after a failed Load, when the text would not parse again (no element, or an
   // attribute value holding markup, which the writer does not escape), or when any step fails;

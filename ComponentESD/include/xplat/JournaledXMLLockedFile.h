@@ -27,8 +27,8 @@ class JournaledXMLLockedFile : public JournaledXMLFile {
   // Throws esd::resource_lock_fail when this object holds the lock already.
   virtual bool Lock();
 
-  // Releases the lock. With force also a lock this object never took (a stale one left by a
-  // crashed process); without force, throws esd::no_resource_lock when it does not hold it.
+  // Releases the lock. With force also breaks a lock this object never took, whoever holds it;
+  // without force, throws esd::no_resource_lock when it does not hold it.
   virtual bool Unlock(bool force);
 
   virtual bool HasLock() const;

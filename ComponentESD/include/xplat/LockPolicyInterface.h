@@ -9,8 +9,8 @@ class LockPolicyInterface {
  public:
   // Returns true when the lock is held afterwards; false when it could not be had in time.
   virtual bool Lock() = 0;
-  // Releases the lock; with force, also a lock that this object does not hold, which is how a
-  // stale lock left by another object or process is broken. True when the lock was removed.
+  // Releases the lock; with force, also breaks a lock that this object does not hold, whoever
+  // holds it. True when the lock was released or broken.
   virtual bool Unlock(bool force) = 0;
   // True while this object holds the lock.
   virtual bool HasLock() const = 0;

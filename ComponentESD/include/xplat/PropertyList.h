@@ -21,8 +21,8 @@ class PropertyList {
   PropertyList& operator=(const PropertyList&) = delete;
 
   // Parses a whole file in XML or binary form. An empty result when the file cannot be read,
-  // is not a regular file, is larger than any property list this system writes (16 MiB), or
-  // does not parse.
+  // is not a regular file, is larger than any property list this system writes (16 MiB), nests
+  // arrays and dictionaries more than 64 deep, or does not parse.
   static PropertyList ReadFile(const std::string& path);
 
   explicit operator bool() const { return mRoot != nullptr; }

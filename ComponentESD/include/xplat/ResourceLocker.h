@@ -10,10 +10,18 @@
 namespace esd {
 
 // Mutual exclusion over a named resource (typically a file path) between processes and between
-// objects of one process. The lock is a system-wide named semaphore created exclusively: its
-// existence is the lock, so whoever creates it holds it and removing the name releases it.
-// A holder that dies leaves the lock behind until someone breaks it with Unlock(true).
-// One object must not be used by two threads at once.
+// objects of one process. The lock is a write lock on a lock file, owned by the open file
+// description, so the kernel releases it the moment its holder closes the file or dies; no lock
+// outlives its holder and none is ever taken from a live one.
+//
+// Where the lock file lives decides who can take the lock:
+//   - a resource that is an absolute path inside the machine's all-users application support
+//     folder (a machine-wide store) locks in the folder that holds it; only those who may change
+//     the store can create or open the lock file for writing (mode 0660 in the folder's group);
+//   - every other resource (a plain name such as an application identifier or the preferences'
+//     lock, or a per-user path) locks in the user's temporary items folder (the runtime folder),
+//     which only that user can enter: users never wait for each other's per-user locks.
+// Lock files stay in place between uses. One object must not be used by two threads at once.
 class ResourceLocker : public LockPolicyInterface {
  public:
   // The resource name must not be empty. Takes the process's C library accessor, so it throws
@@ -25,23 +33,32 @@ class ResourceLocker : public LockPolicyInterface {
   ResourceLocker(const ResourceLocker&) = delete;
   ResourceLocker& operator=(const ResourceLocker&) = delete;
 
-  // Tries to create the lock, then again every millisecond until the time-out has passed; one
-  // attempt is made even with a time-out of 0. Returns false when it never succeeded. Throws
-  // resource_lock_fail "A resource is already being locked" when this object holds the lock.
+  // Tries to take the lock, then again every millisecond until the time-out has passed; one
+  // attempt is made even with a time-out of 0. Returns false when it never succeeded, and at
+  // once when no lock file can be had at all (no usable folder, no permission, not a regular
+  // file). Throws resource_lock_fail "A resource is already being locked" when this object
+  // holds the lock.
   bool Lock() override;
 
-  // Removes the lock's name. Without force, throws no_resource_lock "This object is not
-  // locking an item" unless this object holds the lock. With force, removes the name whoever
-  // created it. Returns false when the name could not be removed (for instance because someone
-  // broke the lock meanwhile); the object then still counts as holding, so its destructor tries
-  // once more.
+  // Releases the lock. Without force, throws no_resource_lock "This object is not locking an
+  // item" unless this object holds the lock, and returns false, still holding, when the lock
+  // file was removed or replaced meanwhile (someone broke the lock); the destructor then lets
+  // go. With force, breaks the lock whoever holds it by removing the lock file's name; false
+  // when there was no name to remove.
   bool Unlock(bool force) override;
 
   bool HasLock() const override;
 
-  // The system-wide semaphore name of a resource: the same in every process, short and valid
-  // whatever the resource name holds. Lets tools list and break stale locks.
+  // The semaphore name older versions locked a resource with: the same in every process, short
+  // and valid whatever the resource name holds. Lets tools remove what those versions left.
   static std::string GetSemaphoreName(const std::string& resourceName);
+
+  // The lock file's name: the name hash of the resource with every "/" made "_".
+  static std::string GetLockFileName(const std::string& resourceName);
+
+  // The lock file's full path (see the class comment for the folder). With `create`, a missing
+  // runtime folder is created as the folder lookup does. False when no folder can be found.
+  static bool GetLockFilePath(const std::string& resourceName, std::string& path, bool create);
 
   class ResourceLockerPlat;
 

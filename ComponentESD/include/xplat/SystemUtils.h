@@ -8,12 +8,12 @@
 namespace esd {
 namespace SystemUtils {
 
-// Sets every (name, value) of `env` in this process's environment, in order, and leaves them
-// set afterwards: the host keeps what it handed to the program. Then starts `path`
-// asynchronously: an application bundle by its program, an executable file as it is, each as
-// a detached process inheriting the environment. When that is not possible but the path
-// exists, the path is run by the shell in the background, single-quoted. A path that does not
-// exist at all is handed to the shell as a command, unquoted and in the foreground.
+// Starts `path` asynchronously with the host's environment plus every (name, value) of `env`,
+// in order (a later pair wins); the host's own environment is never changed. An application
+// bundle starts by its program, an executable file as it is, each as a detached process that
+// gets no descriptor of the host but the standard three. When that is not possible but the
+// path exists, the shell runs the single-quoted path in the background. A path that does not
+// exist at all is handed to the shell single-quoted, in the foreground, and its status decides.
 // True when the program was started (or the shell reported success).
 bool LaunchPath(const std::string& path, std::vector<std::pair<std::string, std::string>>& env);
 

@@ -50,6 +50,23 @@ std::string EscapeXML(Iter first, Iter last) {
   return out;
 }
 
+// Element text as a parser hands it back once written: XML turns every carriage return, alone or
+// before a line feed, into a line feed. Comparing a new value with a stored one in this form keeps
+// a text holding carriage returns from counting as changed on every request.
+inline std::string AsReadBack(const std::string& text) {
+  if (text.find('\r') == std::string::npos) return text;
+  std::string out;
+  out.reserve(text.size());
+  for (std::string::size_type i = 0; i < text.size(); ++i) {
+    if (text[i] != '\r') {
+      out += text[i];
+    } else if (i + 1 == text.size() || text[i + 1] != '\n') {
+      out += '\n';
+    }
+  }
+  return out;
+}
+
 }  // namespace XMLEscaping
 }  // namespace esd
 

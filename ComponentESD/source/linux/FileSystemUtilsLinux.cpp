@@ -55,6 +55,15 @@ class Fd {
   Fd& operator=(const Fd&) = delete;
   int get() const { return mFd; }
   bool valid() const { return mFd >= 0; }
+  int Release() {
+    const int fd = mFd;
+    mFd = -1;
+    return fd;
+  }
+  void Reset(int fd) {
+    Close();
+    mFd = fd;
+  }
   // Closing reports the last deferred write error on some file systems, so callers check it.
   bool Close() {
     if (mFd < 0) return true;
@@ -75,14 +84,91 @@ int Open(const std::string& path, int flags, mode_t mode = 0) {
   return fd;
 }
 
-// ENOTDIR counts as missing: "file/x" names nothing.
-bool IsMissing(int err) { return err == ENOENT || err == ENOTDIR; }
-
 // The folder a path lives in, usable in system calls ("." for a bare name).
 std::string FolderOf(const std::string& path) {
   const std::string parent = GetParentPath(path);
   return parent.empty() ? "." : parent;
 }
+
+// Whether a user other than the caller (and root, who is trusted anyway) could add, rename or
+// remove entries of a folder, and so swap one of them for a symbolic link.
+bool OthersMayChange(const struct stat& folder) {
+  if (folder.st_uid != 0 && folder.st_uid != ::geteuid()) return true;
+  return (folder.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
+// How OpenFolder treats components that are missing.
+enum class Missing {
+  Fail,     // the open fails
+  Inherit,  // created with the parent's permission bits, owner and group
+  Private,  // like Inherit, except that the last one gets exactly `lastMode`
+};
+
+// Opens the folder `path` (absolute, or relative to the working folder) one component at a time.
+// A symbolic link is followed only in a folder nobody but the caller and root can change; in any
+// other folder a link is refused, so another user cannot redirect the walk. Folders created here
+// are made closed (0700), opened without following links, checked to be the caller's own and
+// only then given their bits and owner through the descriptor. Returns the descriptor
+// (close-on-exec), or -1 with errno set.
+int OpenFolder(const std::string& path, Missing missing, mode_t lastMode = 0700) {
+  Fd current(Open(path.compare(0, 1, "/") == 0 ? "/" : ".", O_RDONLY | O_DIRECTORY));
+  if (!current.valid()) return -1;
+  std::vector<std::string> names;
+  for (size_t start = 0; start <= path.size();) {
+    size_t end = path.find('/', start);
+    if (end == std::string::npos) end = path.size();
+    const std::string name = path.substr(start, end - start);
+    if (!name.empty() && name != ".") names.push_back(name);
+    start = end + 1;
+  }
+  for (size_t i = 0; i < names.size(); ++i) {
+    struct stat parent;
+    if (::fstat(current.get(), &parent) != 0) return -1;
+    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (OthersMayChange(parent) ? O_NOFOLLOW : 0);
+    int next = ::openat(current.get(), names[i].c_str(), flags);
+    if (next < 0 && errno == ENOENT && missing != Missing::Fail) {
+      const bool exact = missing == Missing::Private && i + 1 == names.size();
+      const bool made = ::mkdirat(current.get(), names[i].c_str(), S_IRWXU) == 0;
+      if (!made && errno != EEXIST) return -1;
+      next = ::openat(current.get(), names[i].c_str(), flags | O_NOFOLLOW);
+      if (next >= 0 && made) {
+        Fd created(next);
+        struct stat st;
+        // Someone may have put a folder of their own there meanwhile: never adopt it.
+        if (::fstat(next, &st) != 0 || st.st_uid != ::geteuid()) {
+          errno = EPERM;
+          return -1;
+        }
+        const mode_t mode = exact ? lastMode & 07777 : parent.st_mode & 07777;
+        if (::fchown(next, parent.st_uid, parent.st_gid) != 0 && errno == EPERM) {
+          // Not allowed to give the folder away; the parent's group is still possible for a
+          // member. Otherwise the folder keeps the caller's identity and is usable.
+          if (::fchown(next, static_cast<uid_t>(-1), parent.st_gid) != 0) {
+          }
+        }
+        // After the change of owner, which may clear setgid.
+        ::fchmod(next, mode);
+        created.Release();
+      }
+    }
+    if (next < 0) return -1;
+    ::close(current.Release());
+    current.Reset(next);
+  }
+  return current.Release();
+}
+
+// Opens the folder holding `path` as OpenFolder does (nothing created) and gives the last
+// component; false when the folder cannot be opened or the path names no entry in it.
+bool OpenEntryFolder(const std::string& path, Fd& folder, std::string& name) {
+  name = GetPathLastComponent(path);
+  if (name.empty() || name == "." || name == "..") return false;
+  folder.Reset(OpenFolder(FolderOf(path), Missing::Fail));
+  return folder.valid();
+}
+
+// ENOTDIR counts as missing: "file/x" names nothing.
+bool IsMissing(int err) { return err == ENOENT || err == ENOTDIR; }
 
 // Returns 0 or the errno of the lstat.
 int LStat(const std::string& path, struct stat& st) {
@@ -345,34 +431,30 @@ bool CreateLocalDirectory(const std::string& sDir) {
   if (sDir.empty()) return false;
   struct stat st;
   if (::stat(sDir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
+  Fd folder(OpenFolder(sDir, Missing::Inherit));
+  return folder.valid();
+}
 
-  std::string parentPath = GetParentPath(sDir);
-  ESD_ASSERT(parentPath != sDir);
-  if (parentPath.empty()) parentPath = ".";
-  struct stat parent;
-  if (::stat(parentPath.c_str(), &parent) != 0) {
-    if (!CreateLocalDirectory(parentPath) || ::stat(parentPath.c_str(), &parent) != 0) {
-      return false;
-    }
-  }
-  if (!S_ISDIR(parent.st_mode)) return false;
+bool CreateLocalDirectoryWithMode(const std::string& dir, uint16_t mode) {
+  if (dir.empty()) return false;
+  Fd folder(OpenFolder(dir, Missing::Private, mode));
+  return folder.valid();
+}
 
-  // Created closed; opened up to the parent's bits only once they can be set exactly.
-  if (::mkdir(sDir.c_str(), S_IRWXU) != 0) {
-    return errno == EEXIST && ::stat(sDir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-  }
-  const mode_t mode = parent.st_mode & 07777;
-  ::chmod(sDir.c_str(), mode);
-  if (::chown(sDir.c_str(), parent.st_uid, parent.st_gid) != 0 && errno == EPERM) {
-    // Not allowed to give the folder away; the parent's group is still possible for a member.
-    if (::chown(sDir.c_str(), static_cast<uid_t>(-1), parent.st_gid) != 0) {
-      // The folder keeps the caller's identity and the parent's bits, and is usable.
-    }
-  }
-  if (::stat(sDir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
-  // A change of owner may have cleared setuid or setgid.
-  if ((st.st_mode & 07777) != mode) ::chmod(sDir.c_str(), mode);
-  return true;
+bool WriteLocalFile(const std::string& path, const std::string& bytes, uint16_t mode) {
+  Fd folder(-1);
+  std::string name;
+  if (!OpenEntryFolder(path, folder, name)) return false;
+  // Non-blocking, so that a named pipe at the name is refused rather than waited on.
+  Fd file(::openat(folder.get(), name.c_str(),
+                   O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                   S_IRUSR | S_IWUSR));
+  if (!file.valid()) return false;
+  struct stat st;
+  if (::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  bool ok = ::fchmod(file.get(), mode & 07777) == 0;
+  ok = ok && WriteAll(file.get(), bytes.data(), bytes.size());
+  return file.Close() && ok;
 }
 
 bool CopyLocalFile(const std::string& src, const std::string& dst) {
@@ -467,7 +549,11 @@ class DescriptorBuf : public std::streambuf {
 
 bool CreateFileWith(const std::string& path, uint16_t mode, bool sync,
                     const std::function<bool(std::ostream&)>& write) {
-  Fd fd(Open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+  Fd folder(-1);
+  std::string name;
+  if (!OpenEntryFolder(path, folder, name)) return false;
+  Fd fd(::openat(folder.get(), name.c_str(),
+                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
   if (!fd.valid()) return false;
   bool ok = false;
   try {
@@ -480,7 +566,7 @@ bool CreateFileWith(const std::string& path, uint16_t mode, bool sync,
   ok = ok && ::fchmod(fd.get(), mode & 07777) == 0;
   if (ok && sync) ok = InjectedFault(FsOp::Sync, path, std::string()) == 0 && ::fsync(fd.get()) == 0;
   ok = fd.Close() && ok;
-  if (!ok) ::unlink(path.c_str());
+  if (!ok) ::unlinkat(folder.get(), name.c_str(), 0);
   return ok;
 }
 

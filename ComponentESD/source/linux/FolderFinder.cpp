@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "xplat/ESDAssert.h"
@@ -67,8 +67,18 @@ std::string GetTemporaryRoot(Env* env) {
 bool ReadUserDirectory(Env* env, const std::string& key, std::string& path) {
   std::string configHome;
   if (!GetBaseDirectory(env, "XDG_CONFIG_HOME", ".config", configHome)) return false;
-  std::ifstream in(FileSystemUtils::AppendPathElement(configHome, "user-dirs.dirs"));
-  if (!in) return false;
+  // Read through a close-on-exec descriptor, which a stream cannot promise. The file is a few
+  // lines; anything past 64 KiB is not a user-dirs file.
+  std::string text;
+  const int fd = open(FileSystemUtils::AppendPathElement(configHome, "user-dirs.dirs").c_str(),
+                      O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char buffer[4096];
+  ssize_t got;
+  while (text.size() < 65536 && (got = read(fd, buffer, sizeof buffer)) > 0)
+    text.append(buffer, static_cast<size_t>(got));
+  close(fd);
+  std::istringstream in(text);
   std::string found;
   bool haveValue = false;
   std::string line;
@@ -128,12 +138,30 @@ bool GetPrivateTemporaryFolder(Env* env, bool create, std::string& out) {
     if (!IsFolder(GetTemporaryRoot(env)) &&
         !FileSystemUtils::CreateLocalDirectory(GetTemporaryRoot(env)))
       return false;
-    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return false;
+    if (!FileSystemUtils::CreateLocalDirectoryWithMode(path, 0700)) return false;
     if (lstat(path.c_str(), &info) != 0) return false;
   }
   if (!S_ISDIR(info.st_mode) || info.st_uid != user) return false;
   if ((info.st_mode & 07777) != 0700 && chmod(path.c_str(), 0700) != 0) return false;
   out = path;
+  return true;
+}
+
+// $XDG_RUNTIME_DIR counts only as the base-directory rules define it: a folder of the caller's
+// own with mode 0700. Anything else (another user's folder handed over by "sudo -E", a link
+// to one, an open folder) could be changed under us by someone else.
+bool GetRuntimeFolder(Env* env, const std::string& folder, bool create, std::string& out) {
+  struct stat info;
+  if (stat(folder.c_str(), &info) != 0) {
+    if (errno != ENOENT || !create ||
+        !FileSystemUtils::CreateLocalDirectoryWithMode(folder, 0700) ||
+        stat(folder.c_str(), &info) != 0)
+      return false;
+  }
+  if (!S_ISDIR(info.st_mode) || info.st_uid != env->GetEffectiveUserId() ||
+      (info.st_mode & 07777) != 0700)
+    return false;
+  out = folder;
   return true;
 }
 
@@ -158,8 +186,9 @@ bool FolderFinder::GetFolderPath(FolderID id, std::string& path, bool create) {
     case kChewableItems:
       return ProvideFolder(GetTemporaryRoot(env), create, path);
     case kUserTemporaryItems:
-      if (GetAbsoluteVariable(env, "XDG_RUNTIME_DIR", folder))
-        return ProvideFolder(folder, create, path);
+      if (GetAbsoluteVariable(env, "XDG_RUNTIME_DIR", folder) &&
+          GetRuntimeFolder(env, folder, create, path))
+        return true;
       return GetPrivateTemporaryFolder(env, create, path);
     case kUserDesktop:
       if (!ReadUserDirectory(env, "XDG_DESKTOP_DIR", folder) &&

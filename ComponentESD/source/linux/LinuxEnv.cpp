@@ -28,6 +28,8 @@
 #include "xplat/Env.h"
 #include "xplat/ProcessUtils.h"
 
+extern char** environ;
+
 namespace esd {
 
 namespace {
@@ -67,6 +69,43 @@ bool ReadWholeFile(const std::string& path, std::string& bytes) {
   }
   close(fd);
   return ok;
+}
+
+// The caller's environment with `additions` applied in order, as "NAME=VALUE" texts for execve.
+// A pair the system would refuse (an empty name, one holding "=", a NUL anywhere) is skipped.
+std::vector<std::string> BuildEnvironment(const Env::EnvironmentList& additions) {
+  std::vector<std::string> entries;
+  for (char** entry = environ; entry && *entry; ++entry) entries.emplace_back(*entry);
+  for (const auto& [name, value] : additions) {
+    if (name.empty() || name.find('=') != std::string::npos ||
+        name.find('\0') != std::string::npos || value.find('\0') != std::string::npos)
+      continue;
+    const std::string prefix = name + "=";
+    auto same = std::find_if(entries.begin(), entries.end(), [&](const std::string& entry) {
+      return entry.compare(0, prefix.size(), prefix) == 0;
+    });
+    if (same != entries.end())
+      *same = prefix + value;
+    else
+      entries.push_back(prefix + value);
+  }
+  return entries;
+}
+
+// argv or envp for exec: pointers into `texts`, which must outlive the result.
+std::vector<char*> PointerArray(const std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+// In a freshly forked child: the signal state a new program expects, whatever the host set.
+void ResetSignals() {
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
 }
 
 struct FdCloser {
@@ -149,14 +188,6 @@ class LinuxEnv : public Env {
     return true;
   }
 
-  bool SetEnvironmentVariable(const std::string& name, const std::string& value) override {
-    return setenv(name.c_str(), value.c_str(), 1) == 0;
-  }
-
-  bool UnsetEnvironmentVariable(const std::string& name) override {
-    return unsetenv(name.c_str()) == 0;
-  }
-
   uid_t GetEffectiveUserId() override { return geteuid(); }
 
   bool GetSupplementaryGroups(std::vector<gid_t>& groups) override {
@@ -228,6 +259,27 @@ class LinuxEnv : public Env {
     info.parentPid = static_cast<pid_t>(parent);
     info.executablePath.clear();
     ReadLink(base + "/exe", info.executablePath);  // unreadable for other users and kernel threads
+    // stat follows the link to the very file the process runs, even one renamed or replaced
+    // on disk since.
+    struct stat program;
+    if (::stat((base + "/exe").c_str(), &program) == 0) {
+      info.executableDevice = program.st_dev;
+      info.executableInode = program.st_ino;
+    } else {
+      info.executableDevice = 0;
+      info.executableInode = 0;
+    }
+    info.userId = static_cast<uid_t>(-1);
+    std::string status;
+    if (ReadWholeFile(base + "/status", status)) {
+      // "Uid:\treal\teffective\tsaved\tfs"
+      const size_t line = status.find("\nUid:");
+      unsigned long real = 0;
+      unsigned long effective = 0;
+      if (line != std::string::npos &&
+          std::sscanf(status.c_str() + line + 5, "%lu %lu", &real, &effective) == 2)
+        info.userId = static_cast<uid_t>(effective);
+    }
     info.arguments.clear();
     std::string cmdline;
     if (ReadWholeFile(base + "/cmdline", cmdline)) {
@@ -244,14 +296,15 @@ class LinuxEnv : public Env {
 
   bool BringProcessToFront(pid_t) override { return true; }
 
-  bool StartDetachedProcess(const std::string& program,
-                            const std::vector<std::string>& arguments) override {
+  bool StartDetachedProcess(const std::string& program, const std::vector<std::string>& arguments,
+                            const EnvironmentList& environment) override {
     // Everything the children need is prepared before fork: after it only async-signal-safe
     // calls are allowed, as the host may have other threads.
-    std::vector<char*> argv;
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    if (argv.empty()) argv.push_back(const_cast<char*>(program.c_str()));
-    argv.push_back(nullptr);
+    const std::vector<std::string> argumentTexts =
+        arguments.empty() ? std::vector<std::string>{program} : arguments;
+    std::vector<char*> argv = PointerArray(argumentTexts);
+    const std::vector<std::string> environmentTexts = BuildEnvironment(environment);
+    std::vector<char*> envp = PointerArray(environmentTexts);
 
     // The grandchild reports a failed exec through this pipe; a successful exec closes it.
     int report[2];
@@ -267,10 +320,7 @@ class LinuxEnv : public Env {
       setsid();
       pid_t grandchild = fork();
       if (grandchild != 0) _exit(grandchild < 0 ? 1 : 0);
-      sigset_t none;
-      sigemptyset(&none);
-      sigprocmask(SIG_SETMASK, &none, nullptr);
-      for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
+      ResetSignals();
       // The report pipe must survive the redirection of the standard streams below.
       int keep = report[1];
       if (keep <= 2) keep = fcntl(keep, F_DUPFD_CLOEXEC, 3);
@@ -284,7 +334,7 @@ class LinuxEnv : public Env {
       // Keep only the standard streams and the report pipe (close-on-exec).
       if (keep > 3) close_range(3, static_cast<unsigned>(keep) - 1, 0);
       close_range(static_cast<unsigned>(keep) + 1, ~0u, 0);
-      execv(program.c_str(), argv.data());
+      execve(program.c_str(), argv.data(), envp.data());
       int error = errno;
       ssize_t ignored = write(keep, &error, sizeof error);
       (void)ignored;
@@ -304,7 +354,27 @@ class LinuxEnv : public Env {
     return got == 0;
   }
 
-  int RunShellCommand(const std::string& command) override { return std::system(command.c_str()); }
+  int RunShellCommand(const std::string& command, const EnvironmentList& environment) override {
+    // system() would hand the shell every descriptor the host left without close-on-exec, and
+    // only the host's own environment.
+    const std::vector<std::string> argumentTexts = {"sh", "-c", command};
+    std::vector<char*> argv = PointerArray(argumentTexts);
+    const std::vector<std::string> environmentTexts = BuildEnvironment(environment);
+    std::vector<char*> envp = PointerArray(environmentTexts);
+    const pid_t shell = fork();
+    if (shell < 0) return -1;
+    if (shell == 0) {
+      ResetSignals();
+      close_range(3, ~0u, 0);
+      execve("/bin/sh", argv.data(), envp.data());
+      _exit(127);
+    }
+    int status = 0;
+    while (waitpid(shell, &status, 0) < 0) {
+      if (errno != EINTR) return -1;
+    }
+    return status;
+  }
 
   bool PostSessionBusSignal(const std::string& objectPath, const std::string& interfaceName,
                             const std::string& member,

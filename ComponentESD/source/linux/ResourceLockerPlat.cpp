@@ -1,5 +1,6 @@
 #include <fcntl.h>
-#include <semaphore.h>
+#include <pthread.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -7,7 +8,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <limits>
+#include <mutex>
 
+#include "xplat/FolderFinder.h"
 #include "xplat/GlobalPLXSysAccessor.h"
 #include "xplat/NameHash.h"
 #include "xplat/ResourceLocker.h"
@@ -17,9 +20,15 @@ namespace esd {
 
 namespace {
 
-const unsigned short kSemaphoreMode = 0700;
-const unsigned int kSemaphoreInitialValue = 1;
 const useconds_t kPollInterval = 1000;  // microseconds
+
+// Group members share a machine-wide lock; a per-user lock file is its user's alone.
+const mode_t kSharedLockFileMode = 0660;
+const mode_t kPrivateLockFileMode = 0600;
+
+// Byte 0 of a lock file is the lock; byte 1 carries the waiters' announcements (see below).
+const off_t kLockByte = 0;
+const off_t kWaiterByte = 1;
 
 // A clock that never jumps with the wall clock, so a changed system time neither cuts a wait
 // short nor stretches it.
@@ -37,39 +46,105 @@ std::uint64_t Deadline(std::uint64_t now, unsigned long timeoutMs) {
   return now + static_cast<std::uint64_t>(timeoutMs) * 1000u;
 }
 
+struct flock OneByte(short type, off_t start) {
+  struct flock range {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = start;
+  range.l_len = 1;
+  return range;
+}
+
+// Sets (or with F_UNLCK drops) a lock of this open file description on one byte, not waiting.
+bool SetByteLock(int fd, short type, off_t start) {
+  struct flock range = OneByte(type, start);
+  int result;
+  do {
+    result = fcntl(fd, F_OFD_SETLK, &range);
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
+// Whether another open file description holds a lock on the byte that `type` would conflict with.
+bool OthersLockByte(int fd, short type, off_t start) {
+  struct flock range = OneByte(type, start);
+  return fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
+}
+
+// Whether `path` still names the file with this device and inode. lstat: a link planted in its
+// place is not the lock file.
+bool NamesFile(const std::string& path, dev_t device, ino_t inode) {
+  struct stat info {};
+  return lstat(path.c_str(), &info) == 0 && info.st_dev == device && info.st_ino == inode;
+}
+
+int OpenNoLinks(const std::string& path, int flags, mode_t mode) {
+  int fd;
+  do {
+    fd = open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, mode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+// Opens (creating when missing) the lock file, refusing links and anything but a regular file;
+// the O_NONBLOCK keeps a planted FIFO from stalling the open. A lock file this user owns gets
+// its mode on the descriptor, whatever the umask said. On a read-only file system an existing
+// lock file is opened for reading, and `lockType` becomes a shared lock: nobody changes the
+// resource through that mount, and a writer elsewhere still excludes it. -1 on failure, with
+// errno set.
+int OpenLockFile(const std::string& path, mode_t mode, short& lockType, dev_t& device,
+                 ino_t& inode) {
+  lockType = F_WRLCK;
+  int fd = OpenNoLinks(path, O_RDWR | O_CREAT, mode);
+  if (fd < 0 && errno == EROFS) {
+    lockType = F_RDLCK;
+    fd = OpenNoLinks(path, O_RDONLY, 0);
+  }
+  if (fd < 0) return -1;
+  struct stat info {};
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    close(fd);
+    errno = EINVAL;
+    return -1;
+  }
+  if (lockType == F_WRLCK && info.st_uid == geteuid() && (info.st_mode & 07777) != mode)
+    fchmod(fd, mode);
+  device = info.st_dev;
+  inode = info.st_ino;
+  return fd;
+}
+
+// The folder a machine-wide resource locks in: the one holding it, when the resource is an
+// absolute path inside the all-users application support folder. Empty for any other resource.
+std::string MachineLockFolder(const std::string& resourceName) {
+  if (resourceName.empty() || resourceName[0] != '/') return std::string();
+  std::string allUsers;
+  if (!FolderFinder::GetFolderPath(FolderFinder::kLocalApplicationSupport, allUsers, false))
+    return std::string();
+  if (allUsers.empty() || allUsers.back() != '/') allUsers += '/';
+  if (resourceName.compare(0, allUsers.size(), allUsers) != 0) return std::string();
+  const size_t slash = resourceName.rfind('/');
+  if (slash < allUsers.size() - 1 || slash + 1 == resourceName.size()) return std::string();
+  return resourceName.substr(0, slash);
+}
+
 // Waiters poll once a millisecond, so a process that releases a lock and asks for it again at
 // once (a host making several calls in a row) would take it back nearly every time and starve
-// them. Waiters therefore raise the count of the holder's semaphore, which nothing else uses, and
-// a holder that finds it raised when it lets go gives way: its next attempt on that lock, on the
-// same thread, waits until another process has been seen holding it, or for kHandOverTime at
-// most (the waiter may have given up meanwhile). A process alone never waits for this.
+// them. Waiters therefore hold a shared lock on the lock file's waiter byte while they wait, and
+// a holder that finds one when it lets go gives way: its next attempt on that lock, on the same
+// thread, waits until another process has been seen holding it, or for kHandOverTime at most
+// (the waiter may have given up meanwhile). A process alone never waits for this.
 const std::uint64_t kHandOverTime = 10 * kPollInterval;  // microseconds
 
 // The last lock this thread released while others waited; plain data, so that no thread-exit
 // work is left behind in a host that unloads the library.
 struct ContendedRelease {
-  char name[64];
+  dev_t device;
+  ino_t inode;
   std::uint64_t at;
+  bool pending;
 };
-thread_local ContendedRelease tContendedRelease = {{0}, 0};
-
-void RememberContendedRelease(const std::string& name) {
-  if (name.size() >= sizeof tContendedRelease.name) return;
-  std::copy(name.begin(), name.end(), tContendedRelease.name);
-  tContendedRelease.name[name.size()] = '\0';
-  tContendedRelease.at = Microseconds();
-}
-
-// Whether someone holds `name` now (one whose semaphore we may not open holds it too). With
-// announce, also tells the holder that someone waits. Opening an existing semaphore costs a poller
-// far less than a failed exclusive creation, which makes and removes a file each time.
-bool IsHeld(PLXSysAccessor& sys, const std::string& name, bool announce) {
-  sem_t* semaphore = sys.sem_open(name.c_str(), 0, 0, 0);
-  if (semaphore == SEM_FAILED) return errno != ENOENT;
-  if (announce) sem_post(semaphore);
-  sys.sem_close(semaphore);
-  return true;
-}
+thread_local ContendedRelease tContendedRelease = {0, 0, 0, false};
 
 // Half to one and a half poll intervals, a different fraction each time. Waiters sleeping whole
 // intervals keep their phase, and the one whose phase falls just after the usual release time
@@ -90,85 +165,187 @@ useconds_t JitteredPollInterval() {
 }
 
 // See kHandOverTime. Returns at the deadline at the latest, so a Lock still makes its attempt.
-void GiveWayAfterContendedRelease(PLXSysAccessor& sys, const std::string& name,
-                                  std::uint64_t deadline) {
-  if (name != tContendedRelease.name) return;
-  tContendedRelease.name[0] = '\0';
+void GiveWayAfterContendedRelease(int fd, dev_t device, ino_t inode, std::uint64_t deadline) {
+  if (!tContendedRelease.pending || tContendedRelease.device != device ||
+      tContendedRelease.inode != inode)
+    return;
+  tContendedRelease.pending = false;
   const std::uint64_t until = std::min(tContendedRelease.at + kHandOverTime, deadline);
-  while (Microseconds() < until && !IsHeld(sys, name, true)) usleep(kPollInterval);
+  while (Microseconds() < until && !OthersLockByte(fd, F_WRLCK, kLockByte)) usleep(kPollInterval);
 }
 
+// The locks this process holds. A child forked without exec shares the parent's open file
+// descriptions, and with them the locks: a child that lives on would keep a lock its parent has
+// released. So the child closes its copies at once and its copies of the lockers hold nothing.
+std::mutex gHeldMutex;
+ResourceLocker::ResourceLockerPlat* gFirstHeld = nullptr;
+
 }  // namespace
+
+void ResourceLocker::ResourceLockerPlat::Remember() {
+  static const int registered = pthread_atfork([] { gHeldMutex.lock(); },
+                                               [] { gHeldMutex.unlock(); },
+                                               [] {
+                                                 ForgetAllInChild();
+                                                 gHeldMutex.unlock();
+                                               });
+  (void)registered;
+  std::lock_guard<std::mutex> lock(gHeldMutex);
+  mPrevHeld = nullptr;
+  mNextHeld = gFirstHeld;
+  if (gFirstHeld) gFirstHeld->mPrevHeld = this;
+  gFirstHeld = this;
+}
+
+void ResourceLocker::ResourceLockerPlat::Forget() {
+  std::lock_guard<std::mutex> lock(gHeldMutex);
+  if (mPrevHeld) mPrevHeld->mNextHeld = mNextHeld;
+  else gFirstHeld = mNextHeld;
+  if (mNextHeld) mNextHeld->mPrevHeld = mPrevHeld;
+  mPrevHeld = mNextHeld = nullptr;
+}
+
+// Runs in the forked child with gHeldMutex held.
+void ResourceLocker::ResourceLockerPlat::ForgetAllInChild() {
+  for (ResourceLockerPlat* plat = gFirstHeld; plat != nullptr;) {
+    ResourceLockerPlat* next = plat->mNextHeld;
+    close(plat->mLockFile);
+    plat->mLockFile = -1;
+    plat->mPrevHeld = plat->mNextHeld = nullptr;
+    plat = next;
+  }
+  gFirstHeld = nullptr;
+}
 
 // Linux accepts no "/" in a semaphore name after the leading one, and the Base64 hash may hold
 // some; "_" is outside the Base64 alphabet, so the mapping cannot make two hashes collide.
 std::string ResourceLocker::GetSemaphoreName(const std::string& resourceName) {
-  std::string name = "/" + GetNameHashValue(resourceName);
-  std::replace(name.begin() + 1, name.end(), '/', '_');
+  return "/" + GetLockFileName(resourceName);
+}
+
+std::string ResourceLocker::GetLockFileName(const std::string& resourceName) {
+  std::string name = GetNameHashValue(resourceName);
+  std::replace(name.begin(), name.end(), '/', '_');
   return name;
+}
+
+bool ResourceLocker::GetLockFilePath(const std::string& resourceName, std::string& path,
+                                     bool create) {
+  std::string folder = MachineLockFolder(resourceName);
+  if (folder.empty() &&
+      !FolderFinder::GetFolderPath(FolderFinder::kUserTemporaryItems, folder, create))
+    return false;
+  path = folder + "/" + GetLockFileName(resourceName);
+  return true;
 }
 
 ResourceLocker::ResourceLockerPlat::ResourceLockerPlat(const std::string& resourceName,
                                                        unsigned long timeoutMs)
     : mSysAccessor(GlobalPLXSysAccessor::GetGlobalPLXSysAccessor()),
-      mSemaphore(SEM_FAILED),
+      mLockFile(-1),
       mResourceName(resourceName),
-      mTimeout(timeoutMs) {}
+      mTimeout(timeoutMs),
+      mLockMode(kPrivateLockFileMode),
+      mDevice(0),
+      mInode(0),
+      mPrevHeld(nullptr),
+      mNextHeld(nullptr) {}
 
-// Unlock(false) cannot throw here because the lock is held. When the name is already gone
-// (someone broke the lock), the handle is closed anyway: nobody can use it after this.
+// Unlock(false) cannot throw here because the lock is held. When it fails (someone broke the
+// lock), the file is let go anyway: nobody can use this lock after this.
 ResourceLocker::ResourceLockerPlat::~ResourceLockerPlat() {
-  if (!HasLock()) return;
-  if (!Unlock(false)) {
-    mSysAccessor.sem_close(mSemaphore);
-    mSemaphore = SEM_FAILED;
-  }
+  if (HasLock() && !Unlock(false)) Release();
 }
 
-// Creating the semaphore exclusively is taking the lock; its count only carries the waiters'
-// announcements. Failures of any kind (the name exists, no permission) are retried until the
-// deadline, one attempt per poll interval at most, so a lock being broken and re-created by
-// others in between does not end the wait early.
+// Taking the write lock on the lock file is taking the resource's lock. A lock file that was
+// removed or replaced between the open and the lock (a broken lock) is not the lock any more:
+// the attempt is made again on what the name leads to now. Errors that waiting cannot cure end
+// the attempt at once.
 bool ResourceLocker::ResourceLockerPlat::Lock() {
   if (HasLock()) throw resource_lock_fail(mResourceName, "A resource is already being locked");
 
   const std::uint64_t deadline = Deadline(Microseconds(), mTimeout);
-  const std::string name = GetSemaphoreName(mResourceName);
-  GiveWayAfterContendedRelease(mSysAccessor, name, deadline);
+  if (!FindLockFile()) return false;
+  const std::string& path = mLockPath;
+  const mode_t mode = mLockMode;
+  short lockType = F_WRLCK;
+  dev_t device = 0;
+  ino_t inode = 0;
+  int fd = OpenLockFile(path, mode, lockType, device, inode);
+  if (fd < 0) return false;
+  GiveWayAfterContendedRelease(fd, device, inode, deadline);
+  bool announced = false;
   for (;;) {
-    mSemaphore = mSysAccessor.sem_open(name.c_str(), O_CREAT | O_EXCL, kSemaphoreMode,
-                                       kSemaphoreInitialValue);
-    if (mSemaphore != SEM_FAILED) return true;
-    // About every millisecond the waiter looks whether the lock is still held, announcing
-    // itself to the holder each time, and tries to create the semaphore again once it looks
-    // free.
-    IsHeld(mSysAccessor, name, true);
-    do {
+    if (SetByteLock(fd, lockType, kLockByte)) {
+      if (NamesFile(path, device, inode)) {
+        if (announced) SetByteLock(fd, F_UNLCK, kWaiterByte);
+        mLockFile = fd;
+        mDevice = device;
+        mInode = inode;
+        Remember();
+        return true;
+      }
+    } else if (errno != EAGAIN && errno != EACCES) {
+      close(fd);
+      return false;
+    } else if (!announced) {
+      announced = SetByteLock(fd, F_RDLCK, kWaiterByte);
+    }
+    if (!NamesFile(path, device, inode)) {
+      close(fd);
+      fd = OpenLockFile(path, mode, lockType, device, inode);
+      if (fd < 0) return false;
+      announced = false;
+      if (Microseconds() < deadline) continue;
+    } else {
       usleep(JitteredPollInterval());
-      if (!(Microseconds() < deadline)) return false;
-    } while (IsHeld(mSysAccessor, name, true));
+    }
+    if (!(Microseconds() < deadline)) {
+      close(fd);
+      return false;
+    }
   }
 }
 
-// A failed unlink leaves the handle in place on purpose: the object keeps counting as holding,
-// and its destructor tries again.
+// An ordinary Unlock leaves the lock file in place for the next locker; a forced one removes
+// its name, which is how a lock is broken.
 bool ResourceLocker::ResourceLockerPlat::Unlock(bool force) {
   if (!HasLock() && !force) {
     throw no_resource_lock("Resource unknown", "This object is not locking an item");
   }
-  const std::string name = GetSemaphoreName(mResourceName);
-  int count = 0;
-  const bool contended = HasLock() && sem_getvalue(mSemaphore, &count) == 0 &&
-                         count > static_cast<int>(kSemaphoreInitialValue);
-  if (mSysAccessor.sem_unlink(name.c_str()) != 0) return false;
-  if (HasLock()) {
-    mSysAccessor.sem_close(mSemaphore);
-    mSemaphore = SEM_FAILED;
+  if (force) {
+    if (!HasLock() && !FindLockFile()) return false;
+    if (unlink(mLockPath.c_str()) != 0) return false;
+    if (HasLock()) Release();
+    return true;
   }
-  if (contended) RememberContendedRelease(name);
+  if (!NamesFile(mLockPath, mDevice, mInode)) return false;
+  const bool contended = OthersLockByte(mLockFile, F_WRLCK, kWaiterByte);
+  Release();
+  if (contended) tContendedRelease = {mDevice, mInode, Microseconds(), true};
   return true;
 }
 
-bool ResourceLocker::ResourceLockerPlat::HasLock() const { return mSemaphore != SEM_FAILED; }
+bool ResourceLocker::ResourceLockerPlat::HasLock() const { return mLockFile >= 0; }
+
+// Looked up once per locker: every take and release after the first costs no folder lookup.
+bool ResourceLocker::ResourceLockerPlat::FindLockFile() {
+  if (!mLockPath.empty()) return true;
+  const std::string machineFolder = MachineLockFolder(mResourceName);
+  std::string folder = machineFolder;
+  if (folder.empty() &&
+      !FolderFinder::GetFolderPath(FolderFinder::kUserTemporaryItems, folder, true))
+    return false;
+  mLockMode = machineFolder.empty() ? kPrivateLockFileMode : kSharedLockFileMode;
+  mLockPath = folder + "/" + ResourceLocker::GetLockFileName(mResourceName);
+  return true;
+}
+
+// Closing the file description drops its locks.
+void ResourceLocker::ResourceLockerPlat::Release() {
+  Forget();
+  close(mLockFile);
+  mLockFile = -1;
+}
 
 }  // namespace esd

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <cctype>
-#include <algorithm>
 #include <climits>
 
 #include "xplat/ApplicationBundle.h"
@@ -16,17 +15,13 @@ namespace SystemUtils {
 
 namespace {
 
-// Each single quote is preceded by the three characters quote, backslash, quote, which turns
-// it into the four characters '\'' (close, escaped quote, reopen). The scan covers the first
-// `scanLength` positions of the growing copy; a caller passing the original length may leave a
-// late quote unescaped, a caller passing npos escapes them all.
-std::string EscapeSingleQuotes(const std::string& path, size_t scanLength) {
-  std::string quoted = path;
-  for (size_t i = 0; i < std::min(scanLength, quoted.size()); ++i) {
-    if (quoted[i] == '\'') {
-      quoted.insert(i, "'\\'");
-      i += 3;
-    }
+// Each single quote becomes the four characters '\'' (close, escaped quote, reopen), so the
+// whole path can stand between single quotes as one word of a shell command.
+std::string EscapeSingleQuotes(const std::string& path) {
+  std::string quoted;
+  for (char c : path) {
+    if (c == '\'') quoted += "'\\'";
+    quoted += c;
   }
   return quoted;
 }
@@ -38,36 +33,32 @@ bool IsFolder(const std::string& path) {
 
 // The asynchronous open of an application: a bundle starts its program, any other path is
 // started itself. False when neither can be executed.
-bool OpenApplication(Env* env, const std::string& path) {
+bool OpenApplication(Env* env, const std::string& path, const Env::EnvironmentList& variables) {
   std::string program = path;
   if (IsFolder(path)) {
     ApplicationBundle bundle;
     if (!ApplicationBundle::Load(path, bundle)) return false;
     program = bundle.GetExecutablePath();
   }
-  return env->StartDetachedProcess(program, {program});
+  return env->StartDetachedProcess(program, {program}, variables);
 }
 
 }  // namespace
 
 bool LaunchPath(const std::string& path, std::vector<std::pair<std::string, std::string>>& env) {
   Env* os = Env::Default();
-  // A pair the system refuses (an empty name or one holding "=") is skipped; the others are
-  // still handed over.
-  for (const auto& [name, value] : env) os->SetEnvironmentVariable(name, value);
-
-  if (!FileSystemUtils::DoesPathExist(path)) return os->RunShellCommand(path) == 0;
-  if (OpenApplication(os, path)) return true;
+  // The variables go to the started program alone; the host's own environment stays as it was.
+  // A pair the system refuses (an empty name or one holding "=") is skipped.
+  const std::string quoted = QuoteShellArgument(path);
+  // The path is quoted also here, so that "/opt/Vantu Utilities..." cannot run "/opt/Vantu".
+  if (!FileSystemUtils::DoesPathExist(path)) return os->RunShellCommand(quoted, env) == 0;
+  if (OpenApplication(os, path, env)) return true;
   if (!FileSystemUtils::DoesPathExist(path)) return false;
-  // The scan deliberately covers only as many positions as the path has characters, so a
-  // late quote in a path holding several stays unescaped and the shell then refuses the
-  // command. This is the established command text of this fallback; ForkUpdater quotes fully.
-  const std::string command = "'" + EscapeSingleQuotes(path, path.size()) + "' &";
-  return os->RunShellCommand(command) == 0;
+  return os->RunShellCommand(quoted + " &", env) == 0;
 }
 
 std::string QuoteShellArgument(const std::string& path) {
-  return "'" + EscapeSingleQuotes(path, std::string::npos) + "'";
+  return "'" + EscapeSingleQuotes(path) + "'";
 }
 
 std::string GetOSPlatform() { return "Linux"; }

@@ -36,7 +36,7 @@ bool JournalLoadsAgain(const esd::XMLDocumentNode& document) {
 }  // namespace
 
 JournaledXMLFile::JournaledXMLFile(esd::ExpatDOMBuilder<esd::XMLDocumentNode>& builder)
-    : mBuilder(builder), mSavedFileMode(0666), mDurableSaves(true), mLoadFailed(false) {}
+    : mBuilder(builder), mSavedFileMode(0600), mDurableSaves(true), mLoadFailed(false) {}
 
 JournaledXMLFile::~JournaledXMLFile() = default;
 

@@ -22,7 +22,7 @@ bool JournaledXMLLockedFile::Lock() {
 }
 
 bool JournaledXMLLockedFile::Unlock(bool force) {
-  // Forcing may need a locker that never held anything: that is how a stale lock is broken.
+  // Forcing may need a locker that never held anything: that is how a lock is broken.
   if (!mLocker && force) MakeLockerIfNeeded();
   if (!mLocker) return false;
   return mLocker->Unlock(force);

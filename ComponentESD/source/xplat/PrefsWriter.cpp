@@ -86,6 +86,9 @@ bool NextCodePoint(const std::string& text, std::size_t& i, unsigned long& code)
 // A name for the next version of `path`, beside it so that the final rename stays on one file
 // system. Drawn afresh each time (no generator state a forked child would share with its
 // parent), because two writers without a lock must not pick the same name.
+constexpr uint16_t kNewPrefsFileMode = 0600;
+constexpr uint16_t kMaxPrefsFileMode = 0644;
+
 std::string TemporaryPathFor(const std::string& path) {
   std::random_device random;
   const std::uint64_t value = (static_cast<std::uint64_t>(random()) << 32) ^ random();
@@ -332,7 +335,7 @@ bool PrefsWriter::Save() {
   // A file we may not write is left alone, as writing it in place would be refused; replacing it
   // by rename would otherwise succeed wherever the folder is writable.
   if (FileSystemUtils::DoesPathExist(m_PrefsPath)) {
-    FilePtr probe(std::fopen(m_PrefsPath.c_str(), "r+b"));
+    FilePtr probe(std::fopen(m_PrefsPath.c_str(), "r+be"));
     if (!probe) return false;
   }
 
@@ -345,35 +348,28 @@ bool PrefsWriter::Save() {
   if (!ExpatDOMBuilder<XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size())) return false;
 
   if (m_pLock && m_pLock->HasLock()) RemoveStaleTemporaries(m_PrefsPath);
+  // The temporary is made with its final bits through its own descriptor, never through a
+  // link planted at its name. A new file is the user's alone; a replaced one keeps its bits,
+  // at most readable by others.
+  uint16_t mode = kNewPrefsFileMode;
+  if (FileSystemUtils::GetFilePermission(m_PrefsPath, mode)) mode &= kMaxPrefsFileMode;
   std::string temporary;
-  FilePtr out;
-  for (int attempt = 0; attempt < 8 && !out; ++attempt) {
+  bool written = false;
+  for (int attempt = 0; attempt < 8 && !written; ++attempt) {
     temporary = TemporaryPathFor(m_PrefsPath);
-    out.reset(std::fopen(temporary.c_str(), "wbx"));
-    if (!out && errno != EEXIST) return false;
+    written = FileSystemUtils::CreateFileWith(temporary, mode, false, [&bytes](std::ostream& out) {
+      return static_cast<bool>(out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())));
+    });
+    if (!written && errno != EEXIST) return false;
   }
-  if (!out) return false;
-
-  bool written = std::fwrite(bytes.data(), 1, bytes.size(), out.get()) == bytes.size() &&
-                 std::fflush(out.get()) == 0;
-  written = (std::fclose(out.release()) == 0) && written;
-
-  uint16_t mode = 0;
-  if (written && FileSystemUtils::GetFilePermission(m_PrefsPath, mode)) {
-    std::error_code error;
-    std::filesystem::permissions(temporary, static_cast<std::filesystem::perms>(mode & 07777),
-                                 std::filesystem::perm_options::replace, error);
-    written = !error;
-  }
-  if (written) {
-    uint64_t floor = m_LastModTime;
-    uint64_t current = 0;
-    if (FileSystemUtils::GetFileLastModifiedTime(m_PrefsPath, current) && current > floor)
-      floor = current;
-    MakeNewerThan(temporary, floor);
-    written = FileSystemUtils::SyncFile(temporary) &&
-              std::rename(temporary.c_str(), m_PrefsPath.c_str()) == 0;
-  }
+  if (!written) return false;
+  uint64_t floor = m_LastModTime;
+  uint64_t current = 0;
+  if (FileSystemUtils::GetFileLastModifiedTime(m_PrefsPath, current) && current > floor)
+    floor = current;
+  MakeNewerThan(temporary, floor);
+  written = FileSystemUtils::SyncFile(temporary) &&
+            std::rename(temporary.c_str(), m_PrefsPath.c_str()) == 0;
   if (!written) {
     std::remove(temporary.c_str());
     return false;

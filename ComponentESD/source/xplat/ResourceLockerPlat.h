@@ -1,7 +1,7 @@
 #ifndef ESD_SOURCE_XPLAT_RESOURCELOCKERPLAT_H
 #define ESD_SOURCE_XPLAT_RESOURCELOCKERPLAT_H
 
-#include <semaphore.h>
+#include <sys/types.h>
 
 #include <string>
 
@@ -24,10 +24,25 @@ class ResourceLocker::ResourceLockerPlat {
   bool HasLock() const;
 
  private:
-  PLXSysAccessor& mSysAccessor;
-  sem_t* mSemaphore;  // SEM_FAILED while the lock is not held
+  bool FindLockFile();
+  void Release();
+  void Remember();
+  void Forget();
+  static void ForgetAllInChild();
+
+  [[maybe_unused]] PLXSysAccessor& mSysAccessor;
+  int mLockFile;  // the locked lock file's descriptor; -1 while the lock is not held
   std::string mResourceName;
   unsigned long mTimeout;  // milliseconds
+  // The lock file, found at the first use, and its mode when this process makes it.
+  std::string mLockPath;
+  mode_t mLockMode;
+  // What was locked, so that Unlock can tell whether the name still leads to it.
+  dev_t mDevice;
+  ino_t mInode;
+  // The process's held locks, linked while held (see ForgetAllInChild).
+  ResourceLockerPlat* mPrevHeld;
+  ResourceLockerPlat* mNextHeld;
 };
 
 }  // namespace esd

@@ -16,13 +16,23 @@
  * below.
  *
  * Argument rules (a failing check gives kROZResultInvalidArgument before any file is touched):
- *   appID        not NULL, not empty, at most 256 bytes, every byte below 0x80
+ *   appID        not NULL, not empty, at most 256 bytes, every byte from 0x20 to 0x7E; it names
+ *                files and folders, so it is also neither "." nor ".." and holds no "/"
  *   displayName  not NULL, not empty, at most 512 bytes, valid UTF-8
  *   installPath  not NULL, not empty, valid UTF-8; at most 255 bytes for ROZRegisterApplication,
  *                ROZIsUpdateAvailable and ROZTriggerUpdateCheck
  *   displayLanguage  never rejected: a code such as "en_US"; shorter than five characters or
  *                NULL means no language is passed on
  * The limits are byte counts without the terminating NUL.
+ *
+ * No function lets an exception or an abort reach the caller, and none leaves a lock held. A
+ * step that fails inside (memory running out, a file that cannot be read, written or replaced)
+ * gives that step's result: the registered-applications store kROZResultRegistryUnusable
+ * (kROZResultNotRegistered when a request registers first), the missing-components store and
+ * the setting-up of an availability request kROZResultMissingCompsStoreFailed, starting the
+ * updater kROZResultUpdaterUnavailable. Preferences that cannot be read or written count as
+ * absent; an administrator policy that cannot be read gives no answer. ROZIsUpdateCheckEnabled
+ * answers 0 and ROZGetVersion 0 when they cannot answer at all.
  */
 
 #include <stdbool.h>
@@ -103,7 +113,10 @@ ROZ_EXPORT int32_t ROZUnRegisterApplication(const char* appID);
 /* Asks whether an update is known for the application. The first call for a request number starts
  * the updater and gives kROZResultAnswerPending; a later call with the same number gives
  * kROZResultOK and stores the answer in *available. With registerFirst the application is
- * registered (or its entry refreshed) first. */
+ * registered (or its entry refreshed) first. When the request cannot be set up at all (no folder
+ * for the user's answers or workflow markers can be had, for instance because the runtime folder
+ * is unusable and the private temporary folder belongs to another user), the request could not
+ * be marked: kROZResultMissingCompsStoreFailed, never a pending answer that cannot come. */
 ROZ_EXPORT int32_t ROZIsUpdateAvailable(const char* appID, const unsigned char* displayName,
                                         const unsigned char* installPath,
                                         unsigned long requestNumber, bool* available,

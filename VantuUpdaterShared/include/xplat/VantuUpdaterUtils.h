@@ -72,21 +72,24 @@ bool GetVantuUpdaterDirectory(std::string& path);
 
 // --- Starting and finding the updater --------------------------------------------------------
 
-// Sets the parameters in this process's environment (they stay set) and starts the installed
-// updater asynchronously (esd::SystemUtils::LaunchPath). False when it is not installed where
-// GetUpdaterLocation says or could not be started.
+// Starts the installed updater asynchronously (esd::SystemUtils::LaunchPath) with the
+// parameters added to the host's environment for it alone; the host's own environment is not
+// changed. False when it is not installed where GetUpdaterLocation says or could not be started.
 bool LaunchUpdater(EnvironmentList& params);
 
-// Starts the updater's program through the shell with the parameters in its environment, in
-// the background or waiting for it, then restores the caller's environment: each variable gets
-// its old value back, or is unset again. True when the shell reported success; false when the
-// updater is not installed or its program is missing.
+// Starts the updater's program with the parameters added to the host's environment for it
+// alone and none of the host's descriptors but the standard three: in the background as a
+// detached process (true when it was executed), or in the foreground through the shell,
+// waiting for it (true when it exited with 0). False when the updater is not installed or its
+// program is missing.
 bool ForkUpdater(EnvironmentList& params, bool inBackground);
 
-// Whether an updater process other than the caller runs: a process whose program lies in a
-// bundle of type "APPL" with signature "ROZ5". False when the updater is not installed, and
-// false when the caller was itself started by the updater (the updater's own helpers must not
-// wait for it). With `bringToFront`, the first such process found is brought to the front.
+// Whether an updater process other than the caller runs: a process of the calling user that
+// runs the installed updater's program file (the same device and inode as the program the
+// installed bundle's Info.plist names; that bundle must say type "APPL" and signature "ROZ5").
+// No other bundle is read. False when the updater is not installed, and false when the caller
+// was itself started by the updater (the updater's own helpers must not wait for it). With
+// `bringToFront`, the first such process found is brought to the front.
 bool IsUpdaterRunning(bool bringToFront);
 
 // --- Signals and rights ----------------------------------------------------------------------

@@ -20,18 +20,25 @@ uint16_t GetFolderModeOr(const std::string& folder, uint16_t fallback) {
   return FileSystemUtils::GetFilePermission(folder, mode) ? mode : fallback;
 }
 
+// Per-user folders are the user's alone: the inherited bits are kept within owner-only access.
+constexpr uint16_t kPrivateFolderMode = 0700;
+
 // Appends `name` to `parent`, creating the folder when it is missing. A new folder is given
-// the restricted permission or `inheritedMode`; an existing one is left exactly as it is, so
-// an administrator's choice of permissions survives.
+// the restricted permission, or, per user, the parent's bits within owner-only access (made
+// with those bits, never widened by the parent or narrowed by the umask); an existing one is
+// left exactly as it is, so an administrator's choice of permissions survives.
 bool ProvideProductFolder(const std::string& parent, const char* name, bool restricted,
                           std::string& folder) {
   folder = FileSystemUtils::AppendPathElement(parent, name);
   // Every store operation comes through here, so the parent's bits are read only when needed.
   if (FileSystemUtils::DoesPathExist(folder)) return true;
-  const uint16_t inheritedMode = GetFolderModeOr(parent, kFallbackFolderMode);
-  if (!FileSystemUtils::CreateLocalDirectory(folder)) return false;
-  return restricted ? FileSystemUtils::SetRestrictedFilePermission(folder)
-                    : FileSystemUtils::SetFilePermission(folder, inheritedMode);
+  if (!restricted) {
+    const uint16_t inherited = GetFolderModeOr(parent, kFallbackFolderMode);
+    return FileSystemUtils::CreateLocalDirectoryWithMode(
+        folder, (inherited & kPrivateFolderMode) | kPrivateFolderMode);
+  }
+  return FileSystemUtils::CreateLocalDirectory(folder) &&
+         FileSystemUtils::SetRestrictedFilePermission(folder);
 }
 
 // <standard folder>/Vantu/Updater5, each missing level created.
@@ -83,7 +90,8 @@ bool GetVantuUpdaterCacheDataDir(std::string& path) {
   std::string data;
   if (!GetVantuUpdaterDataDir(data)) return false;
   const std::string cache = FileSystemUtils::AppendPathElement(data, "Data");
-  if (!FileSystemUtils::DoesPathExist(cache) && !FileSystemUtils::CreateLocalDirectory(cache))
+  if (!FileSystemUtils::DoesPathExist(cache) &&
+      !FileSystemUtils::CreateLocalDirectoryWithMode(cache, kPrivateFolderMode))
     return false;
   path = cache;
   return true;

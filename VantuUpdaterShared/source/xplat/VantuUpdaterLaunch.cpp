@@ -1,6 +1,6 @@
 // Starting the updater and finding it among the running processes.
-#include <map>
-#include <set>
+#include <sys/stat.h>
+
 #include <string>
 #include <vector>
 
@@ -18,74 +18,56 @@ constexpr char kUpdaterPackageType[] = "APPL";
 constexpr char kUpdaterSignature[] = "ROZ5";
 constexpr char kUpdaterProgramName[] = "Vantu Updater";
 
-// Remembers the variables a launch changes and puts them back when it goes out of scope, in
-// the order they were first changed: the old value, or unset when there was none.
-class EnvironmentRestorer {
- public:
-  explicit EnvironmentRestorer(esd::Env* env) : mEnv(env) {}
-  ~EnvironmentRestorer() {
-    for (const Saved& saved : mSaved) {
-      if (saved.wasSet)
-        mEnv->SetEnvironmentVariable(saved.name, saved.value);
-      else
-        mEnv->UnsetEnvironmentVariable(saved.name);
-    }
-  }
-  EnvironmentRestorer(const EnvironmentRestorer&) = delete;
-  EnvironmentRestorer& operator=(const EnvironmentRestorer&) = delete;
-
-  // Only a name's first change is remembered, so a name listed twice still ends at the value
-  // it had before the launch.
-  void Set(const std::string& name, const std::string& value) {
-    if (mNames.insert(name).second) {
-      Saved saved{name, std::string(), false};
-      saved.wasSet = mEnv->GetEnvironmentVariable(name, saved.value);
-      mSaved.push_back(saved);
-    }
-    mEnv->SetEnvironmentVariable(name, value);
-  }
-
- private:
-  struct Saved {
-    std::string name;
-    std::string value;
-    bool wasSet;
-  };
-  esd::Env* mEnv;
-  std::set<std::string> mNames;
-  std::vector<Saved> mSaved;
-};
-
-// Recognises updater processes by the Info.plist of the bundle their program lies in. Bundles
-// are read once per walk.
+// Recognises the installed updater among the running processes. Only the installed bundle's
+// Info.plist is read: its program file is then known by device and inode, and a process counts
+// when it runs that very file (or, a script, has it as its first absolute argument) as the
+// calling user. A bundle of another user's making, whatever its Info.plist says, is never read.
 class UpdaterRecogniser {
  public:
-  bool IsUpdater(const esd::Env::ProcessInfo& process) {
-    std::string bundle;
-    if (!esd::ApplicationBundle::FindBundleOfProgram(process.executablePath, bundle)) {
-      // A script runs as its interpreter; the script's own path is among its arguments.
-      const std::string* script = nullptr;
-      for (size_t i = 1; i < process.arguments.size() && !script; ++i) {
-        if (!process.arguments[i].empty() && process.arguments[i][0] == '/')
-          script = &process.arguments[i];
-      }
-      if (!script || !esd::ApplicationBundle::FindBundleOfProgram(*script, bundle)) return false;
+  // False when the installed updater is not a valid updater bundle: nothing is recognised then.
+  bool Load(esd::Env* env, const std::string& installedBundle) {
+    esd::ApplicationBundle bundle;
+    if (!esd::ApplicationBundle::Load(installedBundle, bundle) ||
+        bundle.GetPackageType() != kUpdaterPackageType ||
+        bundle.GetSignature() != kUpdaterSignature)
+      return false;
+    struct stat program;
+    if (::stat(bundle.GetExecutablePath().c_str(), &program) != 0 || !S_ISREG(program.st_mode))
+      return false;
+    mDevice = program.st_dev;
+    mInode = program.st_ino;
+    mUser = env->GetEffectiveUserId();
+    return true;
+  }
+
+  bool IsUpdater(const esd::Env::ProcessInfo& process) const {
+    if (process.userId != mUser) return false;
+    if (process.executableDevice == mDevice && process.executableInode == mInode &&
+        process.executableInode != 0)
+      return true;
+    // A script runs as its interpreter; the script's own path is among its arguments.
+    for (size_t i = 1; i < process.arguments.size(); ++i) {
+      const std::string& argument = process.arguments[i];
+      if (argument.empty() || argument[0] != '/') continue;
+      struct stat script;
+      return ::stat(argument.c_str(), &script) == 0 && script.st_dev == mDevice &&
+             script.st_ino == mInode;
     }
-    auto known = mBundles.find(bundle);
-    if (known == mBundles.end()) known = mBundles.emplace(bundle, IsUpdaterBundle(bundle)).first;
-    return known->second;
+    return false;
   }
 
  private:
-  static bool IsUpdaterBundle(const std::string& path) {
-    esd::ApplicationBundle bundle;
-    return esd::ApplicationBundle::Load(path, bundle) &&
-           bundle.GetPackageType() == kUpdaterPackageType &&
-           bundle.GetSignature() == kUpdaterSignature;
-  }
-
-  std::map<std::string, bool> mBundles;
+  dev_t mDevice = 0;
+  ino_t mInode = 0;
+  uid_t mUser = static_cast<uid_t>(-1);
 };
+
+std::string UpdaterProgram(const std::string& bundle) {
+  std::string program = bundle;
+  for (const char* element : {"Contents", "MacOS", kUpdaterProgramName})
+    program = FileSystemUtils::AppendPathElement(program, element);
+  return program;
+}
 
 }  // namespace
 
@@ -99,24 +81,21 @@ bool ForkUpdater(EnvironmentList& params, bool inBackground) {
   std::string bundle;
   if (!GetUpdaterLocation(bundle)) return false;
   esd::Env* env = esd::Env::Default();
-  EnvironmentRestorer restorer(env);
-  for (const auto& [name, value] : params) restorer.Set(name, value);
-
-  std::string program = bundle;
-  for (const char* element : {"Contents", "MacOS", kUpdaterProgramName})
-    program = FileSystemUtils::AppendPathElement(program, element);
+  const std::string program = UpdaterProgram(bundle);
   if (!FileSystemUtils::DoesPathExist(program)) return false;
-  std::string command = esd::SystemUtils::QuoteShellArgument(program);
-  if (inBackground) command += " &";
-  return env->RunShellCommand(command) == 0;
+  // The parameters go to the updater alone, which gets none of the host's descriptors.
+  if (inBackground) return env->StartDetachedProcess(program, {program}, params);
+  return env->RunShellCommand(esd::SystemUtils::QuoteShellArgument(program), params) == 0;
 }
 
 bool IsUpdaterRunning(bool bringToFront) {
   esd::FSRef installed;
-  if (!GetUpdaterLocation(installed)) return false;
+  std::string bundle;
+  if (!GetUpdaterLocation(installed) || !GetUpdaterLocation(bundle)) return false;
 
   esd::Env* env = esd::Env::Default();
   UpdaterRecogniser recogniser;
+  if (!recogniser.Load(env, bundle)) return false;
   esd::Env::ProcessInfo self;
   esd::Env::ProcessInfo launcher;
   if (!env->GetProcessInfo(env->GetCurrentProcessId(), self)) return false;

@@ -9,6 +9,7 @@
 #include "xplat/StoreLockScope.h"
 #include "xplat/StoreRoot.h"
 #include "xplat/VantuUpdaterUtils.h"
+#include "xplat/XMLEscaping.h"
 
 namespace {
 
@@ -180,6 +181,10 @@ unsigned VantuUpdaterMissingCompsManager::UpdateWithAppAndCompData(
                                 static_cast<const char*>(compCategory)}) {
     if (std::strpbrk(attribute, "\t\n\r") != nullptr) return kUpdateFailed;
   }
+  // The host's text, not the store's: a version that does not parse is a refused entry, found
+  // before the lock is taken.
+  FileSystemVersion version(FileSystemVersion::kInvalidVersion);
+  if (!FileSystemVersion::ParseVersionString(compVersion, version)) return kUpdateFailed;
   const std::string sDisplayName(reinterpret_cast<const char*>(displayName));
   const std::string sInstallPath(reinterpret_cast<const char*>(installPath));
 
@@ -196,11 +201,11 @@ unsigned VantuUpdaterMissingCompsManager::UpdateWithAppAndCompData(
       return kUpdateFailed;
 
     bool changed = false;
-    if (storedName != sDisplayName) {
+    if (storedName != esd::XMLEscaping::AsReadBack(sDisplayName)) {
       entry->SetDisplayName(sDisplayName);
       changed = true;
     }
-    if (storedPath != sInstallPath) {
+    if (storedPath != esd::XMLEscaping::AsReadBack(sInstallPath)) {
       entry->SetInstallPath(sInstallPath);
       changed = true;
     }
@@ -209,7 +214,6 @@ unsigned VantuUpdaterMissingCompsManager::UpdateWithAppAndCompData(
       changed = true;
     }
 
-    const FileSystemVersion version(compVersion);
     unsigned result = kAlreadyListed;
     std::unique_ptr<VantuUpdaterAMissingComponent> match;
     if (!entry->GetAMatchingMIssingComponent(compName, compCategory, version, match)) {
@@ -227,7 +231,6 @@ unsigned VantuUpdaterMissingCompsManager::UpdateWithAppAndCompData(
   VantuUpdaterMissingCompsApp fresh(appID, opType);
   if (!fresh.SetDisplayName(sDisplayName) || !fresh.SetInstallPath(sInstallPath))
     return kUpdateFailed;
-  const FileSystemVersion version(compVersion);
   VantuUpdaterAMissingComponent comp(compName, compCategory, version);
   if (!fresh.AddAMissingComponent(comp)) return kUpdateFailed;
   return InsertMissingCompsApp(fresh) == kAdded ? kAdded : kUpdateFailed;

@@ -1,11 +1,11 @@
 // The notification-workflow marker, the express-download signal and the administrator test.
 #include <unistd.h>
 
+#include <cstdint>
 #include <exception>
 #include <string>
 #include <vector>
 
-#include "xplat/ESDIOFileStream.h"
 #include "xplat/Env.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/FolderFinder.h"
@@ -27,6 +27,9 @@ constexpr char kExpressDownloadObject[] = "Vantu Updater Express Download Signal
 // and root's own group.
 const char* const kAdministratorGroups[] = {"admin", "sudo", "wheel", "root"};
 
+constexpr uint16_t kMarkerFolderMode = 0700;
+constexpr uint16_t kMarkerFileMode = 0600;
+
 }  // namespace
 
 bool VantuUpdaterNotifyWorkflowLocker::GetIPCLockFileParentFolder(std::string& path) {
@@ -40,10 +43,13 @@ bool VantuUpdaterNotifyWorkflowLocker::GetIPCLockFileParentFolder(std::string& p
 bool VantuUpdaterNotifyWorkflowLocker::GetIPCLockFileFolder(std::string& path) {
   std::string parent;
   if (!GetIPCLockFileParentFolder(parent)) return false;
-  if (!FileSystemUtils::DoesPathExist(parent) && !FileSystemUtils::CreateLocalDirectory(parent))
+  // The user's own folders: made owner-only whatever the umask says.
+  if (!FileSystemUtils::DoesPathExist(parent) &&
+      !FileSystemUtils::CreateLocalDirectoryWithMode(parent, kMarkerFolderMode))
     return false;
   const std::string locked = FileSystemUtils::AppendPathElement(parent, "locked");
-  if (!FileSystemUtils::DoesPathExist(locked) && !FileSystemUtils::CreateLocalDirectory(locked))
+  if (!FileSystemUtils::DoesPathExist(locked) &&
+      !FileSystemUtils::CreateLocalDirectoryWithMode(locked, kMarkerFolderMode))
     return false;
   path = locked;
   return true;
@@ -83,12 +89,8 @@ bool VantuUpdaterNotifyWorkflowLocker::DeleteIPCLockFile(const std::string& appI
 bool VantuUpdaterNotifyWorkflowLocker::CreateIPCLockFile(const std::string& appID) {
   std::string marker;
   if (!GetIPCLockFilePath(appID, marker)) return false;
-  ESDofstream file(marker, "wb");
-  std::ofstream& stream = file.GetStream();
-  if (!stream.is_open()) return false;
-  stream << "lock";
-  stream.close();
-  return !stream.fail();
+  // Never written through a link: one planted at the marker's name is refused, not followed.
+  return FileSystemUtils::WriteLocalFile(marker, "lock", kMarkerFileMode);
 }
 
 bool SignalExpressDownloadRequest() {

@@ -8,6 +8,7 @@
 #include "xplat/StoreLockScope.h"
 #include "xplat/StoreRoot.h"
 #include "xplat/VantuUpdaterUtils.h"
+#include "xplat/XMLEscaping.h"
 
 namespace {
 
@@ -166,8 +167,10 @@ unsigned VantuUpdaterRegistrationManager::InsertOrUpdateRegisteredApp(
   } else {
     VantuUpdaterRegisteredApp stored(existing.GetFirst());
     std::string storedPath, storedName;
-    if (existing.size() == 1 && stored.GetInstallPath(storedPath) && storedPath == installPath &&
-        stored.GetDisplayName(storedName) && storedName == displayName) {
+    if (existing.size() == 1 && stored.GetInstallPath(storedPath) &&
+        storedPath == esd::XMLEscaping::AsReadBack(installPath) &&
+        stored.GetDisplayName(storedName) &&
+        storedName == esd::XMLEscaping::AsReadBack(displayName)) {
       result = kUnchanged;
     } else {
       // Replacing rather than editing in place moves the entry to the end of the file, which is

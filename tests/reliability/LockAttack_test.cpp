@@ -1,0 +1,162 @@
+// Another local user attacks the locks of root's and an administrator's hosts, as real distinct
+// users on a private machine: files planted at the lock names, squatting, a holder that dies.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "VantuUpdater/VantuUpdater.h"
+#include "support/ChildProcess.h"
+#include "support/LockFiles.h"
+#include "support/MultiUser.h"
+#include "support/TempDir.h"
+#include "support/TestEnv.h"
+#include "xplat/ResourceLocker.h"
+#include "xplat/ScopedEnv.h"
+
+namespace {
+
+using namespace testing_support;
+using Clock = std::chrono::steady_clock;
+
+const char kAppID[] = "com.example.Victim";
+const char kPrefsLock[] = "VantuUpdater";
+
+std::string Registry(const MultiUserMachine& machine) {
+  return machine.AllUsersDataDir() + "/VantuESDGlobalApps.xml";
+}
+
+// Starts `body` as `who` with the library's folders (machine root, home, runtime folder) at
+// `who`'s own on this machine and launches only recorded; its status is the body's result, or
+// 100 when the ids could not be taken.
+pid_t StartOn(const MultiUserMachine& machine, const UserIdentity& who,
+              const std::function<int()>& body) {
+  return StartAs(who, [&] {
+    TestEnv env;
+    env.SetRoot(machine.Root());
+    env.SetHome(machine.HomeOf(who));
+    env.SetVariable("XDG_RUNTIME_DIR", machine.RuntimeDirOf(who));
+    env.RecordLaunches(true, 0);
+    esd::ScopedEnv scope(&env);
+    return body();
+  });
+}
+
+int RunOn(const MultiUserMachine& machine, const UserIdentity& who,
+          const std::function<int()>& body) {
+  return WaitChild(StartOn(machine, who, body));
+}
+
+// Whether `who` can create, or open for writing, a file at `path`.
+bool CanWrite(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666);
+  if (fd >= 0) ::close(fd);
+  return fd >= 0;
+}
+
+void ExpectOnMachine(int expected, const std::function<int(const MultiUserMachine&)>& body) {
+  const int status = RunOnMachine(body);
+  if (status == kMachineUnavailable) GTEST_SKIP() << "needs root and mount namespaces";
+  EXPECT_EQ(expected, status);
+}
+
+// The attacker plants a file at the old semaphore name of every lock a host takes and tries the
+// lock files' names; then root's and an administrator's hosts register, read the preferences,
+// take the workflow lock and unregister, each answering at once and correctly.
+TEST(LockAttack, PlantedFilesNeitherCrashNorBlockHosts) {
+  for (const UserIdentity* victim : {&RootUser(), &AdministratorA()}) {
+    ExpectOnMachine(0, [victim](const MultiUserMachine& machine) {
+      std::string why;
+      if (!machine.InstallAllUsersFolder(AdministratorsGroup(), why)) return 1;
+      const std::string names[] = {kPrefsLock, kAppID, Registry(machine)};
+      const int planted = RunOn(machine, Attacker(), [&] {
+        for (const std::string& name : names) {
+          const std::string file = esd::ResourceLocker::GetLockFileName(name);
+          WriteFile("/dev/shm/sem." + file, "");
+          if (CanWrite(machine.RuntimeDirOf(*victim) + "/" + file) ||
+              CanWrite(machine.AllUsersDataDir() + "/" + file))
+            return 1;
+        }
+        return 0;
+      });
+      if (planted != 0) return 10 + planted;
+      return RunOn(machine, *victim, [&] {
+        const auto start = Clock::now();
+        const unsigned char name[] = "Victim", path[] = "/opt/Victim";
+        if (ROZRegisterApplication(kAppID, name, path) != kROZResultOK) return 21;
+        if (ROZIsUpdateCheckEnabled() != 1) return 22;
+        esd::ResourceLocker workflow(kAppID, 1000);
+        if (!workflow.Lock() || !workflow.Unlock(false)) return 23;
+        if (ROZUnRegisterApplication(kAppID) != kROZResultOK) return 24;
+        return Clock::now() - start < std::chrono::seconds(2) ? 0 : 25;
+      });
+    });
+  }
+}
+
+// The store's lock is shared by the update group alone: another administrator waits for it, an
+// ordinary user and the attacker can neither take it nor plant anything where the locks live;
+// per-user locks are never shared; the lock of a holder killed outright is free at once.
+TEST(LockAttack, OnlyTheEntitledShareALockAndADeadHolderLeavesNone) {
+  ExpectOnMachine(0, [](const MultiUserMachine& machine) {
+    std::string why;
+    if (!machine.InstallAllUsersFolder(AdministratorsGroup(), why)) return 1;
+    const std::string lockFile =
+        machine.AllUsersDataDir() + "/" + esd::ResourceLocker::GetLockFileName(Registry(machine));
+    Pipe held;
+    const pid_t holder = StartOn(machine, AdministratorA(), [&] {
+      esd::ResourceLocker store(Registry(machine), 0), prefs(kPrefsLock, 0);
+      if (!store.Lock() || !prefs.Lock()) return 1;
+      held.Signal();
+      ::pause();
+      return 0;
+    });
+    // Ends the holder on every way out, so that a failure leaves no process behind.
+    struct Killer {
+      pid_t pid;
+      void Now() {
+        if (pid <= 0) return;
+        ::kill(pid, SIGKILL);
+        WaitChild(pid);
+        pid = -1;
+      }
+      ~Killer() { Now(); }
+    } killer{holder};
+    if (!held.Wait()) return 2;
+    struct stat info {};
+    if (::stat(lockFile.c_str(), &info) != 0 || (info.st_mode & 07777) != 0660 ||
+        info.st_gid != AdministratorsGroup())
+      return 3;
+    const int other = RunOn(machine, AdministratorB(), [&] {
+      esd::ResourceLocker store(Registry(machine), 0), prefs(kPrefsLock, 0);
+      return !store.Lock() && prefs.Lock() ? 0 : 1;
+    });
+    if (other != 0) return 10 + other;
+    for (const UserIdentity* outsider : {&OrdinaryUser(), &Attacker()}) {
+      const int refused = RunOn(machine, *outsider, [&] {
+        const auto start = Clock::now();
+        esd::ResourceLocker store(Registry(machine), 2000);
+        if (store.Lock() || Clock::now() - start > std::chrono::milliseconds(500)) return 1;
+        const int readable = ::open(lockFile.c_str(), O_RDONLY | O_CLOEXEC);
+        return readable < 0 && !CanWrite(lockFile + "x") &&
+                       !CanWrite(machine.RuntimeDirOf(AdministratorA()) + "/x")
+                   ? 0
+                   : 2;
+      });
+      if (refused != 0) return 20 + refused;
+    }
+    killer.Now();
+    return RunOn(machine, AdministratorB(), [&] {
+      esd::ResourceLocker store(Registry(machine), 0);
+      return store.Lock() ? 0 : 1;
+    }) == 0 ? 0 : 30;
+  });
+}
+
+}  // namespace

@@ -1,0 +1,140 @@
+#include "support/MultiUser.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "support/ChildProcess.h"
+#include "support/PrivateMounts.h"
+#include "support/TempDir.h"
+
+namespace testing_support {
+
+namespace {
+
+std::string Describe(const std::string& what) { return what + ": " + std::strerror(errno); }
+
+// mkdir, then chown and chmod: the umask must not decide the mode.
+bool MakeFolder(const std::string& path, uid_t uid, gid_t gid, mode_t mode, std::string& why) {
+  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+    why = Describe("mkdir " + path);
+    return false;
+  }
+  if (::chown(path.c_str(), uid, gid) != 0 || ::chmod(path.c_str(), mode) != 0) {
+    why = Describe("owner and mode of " + path);
+    return false;
+  }
+  return true;
+}
+
+const std::vector<const UserIdentity*>& Cast() {
+  static const std::vector<const UserIdentity*> cast = {
+      &RootUser(), &AdministratorA(), &AdministratorB(), &OrdinaryUser(), &Attacker()};
+  return cast;
+}
+
+}  // namespace
+
+gid_t AdministratorsGroup() {
+  const group* entry = ::getgrnam("sudo");
+  return entry != nullptr ? entry->gr_gid : 27;
+}
+
+const UserIdentity& RootUser() {
+  static const UserIdentity user{0, 0, {0}};
+  return user;
+}
+
+const UserIdentity& AdministratorA() {
+  static const UserIdentity user{1000, 1000, {AdministratorsGroup()}};
+  return user;
+}
+
+const UserIdentity& AdministratorB() {
+  static const UserIdentity user{1001, 1001, {AdministratorsGroup()}};
+  return user;
+}
+
+const UserIdentity& OrdinaryUser() {
+  static const UserIdentity user{1002, 1002, {}};
+  return user;
+}
+
+const UserIdentity& Attacker() {
+  static const UserIdentity user{65534, 65534, {}};
+  return user;
+}
+
+bool CanRunAsOtherUsers() { return ::geteuid() == 0; }
+
+int RunAs(const UserIdentity& who, const std::function<int()>& body) {
+  return WaitChild(StartAs(who, body));
+}
+
+pid_t StartAs(const UserIdentity& who, const std::function<int()>& body) {
+  return StartChild([&]() {
+    // Groups first: once the user id is dropped they can no longer be changed.
+    if (::setgroups(who.groups.size(), who.groups.data()) != 0 ||
+        ::setresgid(who.gid, who.gid, who.gid) != 0 ||
+        ::setresuid(who.uid, who.uid, who.uid) != 0) {
+      return 100;
+    }
+    return body();
+  });
+}
+
+std::string MultiUserMachine::HomeOf(const UserIdentity& who) const {
+  return mBase + "/home/" + std::to_string(who.uid);
+}
+
+std::string MultiUserMachine::RuntimeDirOf(const UserIdentity& who) const {
+  return mBase + "/run/" + std::to_string(who.uid);
+}
+
+bool MultiUserMachine::Enter(const std::string& folder, std::string& why) {
+  if (!CanRunAsOtherUsers()) {
+    why = "other users need a root test run";
+    return false;
+  }
+  if (!EnterPrivateMountNamespace(why) || !UsePrivateSemaphores(why) ||
+      !MountTmpfs(folder, "mode=0755", why)) {
+    return false;
+  }
+  mBase = folder;
+  for (const std::string& path :
+       {Root(), Root() + "/var", Root() + "/var/lib", Root() + "/var/lib/Vantu", Root() + "/etc",
+        Root() + "/opt", mBase + "/home", mBase + "/run"}) {
+    if (!MakeFolder(path, 0, 0, 0755, why)) return false;
+  }
+  for (const UserIdentity* who : Cast()) {
+    if (!MakeFolder(HomeOf(*who), who->uid, who->gid, 0700, why) ||
+        !MakeFolder(RuntimeDirOf(*who), who->uid, who->gid, 0700, why)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool MultiUserMachine::InstallAllUsersFolder(gid_t group, std::string& why) const {
+  return MakeFolder(AllUsersDataDir(), 0, group, 02775, why);
+}
+
+int RunOnMachine(const std::function<int(const MultiUserMachine&)>& body) {
+  TempDir folder;
+  return WaitChild(StartChild([&]() {
+    MultiUserMachine machine;
+    std::string why;
+    if (!machine.Enter(folder.path(), why)) {
+      std::fprintf(stderr, "no multi-user machine: %s\n", why.c_str());
+      return kMachineUnavailable;
+    }
+    return body(machine);
+  }));
+}
+
+}  // namespace testing_support
