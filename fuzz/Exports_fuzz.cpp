@@ -13,8 +13,7 @@
 // never named are byte-identical.
 //
 // Nothing is ever started: launches and shell commands answer as the input says without running,
-// and the process table shows this process alone. The launch parameters the library sets stay in
-// the sandbox too, so no input leaves state for the next.
+// and the process table shows this process alone.
 
 #include <fuzzer/FuzzedDataProvider.h>
 #include <sys/mount.h>
@@ -77,47 +76,29 @@ const char kUpdaterInfoPlist[] =
     "<key>CFBundleSignature</key><string>ROZ5</string></dict></plist>\n";
 const char kAnswerYes[] = "<UpdateInfo><Result>1</Result></UpdateInfo>";
 
-// The real system, except that nothing is started, only this process runs, and the variables
-// the library sets for the updater live here instead of in the process environment.
+// The real system, except that nothing is started and only this process runs.
 class FuzzEnv : public testing_support::TestEnv {
  public:
-  void Reset(bool launchesWork) {
-    mLaunchesWork = launchesWork;
-    mSetVariables.clear();
-  }
+  void SetLaunchesWork(bool launchesWork) { mLaunchesWork = launchesWork; }
 
   bool ListProcessIds(std::vector<pid_t>& pids) override {
     pids.assign(1, getpid());
     return true;
   }
-  bool StartDetachedProcess(const std::string&, const std::vector<std::string>&) override {
+  bool StartDetachedProcess(const std::string&, const std::vector<std::string>&,
+                            const EnvironmentList&) override {
     return mLaunchesWork;
   }
-  int RunShellCommand(const std::string&) override { return mLaunchesWork ? 0 : 1 << 8; }
+  int RunShellCommand(const std::string&, const EnvironmentList&) override {
+    return mLaunchesWork ? 0 : 1 << 8;
+  }
   bool PostSessionBusSignal(const std::string&, const std::string&, const std::string&,
                             const std::vector<std::string>&) override {
     return mLaunchesWork;
   }
-  bool GetEnvironmentVariable(const std::string& name, std::string& value) override {
-    const auto found = mSetVariables.find(name);
-    if (found == mSetVariables.end()) return TestEnv::GetEnvironmentVariable(name, value);
-    if (!found->second) return false;
-    value = *found->second;
-    return true;
-  }
-  bool SetEnvironmentVariable(const std::string& name, const std::string& value) override {
-    if (name.empty() || name.find('=') != std::string::npos) return false;
-    mSetVariables[name] = value;
-    return true;
-  }
-  bool UnsetEnvironmentVariable(const std::string& name) override {
-    mSetVariables[name] = std::nullopt;
-    return true;
-  }
 
  private:
   bool mLaunchesWork = true;
-  std::map<std::string, std::optional<std::string>> mSetVariables;
 };
 
 // Another process that tries each lock it is sent for kLockProbeMs and answers with the index of
@@ -560,7 +541,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   else gMachine->env.SetGroups({"staff", "admin"});
   const bool admin = groups < 6;
   const bool updaterInstalled = input.ConsumeBool();
-  gMachine->env.Reset(input.ConsumeBool());
+  gMachine->env.SetLaunchesWork(input.ConsumeBool());
   PlantedFile planted[kPlantedCount];
   for (PlantedFile& file : planted) {
     file.kind = static_cast<PlantedFile::Kind>(input.ConsumeIntegralInRange<uint8_t>(0, 3));
