@@ -40,7 +40,9 @@ cmake --build "$build" -j "${JOBS:-2}" --target fuzz_targets >"$build/build.log"
   { tail -n 60 "$build/build.log"; exit 1; }
 
 mkdir -p "$build/artifacts" "$build/logs"
-scratch=$(mktemp -d)
+# In the build folder, not in TMPDIR: a target that gives itself a private /dev/shm would no
+# longer see a corpus there.
+scratch=$(mktemp -d "$build/scratch.XXXXXX")
 trap 'rm -rf "$scratch"' EXIT INT TERM
 # A leak or undefined behaviour ends the run like a crash; the sanitizers' settings from the
 # caller's environment do not apply here.
