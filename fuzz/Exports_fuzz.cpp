@@ -355,13 +355,11 @@ class Arguments {
   std::set<std::string> mAppIDs;
 };
 
-// 0, 1, or any value of the type. Negative numbers are left out: in C++ they lie outside the
-// range of both enumerations, whose largest enumerator is 0x7FFFFFFF.
+// 0, 1, or any 32-bit value, as a C host may pass: both enumerations span the whole range.
 template <class Enum>
 Enum PickType(FuzzedDataProvider& input) {
   const uint8_t choice = input.ConsumeIntegralInRange<uint8_t>(0, 2);
-  return static_cast<Enum>(choice < 2 ? choice
-                                      : input.ConsumeIntegralInRange<int32_t>(0, 0x7FFFFFFF));
+  return static_cast<Enum>(choice < 2 ? choice : input.ConsumeIntegral<int32_t>());
 }
 
 bool IsResultCode(int32_t result) {

@@ -76,13 +76,16 @@ enum {
  * before. Any 32-bit value may be passed. */
 typedef enum ROZDownloadMissingCompType {
   kROZDownloadMissingCompTypeDefault = 0,
-  kROZDownloadMissingCompTypeMax = 0x7FFFFFFF /* keeps the type 32 bits wide */
+  /* The two bounds make every 32-bit value, negative ones included, a value of the type. */
+  kROZDownloadMissingCompTypeMin = -0x7FFFFFFF - 1,
+  kROZDownloadMissingCompTypeMax = 0x7FFFFFFF
 } ROZDownloadMissingCompType;
 
 /* The kind of update check ROZTriggerUpdateCheck starts. */
 typedef enum ROZTriggerType {
   kROZTriggerManual = 0,    /* the user asked: always starts the updater */
   kROZTriggerScheduled = 1, /* the host's schedule: honours the user's automatic-check settings */
+  kROZTriggerTypeMin = -0x7FFFFFFF - 1, /* any other value is a manual check */
   kROZTriggerTypeMax = 0x7FFFFFFF
 } ROZTriggerType;
 

@@ -42,7 +42,7 @@ class VantuUpdaterMissingCompsManager : public XMLRecordStore<VantuUpdaterMissin
     bool operator()(const VantuUpdaterMissingCompsApp& inApp) const;
 
    private:
-    VantuUpdaterMissingCompsManager* mManager;
+    [[maybe_unused]] VantuUpdaterMissingCompsManager* mManager;
   };
 
   // Finds the store's path; throws std::runtime_error "Unable to determine missing comps

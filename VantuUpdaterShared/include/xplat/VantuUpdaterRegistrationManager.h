@@ -51,7 +51,7 @@ class VantuUpdaterRegistrationManager : public XMLRecordStore<VantuUpdaterRegist
     bool operator()(const VantuUpdaterRegisteredApp& inApp) const;
 
    private:
-    VantuUpdaterRegistrationManager* mManager;
+    [[maybe_unused]] VantuUpdaterRegistrationManager* mManager;
   };
 
   // Finds the store's path; throws std::runtime_error "Unable to determine registration filepath!"
