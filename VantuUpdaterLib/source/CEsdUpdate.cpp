@@ -31,8 +31,9 @@
 
 namespace {
 
-// The version this library reports; packed by ROZGetVersion.
-const char kLibraryVersion[] = "5.1.0.6";
+// The version this library reports, the project's as the build states it; packed by
+// ROZGetVersion.
+const char kLibraryVersion[] = VANTU_VERSION_TEXT;
 
 // Byte limits of the host's text arguments, without the terminating NUL.
 const size_t kMaxAppIDLength = 256;
