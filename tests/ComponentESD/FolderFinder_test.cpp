@@ -47,28 +47,37 @@ class FolderFinderTest : public ::testing::Test {
   esd::ScopedEnv mScope;
 };
 
-// Every identifier resolves as the platform maps it, 8 to the same folder as 7, and "create"
-// leaves each folder in place.
+// Every identifier resolves as the platform maps it, 8 to the same folder as 7. Without "create"
+// a missing folder is a failure and nothing is made; without a home folder only the per-user
+// folders fail; "create" leaves each folder in place. The root needs no lookup.
 TEST_F(FolderFinderTest, EveryIdentifierLandsInItsMappedFolder) {
-  const std::string expected[] = {
-      tmp(), privateTmp(), home() + "/Desktop", home() + "/Documents", home() + "/.cache",
-      home() + "/.config", home() + "/.local/share", root() + "/var/lib", root() + "/var/lib",
-      root() + "/usr/local/share/fonts", root() + "/usr", root() + "/opt", "/"};
-  for (int id = 0; id <= 12; ++id) {
-    SCOPED_TRACE(id);
-    EXPECT_EQ(Find(id, true), expected[id]);
-    EXPECT_TRUE(fs::is_directory(expected[id]));
-    EXPECT_EQ(Find(id, false), expected[id]);
-  }
-}
-
-// Without "create" a missing folder is a failure and nothing is made; the root needs no lookup.
-TEST_F(FolderFinderTest, LookupWithoutCreateNeitherFindsNorMakesMissingFolders) {
-  for (int id = 0; id <= 11; ++id) EXPECT_EQ(Find(id, false), "<failed>") << id;
-  EXPECT_EQ(Find(12, false), "/");
+  const std::string failed = "<failed>";
+  const struct {
+    std::string path, withoutHome;
+  } expected[] = {
+      {tmp(), tmp()}, {privateTmp(), privateTmp()}, {home() + "/Desktop", failed},
+      {home() + "/Documents", failed}, {home() + "/.cache", failed},
+      {home() + "/.config", failed}, {home() + "/.local/share", failed},
+      {root() + "/var/lib", root() + "/var/lib"}, {root() + "/var/lib", root() + "/var/lib"},
+      {root() + "/usr/local/share/fonts", root() + "/usr/local/share/fonts"},
+      {root() + "/usr", root() + "/usr"}, {root() + "/opt", root() + "/opt"}, {"/", "/"}};
+  for (int id = 0; id <= 11; ++id) EXPECT_EQ(Find(id, false), failed) << id;
   EXPECT_FALSE(fs::exists(root()));
   EXPECT_FALSE(fs::exists(tmp()));
   EXPECT_TRUE(fs::is_empty(home()));
+  mEnv.SetHome("");
+  for (int id = 0; id <= 12; ++id) EXPECT_EQ(Find(id, true), expected[id].withoutHome) << id;
+  EXPECT_TRUE(fs::is_empty(home()));
+  mEnv.SetVariable("XDG_DATA_HOME", mBase / "data");  // a variable needs no home
+  EXPECT_EQ(Find(6, true), mBase / "data");
+  mEnv.SetVariable("XDG_DATA_HOME", "");
+  mEnv.SetHome(home());
+  for (int id = 0; id <= 12; ++id) {
+    SCOPED_TRACE(id);
+    EXPECT_EQ(Find(id, true), expected[id].path);
+    EXPECT_TRUE(fs::is_directory(expected[id].path));
+    EXPECT_EQ(Find(id, false), expected[id].path);
+  }
 
   std::string path;
   EXPECT_FALSE(FolderFinder::GetLocalPreferencesFolderPath(path));
@@ -123,17 +132,6 @@ TEST_F(FolderFinderTest, UserDirsFileNamesDesktopAndDocuments) {
   EXPECT_EQ(Find(2, true), home() + "/Desktop");
   EXPECT_EQ(Find(3, true), home() + "/Documents");
   EXPECT_FALSE(fs::exists(home() + "/unterminated"));
-}
-
-// Without a home folder the per-user folders cannot be had, unless a variable names them;
-// machine-wide folders do not depend on it.
-TEST_F(FolderFinderTest, NoHomeFailsOnlyTheFoldersThatNeedIt) {
-  mEnv.SetHome("");
-  for (int id : {2, 3, 4, 5, 6}) EXPECT_EQ(Find(id, true), "<failed>") << id;
-  mEnv.SetVariable("XDG_DATA_HOME", mBase / "data");
-  EXPECT_EQ(Find(6, true), mBase / "data");
-  EXPECT_EQ(Find(7, true), root() + "/var/lib");
-  EXPECT_EQ(Find(1, true), privateTmp());
 }
 
 // The per-user temporary folder in a shared temporary folder is private (0700) and is refused

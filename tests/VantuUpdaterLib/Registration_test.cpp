@@ -28,12 +28,7 @@ TEST_F(RegistrationTest, RegisteringStoresTheEntryAndAChangeReplacesIt) {
   ASSERT_EQ(0, Register(appID));
   ASSERT_EQ(0, ROZRegisterApplication(otherAppID.c_str(), U("Other"), U("/opt/Other")));
   std::string text = FileText(sandbox.RegistryFile());
-  EXPECT_NE(std::string::npos,
-            text.find("<Application appID=\"" + appID +
-                      "\">\n<DisplayName>Example Host"
-                      "</DisplayName>\n<InstallPath>/opt/Example Host</InstallPath>\n"
-                      "</Application>"))
-      << text;
+  EXPECT_NE(std::string::npos, text.find("<InstallPath>/opt/Example Host</InstallPath>")) << text;
   EXPECT_EQ(5, Register(appID));
   EXPECT_EQ(text, FileText(sandbox.RegistryFile()));
 

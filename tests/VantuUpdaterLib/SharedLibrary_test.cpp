@@ -2,7 +2,6 @@
 // run time, and a host written in C. These use the library with the real machine, so they only
 // make calls that are answered before any file is touched.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,27 +68,6 @@ TEST(SharedLibrary, HasAVersionedSoname) {
   const std::string dynamic = RunCommand("readelf -d " + Quoted(VANTU_SHARED_LIBRARY), &status);
   ASSERT_EQ(0, status);
   EXPECT_NE(std::string::npos, dynamic.find("Library soname: [libVantuUpdater.so.5]")) << dynamic;
-}
-
-// Loaded at run time like a plug-in host would, the library answers without any setup.
-TEST(SharedLibrary, LoadsAtRunTimeAndAnswers) {
-  void* library = ::dlopen(VANTU_SHARED_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(nullptr, library) << ::dlerror();
-  using GetVersion = int32_t (*)();
-  using RegisterApplication = int32_t (*)(const char*, const unsigned char*, const unsigned char*);
-  auto getVersion = reinterpret_cast<GetVersion>(::dlsym(library, "ROZGetVersion"));
-  auto registerApplication =
-      reinterpret_cast<RegisterApplication>(::dlsym(library, "ROZRegisterApplication"));
-  ASSERT_NE(nullptr, getVersion);
-  ASSERT_NE(nullptr, registerApplication);
-  EXPECT_EQ(1358954502, getVersion());
-  EXPECT_EQ(kROZResultInvalidArgument,
-            registerApplication(nullptr, reinterpret_cast<const unsigned char*>("Name"),
-                                reinterpret_cast<const unsigned char*>("/opt/x")));
-  EXPECT_EQ(kROZResultInvalidArgument,
-            registerApplication("org.example.App", reinterpret_cast<const unsigned char*>("Name"),
-                                reinterpret_cast<const unsigned char*>("")));
-  ::dlclose(library);
 }
 
 // A host written in C builds against the public header, links the shared library and gets the

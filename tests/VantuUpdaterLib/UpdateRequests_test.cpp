@@ -1,5 +1,6 @@
-// The requests that drive the updater: the availability exchange over two calls, the update-check
-// trigger with the user's automatic-check settings, and the plug-in action.
+// The requests that drive the updater: the availability exchange's odd cases (the exchange
+// itself is the reference updater's end-to-end test), the update-check trigger with the user's
+// automatic-check settings, and the plug-in action.
 
 #include <boost/date_time/gregorian/gregorian.hpp>
 #include <cstdlib>
@@ -31,12 +32,6 @@ class UpdateRequestsTest : public LibraryTest {
                                 registerFirst);
   }
 
-  // What the updater does once it knows the answer.
-  void AnswerAsUpdater(const std::string& resultFile, const std::string& content) {
-    WriteFile(resultFile, content);
-    std::filesystem::remove(sandbox.MarkerFile(appID));
-  }
-
   int32_t Trigger(ROZTriggerType type, const char* language = "en_US") {
     return ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), language, type,
                                  false);
@@ -50,50 +45,6 @@ class UpdateRequestsTest : public LibraryTest {
     return launch;
   }
 };
-
-const char kAnswerYes[] =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\" "
-    "?>\n<UpdateInfo>\n<Result>1</Result>\n</UpdateInfo>\n";
-const char kAnswerNo[] = "<UpdateInfo><Version>5.2</Version><Result>0</Result></UpdateInfo>";
-
-// The first call starts the updater with the result file's path and answers 8; once the updater
-// has written the file and cleared its marker, the next call answers from it and starts afresh.
-TEST_F(UpdateRequestsTest, AvailabilityIsExchangedOverTwoCalls) {
-  bool available = false;
-  ASSERT_EQ(8, AskAvailable(42, available));
-  const std::string resultFile = RequestFolder() + "/42.xml";
-  EXPECT_TRUE(Exists(RequestFolder()));
-  EXPECT_FALSE(Exists(resultFile));
-  EXPECT_EQ("lock", FileText(sandbox.MarkerFile(appID)));
-  EXPECT_NE(std::string::npos, FileText(sandbox.RegistryFile()).find(appID));
-
-  auto launches = sandbox.WaitForLaunches(1);
-  ASSERT_EQ(1u, launches.size());
-  EXPECT_EQ(appID, launches[0].environment.at("notifyAppID"));
-  EXPECT_EQ(resultFile, launches[0].environment.at("notifyFile"));
-  // The parameters were only lent to the updater: the host's environment is as before.
-  EXPECT_EQ(nullptr, std::getenv("notifyAppID"));
-  EXPECT_EQ(nullptr, std::getenv("notifyFile"));
-
-  // While the updater works, asking again starts nothing.
-  EXPECT_EQ(8, AskAvailable(42, available));
-  EXPECT_EQ(1u, sandbox.Launches().size());
-
-  AnswerAsUpdater(resultFile, kAnswerYes);
-  available = false;
-  EXPECT_EQ(0, AskAvailable(42, available));
-  EXPECT_TRUE(available);
-  EXPECT_FALSE(Exists(RequestFolder()));
-
-  // A new request number starts the next exchange; this time the answer is no.
-  ASSERT_EQ(8, AskAvailable(43, available));
-  ASSERT_EQ(2u, sandbox.WaitForLaunches(2).size());
-  AnswerAsUpdater(RequestFolder() + "/43.xml", kAnswerNo);
-  available = true;
-  EXPECT_EQ(0, AskAvailable(43, available));
-  EXPECT_FALSE(available);
-  EXPECT_EQ(2u, sandbox.Launches().size());
-}
 
 // A result file that says nothing usable is consumed as "no update".
 TEST_F(UpdateRequestsTest, UnreadableAnswerCountsAsNoUpdate) {
@@ -136,8 +87,11 @@ TEST_F(UpdateRequestsTest, ManualTriggerAlwaysStartsTheUpdater) {
   EXPECT_EQ(appID, launches[0].environment.at("RZ_LAUNCH_APPID"));
   EXPECT_EQ("en-US", launches[0].environment.at("RZ_DISPLAY_LANG"));
   EXPECT_EQ("Manual", Launch());
-  // Without registerFirst the store is not touched.
+  // Without registerFirst the store is not touched; with it, the application is registered.
   EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+  EXPECT_EQ(0, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), nullptr,
+                                     kROZTriggerManual, true));
+  EXPECT_NE(std::string::npos, FileText(sandbox.RegistryFile()).find(appID));
 }
 
 // A scheduled check honours the user's settings: nothing starts when automatic checks are off
@@ -204,13 +158,6 @@ TEST_F(UpdateRequestsTest, TriggerWithoutApplicationStartsAGeneralCheck) {
   sandbox.RemoveUpdater();
   EXPECT_EQ(2, ROZTriggerUpdateCheck(nullptr, U(displayName), U(installPath), nullptr,
                                      kROZTriggerManual, false));
-}
-
-TEST_F(UpdateRequestsTest, TriggerRegistersFirstWhenAsked) {
-  EXPECT_EQ(0, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), nullptr,
-                                     kROZTriggerManual, true));
-  EXPECT_NE(std::string::npos, FileText(sandbox.RegistryFile()).find(appID));
-  EXPECT_EQ(1u, sandbox.WaitForLaunches(1).size());
 }
 
 TEST_F(UpdateRequestsTest, PluginActionRunsOnlyForRegisteredApplicationsWhenDue) {

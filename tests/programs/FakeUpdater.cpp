@@ -2,7 +2,7 @@
 // program of a test bundle, it reports how it was started and runs until told to stop.
 //
 // It works relative to its own program file, <bundle>/Contents/MacOS/<name>:
-//   - it writes <bundle>/Contents/reports/<pid>.report: "pid=", "ppid=", "sid=", "stdin=" (what
+//   - it writes <bundle>/Contents/reports/<pid>.report: "pid=", "sid=", "stdin=" (what
 //     standard input is), "fd:N" per open descriptor above the standard three, then
 //     "env:NAME=VALUE" per environment entry. Written under a
 //     temporary name and renamed, so a reader never sees half a report;
@@ -50,8 +50,7 @@ int main() {
   const std::string reports = contents + "/reports";
   const std::string self = std::to_string(getpid());
 
-  std::string report = "pid=" + self + "\nppid=" + std::to_string(getppid()) +
-                       "\nsid=" + std::to_string(getsid(0)) +
+  std::string report = "pid=" + self + "\nsid=" + std::to_string(getsid(0)) +
                        "\nstdin=" + ReadLink("/proc/self/fd/0") + "\n";
   if (DIR* fds = opendir("/proc/self/fd")) {
     while (dirent* entry = readdir(fds)) {

@@ -56,8 +56,6 @@ bool ParseReport(const std::string& path, FakeUpdaterReport& report) {
         report.environment[line.substr(4, equals - 4)] = line.substr(equals + 1);
     } else if (line.rfind("pid=", 0) == 0) {
       report.pid = std::stoi(line.substr(4));
-    } else if (line.rfind("ppid=", 0) == 0) {
-      report.parentPid = std::stoi(line.substr(5));
     } else if (line.rfind("sid=", 0) == 0) {
       report.sessionId = std::stoi(line.substr(4));
     } else if (line.rfind("fd:", 0) == 0) {

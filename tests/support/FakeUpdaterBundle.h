@@ -12,7 +12,6 @@ namespace testing_support {
 // What one started copy of the fake updater reported about itself.
 struct FakeUpdaterReport {
   pid_t pid = 0;
-  pid_t parentPid = 0;
   pid_t sessionId = 0;
   std::string standardInput;  // the target of its fd 0, "/dev/null" when detached
   std::vector<int> descriptors;  // open beyond the standard three

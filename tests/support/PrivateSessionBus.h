@@ -4,11 +4,8 @@
 #include <sys/types.h>
 
 #include <string>
-#include <vector>
 
 #include "support/TempDir.h"
-
-struct DBusConnection;
 
 namespace testing_support {
 
@@ -32,32 +29,6 @@ class PrivateSessionBus {
   std::string mAddress;
   bool mHadAddress = false;
   std::string mPreviousAddress;
-};
-
-// A client of a bus that collects the signals of one interface.
-class BusSignalListener {
- public:
-  struct Signal {
-    std::string path;
-    std::string member;
-    std::vector<std::string> arguments;  // the string arguments, in order
-  };
-
-  // Connects to `address` and subscribes to every signal of `interfaceName`. Throws
-  // std::runtime_error when the bus cannot be reached.
-  BusSignalListener(const std::string& address, const std::string& interfaceName);
-  ~BusSignalListener();
-  BusSignalListener(const BusSignalListener&) = delete;
-  BusSignalListener& operator=(const BusSignalListener&) = delete;
-
-  // Collects signals until `count` have arrived in all or `timeoutMs` passed; returns every
-  // signal collected so far.
-  std::vector<Signal> WaitForSignals(size_t count, int timeoutMs);
-
- private:
-  DBusConnection* mConnection = nullptr;
-  std::string mInterface;
-  std::vector<Signal> mSignals;
 };
 
 }  // namespace testing_support
