@@ -26,34 +26,15 @@ using namespace testing_support;
 
 namespace {
 
-// Starts `body` as `who` with the library looking at the machine: its root, and the user's own
-// home and runtime folder.
-pid_t StartAsUser(const MultiUserMachine& machine, const UserIdentity& who,
-                  const std::function<int()>& body) {
-  return StartAs(who, [&] {
-    TestEnv env;
-    env.SetRoot(machine.Root());
-    env.SetHome(machine.HomeOf(who));
-    env.SetVariable("XDG_RUNTIME_DIR", machine.RuntimeDirOf(who));
-    esd::ScopedEnv scope(&env);
-    return body();
-  });
-}
-
-int AsUser(const MultiUserMachine& machine, const UserIdentity& who,
-           const std::function<int()>& body) {
-  return WaitChild(StartAsUser(machine, who, body));
-}
-
 int Register(const MultiUserMachine& machine, const UserIdentity& who, const char* appID) {
-  return AsUser(machine, who, [appID] {
+  return machine.RunHost(who, [appID] {
     return ROZRegisterApplication(appID, reinterpret_cast<const unsigned char*>("Host"),
                                   reinterpret_cast<const unsigned char*>("/opt/host"));
   });
 }
 
 int RegisteredCount(const MultiUserMachine& machine) {
-  return AsUser(machine, RootUser(), [] {
+  return machine.RunHost(RootUser(), [] {
     VantuUpdaterRegistrationManager store;
     std::list<VantuUpdaterRegisteredApp> apps;
     return store.GetRegisteredApps(apps) ? static_cast<int>(apps.size()) : -1;
@@ -150,7 +131,7 @@ TEST(MultiUserTest, AnOutsiderCannotTouchTheStoreOrItsLock) {
       return 10;
     const std::string store = machine.AllUsersDataDir() + "/VantuESDGlobalApps.xml";
     Pipe held, release;
-    const pid_t holder = StartAsUser(machine, AdministratorA(), [&] {
+    const pid_t holder = machine.StartHost(AdministratorA(), [&] {
       esd::ResourceLocker lock(store, 0);
       if (!lock.Lock()) return 1;
       held.Signal();
@@ -158,7 +139,7 @@ TEST(MultiUserTest, AnOutsiderCannotTouchTheStoreOrItsLock) {
       return lock.Unlock(false) ? 0 : 2;
     });
     if (!held.Wait()) return 11;
-    const int outsider = AsUser(machine, OrdinaryUser(), [&] {
+    const int outsider = machine.RunHost(OrdinaryUser(), [&] {
       const std::string planted = machine.HomeOf(OrdinaryUser()) + "/planted";
       std::ofstream(planted) << "<x/>";
       if (std::fopen(store.c_str(), "r+") != nullptr) return 1;
@@ -166,7 +147,7 @@ TEST(MultiUserTest, AnOutsiderCannotTouchTheStoreOrItsLock) {
       if (unlink(store.c_str()) == 0) return 3;
       return esd::ResourceLocker(store, 0).Unlock(true) ? 4 : 0;
     });
-    const int stillHeld = AsUser(machine, AdministratorB(), [&] {
+    const int stillHeld = machine.RunHost(AdministratorB(), [&] {
       return esd::ResourceLocker(store, 0).Lock() ? 1 : 0;
     });
     release.Signal();
@@ -181,7 +162,7 @@ TEST(MultiUserTest, OneUsersLocksDoNotDelayAnother) {
   OnMachine([](const MultiUserMachine& machine) {
     if (!Provision(machine)) return 10;
     Pipe held, release;
-    const pid_t holder = StartAsUser(machine, AdministratorA(), [&] {
+    const pid_t holder = machine.StartHost(AdministratorA(), [&] {
       // The workflow lock as the updater takes it while it works for the application.
       VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
       esd::ResourceLocker workflow("com.example.Same", 0);
@@ -191,7 +172,7 @@ TEST(MultiUserTest, OneUsersLocksDoNotDelayAnother) {
       return prefs->UnlockPrefs() && workflow.Unlock(false) ? 0 : 2;
     });
     if (!held.Wait()) return 11;
-    const int other = AsUser(machine, AdministratorB(), [] {
+    const int other = machine.RunHost(AdministratorB(), [] {
       using VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker;
       if (VantuUpdaterNotifyWorkflowLocker::IsNotificationWorkflowActive("com.example.Same"))
         return 1;

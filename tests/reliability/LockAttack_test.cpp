@@ -32,27 +32,6 @@ std::string Registry(const MultiUserMachine& machine) {
   return machine.AllUsersDataDir() + "/VantuESDGlobalApps.xml";
 }
 
-// Starts `body` as `who` with the library's folders (machine root, home, runtime folder) at
-// `who`'s own on this machine and launches only recorded; its status is the body's result, or
-// 100 when the ids could not be taken.
-pid_t StartOn(const MultiUserMachine& machine, const UserIdentity& who,
-              const std::function<int()>& body) {
-  return StartAs(who, [&] {
-    TestEnv env;
-    env.SetRoot(machine.Root());
-    env.SetHome(machine.HomeOf(who));
-    env.SetVariable("XDG_RUNTIME_DIR", machine.RuntimeDirOf(who));
-    env.RecordLaunches(true, 0);
-    esd::ScopedEnv scope(&env);
-    return body();
-  });
-}
-
-int RunOn(const MultiUserMachine& machine, const UserIdentity& who,
-          const std::function<int()>& body) {
-  return WaitChild(StartOn(machine, who, body));
-}
-
 // Whether `who` can create, or open for writing, a file at `path`.
 bool CanWrite(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666);
@@ -75,7 +54,7 @@ TEST(LockAttack, PlantedFilesNeitherCrashNorBlockHosts) {
       std::string why;
       if (!machine.InstallAllUsersFolder(AdministratorsGroup(), why)) return 1;
       const std::string names[] = {kPrefsLock, kAppID, Registry(machine)};
-      const int planted = RunOn(machine, Attacker(), [&] {
+      const int planted = machine.RunHost(Attacker(), [&] {
         for (const std::string& name : names) {
           const std::string file = esd::ResourceLocker::GetLockFileName(name);
           WriteFile("/dev/shm/sem." + file, "");
@@ -86,7 +65,7 @@ TEST(LockAttack, PlantedFilesNeitherCrashNorBlockHosts) {
         return 0;
       });
       if (planted != 0) return 10 + planted;
-      return RunOn(machine, *victim, [&] {
+      return machine.RunHost(*victim, [&] {
         const auto start = Clock::now();
         const unsigned char name[] = "Victim", path[] = "/opt/Victim";
         if (ROZRegisterApplication(kAppID, name, path) != kROZResultOK) return 21;
@@ -110,7 +89,7 @@ TEST(LockAttack, OnlyTheEntitledShareALockAndADeadHolderLeavesNone) {
     const std::string lockFile =
         machine.AllUsersDataDir() + "/" + esd::ResourceLocker::GetLockFileName(Registry(machine));
     Pipe held;
-    const pid_t holder = StartOn(machine, AdministratorA(), [&] {
+    const pid_t holder = machine.StartHost(AdministratorA(), [&] {
       esd::ResourceLocker store(Registry(machine), 0), prefs(kPrefsLock, 0);
       if (!store.Lock() || !prefs.Lock()) return 1;
       held.Signal();
@@ -133,13 +112,13 @@ TEST(LockAttack, OnlyTheEntitledShareALockAndADeadHolderLeavesNone) {
     if (::stat(lockFile.c_str(), &info) != 0 || (info.st_mode & 07777) != 0660 ||
         info.st_gid != AdministratorsGroup())
       return 3;
-    const int other = RunOn(machine, AdministratorB(), [&] {
+    const int other = machine.RunHost(AdministratorB(), [&] {
       esd::ResourceLocker store(Registry(machine), 0), prefs(kPrefsLock, 0);
       return !store.Lock() && prefs.Lock() ? 0 : 1;
     });
     if (other != 0) return 10 + other;
     for (const UserIdentity* outsider : {&OrdinaryUser(), &Attacker()}) {
-      const int refused = RunOn(machine, *outsider, [&] {
+      const int refused = machine.RunHost(*outsider, [&] {
         const auto start = Clock::now();
         esd::ResourceLocker store(Registry(machine), 2000);
         if (store.Lock() || Clock::now() - start > std::chrono::milliseconds(500)) return 1;
@@ -152,7 +131,7 @@ TEST(LockAttack, OnlyTheEntitledShareALockAndADeadHolderLeavesNone) {
       if (refused != 0) return 20 + refused;
     }
     killer.Now();
-    return RunOn(machine, AdministratorB(), [&] {
+    return machine.RunHost(AdministratorB(), [&] {
       esd::ResourceLocker store(Registry(machine), 0);
       return store.Lock() ? 0 : 1;
     }) == 0 ? 0 : 30;

@@ -10,6 +10,8 @@
 #include <cstring>
 
 #include "support/ChildProcess.h"
+#include "support/TestEnv.h"
+#include "xplat/ScopedEnv.h"
 #include "support/PrivateMounts.h"
 #include "support/TempDir.h"
 
@@ -86,6 +88,23 @@ pid_t StartAs(const UserIdentity& who, const std::function<int()>& body) {
     }
     return body();
   });
+}
+
+pid_t MultiUserMachine::StartHost(const UserIdentity& who,
+                                  const std::function<int()>& body) const {
+  return StartAs(who, [&] {
+    TestEnv env;
+    env.SetRoot(Root());
+    env.SetHome(HomeOf(who));
+    env.SetVariable("XDG_RUNTIME_DIR", RuntimeDirOf(who));
+    env.RecordLaunches(true, 0);
+    esd::ScopedEnv scope(&env);
+    return body();
+  });
+}
+
+int MultiUserMachine::RunHost(const UserIdentity& who, const std::function<int()>& body) const {
+  return WaitChild(StartHost(who, body));
 }
 
 std::string MultiUserMachine::HomeOf(const UserIdentity& who) const {

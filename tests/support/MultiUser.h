@@ -58,6 +58,12 @@ class MultiUserMachine {
   // Creates AllUsersDataDir() as installed: root and the given group, mode 2775.
   bool InstallAllUsersFolder(gid_t group, std::string& why) const;
 
+  // Starts `body` as `who` (StartAs) with the library's folders at `who`'s own on this machine:
+  // the machine root, the user's home and runtime folder; launches are recorded, not run.
+  pid_t StartHost(const UserIdentity& who, const std::function<int()>& body) const;
+  // The same, waited for: the body's exit status.
+  int RunHost(const UserIdentity& who, const std::function<int()>& body) const;
+
  private:
   std::string mBase;
 };
