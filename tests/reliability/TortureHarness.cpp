@@ -415,7 +415,7 @@ int Run(const Options& options) {
   std::string why;
   const bool isolated = testing_support::EnterPrivateMountNamespace(why) &&
                         testing_support::UsePrivateSemaphores(why);
-  if (!isolated) std::cout << "note: locks shared with the rest of the system (" << why << ")\n";
+  if (!isolated) std::cout << "note: /dev/shm shared with the rest of the system (" << why << ")\n";
 
   testing_support::UpdaterSandbox sandbox;
   sandbox.env().SetGroups({"admin"});

@@ -7,7 +7,7 @@ namespace testing_support {
 
 // Mounts that only the calling process and its later children see, for tests that need a file
 // system of their own: a tiny one that fills up, a read-only one that even root cannot write,
-// or a private /dev/shm so that named semaphores (the locks) are nobody else's.
+// or a private /dev/shm so that files planted there are nobody else's.
 //
 // EnterPrivateMountNamespace must be called by a single-threaded process (a freshly forked
 // child, or a program's main before it starts threads). As root it unshares the mount
@@ -25,9 +25,9 @@ bool MountTmpfs(const std::string& folder, const std::string& options, std::stri
 // with EROFS whoever the caller is, root included.
 bool MountReadOnly(const std::string& folder, std::string& why);
 
-// Gives the namespace an empty /dev/shm of its own. Locks taken from here on, and the files the
-// C library leaves there when a process dies inside sem_open, are invisible to the rest of the
-// system and vanish with the namespace.
+// Gives the namespace an empty /dev/shm of its own: files made there (an attacker's planted at
+// the names older versions gave their semaphore locks) are invisible to the rest of the system
+// and vanish with the namespace.
 bool UsePrivateSemaphores(std::string& why);
 
 }  // namespace testing_support
