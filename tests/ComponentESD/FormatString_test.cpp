@@ -35,14 +35,11 @@ TEST(ChangeType, TextToValuesConsumesTheWholeText) {
   EXPECT_FALSE(esd::ChangeType(std::string("two words"), text));  // one word is read
 }
 
-TEST(ChangeType, ValuesToText) {
+// Enumerations print their value, not a name (other values are the format fuzzer's arguments).
+TEST(ChangeType, EnumerationsPrintTheirValue) {
   std::string text;
-  EXPECT_TRUE(esd::ChangeType(true, text));
-  EXPECT_EQ("1", text);
-  EXPECT_TRUE(esd::ChangeType(-42, text));
-  EXPECT_EQ("-42", text);
   EXPECT_TRUE(esd::ChangeType(kESDGenericError, text));
-  EXPECT_EQ("-1", text);  // enumerations print their value, not a name
+  EXPECT_EQ("-1", text);
 }
 
 // An argument that does not convert stops the formatting only when it is used.

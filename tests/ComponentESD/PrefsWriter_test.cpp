@@ -178,24 +178,6 @@ TEST(PrefsWriter, RefusesWhatTheFileCannotHold) {
   EXPECT_EQ((TextMap{{"with space", "x&y"}}), read);
 }
 
-// A file written by another program may hold a map key with an entity, which the writer would put
-// back raw. A set must then fail and keep the file, not write one that no process can load (every
-// setting would read as its default from then on).
-TEST(PrefsWriter, SetRefusedWhenTheLoadedFileCannotBeWrittenBack) {
-  TempDir dir;
-  const std::string path = dir / "prefs.dat";
-  const std::string written = kDecl +
-                              "<Root>\n<Map>\n<MapPrefEntry MapPrefKey=\"Tom &amp; Jerry\">1"
-                              "</MapPrefEntry>\n</Map>\n<Check>1</Check>\n</Root>\n";
-  WriteFile(path, written);
-  esd::PrefsWriter writer(path, "Root");
-  EXPECT_FALSE(writer.SetPref<int>("Check", 0));
-  EXPECT_FALSE(writer.Save());
-  EXPECT_EQ(written, ReadFile(path));
-  esd::PrefsWriter reader(path, "Root");
-  EXPECT_EQ(true, Read<bool>(reader, "Check"));
-}
-
 // An empty path raises its fixed error (a file that does not parse is the fuzzer's); a file whose
 // top element is another program's gets our settings element.
 TEST(PrefsWriter, LoadErrorsAndForeignTopElement) {

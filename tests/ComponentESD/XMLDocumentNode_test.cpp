@@ -94,21 +94,11 @@ TEST(ExpatDOMBuilder, EmptyOrMissingFileGivesTheCallersResult) {
   }
 }
 
+// Past the size read as one buffer, the file and the text go to the parser in chunks; a
+// two-byte character across the edge of the first chunk must survive. (Smaller texts are the
+// fuzzer's, which compares the check with the builder.)
 TEST(ExpatDOMBuilder, WellFormedCheckAgreesWithParsingAFile) {
   TempDir dir;
-  // Longer than one check chunk, with a two-byte character across the chunk boundary.
-  const std::string text = "<r>" + std::string(64 * 1024 - 4, 'x') + "\xc3\xa9</r>";
-  EXPECT_TRUE(Builder::IsWellFormed(text.data(), text.size()));
-  for (const std::string& sample :
-       {text.substr(0, text.size() - 1), std::string(), std::string("<a/>"),
-        std::string("<a/><b/>"), std::string("<a x=\"\"\"/>"), kDecl}) {
-    Builder builder;
-    EXPECT_EQ(ParseBytes(builder, dir, sample) && !sample.empty(),
-              Builder::IsWellFormed(sample.data(), sample.size()))
-        << sample.substr(0, 40);
-  }
-  // Past the size read as one buffer, the file and the text go to the parser in chunks; a
-  // two-byte character across the edge of the first chunk must survive.
   std::string large = "<r>" + std::string(64 * 1024 - 4, 'x') + "\xc3\xa9";
   while (large.size() < 17 * 1024 * 1024) large += "<i n=\"1\">t</i>\n";
   large += "</r>";
@@ -280,9 +270,6 @@ TEST(XMLDocumentNode, DuplicatesAreDeepAndIndependent) {
   std::unique_ptr<XMLDocumentNode> shallow(XMLDocumentNode::DuplicateNode(r));
   EXPECT_TRUE(shallow->GetChildNodes().empty());
   EXPECT_EQ("t", shallow->GetData());
-  std::unique_ptr<XMLDocumentNode> docCopy(XMLDocumentNode::Duplicate(builder.GetDocumentNode()));
-  EXPECT_TRUE(docCopy->IsDocumentNode());
-  EXPECT_EQ(Write(*builder.GetDocumentNode()), Write(*docCopy));
 
   XMLDocumentNode* a = r->GetChildNodes()[0];
   XMLDocumentNode* attached = XMLDocumentNode::DuplicateAndAttach(r, a);

@@ -7,6 +7,7 @@
 #include <memory>
 #include <ostream>
 #include <sstream>
+#include <tuple>
 
 #include "support/TempDir.h"
 #include "xplat/ExpatDOMBuilder.h"
@@ -141,23 +142,23 @@ bool LoadPrefs(const std::string& path, const std::set<std::string>& keys, Store
 
 }  // namespace
 
-bool RegisteredApp::operator==(const RegisteredApp& other) const {
-  return appID == other.appID && displayName == other.displayName &&
-         installPath == other.installPath;
+bool RegisteredApp::operator==(const RegisteredApp& o) const {
+  return std::tie(appID, displayName, installPath) ==
+         std::tie(o.appID, o.displayName, o.installPath);
 }
 
-bool MissingComponent::operator==(const MissingComponent& other) const {
-  return category == other.category && name == other.name && version == other.version;
+bool MissingComponent::operator==(const MissingComponent& o) const {
+  return std::tie(category, name, version) == std::tie(o.category, o.name, o.version);
 }
 
-bool MissingApp::operator==(const MissingApp& other) const {
-  return displayName == other.displayName && installPath == other.installPath &&
-         operationType == other.operationType && components == other.components;
+bool MissingApp::operator==(const MissingApp& o) const {
+  return std::tie(displayName, installPath, operationType, components) ==
+         std::tie(o.displayName, o.installPath, o.operationType, o.components);
 }
 
-bool StoreState::operator==(const StoreState& other) const {
-  return registered == other.registered && missing == other.missing && prefs == other.prefs &&
-         messages == other.messages;
+bool StoreState::operator==(const StoreState& o) const {
+  return std::tie(registered, missing, prefs, messages) ==
+         std::tie(o.registered, o.missing, o.prefs, o.messages);
 }
 
 void StoreState::Register(const std::string& appID, const std::string& name,
@@ -167,18 +168,16 @@ void StoreState::Register(const std::string& appID, const std::string& name,
 }
 
 bool StoreState::Unregister(const std::string& appID) {
-  auto found = std::find_if(registered.begin(), registered.end(),
-                            [&](const RegisteredApp& app) { return app.appID == appID; });
-  if (found == registered.end()) return false;
-  registered.erase(found);
+  const RegisteredApp* found = FindRegistered(appID);
+  if (!found) return false;
+  registered.erase(registered.begin() + (found - registered.data()));
   return true;
 }
 
 const RegisteredApp* StoreState::FindRegistered(const std::string& appID) const {
-  for (const RegisteredApp& app : registered) {
-    if (app.appID == appID) return &app;
-  }
-  return nullptr;
+  auto found = std::find_if(registered.begin(), registered.end(),
+                            [&](const RegisteredApp& app) { return app.appID == appID; });
+  return found == registered.end() ? nullptr : &*found;
 }
 
 int StoreState::RequestMissing(const std::string& appID, const std::string& name,
