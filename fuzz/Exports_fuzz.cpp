@@ -191,8 +191,12 @@ struct Machine {
     env.SetVariable("XDG_RUNTIME_DIR", temp / "run");
     // The user's download folder is made by the first call that reads the preferences.
     for (const char* folder :
-         {"root/etc", "root/opt", "home/.local", "home/Documents/Updater5", "run"})
+         {"root/etc", "root/opt", "home/.local", "home/Documents/Updater5", "run", "tmp"})
       fs::create_directories(temp / folder);
+    // A runtime folder counts only as the user's own with mode 0700; without one the library
+    // would fall back to the temporary folder, which stays inside the sandbox too.
+    fs::permissions(temp / "run", fs::perms::owner_all);
+    env.SetVariable("TMPDIR", temp / "tmp");
 
     std::string folder;
     Check(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(folder), "the machine's data folder");
@@ -201,7 +205,9 @@ struct Machine {
     dataFolders.push_back(folder);
     Check(VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker::GetIPCLockFileParentFolder(folder),
           "the workflow markers' folder");
-    dataFolders.push_back(folder);
+    const std::string markers = folder;
+    // The runtime folder holds the markers and the lock files of the per-user locks.
+    dataFolders.push_back(temp / "run");
     for (const std::string& data : dataFolders) fs::create_directories(data);
 
     files[kRegistry] = fuzzing::StorePath<VantuUpdaterRegistrationManager>();
@@ -219,7 +225,7 @@ struct Machine {
     // climbing out of the cache folder would reach.
     otherFiles = {cacheData + "/" + kOtherAppID + ".rzp.xml",
                   RequestFolder(kOtherAppID) + "/7.xml",
-                  dataFolders[2] + "/locked/lock." + kOtherAppID};
+                  markers + "/locked/lock." + kOtherAppID};
     outsideFile = temp / "home/.local/esc.rzp.xml";
   }
 
@@ -235,6 +241,7 @@ struct Machine {
       fs::remove_all(data);
       fs::create_directories(data);
     }
+    fs::permissions(temp / "run", fs::perms::owner_all);  // counts only as the user's own 0700
     fs::remove_all(updater);
     if (updaterInstalled) {
       fs::create_directories(updater + "/Contents/MacOS");
@@ -284,7 +291,7 @@ struct Machine {
   testing_support::TempDir temp;
   FuzzEnv env;
   esd::ScopedEnv scope{&env};
-  std::vector<std::string> dataFolders;  // machine-wide, per user, runtime
+  std::vector<std::string> dataFolders;  // machine-wide, per user, the runtime folder
   std::string files[kPlantedCount];
   std::string cacheData;
   std::string updater;

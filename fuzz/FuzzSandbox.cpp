@@ -23,6 +23,10 @@ FuzzSandbox::FuzzSandbox() : mRoot(mTemp / "root"), mHome(mTemp / "home"), mScop
   // The folders a machine always has; the library makes the rest itself when it needs them.
   for (const std::string& folder : {mRoot, mRoot + "/etc", mHome})
     Check(mkdir(folder.c_str(), 0755) == 0, "the sandbox folders can be made");
+  // The user's runtime folder, where the per-user locks live: the user's own, mode 0700.
+  const std::string runtime = mTemp / "run";
+  Check(mkdir(runtime.c_str(), 0700) == 0, "the runtime folder can be made");
+  mEnv.SetVariable("XDG_RUNTIME_DIR", runtime);
 }
 
 bool ParseBytes(esd::ExpatDOMBuilder<esd::XMLDocumentNode>& builder, const std::string& bytes) {
