@@ -209,8 +209,7 @@ const std::vector<Command>& InspectionCommands() {
   static const std::vector<Command> commands = {
       {"folders", "folders", "show the folders and files the library uses",
        "Shows where the library and the updater keep their files for this user on this\n"
-       "machine (or under --root), and which of them exist. Creates nothing but the standard\n"
-       "folders they lie in.\n"
+       "machine (or under --root), and which of them exist. Creates nothing.\n"
        "\n"
        "Exit status: 0.",
        RunFolders},
