@@ -12,14 +12,15 @@
 #include <string>
 #include <thread>
 
-#include "../../ComponentESD/source/linux/FileSystemUtilsLinux.h"
+#include "support/FaultyEnv.h"
 #include "support/TempDir.h"
 #include "support/Unprivileged.h"
 
 namespace {
 
 using namespace FileSystemUtils;
-using internal::FsOp;
+using testing_support::FaultyEnv;
+using testing_support::FileOp;
 using testing_support::kUnprivilegedGid;
 using testing_support::kUnprivilegedUid;
 using testing_support::ReadFile;
@@ -51,18 +52,8 @@ struct ScopedUmask {
   mode_t old;
 };
 
-struct ScopedFaults {
-  explicit ScopedFaults(internal::FaultHook hook) { internal::SetFaultHookForTesting(hook); }
-  ~ScopedFaults() { internal::SetFaultHookForTesting(nullptr); }
-};
-
-// Fails the n-th (1-based) operation of kind `op` with `err`.
-internal::FaultHook FailNth(FsOp op, int n, int err) {
-  auto count = std::make_shared<int>(0);
-  return [=](FsOp o, const std::string&, const std::string&) {
-    return o == op && ++*count == n ? err : 0;
-  };
-}
+// The kernel's exchange refused, as on file systems without it: the swap goes by renames.
+int NoExchange(FileOp op, int, const std::string&) { return op == FileOp::kExchange ? EINVAL : 0; }
 
 TEST(FileSystemUtilsPaths, SplitAndJoinAtTheEdges) {
   const std::pair<const char*, const char*> kParents[] = {
@@ -115,7 +106,7 @@ TEST(FileSystemUtils, CreateFileWith) {
     throw std::bad_alloc();
   }));
   {
-    ScopedFaults faults(FailNth(FsOp::Sync, 1, EIO));
+    FaultyEnv faults(FaultyEnv::FailNth(FileOp::kSync, 1, EIO));
     EXPECT_FALSE(CreateFileWith(dir / "unsynced", 0664, true, writeText));
   }
   EXPECT_EQ(before, Names(dir.path()));
@@ -266,7 +257,7 @@ TEST_F(ExchangeFilesTest, SwapsAtomicallyAndByRenames) {
   EXPECT_TRUE(ExchangeFiles(a, b));
   ExpectSwapped();
   {
-    ScopedFaults refuse(FailNth(FsOp::Exchange, 1, EINVAL));
+    FaultyEnv refuse(NoExchange);
     EXPECT_TRUE(ExchangeFiles(a, b));
   }
   ExpectUnchanged();
@@ -293,9 +284,7 @@ TEST_F(ExchangeFilesTest, OneSidedMovesAndCreatesTheMissingFolder) {
 }
 
 TEST_F(ExchangeFilesTest, FallbackFailsWhenEveryTemporaryNameIsTaken) {
-  ScopedFaults refuse([](FsOp op, const std::string&, const std::string&) {
-    return op == FsOp::Exchange ? ENOSYS : 0;
-  });
+  FaultyEnv refuse(NoExchange);
   for (int n = 0; n < 31; ++n) MakeFile(dir / ("TempSwap." + std::to_string(n)), std::to_string(n));
   EXPECT_TRUE(ExchangeFiles(a, b));  // TempSwap.31 was still free
   ExpectSwapped();
@@ -310,11 +299,10 @@ TEST_F(ExchangeFilesTest, FallbackFailsWhenEveryTemporaryNameIsTaken) {
 // When the third move fails and so does its first undo move, the swap stops, but both contents
 // still exist on disk. (A failed move that is undone is the fault-injection suite's case.)
 TEST_F(ExchangeFilesTest, FailedUndoLosesNothing) {
-  auto count = std::make_shared<int>(0);
-  ScopedFaults fail([count](FsOp op, const std::string&, const std::string&) {
-    return op == FsOp::Rename && (++*count == 3 || *count == 4) ? EIO : 0;
+  FaultyEnv fail([](FileOp op, int before, const std::string&) {
+    return op == FileOp::kRename && (before == 2 || before == 3) ? EIO : NoExchange(op, before, "");
   });
-  EXPECT_FALSE(internal::ExchangeFilesByRenaming(a, b));
+  EXPECT_FALSE(ExchangeFiles(a, b));
   std::multiset<std::string> contents;
   for (const std::string& name : Names(dir.path())) contents.insert(ReadFile(dir / name));
   EXPECT_EQ((std::multiset<std::string>{"content A", "content B"}), contents);
@@ -325,15 +313,17 @@ TEST_F(ExchangeFilesTest, FailedUndoLosesNothing) {
 // Moves between file systems copy then delete; an undeletable source cancels the move.
 TEST_F(ExchangeFilesTest, MovesAcrossFileSystemsCopyThenDelete) {
   {
-    ScopedFaults crossDevice(FailNth(FsOp::Rename, 2, EXDEV));
-    EXPECT_TRUE(internal::ExchangeFilesByRenaming(a, b));
+    FaultyEnv crossDevice([](FileOp op, int before, const std::string&) {
+      return op == FileOp::kRename && before == 1 ? EXDEV : NoExchange(op, before, "");
+    });
+    EXPECT_TRUE(ExchangeFiles(a, b));
   }
   ExpectSwapped();
   {
-    ScopedFaults crossDevice([](FsOp op, const std::string&, const std::string&) {
-      return op == FsOp::Rename ? EXDEV : op == FsOp::Unlink ? EACCES : 0;
+    FaultyEnv crossDevice([&](FileOp op, int, const std::string& path) {
+      return op == FileOp::kRename ? EXDEV : op == FileOp::kRemove && path == a ? EACCES : 0;
     });
-    EXPECT_FALSE(internal::MoveObject(a, dir / "moved"));
+    EXPECT_FALSE(ExchangeFiles(a, dir / "moved"));
   }
   EXPECT_FALSE(DoesPathExist(dir / "moved"));
   EXPECT_EQ("content B", ReadFile(a));

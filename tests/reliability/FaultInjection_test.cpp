@@ -27,8 +27,8 @@
 #include <gtest/gtest.h>
 
 #include "VantuUpdater/VantuUpdater.h"
-#include "linux/FileSystemUtilsLinux.h"
 #include "support/ChildProcess.h"
+#include "support/FaultyEnv.h"
 #include "support/PrivateMounts.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
@@ -39,7 +39,8 @@
 namespace {
 
 namespace fs = std::filesystem;
-using FileSystemUtils::internal::FsOp;
+using testing_support::FaultyEnv;
+using testing_support::FileOp;
 
 const unsigned char* U(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.c_str());
@@ -303,78 +304,60 @@ TEST_F(FaultInjection, ReadOnlyFoldersFailChangesAndKeepTheFiles) {
   });
 }
 
-// Renames, exchanges and syncs refused through the fault hook, once each at every step of a
-// save: the exchange itself; each of the three renames of the fallback swap (each undone); the
-// sync of the journal or temporary before it is put in place. Registration answers 4, the
-// download 1, the preference set false, and the file is as it was.
+// Renames, exchanges and syncs refused, once each at every step of a save: the exchange itself;
+// each of the three renames of the fallback swap (each undone); the sync of the journal or
+// temporary before it is put in place. Registration answers 4, the download 1, the preference
+// set false, and the file is as it was.
 TEST_F(FaultInjection, RefusedRenamesAndSyncsKeepThePreviousFiles) {
-  struct Fault {
-    const char* name;
-    std::function<int(FsOp, int)> hook;  // the operation and how many of its kind came before
+  const auto fallbackRenameFails = [](int n) -> FaultyEnv::Rule {
+    return [n](FileOp op, int before, const std::string&) {
+      return op == FileOp::kExchange ? EINVAL : op == FileOp::kRename && before == n ? EIO : 0;
+    };
   };
-  const std::vector<Fault> faults = {
-      {"exchange fails", [](FsOp op, int) { return op == FsOp::Exchange ? EIO : 0; }},
-      {"fallback swap: first rename fails",
-       [](FsOp op, int n) {
-         return op == FsOp::Exchange ? EINVAL : op == FsOp::Rename && n == 0 ? EIO : 0;
-       }},
-      {"fallback swap: second rename fails",
-       [](FsOp op, int n) {
-         return op == FsOp::Exchange ? EINVAL : op == FsOp::Rename && n == 1 ? EIO : 0;
-       }},
-      {"fallback swap: third rename fails",
-       [](FsOp op, int n) {
-         return op == FsOp::Exchange ? EINVAL : op == FsOp::Rename && n == 2 ? EIO : 0;
-       }},
-      {"sync of the new text fails",
-       [](FsOp op, int n) { return op == FsOp::Sync && n == 0 ? EIO : 0; }},
+  const std::pair<const char*, FaultyEnv::Rule> faults[] = {
+      {"exchange fails", FaultyEnv::FailNth(FileOp::kExchange, 1, EIO)},
+      {"fallback swap: first rename fails", fallbackRenameFails(0)},
+      {"fallback swap: second rename fails", fallbackRenameFails(1)},
+      {"fallback swap: third rename fails", fallbackRenameFails(2)},
+      {"sync of the new text fails", FaultyEnv::FailNth(FileOp::kSync, 1, EIO)},
   };
   RUN_IN_CHILD(Isolation::kPrefersPrivateLocks, [&](Findings& f) {
     Fill(f);
-    for (const Fault& fault : faults) {
-      auto counts = std::make_shared<std::map<FsOp, int>>();
-      const auto install = [&] {
-        counts->clear();
-        FileSystemUtils::internal::SetFaultHookForTesting(
-            [counts, &fault](FsOp op, const std::string&, const std::string&) {
-              return fault.hook(op, (*counts)[op]++);
-            });
-      };
-      const std::string condition = fault.name;
-
+    for (const auto& [condition, rule] : faults) {
       const std::string registry = Bytes(sandbox.RegistryFile());
-      install();
-      const int32_t registered = Register("org.fault.new");
-      FileSystemUtils::internal::SetFaultHookForTesting(nullptr);
-      f.ExpectEq(kROZResultRegistryUnusable, registered, condition + ": register");
-      ExpectIntact(f, sandbox.RegistryFile(), registry, condition + ": register");
-
       const std::string missing = Bytes(sandbox.MissingCompsFile());
-      install();
-      const int32_t requested = Download("New");
-      FileSystemUtils::internal::SetFaultHookForTesting(nullptr);
-      f.ExpectEq(kROZResultMissingCompsStoreFailed, requested, condition + ": download");
-      ExpectIntact(f, sandbox.MissingCompsFile(), missing, condition + ": download");
-
-      // The preferences are replaced by a plain rename; only their sync goes through the hook.
-      if (fault.hook(FsOp::Sync, 0) != 0) {
-        const std::string prefs = Bytes(PrefsFile());
-        install();
-        const bool set = SetPref("Fault0", "hook");
-        FileSystemUtils::internal::SetFaultHookForTesting(nullptr);
-        f.Expect(!set, condition + ": the preference set succeeded");
-        ExpectIntact(f, PrefsFile(), prefs, condition + ": preference");
+      const std::string prefs = Bytes(PrefsFile());
+      int32_t registered, requested;
+      bool set;
+      {
+        FaultyEnv env(rule);
+        registered = Register("org.fault.new");
       }
+      {
+        FaultyEnv env(rule);
+        requested = Download("New");
+      }
+      {
+        FaultyEnv env(rule);
+        set = SetPref("Fault0", "refused");
+      }
+      f.ExpectEq(kROZResultRegistryUnusable, registered, std::string(condition) + ": register");
+      ExpectIntact(f, sandbox.RegistryFile(), registry, std::string(condition) + ": register");
+      f.ExpectEq(kROZResultMissingCompsStoreFailed, requested, std::string(condition) + ": download");
+      ExpectIntact(f, sandbox.MissingCompsFile(), missing, std::string(condition) + ": download");
+      f.Expect(!set, std::string(condition) + ": the preference set succeeded");
+      ExpectIntact(f, PrefsFile(), prefs, std::string(condition) + ": preference");
     }
     // A folder sync that fails after the exchange comes too late to keep the previous text:
     // the new one is in place, just not known to be on the disk. The call may say so, but the
     // store must still be whole: one version, no journal, loadable.
-    FileSystemUtils::internal::SetFaultHookForTesting(
-        [](FsOp op, const std::string& from, const std::string&) {
-          return op == FsOp::Sync && fs::is_directory(from) ? EIO : 0;
-        });
-    const int32_t late = Register("org.fault.late");
-    FileSystemUtils::internal::SetFaultHookForTesting(nullptr);
+    int32_t late;
+    {
+      FaultyEnv env([](FileOp op, int, const std::string& path) {
+        return op == FileOp::kSync && fs::is_directory(path) ? EIO : 0;
+      });
+      late = Register("org.fault.late");
+    }
     f.Expect(late == kROZResultOK || late == kROZResultRegistryUnusable,
              "folder sync fails: register gave " + std::to_string(late));
     f.Expect(!fs::exists(sandbox.RegistryFile() + "_"), "folder sync fails: a journal was left");
@@ -398,14 +381,13 @@ TEST_F(FaultInjection, RenamesThatKeepFailingLeaveAWholeStore) {
     Fill(f);
     std::list<VantuUpdaterRegisteredApp> before;
     f.Expect(VantuUpdaterRegistrationManager().GetRegisteredApps(before), "load before");
-    int renames = 0;
-    FileSystemUtils::internal::SetFaultHookForTesting(
-        [&renames](FsOp op, const std::string&, const std::string&) {
-          if (op == FsOp::Exchange) return EINVAL;
-          return op == FsOp::Rename && renames++ >= 1 ? EIO : 0;
-        });
-    const int32_t registered = Register("org.fault.new");
-    FileSystemUtils::internal::SetFaultHookForTesting(nullptr);
+    int32_t registered;
+    {
+      FaultyEnv env([](FileOp op, int before, const std::string&) {
+        return op == FileOp::kExchange ? EINVAL : op == FileOp::kRename && before >= 1 ? EIO : 0;
+      });
+      registered = Register("org.fault.new");
+    }
     f.ExpectEq(kROZResultRegistryUnusable, registered, "register while renames fail");
 
     std::list<VantuUpdaterRegisteredApp> after;

@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,12 +13,13 @@
 
 namespace esd {
 
-// Every operating-system service that the folder, launch, process, notification, group and date
-// code needs, one virtual function each. The portable code asks `Env::Default()` and never the
-// system itself, so a test (or one of the project's own tools) can move the machine root, give
-// the caller other groups or record launches by installing an `EnvWrapper` with a `ScopedEnv`.
-// File operations on known paths (stat, mkdir, chmod, rename) are not here: they belong to
-// FileSystemUtils, which works on whatever paths the folder lookup produced.
+// Every operating-system service that the folder, file, lock, launch, process, notification,
+// group and date code needs, one virtual function each. The portable code asks `Env::Default()`
+// and never the system itself, so a test (or one of the project's own tools) can move the machine
+// root, give the caller other groups, record launches or make a disk fail by installing an
+// `EnvWrapper` with a `ScopedEnv`.
+// The file section holds the primitives every save, read and lock is built from; the walks and
+// checks around them (link-safe folder walks, modes, owners) stay in FileSystemUtils.
 //
 // Implementations must be safe to call from several threads at once; none of the calls throws.
 class Env {
@@ -129,6 +132,52 @@ class Env {
   virtual bool PostSessionBusSignal(const std::string& objectPath,
                                     const std::string& interfaceName, const std::string& member,
                                     const std::vector<std::string>& arguments) = 0;
+
+  // --- Files ---------------------------------------------------------------------------------
+  // Each returns 0 or the errno of the failure, and retries what a signal interrupted.
+
+  // How RenameFile treats an object already at `to`.
+  enum class RenameMode {
+    kReplace,    // replaced, as rename(2) does
+    kNoReplace,  // the rename fails with EEXIST (EINVAL or ENOSYS where the kernel cannot say)
+    kExchange,   // both must exist and trade names atomically (EINVAL or ENOSYS where unsupported)
+  };
+
+  // Opens or creates the entry `name` of the open folder `folder` as openat(2) does, always
+  // close-on-exec. The descriptor, or minus the errno.
+  virtual int OpenFileAt(int folder, const std::string& name, int flags, mode_t mode) = 0;
+
+  // Writes all of `data`.
+  virtual int WriteFile(int fd, const char* data, size_t size) = 0;
+
+  // Flushes a file's or a folder's data and entries to stable storage (fsync).
+  virtual int SyncFile(int fd) = 0;
+
+  // Gives `from` the name `to`; never follows a link at either name.
+  virtual int RenameFile(const std::string& from, const std::string& to, RenameMode mode) = 0;
+
+  // Removes the name of a file or link (unlink); never a folder.
+  virtual int RemoveFile(const std::string& path) = 0;
+
+  // The whole content of the regular file `path`, read up to its end (EFBIG beyond `limit`
+  // bytes; EINVAL for anything but a regular file, and a named pipe never blocks the open).
+  virtual int ReadFile(const std::string& path, size_t limit, std::string& bytes) = 0;
+
+  // An open-file-description lock (F_OFD_*) on the one byte `offset` of `fd`, never waiting:
+  // F_WRLCK, F_RDLCK or F_UNLCK. EAGAIN or EACCES while another description holds a conflicting
+  // lock.
+  virtual int LockFileByte(int fd, short type, off_t offset) = 0;
+
+  // Whether another open file description holds a lock on byte `offset` that a lock of `type`
+  // would conflict with; false also when that cannot be told.
+  virtual bool IsFileByteLocked(int fd, short type, off_t offset) = 0;
+
+  // --- Time ----------------------------------------------------------------------------------
+
+  // A clock in microseconds that never jumps with the wall clock, for time-outs.
+  virtual uint64_t MonotonicMicroseconds() = 0;
+
+  virtual void SleepMicroseconds(uint64_t microseconds) = 0;
 
   // --- System --------------------------------------------------------------------------------
 

@@ -6,8 +6,8 @@
 namespace esd {
 
 // An Env that forwards every call to another Env, so that a test or a tool overrides only the
-// services it wants to change (the machine root, the groups, the launcher) and leaves the rest
-// real. The target must outlive the wrapper.
+// services it wants to change (the machine root, the groups, the launcher, a failing disk) and
+// leaves the rest real. The target must outlive the wrapper.
 class EnvWrapper : public Env {
  public:
   explicit EnvWrapper(Env* target) : mTarget(target) {}
@@ -56,6 +56,32 @@ class EnvWrapper : public Env {
                             const std::string& member,
                             const std::vector<std::string>& arguments) override {
     return mTarget->PostSessionBusSignal(objectPath, interfaceName, member, arguments);
+  }
+
+  int OpenFileAt(int folder, const std::string& name, int flags, mode_t mode) override {
+    return mTarget->OpenFileAt(folder, name, flags, mode);
+  }
+  int WriteFile(int fd, const char* data, size_t size) override {
+    return mTarget->WriteFile(fd, data, size);
+  }
+  int SyncFile(int fd) override { return mTarget->SyncFile(fd); }
+  int RenameFile(const std::string& from, const std::string& to, RenameMode mode) override {
+    return mTarget->RenameFile(from, to, mode);
+  }
+  int RemoveFile(const std::string& path) override { return mTarget->RemoveFile(path); }
+  int ReadFile(const std::string& path, size_t limit, std::string& bytes) override {
+    return mTarget->ReadFile(path, limit, bytes);
+  }
+  int LockFileByte(int fd, short type, off_t offset) override {
+    return mTarget->LockFileByte(fd, type, offset);
+  }
+  bool IsFileByteLocked(int fd, short type, off_t offset) override {
+    return mTarget->IsFileByteLocked(fd, type, offset);
+  }
+
+  uint64_t MonotonicMicroseconds() override { return mTarget->MonotonicMicroseconds(); }
+  void SleepMicroseconds(uint64_t microseconds) override {
+    mTarget->SleepMicroseconds(microseconds);
   }
 
   bool GetKernelRelease(std::string& release) override {

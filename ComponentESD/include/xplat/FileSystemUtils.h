@@ -138,6 +138,23 @@ bool ExchangeFiles(const std::string& a, const std::string& b);
 bool CreateFileWith(const std::string& path, uint16_t mode, bool sync,
                     const std::function<bool(std::ostream&)>& write);
 
+// Removes the name `path` whatever the bits of the file it names (removing a name needs only the
+// folder's permission); a folder at the name is deleted as DeleteLocalFile would. True when
+// nothing is left at the name. For side files whose previous owner may have been another user.
+bool RemoveName(const std::string& path);
+
+// The one way a whole file is saved. `write` fills the new file `sideFile` (made as CreateFileWith
+// makes it, with the bits `mode`), `prepare`, when given, may adjust it by its path (false
+// abandons the save), and ExchangeFiles trades it with `path`, so `path` is at every moment its
+// old text or the whole new one. With `durable` the side file reaches stable storage before the
+// exchange and the folder after it. The side file, which then holds the old text, is removed; so
+// is the unused new text after a failed exchange, unless `path` was lost in it (its old text waits
+// under a temporary name): then the side file is the one complete text left at a known name and
+// stays. False when any step fails.
+bool ReplaceFileWith(const std::string& path, const std::string& sideFile, uint16_t mode,
+                     bool durable, const std::function<bool(std::ostream&)>& write,
+                     const std::function<bool(const std::string&)>& prepare = nullptr);
+
 // Flushes a file's data to stable storage (fsync). Needed before a rename that must not expose
 // an empty or partial file after a power loss.
 bool SyncFile(const std::string& path);

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,15 +13,9 @@
 #include <system_error>
 #include <vector>
 
-#include "linux/FileSystemUtilsLinux.h"
+#include "linux/UniqueFd.h"
+#include "xplat/Env.h"
 #include "xplat/ESDAssert.h"
-
-#ifndef RENAME_NOREPLACE
-#define RENAME_NOREPLACE (1 << 0)
-#endif
-#ifndef RENAME_EXCHANGE
-#define RENAME_EXCHANGE (1 << 1)
-#endif
 
 namespace FileSystemUtils {
 
@@ -35,53 +28,21 @@ std::string path_invalid_error::GetPath() const { return mPath; }
 
 namespace {
 
-using internal::FsOp;
+using esd::UniqueFd;
+using RenameMode = esd::Env::RenameMode;
 
-internal::FaultHook& Hook() {
-  static internal::FaultHook hook;
-  return hook;
+esd::Env* Os() { return esd::Env::Default(); }
+
+// Opens through the seam; -1 with errno set on failure, like open(2). Always close-on-exec.
+int OpenAt(int folder, const std::string& name, int flags, mode_t mode = 0) {
+  const int fd = Os()->OpenFileAt(folder, name, flags, mode);
+  if (fd >= 0) return fd;
+  errno = -fd;
+  return -1;
 }
-
-int InjectedFault(FsOp op, const std::string& from, const std::string& to) {
-  const internal::FaultHook& hook = Hook();
-  return hook ? hook(op, from, to) : 0;
-}
-
-class Fd {
- public:
-  explicit Fd(int fd) : mFd(fd) {}
-  ~Fd() { Close(); }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return mFd; }
-  bool valid() const { return mFd >= 0; }
-  int Release() {
-    const int fd = mFd;
-    mFd = -1;
-    return fd;
-  }
-  void Reset(int fd) {
-    Close();
-    mFd = fd;
-  }
-  // Closing reports the last deferred write error on some file systems, so callers check it.
-  bool Close() {
-    if (mFd < 0) return true;
-    const int rc = ::close(mFd);
-    mFd = -1;
-    return rc == 0;
-  }
-
- private:
-  int mFd;
-};
 
 int Open(const std::string& path, int flags, mode_t mode = 0) {
-  int fd;
-  do {
-    fd = ::open(path.c_str(), flags | O_CLOEXEC, mode);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
+  return OpenAt(AT_FDCWD, path, flags, mode);
 }
 
 // The folder a path lives in, usable in system calls ("." for a bare name).
@@ -111,7 +72,7 @@ enum class Missing {
 // only then given their bits and owner through the descriptor. Returns the descriptor
 // (close-on-exec), or -1 with errno set.
 int OpenFolder(const std::string& path, Missing missing, mode_t lastMode = 0700) {
-  Fd current(Open(path.compare(0, 1, "/") == 0 ? "/" : ".", O_RDONLY | O_DIRECTORY));
+  UniqueFd current(Open(path.compare(0, 1, "/") == 0 ? "/" : ".", O_RDONLY | O_DIRECTORY));
   if (!current.valid()) return -1;
   std::vector<std::string> names;
   for (size_t start = 0; start <= path.size();) {
@@ -125,14 +86,14 @@ int OpenFolder(const std::string& path, Missing missing, mode_t lastMode = 0700)
     struct stat parent;
     if (::fstat(current.get(), &parent) != 0) return -1;
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (OthersMayChange(parent) ? O_NOFOLLOW : 0);
-    int next = ::openat(current.get(), names[i].c_str(), flags);
+    int next = OpenAt(current.get(), names[i], flags);
     if (next < 0 && errno == ENOENT && missing != Missing::Fail) {
       const bool exact = missing == Missing::Private && i + 1 == names.size();
       const bool made = ::mkdirat(current.get(), names[i].c_str(), S_IRWXU) == 0;
       if (!made && errno != EEXIST) return -1;
-      next = ::openat(current.get(), names[i].c_str(), flags | O_NOFOLLOW);
+      next = OpenAt(current.get(), names[i], flags | O_NOFOLLOW);
       if (next >= 0 && made) {
-        Fd created(next);
+        UniqueFd created(next);
         struct stat st;
         // Someone may have put a folder of their own there meanwhile: never adopt it.
         if (::fstat(next, &st) != 0 || st.st_uid != ::geteuid()) {
@@ -160,7 +121,7 @@ int OpenFolder(const std::string& path, Missing missing, mode_t lastMode = 0700)
 
 // Opens the folder holding `path` as OpenFolder does (nothing created) and gives the last
 // component; false when the folder cannot be opened or the path names no entry in it.
-bool OpenEntryFolder(const std::string& path, Fd& folder, std::string& name) {
+bool OpenEntryFolder(const std::string& path, UniqueFd& folder, std::string& name) {
   name = GetPathLastComponent(path);
   if (name.empty() || name == "." || name == "..") return false;
   folder.Reset(OpenFolder(FolderOf(path), Missing::Fail));
@@ -184,16 +145,15 @@ bool CallerHasWriteBit(const struct stat& st) {
 }
 
 bool WriteAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::write(fd, data, size);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
+  const int err = Os()->WriteFile(fd, data, size);
+  errno = err;
+  return err == 0;
+}
+
+bool Sync(int fd) {
+  const int err = Os()->SyncFile(fd);
+  errno = err;
+  return err == 0;
 }
 
 bool CopyBytes(int in, int out) {
@@ -216,28 +176,16 @@ bool RemoveTree(const std::string& path) {
   return !ec;
 }
 
-int Renameat2(const std::string& from, const std::string& to, unsigned flags) {
-#ifdef SYS_renameat2
-  if (::syscall(SYS_renameat2, AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0) return 0;
-  return errno;
-#else
-  (void)from;
-  (void)to;
-  (void)flags;
-  return ENOSYS;
-#endif
-}
-
 // rename that never replaces an existing `to`. File systems without the kernel's no-replace
 // flag get a check followed by a plain rename; the window between them is accepted there.
 int RenameNoReplace(const std::string& from, const std::string& to) {
-  const int err = Renameat2(from, to, RENAME_NOREPLACE);
+  const int err = Os()->RenameFile(from, to, RenameMode::kNoReplace);
   if (err != EINVAL && err != ENOSYS) return err;
   struct stat st;
   const int statErr = LStat(to, st);
   if (statErr == 0) return EEXIST;
   if (!IsMissing(statErr)) return statErr;
-  return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+  return Os()->RenameFile(from, to, RenameMode::kReplace);
 }
 
 // Copies a regular file or a symbolic link to the new name `to` for a move across file systems:
@@ -261,9 +209,9 @@ bool CopyForMove(const std::string& from, const std::string& to) {
   }
   if (!S_ISREG(st.st_mode)) return false;
 
-  Fd in(Open(from, O_RDONLY | O_NOFOLLOW));
+  UniqueFd in(Open(from, O_RDONLY | O_NOFOLLOW));
   if (!in.valid()) return false;
-  Fd out(Open(to, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+  UniqueFd out(Open(to, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR));
   if (!out.valid()) return false;
   bool ok = CopyBytes(in.get(), out.get());
   if (ok && ::fchown(out.get(), st.st_uid, st.st_gid) != 0) {
@@ -273,9 +221,9 @@ bool CopyForMove(const std::string& from, const std::string& to) {
   ok = ok && ::fchmod(out.get(), st.st_mode & 07777) == 0;
   const struct timespec times[2] = {st.st_atim, st.st_mtim};
   ok = ok && ::futimens(out.get(), times) == 0;
-  ok = ok && ::fsync(out.get()) == 0;
+  ok = ok && Sync(out.get());
   ok = out.Close() && ok;
-  if (!ok) ::unlink(to.c_str());
+  if (!ok) Os()->RemoveFile(to);
   return ok;
 }
 
@@ -284,23 +232,20 @@ bool RemoveObject(const std::string& path) {
   const int err = LStat(path, st);
   if (err != 0) return IsMissing(err);
   if (S_ISDIR(st.st_mode)) return ::rmdir(path.c_str()) == 0;
-  return ::unlink(path.c_str()) == 0;
+  errno = Os()->RemoveFile(path);
+  return errno == 0;
 }
 
 // MoveObject with its errno: 0 on success.
 int Move(const std::string& from, const std::string& to) {
-  int err = InjectedFault(FsOp::Rename, from, to);
-  if (err == 0) err = RenameNoReplace(from, to);
+  int err = RenameNoReplace(from, to);
   if (err != EXDEV) return err;
 
-  err = InjectedFault(FsOp::Copy, from, to);
-  if (err != 0) return err;
   errno = 0;
   if (!CopyForMove(from, to)) return errno != 0 ? errno : EIO;
   SyncDirectory(FolderOf(to));
-  err = InjectedFault(FsOp::Unlink, from, to);
   errno = 0;
-  if (err == 0 && !RemoveObject(from)) err = errno != 0 ? errno : EIO;
+  err = RemoveObject(from) ? 0 : errno != 0 ? errno : EIO;
   if (err != 0) {
     // The source stays whole, so the copy goes: a move happens entirely or not at all.
     RemoveObject(to);
@@ -310,14 +255,12 @@ int Move(const std::string& from, const std::string& to) {
   return 0;
 }
 
-}  // namespace
-
-namespace internal {
-
-void SetFaultHookForTesting(FaultHook hook) { Hook() = std::move(hook); }
-
 bool MoveObject(const std::string& from, const std::string& to) { return Move(from, to) == 0; }
 
+// The swap by three renames, for when the kernel cannot exchange two names atomically (old
+// kernels, file systems without the exchange, two different file systems). a goes to a free
+// "TempSwap.N" in a's folder, b to a, the temporary to b. A failed step is undone in reverse; the
+// temporary is only ever removed by being moved into place, so no content is lost whatever fails.
 bool ExchangeFilesByRenaming(const std::string& a, const std::string& b) {
   const std::string folder = FolderOf(a);
   std::string temp;
@@ -349,7 +292,7 @@ bool ExchangeFilesByRenaming(const std::string& a, const std::string& b) {
   return true;
 }
 
-}  // namespace internal
+}  // namespace
 
 bool DoesPathExist(const std::string& path) {
   struct stat st;
@@ -424,31 +367,31 @@ bool DeleteLocalFile(const std::string& path) {
   if (S_ISDIR(st.st_mode)) return RemoveTree(path);
   // A link's own bits mean nothing; removing it leaves its target alone.
   if (!S_ISLNK(st.st_mode) && !CallerHasWriteBit(st)) return false;
-  return ::unlink(path.c_str()) == 0 || errno == ENOENT;
+  const int removed = Os()->RemoveFile(path);
+  return removed == 0 || removed == ENOENT;
 }
 
 bool CreateLocalDirectory(const std::string& sDir) {
   if (sDir.empty()) return false;
   struct stat st;
   if (::stat(sDir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
-  Fd folder(OpenFolder(sDir, Missing::Inherit));
+  UniqueFd folder(OpenFolder(sDir, Missing::Inherit));
   return folder.valid();
 }
 
 bool CreateLocalDirectoryWithMode(const std::string& dir, uint16_t mode) {
   if (dir.empty()) return false;
-  Fd folder(OpenFolder(dir, Missing::Private, mode));
+  UniqueFd folder(OpenFolder(dir, Missing::Private, mode));
   return folder.valid();
 }
 
 bool WriteLocalFile(const std::string& path, const std::string& bytes, uint16_t mode) {
-  Fd folder(-1);
+  UniqueFd folder(-1);
   std::string name;
   if (!OpenEntryFolder(path, folder, name)) return false;
   // Non-blocking, so that a named pipe at the name is refused rather than waited on.
-  Fd file(::openat(folder.get(), name.c_str(),
-                   O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-                   S_IRUSR | S_IWUSR));
+  UniqueFd file(OpenAt(folder.get(), name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK,
+                       S_IRUSR | S_IWUSR));
   if (!file.valid()) return false;
   struct stat st;
   if (::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
@@ -460,11 +403,11 @@ bool WriteLocalFile(const std::string& path, const std::string& bytes, uint16_t 
 bool CreateDirectoryOwnedBy(const std::string& path, uid_t owner, gid_t group, uint16_t mode) {
   const std::string name = GetPathLastComponent(path);
   if (name.empty() || name == "." || name == "..") return false;
-  Fd parent(Open(FolderOf(path), O_RDONLY | O_DIRECTORY));
+  UniqueFd parent(Open(FolderOf(path), O_RDONLY | O_DIRECTORY));
   if (!parent.valid()) return false;
   const bool made = ::mkdirat(parent.get(), name.c_str(), S_IRWXU) == 0;
   if (!made && errno != EEXIST) return false;
-  Fd folder(::openat(parent.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  UniqueFd folder(OpenAt(parent.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
   if (!made) return folder.valid();
   // The owner first: a change of owner clears the set-group-ID bit the mode may ask for.
   const bool ok = folder.valid() && ::fchown(folder.get(), owner, group) == 0 &&
@@ -486,7 +429,7 @@ bool CopyLocalFile(const std::string& src, const std::string& dst) {
     if (!S_ISLNK(st.st_mode) && !CallerHasWriteBit(st)) return false;
   }
 
-  Fd in(Open(src, O_RDONLY));
+  UniqueFd in(Open(src, O_RDONLY));
   if (!in.valid()) return false;
   if (::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
 
@@ -494,24 +437,23 @@ bool CopyLocalFile(const std::string& src, const std::string& dst) {
   std::string temp = AppendPathElement(folder, "." + name.substr(0, 200) + ".XXXXXX");
   std::vector<char> templ(temp.begin(), temp.end());
   templ.push_back('\0');
-  Fd out(::mkostemp(templ.data(), O_CLOEXEC));
+  UniqueFd out(::mkostemp(templ.data(), O_CLOEXEC));
   if (!out.valid()) return false;
   temp = templ.data();
 
   bool ok = CopyBytes(in.get(), out.get());
   ok = ok && ::fchmod(out.get(), st.st_mode & 0777) == 0;
-  ok = ok && ::fsync(out.get()) == 0;
+  ok = ok && Sync(out.get());
   ok = out.Close() && ok;
-  if (ok && ::rename(temp.c_str(), dst.c_str()) == 0) return true;
-  ::unlink(temp.c_str());
+  if (ok && Os()->RenameFile(temp, dst, RenameMode::kReplace) == 0) return true;
+  Os()->RemoveFile(temp);
   return false;
 }
 
 bool ExchangeFiles(const std::string& a, const std::string& b) {
   // Every save ends here with both names present, so the kernel's exchange is tried before the
   // names are examined; what it refuses is sorted out below.
-  int exchangeErr = InjectedFault(FsOp::Exchange, a, b);
-  if (exchangeErr == 0) exchangeErr = Renameat2(a, b, RENAME_EXCHANGE);
+  const int exchangeErr = Os()->RenameFile(a, b, RenameMode::kExchange);
   if (exchangeErr == 0) return true;
 
   struct stat stA;
@@ -529,14 +471,14 @@ bool ExchangeFiles(const std::string& a, const std::string& b) {
     if (stA.st_dev == stB.st_dev && stA.st_ino == stB.st_ino) return true;
     const int err = exchangeErr;
     if (err != EINVAL && err != ENOSYS && err != EXDEV && err != EOPNOTSUPP) return false;
-    return internal::ExchangeFilesByRenaming(a, b);
+    return ExchangeFilesByRenaming(a, b);
   }
 
   const std::string& from = hasA ? a : b;
   const std::string& to = hasA ? b : a;
   const std::string parent = GetParentPath(to);
   if (!parent.empty() && !DoesPathExist(parent) && !CreateLocalDirectory(parent)) return false;
-  return internal::MoveObject(from, to);
+  return MoveObject(from, to);
 }
 
 namespace {
@@ -565,11 +507,10 @@ class DescriptorBuf : public std::streambuf {
 
 bool CreateFileWith(const std::string& path, uint16_t mode, bool sync,
                     const std::function<bool(std::ostream&)>& write) {
-  Fd folder(-1);
+  UniqueFd folder(-1);
   std::string name;
   if (!OpenEntryFolder(path, folder, name)) return false;
-  Fd fd(::openat(folder.get(), name.c_str(),
-                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  UniqueFd fd(OpenAt(folder.get(), name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR));
   if (!fd.valid()) return false;
   bool ok = false;
   try {
@@ -580,25 +521,48 @@ bool CreateFileWith(const std::string& path, uint16_t mode, bool sync,
     ok = false;
   }
   ok = ok && ::fchmod(fd.get(), mode & 07777) == 0;
-  if (ok && sync) ok = InjectedFault(FsOp::Sync, path, std::string()) == 0 && ::fsync(fd.get()) == 0;
+  if (ok && sync) ok = Sync(fd.get());
   ok = fd.Close() && ok;
   if (!ok) ::unlinkat(folder.get(), name.c_str(), 0);
   return ok;
 }
 
+bool RemoveName(const std::string& path) {
+  const int err = Os()->RemoveFile(path);
+  if (err == 0 || err == ENOENT) return true;
+  return DeleteLocalFile(path) || !DoesPathExist(path);
+}
+
+bool ReplaceFileWith(const std::string& path, const std::string& sideFile, uint16_t mode,
+                     bool durable, const std::function<bool(std::ostream&)>& write,
+                     const std::function<bool(const std::string&)>& prepare) {
+  // A side file adjusted after writing is synced after the adjustment, by a second open.
+  if (!CreateFileWith(sideFile, mode, durable && !prepare, write)) return false;
+  if (prepare && (!prepare(sideFile) || (durable && !SyncFile(sideFile)))) {
+    RemoveName(sideFile);
+    return false;
+  }
+  const bool hadFile = DoesPathExist(path);
+  const bool exchanged = ExchangeFiles(path, sideFile);
+  const bool fileLost = !exchanged && hadFile && !DoesPathExist(path);
+  if (!fileLost) RemoveName(sideFile);
+  if (!exchanged) return false;
+  // Makes the exchange and the side file's removal durable together.
+  return !durable || SyncDirectory(FolderOf(path));
+}
+
 bool SyncFile(const std::string& path) {
-  Fd fd(Open(path, O_RDONLY));
+  UniqueFd fd(Open(path, O_RDONLY));
   if (!fd.valid()) return false;
-  if (InjectedFault(FsOp::Sync, path, std::string()) != 0) return false;
-  return ::fsync(fd.get()) == 0;
+  return Sync(fd.get());
 }
 
 bool SyncDirectory(const std::string& dir) {
-  Fd fd(Open(dir, O_RDONLY | O_DIRECTORY));
+  UniqueFd fd(Open(dir, O_RDONLY | O_DIRECTORY));
   if (!fd.valid()) return false;
-  if (InjectedFault(FsOp::Sync, dir, std::string()) != 0) return false;
   // EINVAL: a file system that keeps nothing to flush for folders.
-  return ::fsync(fd.get()) == 0 || errno == EINVAL;
+  const int err = Os()->SyncFile(fd.get());
+  return err == 0 || err == EINVAL;
 }
 
 }  // namespace FileSystemUtils

@@ -67,17 +67,11 @@ std::string GetTemporaryRoot(Env* env) {
 bool ReadUserDirectory(Env* env, const std::string& key, std::string& path) {
   std::string configHome;
   if (!GetBaseDirectory(env, "XDG_CONFIG_HOME", ".config", configHome)) return false;
-  // Read through a close-on-exec descriptor, which a stream cannot promise. The file is a few
-  // lines; anything past 64 KiB is not a user-dirs file.
+  // The file is a few lines; anything past 64 KiB is not a user-dirs file.
   std::string text;
-  const int fd = open(FileSystemUtils::AppendPathElement(configHome, "user-dirs.dirs").c_str(),
-                      O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  char buffer[4096];
-  ssize_t got;
-  while (text.size() < 65536 && (got = read(fd, buffer, sizeof buffer)) > 0)
-    text.append(buffer, static_cast<size_t>(got));
-  close(fd);
+  if (env->ReadFile(FileSystemUtils::AppendPathElement(configHome, "user-dirs.dirs"), 65536,
+                    text) != 0)
+    return false;
   std::istringstream in(text);
   std::string found;
   bool haveValue = false;

@@ -1,5 +1,5 @@
 // The real operating system behind esd::Env: /proc, fork/exec, libdbus, the user and group
-// databases, uname and the local clock.
+// databases, the file system calls, uname and the clocks.
 #include <dbus/dbus.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -7,9 +7,11 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,6 +29,7 @@
 
 #include "xplat/Env.h"
 #include "xplat/ProcessUtils.h"
+#include "linux/UniqueFd.h"
 
 extern char** environ;
 
@@ -37,6 +40,11 @@ namespace {
 // How long posting a signal may take in all. A bus that has not taken the signal by then is
 // treated as unreachable rather than holding up the host application.
 constexpr std::chrono::milliseconds kBusReplyTimeout(2000);
+
+// /proc files are read whole; a command line may be as long as the argument space allows.
+constexpr size_t kProcFileLimit = 4 * 1024 * 1024;
+
+int Errno(bool ok) { return ok ? 0 : errno; }
 
 bool ReadLink(const std::string& link, std::string& target) {
   std::vector<char> buffer(256);
@@ -50,25 +58,6 @@ bool ReadLink(const std::string& link, std::string& target) {
     if (buffer.size() >= 65536) return false;
     buffer.resize(buffer.size() * 2);
   }
-}
-
-// Plain reads: a /proc file of a process that ends meanwhile fails with ESRCH, which must be
-// an ordinary false here (the standard streams would throw from deep inside).
-bool ReadWholeFile(const std::string& path, std::string& bytes) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bytes.clear();
-  char buffer[4096];
-  bool ok = true;
-  for (;;) {
-    const ssize_t got = read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) ok = false;
-    if (got <= 0) break;
-    bytes.append(buffer, static_cast<size_t>(got));
-  }
-  close(fd);
-  return ok;
 }
 
 // Runs a reentrant group-database query with a buffer grown until the entry fits and hands the
@@ -123,12 +112,14 @@ void ResetSignals() {
   for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
 }
 
-struct FdCloser {
-  int fd;
-  ~FdCloser() {
-    if (fd >= 0) close(fd);
-  }
-};
+struct flock OneByte(short type, off_t start) {
+  struct flock range {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = start;
+  range.l_len = 1;
+  return range;
+}
 
 // libdbus objects, released on every path out of PostSessionBusSignal.
 struct ConnectionCloser {
@@ -271,7 +262,7 @@ class LinuxEnv : public Env {
   bool GetProcessInfo(pid_t pid, ProcessInfo& info) override {
     const std::string base = "/proc/" + std::to_string(pid);
     std::string stat;
-    if (!ReadWholeFile(base + "/stat", stat)) return false;
+    if (ReadFile(base + "/stat", kProcFileLimit, stat) != 0) return false;
     // "pid (comm) state ppid ...": comm may hold blanks and parentheses, so parse after the
     // last ')'.
     size_t close = stat.rfind(')');
@@ -295,7 +286,7 @@ class LinuxEnv : public Env {
     }
     info.userId = static_cast<uid_t>(-1);
     std::string status;
-    if (ReadWholeFile(base + "/status", status)) {
+    if (ReadFile(base + "/status", kProcFileLimit, status) == 0) {
       // "Uid:\treal\teffective\tsaved\tfs"
       const size_t line = status.find("\nUid:");
       unsigned long real = 0;
@@ -306,7 +297,7 @@ class LinuxEnv : public Env {
     }
     info.arguments.clear();
     std::string cmdline;
-    if (ReadWholeFile(base + "/cmdline", cmdline)) {
+    if (ReadFile(base + "/cmdline", kProcFileLimit, cmdline) == 0) {
       size_t start = 0;
       while (start < cmdline.size()) {
         size_t end = cmdline.find('\0', start);
@@ -333,8 +324,8 @@ class LinuxEnv : public Env {
     // The grandchild reports a failed exec through this pipe; a successful exec closes it.
     int report[2];
     if (pipe2(report, O_CLOEXEC) != 0) return false;
-    FdCloser readEnd{report[0]};
-    FdCloser writeEnd{report[1]};
+    UniqueFd readEnd(report[0]);
+    UniqueFd writeEnd(report[1]);
 
     pid_t middle = fork();
     if (middle < 0) return false;
@@ -364,8 +355,7 @@ class LinuxEnv : public Env {
       (void)ignored;
       _exit(127);
     }
-    close(writeEnd.fd);
-    writeEnd.fd = -1;
+    writeEnd.Close();
     int status = 0;
     while (waitpid(middle, &status, 0) < 0 && errno == EINTR) {
     }
@@ -373,7 +363,7 @@ class LinuxEnv : public Env {
     int error = 0;
     ssize_t got;
     do {
-      got = read(readEnd.fd, &error, sizeof error);
+      got = read(readEnd.get(), &error, sizeof error);
     } while (got < 0 && errno == EINTR);
     return got == 0;
   }
@@ -465,6 +455,89 @@ class LinuxEnv : public Env {
     }
     if (!dbus_connection_send(connection.get(), broadcast.get(), nullptr)) return false;
     return runUntil([&] { return dbus_connection_has_messages_to_send(connection.get()) == 0; });
+  }
+
+  int OpenFileAt(int folder, const std::string& name, int flags, mode_t mode) override {
+    int fd;
+    do {
+      fd = openat(folder, name.c_str(), flags | O_CLOEXEC, mode);
+    } while (fd < 0 && errno == EINTR);
+    return fd >= 0 ? fd : -errno;
+  }
+
+  int WriteFile(int fd, const char* data, size_t size) override {
+    while (size > 0) {
+      const ssize_t n = write(fd, data, size);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return errno;
+      data += n;
+      size -= static_cast<size_t>(n);
+    }
+    return 0;
+  }
+
+  int SyncFile(int fd) override { return Errno(fsync(fd) == 0); }
+
+  int RenameFile(const std::string& from, const std::string& to, RenameMode mode) override {
+    if (mode == RenameMode::kReplace) return Errno(rename(from.c_str(), to.c_str()) == 0);
+#ifdef SYS_renameat2
+    const unsigned flags = mode == RenameMode::kExchange ? 2u /* RENAME_EXCHANGE */
+                                                         : 1u /* RENAME_NOREPLACE */;
+    return Errno(syscall(SYS_renameat2, AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0);
+#else
+    return ENOSYS;
+#endif
+  }
+
+  int RemoveFile(const std::string& path) override { return Errno(unlink(path.c_str()) == 0); }
+
+  // Plain reads: a /proc file of a process that ends meanwhile fails with ESRCH, which must be
+  // an ordinary failure here (the standard streams would throw from deep inside). Read to the
+  // end, as /proc files report no size.
+  int ReadFile(const std::string& path, size_t limit, std::string& bytes) override {
+    bytes.clear();
+    UniqueFd fd(OpenFileAt(AT_FDCWD, path, O_RDONLY | O_NONBLOCK, 0));
+    if (!fd.valid()) return -fd.get();
+    struct stat info;
+    if (fstat(fd.get(), &info) != 0) return errno;
+    if (!S_ISREG(info.st_mode)) return EINVAL;
+    if (static_cast<unsigned long long>(info.st_size) > limit) return EFBIG;
+    char buffer[4096];
+    for (;;) {
+      const ssize_t got = read(fd.get(), buffer, sizeof buffer);
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) return errno;
+      if (got == 0) return 0;
+      if (bytes.size() + static_cast<size_t>(got) > limit) return EFBIG;
+      bytes.append(buffer, static_cast<size_t>(got));
+    }
+  }
+
+  int LockFileByte(int fd, short type, off_t offset) override {
+    struct flock range = OneByte(type, offset);
+    int result;
+    do {
+      result = fcntl(fd, F_OFD_SETLK, &range);
+    } while (result != 0 && errno == EINTR);
+    return Errno(result == 0);
+  }
+
+  bool IsFileByteLocked(int fd, short type, off_t offset) override {
+    struct flock range = OneByte(type, offset);
+    return fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
+  }
+
+  uint64_t MonotonicMicroseconds() override {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+  }
+
+  void SleepMicroseconds(uint64_t microseconds) override {
+    timespec left{static_cast<time_t>(microseconds / 1000000u),
+                  static_cast<long>(microseconds % 1000000u) * 1000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
   }
 
   bool GetKernelRelease(std::string& release) override {

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +9,7 @@
 #include <limits>
 #include <mutex>
 
+#include "xplat/Env.h"
 #include "xplat/FolderFinder.h"
 #include "xplat/GlobalPLXSysAccessor.h"
 #include "xplat/NameHash.h"
@@ -30,14 +30,11 @@ const mode_t kPrivateLockFileMode = 0600;
 const off_t kLockByte = 0;
 const off_t kWaiterByte = 1;
 
+Env* Os() { return Env::Default(); }
+
 // A clock that never jumps with the wall clock, so a changed system time neither cuts a wait
 // short nor stretches it.
-std::uint64_t Microseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1000000u +
-         static_cast<std::uint64_t>(now.tv_nsec) / 1000u;
-}
+std::uint64_t Microseconds() { return Os()->MonotonicMicroseconds(); }
 
 // now + timeoutMs, saturating instead of wrapping for absurdly long time-outs.
 std::uint64_t Deadline(std::uint64_t now, unsigned long timeoutMs) {
@@ -46,29 +43,15 @@ std::uint64_t Deadline(std::uint64_t now, unsigned long timeoutMs) {
   return now + static_cast<std::uint64_t>(timeoutMs) * 1000u;
 }
 
-struct flock OneByte(short type, off_t start) {
-  struct flock range {};
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = start;
-  range.l_len = 1;
-  return range;
-}
-
 // Sets (or with F_UNLCK drops) a lock of this open file description on one byte, not waiting.
 bool SetByteLock(int fd, short type, off_t start) {
-  struct flock range = OneByte(type, start);
-  int result;
-  do {
-    result = fcntl(fd, F_OFD_SETLK, &range);
-  } while (result != 0 && errno == EINTR);
-  return result == 0;
+  errno = Os()->LockFileByte(fd, type, start);
+  return errno == 0;
 }
 
 // Whether another open file description holds a lock on the byte that `type` would conflict with.
 bool OthersLockByte(int fd, short type, off_t start) {
-  struct flock range = OneByte(type, start);
-  return fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
+  return Os()->IsFileByteLocked(fd, type, start);
 }
 
 // Whether `path` still names the file with this device and inode. lstat: a link planted in its
@@ -79,11 +62,10 @@ bool NamesFile(const std::string& path, dev_t device, ino_t inode) {
 }
 
 int OpenNoLinks(const std::string& path, int flags, mode_t mode) {
-  int fd;
-  do {
-    fd = open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, mode);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
+  const int fd = Os()->OpenFileAt(AT_FDCWD, path, flags | O_NOFOLLOW | O_NONBLOCK, mode);
+  if (fd >= 0) return fd;
+  errno = -fd;
+  return -1;
 }
 
 // Opens (creating when missing) the lock file, refusing links and anything but a regular file;
@@ -171,7 +153,7 @@ void GiveWayAfterContendedRelease(int fd, dev_t device, ino_t inode, std::uint64
     return;
   tContendedRelease.pending = false;
   const std::uint64_t until = std::min(tContendedRelease.at + kHandOverTime, deadline);
-  while (Microseconds() < until && !OthersLockByte(fd, F_WRLCK, kLockByte)) usleep(kPollInterval);
+  while (Microseconds() < until && !OthersLockByte(fd, F_WRLCK, kLockByte)) Os()->SleepMicroseconds(kPollInterval);
 }
 
 // The locks this process holds. A child forked without exec shares the parent's open file
@@ -298,7 +280,7 @@ bool ResourceLocker::ResourceLockerPlat::Lock() {
       announced = false;
       if (Microseconds() < deadline) continue;
     } else {
-      usleep(JitteredPollInterval());
+      Os()->SleepMicroseconds(JitteredPollInterval());
     }
     if (!(Microseconds() < deadline)) {
       close(fd);
@@ -315,7 +297,7 @@ bool ResourceLocker::ResourceLockerPlat::Unlock(bool force) {
   }
   if (force) {
     if (!HasLock() && !FindLockFile()) return false;
-    if (unlink(mLockPath.c_str()) != 0) return false;
+    if (Os()->RemoveFile(mLockPath) != 0) return false;
     if (HasLock()) Release();
     return true;
   }

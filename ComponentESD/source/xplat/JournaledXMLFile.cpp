@@ -1,7 +1,5 @@
 #include "xplat/JournaledXMLFile.h"
 
-#include <cerrno>
-#include <cstdio>
 #include <exception>
 #include <sstream>
 
@@ -11,17 +9,6 @@
 #include "xplat/XMLWriteCheck.h"
 
 namespace {
-
-// Removes a journal whatever its permission bits. DeleteLocalFile refuses files the caller has
-// no write bit on, but after an exchange the journal name holds the previous saver's file,
-// which may belong to another user; left in place it would parse and roll the store back at
-// the next load. Removing a name needs only the folder's permission, so a plain unlink comes
-// first (the usual case, one call); a folder planted at the name needs DeleteLocalFile.
-bool RemoveJournal(const std::string& journalPath) {
-  if (std::remove(journalPath.c_str()) == 0 || errno == ENOENT) return true;
-  return FileSystemUtils::DeleteLocalFile(journalPath) ||
-         !FileSystemUtils::DoesPathExist(journalPath);
-}
 
 // Whether the text written for `document` parses. Built again in memory: this runs only for the
 // rare tree the writer's walk could not vouch for.
@@ -46,16 +33,11 @@ bool JournaledXMLFile::Save() {
     if (!document || mLoadFailed || mFilePath.empty()) return false;
 
     // A leftover journal may belong to someone else or be a link planted beside the store;
-    // start from a fresh file rather than write through it.
-    RemoveJournal(mJournalPath);
-    // The tree is written straight to the journal, without a copy of its text in memory. The
-    // journal gets its permission bits as it is created, so the file has them from the moment
-    // it appears. Unless the durable saves are off, it is synced before the exchange: without
-    // that, a power cut after the exchange could leave the new name on empty or partial data,
-    // as the rename may reach the disk before the data it points to. Any failure removes the
-    // journal; one left by a crash does not parse and is ignored by the next Load.
-    const bool written = FileSystemUtils::CreateFileWith(
-        mJournalPath, mSavedFileMode, mDurableSaves, [document](std::ostream& out) {
+    // start from a fresh file rather than write through it. The tree is written straight to the
+    // journal, without a copy of its text in memory.
+    FileSystemUtils::RemoveName(mJournalPath);
+    return FileSystemUtils::ReplaceFileWith(
+        mFilePath, mJournalPath, mSavedFileMode, mDurableSaves, [document](std::ostream& out) {
           // Attribute values are written raw and an empty document is a lone declaration:
           // either can make text that no later Load parses, which would lock every user out
           // of the store. Such a save is refused and the file keeps its last good text. The
@@ -65,23 +47,6 @@ bool JournaledXMLFile::Save() {
           const bool vouched = esd::XMLWriteCheck::WriteVouched(out, *document);
           return out.good() && (vouched || JournalLoadsAgain(*document));
         });
-    if (!written) return false;
-
-    const bool hadFile = FileSystemUtils::DoesPathExist(mFilePath);
-    const bool exchanged = FileSystemUtils::ExchangeFiles(mFilePath, mJournalPath);
-    // After the exchange the journal holds the old text; after a failed one, the unused new
-    // text. Either way it must go, or the next Load would take it for an interrupted save.
-    // Except when a failed swap could not even put the file back (its text waits under a
-    // temporary name): then the journal is the one complete text left at a known name, and the
-    // next Load puts it in place instead of finding the store empty.
-    const bool fileLost = !exchanged && hadFile && !FileSystemUtils::DoesPathExist(mFilePath);
-    if (!fileLost) RemoveJournal(mJournalPath);
-    if (!exchanged) return false;
-    // Makes the exchange and the journal's removal durable together.
-    if (mDurableSaves &&
-        !FileSystemUtils::SyncDirectory(FileSystemUtils::GetParentPath(mFilePath)))
-      return false;
-    return true;
   } catch (...) {
     return false;
   }
@@ -101,7 +66,7 @@ bool JournaledXMLFile::Load(void* context) {
         // A complete journal is the text of a save that was cut short after writing it. When it
         // cannot be put in place it stays for the next load, and the file is read instead.
         if (FileSystemUtils::ExchangeFiles(mJournalPath, mFilePath)) {
-          if (FileSystemUtils::DoesPathExist(mJournalPath)) RemoveJournal(mJournalPath);
+          if (FileSystemUtils::DoesPathExist(mJournalPath)) FileSystemUtils::RemoveName(mJournalPath);
           journalInstalled = !FileSystemUtils::DoesPathExist(mJournalPath);
         }
         if (journalInstalled && mDurableSaves)
@@ -131,7 +96,7 @@ bool JournaledXMLFile::Load(void* context) {
 
 bool JournaledXMLFile::Delete() {
   if (!mJournalPath.empty() && FileSystemUtils::DoesPathExist(mJournalPath))
-    RemoveJournal(mJournalPath);
+    FileSystemUtils::RemoveName(mJournalPath);
   if (!mFilePath.empty() && FileSystemUtils::DoesPathExist(mFilePath) &&
       !FileSystemUtils::DeleteLocalFile(mFilePath))
     return false;

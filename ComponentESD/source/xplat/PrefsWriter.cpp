@@ -1,8 +1,9 @@
 #include "xplat/PrefsWriter.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <random>
@@ -12,6 +13,7 @@
 
 #include "xplat/ChangeDiffType.h"
 #include "xplat/ESDAssert.h"
+#include "xplat/Env.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/LockPolicyInterface.h"
 #include "xplat/PrefsLockScope.h"
@@ -20,11 +22,6 @@
 namespace esd {
 
 namespace {
-
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 // Text values are stored whole; ChangeType would keep only their first word.
 bool ValueToText(const std::string& value, std::string& text) {
@@ -298,11 +295,10 @@ bool PrefsWriter::Save() {
   if (m_PrefsPath.empty() || !document || !m_pSettingsNode) return false;
 
   // A file we may not write is left alone, as writing it in place would be refused; replacing it
-  // by rename would otherwise succeed wherever the folder is writable.
-  if (FileSystemUtils::DoesPathExist(m_PrefsPath)) {
-    FilePtr probe(std::fopen(m_PrefsPath.c_str(), "r+be"));
-    if (!probe) return false;
-  }
+  // by exchange would otherwise succeed wherever the folder is writable.
+  if (FileSystemUtils::DoesPathExist(m_PrefsPath) &&
+      !Env::Default()->IsAccessible(m_PrefsPath, W_OK))
+    return false;
 
   std::ostringstream text;
   text << *document;
@@ -313,34 +309,27 @@ bool PrefsWriter::Save() {
   if (!ExpatDOMBuilder<XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size())) return false;
 
   if (m_pLock && m_pLock->HasLock()) RemoveStaleTemporaries(m_PrefsPath);
-  // The temporary is made with its final bits through its own descriptor, never through a
-  // link planted at its name. A new file is the user's alone; a replaced one keeps its bits,
-  // at most readable by others.
+  // A new file is the user's alone; a replaced one keeps its bits, at most readable by others.
   uint16_t mode = kNewPrefsFileMode;
   if (FileSystemUtils::GetFilePermission(m_PrefsPath, mode)) mode &= kMaxPrefsFileMode;
-  std::string temporary;
-  bool written = false;
-  for (int attempt = 0; attempt < 8 && !written; ++attempt) {
-    temporary = TemporaryPathFor(m_PrefsPath);
-    written = FileSystemUtils::CreateFileWith(temporary, mode, false, [&bytes](std::ostream& out) {
-      return static_cast<bool>(out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())));
-    });
-    if (!written && errno != EEXIST) return false;
-  }
-  if (!written) return false;
   uint64_t floor = m_LastModTime;
   uint64_t current = 0;
   if (FileSystemUtils::GetFileLastModifiedTime(m_PrefsPath, current) && current > floor)
     floor = current;
-  MakeNewerThan(temporary, floor);
-  written = FileSystemUtils::SyncFile(temporary) &&
-            std::rename(temporary.c_str(), m_PrefsPath.c_str()) == 0;
-  if (!written) {
-    std::remove(temporary.c_str());
-    return false;
+  const auto write = [&bytes](std::ostream& out) {
+    return static_cast<bool>(out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())));
+  };
+  const auto newer = [floor](const std::string& temporary) {
+    MakeNewerThan(temporary, floor);
+    return true;
+  };
+  bool saved = false;
+  for (int attempt = 0; attempt < 8 && !saved; ++attempt) {
+    saved = FileSystemUtils::ReplaceFileWith(m_PrefsPath, TemporaryPathFor(m_PrefsPath), mode,
+                                             true, write, newer);
+    if (!saved && errno != EEXIST) return false;
   }
-  std::string folder = FileSystemUtils::GetParentPath(m_PrefsPath);
-  FileSystemUtils::SyncDirectory(folder.empty() ? "." : folder);
+  if (!saved) return false;
 
   uint64_t fileTime = 0;
   m_LastModTime = FileSystemUtils::GetFileLastModifiedTime(m_PrefsPath, fileTime) ? fileTime : 0;

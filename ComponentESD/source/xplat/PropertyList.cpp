@@ -1,34 +1,31 @@
 #include "xplat/PropertyList.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <utility>
 #include <vector>
 
+#include "xplat/Env.h"
+
 namespace esd {
 
 namespace {
 
-constexpr off_t kMaxPropertyListBytes = 16 * 1024 * 1024;
+constexpr size_t kMaxPropertyListBytes = 16 * 1024 * 1024;
 
 // The parser recurses once per level of nested arrays and dictionaries, without a limit of its
 // own, so a file nested deeply enough would overflow the stack of whatever host reads it. Real
 // property lists nest a few levels; anything deeper than this is refused before parsing.
 constexpr size_t kMaxNesting = 64;
 
-bool StartsWith(const std::vector<char>& bytes, const char* prefix) {
+bool StartsWith(const std::string& bytes, const char* prefix) {
   const size_t length = std::strlen(prefix);
   return bytes.size() >= length && std::memcmp(bytes.data(), prefix, length) == 0;
 }
 
 // The deepest element nesting of XML text, found by counting tags. Text that fools the count
 // (markup characters inside comments) can only make it larger, so it errs on refusing.
-bool XMLNestingWithin(const std::vector<char>& bytes, size_t limit) {
+bool XMLNestingWithin(const std::string& bytes, size_t limit) {
   size_t depth = 0;
   for (size_t i = 0; i + 1 < bytes.size(); ++i) {
     if (bytes[i] != '<') continue;
@@ -55,7 +52,7 @@ uint64_t BigEndian(const unsigned char* p, size_t size) {
 // object with a stack of its own. References may repeat or loop, so the walk also stops after a
 // bounded number of steps; both limits refuse the file. Structure the walk cannot follow is left
 // for the parser to refuse.
-bool BinaryNestingWithin(const std::vector<char>& bytes, size_t limit) {
+bool BinaryNestingWithin(const std::string& bytes, size_t limit) {
   const unsigned char* data = reinterpret_cast<const unsigned char*>(bytes.data());
   const size_t size = bytes.size();
   if (size < 8 + 32) return true;
@@ -135,27 +132,11 @@ PropertyList& PropertyList::operator=(PropertyList&& other) noexcept {
 }
 
 PropertyList PropertyList::ReadFile(const std::string& path) {
-  // Non-blocking, and regular files only: a named pipe planted where a property list is
-  // expected must not hang the reader.
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return PropertyList();
-  struct stat info;
-  std::vector<char> bytes;
-  bool complete = false;
-  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0 &&
-      info.st_size <= kMaxPropertyListBytes) {
-    bytes.resize(static_cast<size_t>(info.st_size));
-    size_t have = 0;
-    while (have < bytes.size()) {
-      const ssize_t got = read(fd, bytes.data() + have, bytes.size() - have);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) break;
-      have += static_cast<size_t>(got);
-    }
-    complete = have == bytes.size();
-  }
-  close(fd);
-  if (!complete) return PropertyList();
+  // Regular files only, never blocking: a named pipe planted where a property list is expected
+  // must not hang the reader.
+  std::string bytes;
+  if (Env::Default()->ReadFile(path, kMaxPropertyListBytes, bytes) != 0 || bytes.empty())
+    return PropertyList();
   const bool nestingWithin = StartsWith(bytes, "bplist00") ? BinaryNestingWithin(bytes, kMaxNesting)
                                                             : XMLNestingWithin(bytes, kMaxNesting);
   if (!nestingWithin) return PropertyList();

@@ -1,0 +1,72 @@
+#ifndef TESTS_SUPPORT_FAULTYENV_H
+#define TESTS_SUPPORT_FAULTYENV_H
+
+#include <unistd.h>
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "xplat/EnvWrapper.h"
+#include "xplat/ScopedEnv.h"
+
+namespace testing_support {
+
+// The file operations a save is made of, as the fault rule sees them.
+enum class FileOp { kExchange, kRename, kWrite, kSync, kRemove };
+
+// Makes file operations fail the way a full, failing or foreign file system would, in front of
+// whatever Env was current when it was made, and is itself current while it lives. The rule sees
+// each operation, how many of its kind came before, and the path it works on (the first name of a
+// rename; for writes and syncs the descriptor's file); a non-zero answer is the errno the operation
+// fails with, without being performed.
+class FaultyEnv : public esd::EnvWrapper {
+ public:
+  using Rule = std::function<int(FileOp op, int before, const std::string& path)>;
+
+  explicit FaultyEnv(Rule rule)
+      : esd::EnvWrapper(esd::Env::Default()), mRule(std::move(rule)), mScope(this) {}
+
+  // Fails the n-th (1-based) operation of kind `op` with `err`.
+  static Rule FailNth(FileOp op, int n, int err) {
+    return [=](FileOp o, int before, const std::string&) { return o == op && before + 1 == n ? err : 0; };
+  }
+
+  int WriteFile(int fd, const char* data, size_t size) override {
+    const int err = Fault(FileOp::kWrite, PathOf(fd));
+    return err != 0 ? err : EnvWrapper::WriteFile(fd, data, size);
+  }
+  int SyncFile(int fd) override {
+    const int err = Fault(FileOp::kSync, PathOf(fd));
+    return err != 0 ? err : EnvWrapper::SyncFile(fd);
+  }
+  int RenameFile(const std::string& from, const std::string& to, RenameMode mode) override {
+    const int err = Fault(mode == RenameMode::kExchange ? FileOp::kExchange : FileOp::kRename, from);
+    return err != 0 ? err : EnvWrapper::RenameFile(from, to, mode);
+  }
+  int RemoveFile(const std::string& path) override {
+    const int err = Fault(FileOp::kRemove, path);
+    return err != 0 ? err : EnvWrapper::RemoveFile(path);
+  }
+
+ private:
+  static std::string PathOf(int fd) {
+    char target[4096];
+    const ssize_t n = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target);
+    return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
+  }
+  int Fault(FileOp op, const std::string& path) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mRule(op, mCounts[op]++, path);
+  }
+
+  Rule mRule;
+  std::mutex mMutex;
+  std::map<FileOp, int> mCounts;
+  esd::ScopedEnv mScope;
+};
+
+}  // namespace testing_support
+
+#endif
