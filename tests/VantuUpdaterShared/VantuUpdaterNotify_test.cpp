@@ -1,5 +1,5 @@
-// The notification-workflow marker and lock, the express-download signal, and the administrator
-// test with substituted groups and an applications folder.
+// The notification-workflow marker and lock, and the administrator test with substituted groups
+// and an applications folder.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -39,7 +39,8 @@ class NotifyTest : public ::testing::Test {
 
 // The marker <temporary items>/Updater5/locked/lock.ID holds "lock" and makes the workflow
 // active until deleted, even when stale; deleting a missing marker succeeds. Marker and folders
-// are the user's alone whatever the umask.
+// are the user's alone whatever the umask. An identifier leading out of the lock folder, or no
+// usable temporary folder, reads as active and creates nothing.
 TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
   std::string path;
   ASSERT_TRUE(Locker::GetIPCLockFileParentFolder(path));
@@ -65,6 +66,19 @@ TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
   EXPECT_TRUE(Locker::DeleteIPCLockFile(mAppID));
   testing_support::WriteFile(path, "lock");
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
+
+  for (const char* appID : {"", "../escape", "a/b"}) {
+    EXPECT_FALSE(Locker::GetIPCLockFilePath(appID, path)) << appID;
+    EXPECT_TRUE(Locker::IsNotificationWorkflowActive(appID)) << appID;
+    EXPECT_FALSE(Locker::CreateIPCLockFile(appID) || Locker::DeleteIPCLockFile(appID)) << appID;
+  }
+  EXPECT_FALSE(fs::exists(runtime() + "/Updater5/escape") || fs::exists(runtime() + "/escape"));
+  testing_support::WriteFile(root() + "/not-a-folder", "");
+  mEnv.SetVariable("XDG_RUNTIME_DIR", root() + "/not-a-folder");
+  mEnv.SetVariable("TMPDIR", root() + "/not-a-folder");
+  EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
+  EXPECT_FALSE(Locker::CreateIPCLockFile(mAppID));
+  EXPECT_FALSE(testing_support::LockIsHeld(mAppID));
 }
 
 // Without a marker the workflow is active exactly while another process holds the lock.
@@ -83,35 +97,6 @@ TEST_F(NotifyTest, LockHeldByAnotherProcessMakesTheWorkflowActive) {
   release.Signal();
   EXPECT_EQ(testing_support::WaitChild(holder), 0);
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
-}
-
-// An identifier leading out of the lock folder, or no usable temporary folder, reads as active
-// and creates nothing.
-TEST_F(NotifyTest, DoubtfulIdentifiersAndFoldersReadAsActive) {
-  for (const std::string& appID : {std::string(), std::string("../escape"), std::string("a/b")}) {
-    std::string path;
-    EXPECT_FALSE(Locker::GetIPCLockFilePath(appID, path)) << appID;
-    EXPECT_TRUE(Locker::IsNotificationWorkflowActive(appID)) << appID;
-    EXPECT_FALSE(Locker::CreateIPCLockFile(appID)) << appID;
-    EXPECT_FALSE(Locker::DeleteIPCLockFile(appID)) << appID;
-  }
-  EXPECT_FALSE(fs::exists(runtime() + "/Updater5/escape"));
-  EXPECT_FALSE(fs::exists(runtime() + "/escape"));
-  testing_support::WriteFile(root() + "/not-a-folder", "");
-  mEnv.SetVariable("XDG_RUNTIME_DIR", root() + "/not-a-folder");
-  mEnv.SetVariable("TMPDIR", root() + "/not-a-folder");
-  EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
-  EXPECT_FALSE(Locker::CreateIPCLockFile(mAppID));
-  EXPECT_FALSE(testing_support::LockIsHeld(mAppID));
-}
-
-// The express-download request reports success even without any session bus (the signal itself
-// is checked end to end by the download request's tests).
-TEST(ExpressDownloadTest, SignalNeverFails) {
-  testing_support::TempDir nowhere;
-  setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + (nowhere / "no-bus")).c_str(), 1);
-  EXPECT_TRUE(VantuUpdaterUtils::SignalExpressDownloadRequest());
-  unsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
 
 // A ROOT/Applications folder the user cannot write makes an administrator group count for
