@@ -184,14 +184,21 @@ TEST_F(RozctlTest, CommandsPrintTheirAnswersAndExitStatuses) {
       {{"version"}, any, 0, kEquals, "ROZGetVersion: 1358954502 (0x51000006, version 5.1.0.6)\n"},
       {{"apps"}, any, 0, kEquals, "no registered applications\n"},
       {{"missing"}, any, 0, kEquals, "no missing-component requests\n"},
-      {{"prefs"}, any, 0, kContains, "DownloadDir = " + root + "/home/Documents/Updater5\n"},
-      {{"prefs"}, any, 0, kContains, "AutoCheck = 1\n"},
+      {{"prefs"}, any, 0, kEquals,
+       "file: " + root + "/home/.local/share/Vantu/Updater5/VantuUpdaterPrefs.dat (not written "
+       "yet)\nAutoCheck = 1\nAutoCheckType = 0\nAutoCheckFreq = 1\nLastDateCheck = \nLaunch = \n"
+       "IsFirstRun = 1\nInBackground = 0\nInTrayIcon = 0\nDownloadDir = " + root +
+           "/home/Documents/Updater5\nDisplayLang = \nShowNewProducts = 0\nSilentCheck = 0\n"
+           "ProxyServer = \nProxyPort = \nConnectionType = 0\nlogFile = " + root +
+           "/home/.local/share/Vantu/Updater5/roz.log\nlogLevel = 2\n"
+           "ApplicationsEnabled = (empty)\nNotificationMessage = (empty)\n"},
       {{"enabled"}, admin, 0, kEquals,
        "ROZIsUpdateCheckEnabled: 1 (update checks are enabled)\n"},
       {{"enabled"}, user, 1, kEquals, "ROZIsUpdateCheckEnabled: 0 (update checks are disabled)\n"},
       {{"register", "com.example.A", "App A", "/opt/a"}, user, 0, kEquals,
        "ROZRegisterApplication: 0 kROZResultOK\n"},
-      {{"apps"}, user, 0, kEquals, "com.example.A\n  display name: App A\n  install path: /opt/a\n"},
+      {{"apps"}, user, 0, kEquals,
+       "com.example.A\n  display name: App A\n  install path: /opt/a\n"},
       {{"register", "", "App A", "/opt/a"}, admin, 1, kEquals,
        "ROZRegisterApplication: 3 kROZResultInvalidArgument\n"},
       {{"unregister", "com.example.Unknown"}, admin, 1, kEquals,
