@@ -109,9 +109,14 @@ class AdminPrefsTest : public ::testing::Test {
 
 // Only a boolean "Disable.Update" answers, in XML or binary form (other contents are the policy
 // fuzzer's); the answer follows every edit, and a missing file or folder gives none (and is never
-// created).
+// created). A policy file in the user's own folders is never consulted.
 TEST_F(AdminPrefsTest, OnlyABooleanInADictionaryAnswers) {
+  for (const char* folder : {"/.config", "/.local/share", ""}) {
+    fs::create_directories(mSandbox.home() + folder);
+    WriteFile(mSandbox.home() + folder + "/com.vantu.VantuUpdater.Admin.plist", kDisabled);
+  }
   EXPECT_EQ(Ask(), std::nullopt);
+  EXPECT_FALSE(CreateVantuUpdaterAdminPrefsPropListRef());
   EXPECT_FALSE(fs::exists(mSandbox.root() + "/etc"));
   const std::pair<std::string, std::optional<bool>> cases[] = {
       {kDisabled, false},
@@ -140,16 +145,6 @@ TEST_F(AdminPrefsTest, OnlyABooleanInADictionaryAnswers) {
   fs::remove(mSandbox.PolicyFile());
   ASSERT_EQ(mkfifo(mSandbox.PolicyFile().c_str(), 0600), 0);
   EXPECT_EQ(Ask(), std::nullopt) << "a named pipe, which must not block";
-}
-
-// A policy file in the user's own folders is never consulted.
-TEST_F(AdminPrefsTest, UsersOwnPolicyFileIsIgnored) {
-  for (const char* folder : {"/.config", "/.local/share", ""}) {
-    fs::create_directories(mSandbox.home() + folder);
-    WriteFile(mSandbox.home() + folder + "/com.vantu.VantuUpdater.Admin.plist", kDisabled);
-  }
-  EXPECT_EQ(Ask(), std::nullopt);
-  EXPECT_FALSE(CreateVantuUpdaterAdminPrefsPropListRef());
 }
 
 // The parsed list is handed out as a dictionary; a file the user cannot read gives nothing.
