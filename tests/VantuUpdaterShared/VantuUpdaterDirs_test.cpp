@@ -77,13 +77,13 @@ TEST_F(UpdaterDirsTest, OnlyRootMakesTheAllUsersFoldersAsInstalled) {
   ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(path));
   EXPECT_EQ(path, root() + "/var/lib/Vantu/Updater5");
   struct stat info {};
-  ASSERT_EQ(0, stat(path.c_str(), &info));
   gid_t wheel = 0;
-  ASSERT_TRUE(mEnv.GetGroupId("wheel", wheel));
+  ASSERT_TRUE(stat(path.c_str(), &info) == 0 && mEnv.GetGroupId("wheel", wheel));
   EXPECT_EQ(info.st_gid, wheel);
-  EXPECT_EQ(ModeOf(root() + "/var/lib"), 0700u);
-  EXPECT_EQ(ModeOf(root() + "/var/lib/Vantu"), 0755u);
-  EXPECT_EQ(ModeOf(path), 02775u);
+  for (const auto& [level, mode] : {std::pair<const char*, mode_t>{"/var/lib", 0700},
+                                    {"/var/lib/Vantu", 0755},
+                                    {"/var/lib/Vantu/Updater5", 02775}})
+    EXPECT_EQ(ModeOf(root() + level), mode) << level;
 }
 
 // Without a home folder, or with a file where a folder belongs, there is no data folder and
