@@ -44,7 +44,6 @@ T Read(esd::BasicPref<T>& pref) {
   return value;
 }
 
-
 std::string XmlPolicy(const std::string& body) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n" + body +
          "\n</plist>\n";
