@@ -1,5 +1,7 @@
 // rozctl against a sandboxed machine (--root): what it prints, its exit statuses, and that it
-// works only inside the sandbox.
+// works only inside the sandbox; and, through it, the reference updater at the other end of the
+// library's exchanges, end to end: the built updater bundle is installed in the sandbox, and the
+// library starts or signals the real updater, which answers through the shared files.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -7,9 +9,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <boost/date_time/gregorian/gregorian.hpp>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/ChildProcess.h"
@@ -23,11 +28,11 @@
 #include "xplat/ScopedEnv.h"
 
 using ::testing::HasSubstr;
-using ::testing::Not;
 using testing_support::ProgramResult;
 using testing_support::RunOptions;
 using testing_support::RunProgram;
 using testing_support::TempDir;
+using Groups = RunOptions::Groups;
 
 namespace {
 
@@ -38,120 +43,241 @@ class RozctlTest : public ::testing::Test {
     return RunProgram(args, options);
   }
 
-  std::string RegistryPath() const {
-    return mRoot.path() + "/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml";
+  TempDir mRoot;
+};
+
+const char kBundleInOpt[] = "/opt/Vantu Utilities.localized/Vantu Updater5/Vantu Updater.app";
+
+class ReferenceUpdaterTest : public RozctlTest {
+ protected:
+  void SetUp() override {
+    if (!testing_support::CanChooseGroups())
+      GTEST_SKIP() << "the library starts the updater for administrators only; needs root";
+    std::filesystem::create_directories(mRoot.path() + kBundleInOpt);
+    std::filesystem::copy(VANTU_UPDATER_BUNDLE, mRoot.path() + kBundleInOpt,
+                          std::filesystem::copy_options::recursive);
+    ASSERT_TRUE(FileSystemUtils::CreateLocalDirectory(mRoot / "var/lib/Vantu/Updater5"));
+    testing_support::WriteFile(
+        mRoot / "var/lib/Vantu/Updater5/VantuUpdateCatalog.xml",
+        "<UpdateCatalog>\n  <Update appID=\"com.example.A\" version=\"2.0\"/>\n</UpdateCatalog>\n");
+    mAdmin.groups = RunOptions::Groups::kAdministrator;
   }
 
-  TempDir mRoot;
+  ProgramResult Rozctl(std::vector<std::string> args) { return RozctlTest::Rozctl(args, mAdmin); }
+
+  std::string UserData() const { return mRoot.path() + "/home/.local/share/Vantu/Updater5"; }
+  std::string Log() const { return testing_support::ReadFile(UserData() + "/roz.log"); }
+
+  // Waits until the updater's log holds `text` `times` times; false after ten seconds.
+  bool WaitForLog(const std::string& text, size_t times = 1) {
+    for (int wait = 0; wait < 500; ++wait) {
+      const std::string log = FileSystemUtils::DoesPathExist(UserData() + "/roz.log") ? Log() : "";
+      size_t found = 0;
+      for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+        ++found;
+      if (found >= times) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+  }
+
+  RunOptions mAdmin;
 };
 
 }  // namespace
 
-// Each lock shows its lock file, free or with the process that holds it, and a semaphore an
-// older version left; a killed holder's lock is free at once. break-lock removes what is there
-// (semaphore and lock file) and says when there was nothing.
+// Each lock shows its lock file, free or with the process that holds it, a semaphore an older
+// version left, and an application's workflow marker left by a crashed updater; a killed holder's
+// lock is free at once. break-lock removes what is there and says when there was nothing.
 TEST_F(RozctlTest, LocksShowTheHolderAndBreakLockRemovesLeftovers) {
   testing_support::TestEnv env;  // the paths rozctl --root uses, for the lock files here
   env.SetRoot(mRoot.path());
   env.SetHome(mRoot / "home");
   env.SetVariable("XDG_RUNTIME_DIR", mRoot / "run");
   esd::ScopedEnv scope(&env);
+  const std::string registry = mRoot / "var/lib/Vantu/Updater5/VantuESDGlobalApps.xml";
+  const std::string markers = mRoot / "run/Updater5/locked";
   ASSERT_TRUE(FileSystemUtils::CreateLocalDirectory(mRoot / "var/lib/Vantu/Updater5"));
-  ASSERT_TRUE(FileSystemUtils::CreateLocalDirectory(mRoot / "run"));
-  const std::string lockFile = testing_support::LockFilePath(RegistryPath());
+  ASSERT_TRUE(FileSystemUtils::CreateLocalDirectory(markers));
+  chmod((mRoot / "run").c_str(), 0700);
+  testing_support::WriteFile(markers + "/lock.com.example.Crashed", "lock");
+  const std::string lockFile = testing_support::LockFilePath(registry);
   ASSERT_EQ(mRoot / "var/lib/Vantu/Updater5/", lockFile.substr(0, lockFile.rfind('/') + 1));
   const std::string semaphore =
-      "/dev/shm/sem." + esd::ResourceLocker::GetSemaphoreName(RegistryPath()).substr(1);
-  const std::string header = "registered-apps\n  resource:  " + RegistryPath() +
-                             "\n  lock file: " + lockFile + " ";
+      "/dev/shm/sem." + esd::ResourceLocker::GetSemaphoreName(registry).substr(1);
+  const std::string header =
+      "registered-apps\n  resource:  " + registry + "\n  lock file: " + lockFile + " ";
 
   testing_support::Pipe held;
   const pid_t holder = testing_support::StartChild([&] {
-    esd::ResourceLocker locker(RegistryPath(), 0);
+    esd::ResourceLocker locker(registry, 0);
     if (!locker.Lock()) return 1;
     held.Signal();
     ::pause();
     return 0;
   });
   ASSERT_TRUE(held.Wait());
-  ProgramResult listed = Rozctl({"locks"});
-  EXPECT_THAT(listed.out, HasSubstr(header + "(held by process " + std::to_string(holder) + " "));
+  EXPECT_THAT(Rozctl({"locks"}).out,
+              HasSubstr(header + "(held by process " + std::to_string(holder) + " "));
   ::kill(holder, SIGKILL);
   testing_support::WaitChild(holder);
   testing_support::WriteFile(semaphore, "");  // as an older version's crashed holder left it
-  listed = Rozctl({"locks"});
+  const ProgramResult listed = Rozctl({"locks"});
   ASSERT_EQ(0, listed.exitStatus) << listed.err;
-  EXPECT_THAT(listed.out, HasSubstr(header + "(free)\n  semaphore: " + semaphore +
-                                    " (left by an older version)\n"));
-  EXPECT_THAT(listed.out, HasSubstr("prefs\n  resource:  VantuUpdater\n  lock file: " +
-                                    mRoot.path() + "/run/"));
+  for (const std::string& shown :
+       {header + "(free)\n  semaphore: " + semaphore + " (left by an older version)\n",
+        "prefs\n  resource:  VantuUpdater\n  lock file: " + mRoot.path() + "/run/",
+        std::string("app:com.example.Crashed\n  resource:  com.example.Crashed\n"),
+        "  marker:    " + markers + "/lock.com.example.Crashed (present)\n"})
+    EXPECT_THAT(listed.out, HasSubstr(shown));
 
-  ProgramResult broken = Rozctl({"break-lock", "registered-apps"});
+  ProgramResult broken = Rozctl({"break-lock", "registered-apps", "app:com.example.Crashed"});
   EXPECT_EQ(0, broken.exitStatus) << broken.err;
   EXPECT_EQ("broke registered-apps: removed " + semaphore + "\nbroke registered-apps: removed " +
-                lockFile + "\n",
+                lockFile + "\nbroke app:com.example.Crashed: removed " + markers +
+                "/lock.com.example.Crashed\n",
             broken.out);
-  EXPECT_FALSE(FileSystemUtils::DoesPathExist(semaphore) ||
-               FileSystemUtils::DoesPathExist(lockFile));
   broken = Rozctl({"locks", "--break", "registered-apps"});
   EXPECT_EQ(1, broken.exitStatus);
   EXPECT_EQ("registered-apps: nothing to remove\n", broken.out);
+  for (const std::string& gone : {semaphore, lockFile, markers + "/lock.com.example.Crashed"})
+    EXPECT_FALSE(FileSystemUtils::DoesPathExist(gone)) << gone;
   ::unlink(semaphore.c_str());
 }
 
-// An application's workflow marker left by a crashed updater is a lock too: it is listed for the
-// application and removed with it.
-TEST_F(RozctlTest, BreakLockRemovesAStaleWorkflowMarker) {
-  const std::string markers = mRoot.path() + "/run/Updater5/locked";
-  ASSERT_TRUE(FileSystemUtils::CreateLocalDirectory(markers));
-  chmod((mRoot.path() + "/run").c_str(), 0700);
-  testing_support::WriteFile(markers + "/lock.com.example.Crashed", "lock");
+// Every command in order against one sandbox, with the caller's own folder variables pointing
+// elsewhere: what it prints and its exit status. Bad usage is one line of error, the usage and
+// status 2; an export's command prints the function's result code and name and exits 0 only for
+// kROZResultOK, and really changes the sandbox's stores (the updater is not installed: whatever
+// needs it is recorded, then reported unavailable). Looking changes nothing: up to "apps" (which
+// as root makes the folder it reads) the sandbox stays as the first command left it, and nothing
+// outside it is ever created.
+TEST_F(RozctlTest, CommandsPrintTheirAnswersAndExitStatuses) {
+  const bool groups = testing_support::CanChooseGroups();
+  TempDir outside;
+  RunOptions options;
+  for (const auto& [variable, name] : {std::pair<const char*, const char*>{"HOME", "home"},
+                                       {"XDG_DATA_HOME", "data"}, {"XDG_CONFIG_HOME", "config"},
+                                       {"XDG_CACHE_HOME", "cache"}, {"XDG_RUNTIME_DIR", "run"},
+                                       {"TMPDIR", "tmp"}})
+    options.setVariables[variable] = outside / name;
+  const std::string root = mRoot.path();
+  const auto tree = [&root] {
+    std::vector<std::string> paths;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+      paths.push_back(entry.path());
+    return paths;
+  };
+  ASSERT_EQ(0, Rozctl({"version"}, options).exitStatus);
+  const std::vector<std::string> bare = tree();
 
-  ProgramResult listed = Rozctl({"locks"});
-  ASSERT_EQ(0, listed.exitStatus) << listed.err;
-  EXPECT_THAT(listed.out, HasSubstr("app:com.example.Crashed\n  resource:  com.example.Crashed\n"));
-  EXPECT_THAT(listed.out,
-              HasSubstr("  marker:    " + markers + "/lock.com.example.Crashed (present)\n"));
-
-  ProgramResult broken = Rozctl({"break-lock", "app:com.example.Crashed"});
-  EXPECT_EQ(0, broken.exitStatus) << broken.err;
-  EXPECT_EQ("broke app:com.example.Crashed: removed " + markers + "/lock.com.example.Crashed\n",
-            broken.out);
-  EXPECT_FALSE(FileSystemUtils::DoesPathExist(markers + "/lock.com.example.Crashed"));
-}
-
-// Unknown commands, options and lock names, and wrong argument counts, give one line of error,
-// the usage, and status 2; help is status 0.
-TEST_F(RozctlTest, BadUsageExitsWithTwoAndHelpWithZero) {
-  struct Case {
+  enum Match { kContains, kEquals, kUsageError };
+  const Groups admin = Groups::kAdministrator, user = Groups::kNone, any = Groups::kInherited;
+  const struct {
     std::vector<std::string> args;
-    std::string error;
-  };
-  const std::vector<Case> cases = {
-      {{"frobnicate"}, "rozctl: unknown command 'frobnicate'\n"},
-      {{"locks", "--bogus"}, "rozctl locks: unknown option --bogus\n"},
-      {{"locks", "--break"}, "rozctl locks: option --break needs a value\n"},
-      {{"break-lock"}, "rozctl break-lock: expected 1 or more arguments, got 0\n"},
-      {{"break-lock", "everything"}, "rozctl break-lock: unknown lock 'everything'"},
-      {{"register", "com.example.A", "A"}, "rozctl register: expected 3 arguments, got 2\n"},
-      {{"version", "extra"}, "rozctl version: expected 0 arguments, got 1\n"},
-      {{"available", "com.example.A", "A", "/opt/a", "first"},
+    Groups groups;
+    int exitStatus;
+    Match match;
+    std::string expected;
+  } rows[] = {
+      {{"frobnicate"}, any, 2, kUsageError, "rozctl: unknown command 'frobnicate'\n"},
+      {{"locks", "--bogus"}, any, 2, kUsageError, "rozctl locks: unknown option --bogus\n"},
+      {{"locks", "--break"}, any, 2, kUsageError, "rozctl locks: option --break needs a value\n"},
+      {{"break-lock"}, any, 2, kUsageError,
+       "rozctl break-lock: expected 1 or more arguments, got 0\n"},
+      {{"break-lock", "everything"}, any, 2, kUsageError,
+       "rozctl break-lock: unknown lock 'everything'"},
+      {{"register", "com.example.A", "A"}, any, 2, kUsageError,
+       "rozctl register: expected 3 arguments, got 2\n"},
+      {{"version", "extra"}, any, 2, kUsageError, "rozctl version: expected 0 arguments, got 1\n"},
+      {{"available", "com.example.A", "A", "/opt/a", "first"}, any, 2, kUsageError,
        "rozctl available: REQUEST must be a whole number, not 'first'\n"},
-      {{"download-missing", "com.example.A", "A", "/opt/a", "fonts-Serif-1.0"},
+      {{"download-missing", "com.example.A", "A", "/opt/a", "fonts-Serif-1.0"}, any, 2,
+       kUsageError,
        "rozctl download-missing: component 'fonts-Serif-1.0' is not CATEGORY:NAME:VERSION\n"},
-      {{"download-missing", "--type", "-1", "com.example.A", "A", "/opt/a"},
+      {{"download-missing", "--type", "-1", "com.example.A", "A", "/opt/a"}, any, 2, kUsageError,
        "rozctl download-missing: --type must be a whole number, not '-1'\n"},
-      {{"trigger", "--now", "A", "/opt/a"}, "rozctl trigger: unknown option --now\n"},
+      {{"trigger", "--now", "A", "/opt/a"}, any, 2, kUsageError,
+       "rozctl trigger: unknown option --now\n"},
+      {{"locks", "--help"}, any, 0, kContains, "usage: rozctl [--root DIR] locks"},
+      {{"folders"}, any, 0, kContains, "machine root:           " + root + "\n"},
+      {{"folders"}, any, 0, kContains,
+       "registered apps:        " + root + "/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml"},
+      {{"folders"}, any, 0, kContains,
+       "missing components:     " + root +
+           "/home/.local/share/Vantu/Updater5/VantuMissingComps.xml"},
+      {{"folders"}, any, 0, kContains, "workflow markers:       " + root + "/run/Updater5/locked"},
+      {{"folders"}, any, 0, kContains,
+       "administrator policy:   " + root +
+           "/etc/com.vantu.VantuUpdater.Admin.plist (does not exist)"},
+      {{"folders"}, any, 0, kContains,
+       "updater:                " + root +
+           "/opt/Vantu Utilities.localized/Vantu Updater5/Vantu Updater.app"},
+      {{"policy"}, any, 0, kContains, "Disable.Update:         not set (checks stay enabled)\n"},
+      {{"locks"}, any, 0, kContains, "registered-apps\n"},
+      {{"doctor"}, any, 1, kContains, "FIX   " + root + "/var/lib/Vantu is missing"},
+      {{"version"}, any, 0, kEquals, "ROZGetVersion: 1358954502 (0x51000006, version 5.1.0.6)\n"},
+      {{"apps"}, any, 0, kEquals, "no registered applications\n"},
+      {{"missing"}, any, 0, kEquals, "no missing-component requests\n"},
+      {{"prefs"}, any, 0, kEquals,
+       "file: " + root + "/home/.local/share/Vantu/Updater5/VantuUpdaterPrefs.dat (not written "
+       "yet)\nAutoCheck = 1\nAutoCheckType = 0\nAutoCheckFreq = 1\nLastDateCheck = \nLaunch = \n"
+       "IsFirstRun = 1\nInBackground = 0\nInTrayIcon = 0\nDownloadDir = " + root +
+           "/home/Documents/Updater5\nDisplayLang = \nShowNewProducts = 0\nSilentCheck = 0\n"
+           "ProxyServer = \nProxyPort = \nConnectionType = 0\nlogFile = " + root +
+           "/home/.local/share/Vantu/Updater5/roz.log\nlogLevel = 2\n"
+           "ApplicationsEnabled = (empty)\nNotificationMessage = (empty)\n"},
+      {{"enabled"}, admin, 0, kEquals,
+       "ROZIsUpdateCheckEnabled: 1 (update checks are enabled)\n"},
+      {{"enabled"}, user, 1, kEquals, "ROZIsUpdateCheckEnabled: 0 (update checks are disabled)\n"},
+      {{"register", "com.example.A", "App A", "/opt/a"}, user, 0, kEquals,
+       "ROZRegisterApplication: 0 kROZResultOK\n"},
+      {{"apps"}, user, 0, kEquals,
+       "com.example.A\n  display name: App A\n  install path: /opt/a\n"},
+      {{"register", "", "App A", "/opt/a"}, admin, 1, kEquals,
+       "ROZRegisterApplication: 3 kROZResultInvalidArgument\n"},
+      {{"unregister", "com.example.Unknown"}, admin, 1, kEquals,
+       "ROZUnRegisterApplication: 6 kROZResultNotRegistered\n"},
+      {{"available", "com.example.A", "App A", "/opt/a", "1"}, user, 1, kEquals,
+       "ROZIsUpdateAvailable: 7 kROZResultUpdateCheckDisabled\n"},
+      {{"download-missing", "--lang", "en_US", "com.example.A", "App A", "/opt/a",
+        "fonts:Serif:1.0", "dictionaries:en:GB:2.1"}, admin, 1, kEquals,
+       "ROZDownloadMissingComponents: 2 kROZResultUpdaterUnavailable\n"},
+      {{"missing"}, admin, 0, kEquals,
+       "com.example.A\n  display name: App A\n  install path: /opt/a\n  request type: 0\n"
+       "  component:    fonts:Serif:1.0.0.0\n  component:    dictionaries:en:GB:2.1.0.0\n"},
+      {{"trigger", "--app", "com.example.A", "App A", "/opt/a"}, admin, 1, kEquals,
+       "ROZTriggerUpdateCheck: 2 kROZResultUpdaterUnavailable\n"},
+      {{"plugin-action", "com.example.Unknown"}, admin, 1, kEquals,
+       "ROZDoPluginAction: 6 kROZResultNotRegistered\n"},
+      {{"unregister", "com.example.A"}, admin, 0, kEquals,
+       "ROZUnRegisterApplication: 0 kROZResultOK\n"},
+      {{"apps"}, admin, 0, kEquals, "no registered applications\n"},
   };
-  for (const Case& bad : cases) {
-    const ProgramResult result = Rozctl(bad.args);
-    EXPECT_EQ(2, result.exitStatus) << bad.args[0];
-    EXPECT_EQ(0u, result.err.find(bad.error)) << result.err;
-    EXPECT_THAT(result.err, HasSubstr("\nusage: rozctl [--root DIR] ")) << result.err;
-    EXPECT_EQ(2, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
-    EXPECT_EQ("", result.out);
+  bool onlyLooking = true;
+  for (const auto& row : rows) {
+    if (row.groups != any && !groups) continue;  // choosing groups needs root
+    options.groups = row.groups;
+    const ProgramResult result = Rozctl(row.args, options);
+    const std::string& command = row.args[0];
+    EXPECT_EQ(row.exitStatus, result.exitStatus) << command << ": " << result.err;
+    if (row.match == kUsageError) {
+      EXPECT_EQ(0u, result.err.find(row.expected)) << result.err;
+      EXPECT_THAT(result.err, HasSubstr("\nusage: rozctl [--root DIR] ")) << result.err;
+      EXPECT_EQ(2, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
+      EXPECT_EQ("", result.out);
+    } else if (row.match == kEquals) {
+      EXPECT_EQ(row.expected, result.out) << command;
+    } else {
+      EXPECT_THAT(result.out, HasSubstr(row.expected)) << command;
+    }
+    onlyLooking = onlyLooking && command != "apps";
+    EXPECT_TRUE(!onlyLooking || bare == tree()) << command << " changed the sandbox";
   }
+  for (const char* name : {"home", "data", "config", "cache", "run", "tmp"})
+    EXPECT_FALSE(FileSystemUtils::DoesPathExist(outside / name)) << name;
 
+  // Without a usable --root or with an unknown global option: usage, status 2; help: status 0.
   for (const std::vector<std::string>& args : {std::vector<std::string>{ROZCTL_PROGRAM},
                                                {ROZCTL_PROGRAM, "--root"},
                                                {ROZCTL_PROGRAM, "--root", "/", "apps"},
@@ -166,189 +292,117 @@ TEST_F(RozctlTest, BadUsageExitsWithTwoAndHelpWithZero) {
                               "trigger", "plugin-action", "download-missing", "folders", "apps",
                               "missing", "prefs", "policy", "locks", "break-lock"})
     EXPECT_THAT(overview.out, HasSubstr(std::string("\n  ") + command + " ")) << command;
-  EXPECT_EQ(0u, Rozctl({"locks", "--help"}).out.find("usage: rozctl [--root DIR] locks"));
-}
 
-// The inspection commands show the sandbox's files, and nothing outside DIR is created even when
-// the caller's own folder variables point elsewhere. Looking changes nothing: folders, locks,
-// policy and doctor leave the bare sandbox (the folders --root makes) as they found it.
-TEST_F(RozctlTest, InspectionShowsTheSandboxAndTouchesNothingOutsideIt) {
-  TempDir outside;
-  RunOptions options;
-  options.setVariables = {{"HOME", outside / "home"},
-                          {"XDG_DATA_HOME", outside / "data"},
-                          {"XDG_CONFIG_HOME", outside / "config"},
-                          {"XDG_CACHE_HOME", outside / "cache"},
-                          {"XDG_RUNTIME_DIR", outside / "run"},
-                          {"TMPDIR", outside / "tmp"}};
-  const std::string root = mRoot.path();
-  const auto tree = [&root] {
-    std::vector<std::string> paths;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
-      paths.push_back(entry.path());
-    return paths;
-  };
-  ASSERT_EQ(0, Rozctl({"version"}, options).exitStatus);
-  const std::vector<std::string> bare = tree();
-
-  struct Case {
-    const char* command;
-    std::string expected;
-  };
-  const std::vector<Case> cases = {
-      {"folders", "machine root:           " + root + "\n"},
-      {"folders", "registered apps:        " + root +
-                      "/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml"},
-      {"folders", "missing components:     " + root +
-                      "/home/.local/share/Vantu/Updater5/VantuMissingComps.xml"},
-      {"folders", "workflow markers:       " + root + "/run/Updater5/locked"},
-      {"folders", "administrator policy:   " + root +
-                      "/etc/com.vantu.VantuUpdater.Admin.plist (does not exist)"},
-      {"folders", "updater:                " + root +
-                      "/opt/Vantu Utilities.localized/Vantu Updater5/Vantu Updater.app"},
-      {"policy", "Disable.Update:         not set (checks stay enabled)\n"},
-      {"locks", "registered-apps\n"},
-      {"doctor", "FIX   " + root + "/var/lib/Vantu is missing"},
-      {"apps", "no registered applications\n"},
-      {"missing", "no missing-component requests\n"},
-      {"prefs", "DownloadDir = " + root + "/home/Documents/Updater5\n"},
-      {"prefs", "AutoCheck = 1\n"},
-      {"version", "ROZGetVersion: 1358954502 (0x51000006, version 5.1.0.6)\n"},
-  };
-  bool onlyLooking = true;  // up to "apps", which as root makes the folder it reads
-  for (const Case& inspection : cases) {
-    const std::string command = inspection.command;
-    const ProgramResult result = Rozctl({command}, options);
-    EXPECT_EQ(command == "doctor", result.exitStatus) << command << ": " << result.err;
-    EXPECT_THAT(result.out, HasSubstr(inspection.expected)) << command;
-    onlyLooking = onlyLooking && command != "apps";
-    EXPECT_TRUE(!onlyLooking || bare == tree()) << command << " changed the sandbox";
-  }
-  for (const char* name : {"home", "data", "config", "cache", "run", "tmp"})
-    EXPECT_FALSE(FileSystemUtils::DoesPathExist(outside / name)) << name;
+  // An administrator's policy switches checks off for everybody.
+  if (!groups) return;
+  std::filesystem::create_directories(mRoot / "etc");
+  testing_support::WriteFile(mRoot / "etc/com.vantu.VantuUpdater.Admin.plist",
+                             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">"
+                             "<dict><key>Disable.Update</key><true/></dict></plist>\n");
+  options.groups = admin;
+  EXPECT_EQ(1, Rozctl({"enabled"}, options).exitStatus);
+  EXPECT_EQ("policy file:            " + root + "/etc/com.vantu.VantuUpdater.Admin.plist\n"
+            "Disable.Update:         true\nsupplementary groups:   root\n"
+            "administrator:          yes\nupdate checks:          disabled by the policy\n",
+            Rozctl({"policy"}, options).out);
 }
 
 // The doctor finds a machine installed as it should be healthy, and names each fault with what
 // to do about it.
 TEST_F(RozctlTest, DoctorNamesWhatToFix) {
   if (!testing_support::CanChooseGroups()) GTEST_SKIP() << "making root's folders needs root";
-  const std::string folder = mRoot / "var/lib/Vantu/Updater5";
-  const std::string updater = mRoot / "opt/Vantu Utilities.localized/Vantu Updater5";
-  struct Case {
-    const char* fault;
-    std::string command;  // run with the sandbox's root as $R; empty: healthy
+  const std::string store = "$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml";
+  const struct {
+    std::string fault;  // a command run with the sandbox's root as $R; empty: healthy
     std::string named;
-  };
-  const std::vector<Case> cases = {
-      {"none", "", ""},
-      {"folder mode", "chmod g-s $R/var/lib/Vantu/Updater5", "Updater5 is 0:"},
-      {"product folder mode", "chmod 0777 $R/var/lib/Vantu", "expected root:root 0755"},
-      {"no updater", "rm -r \"$R/opt\"", "the updater is not installed"},
-      {"bad policy", "echo nonsense >$R/etc/com.vantu.VantuUpdater.Admin.plist",
+  } cases[] = {
+      {"", ""},
+      {"chmod g-s $R/var/lib/Vantu/Updater5", "Updater5 is 0:"},
+      {"chmod 0777 $R/var/lib/Vantu", "expected root:root 0755"},
+      {"rm -r \"$R/opt\"", "the updater is not installed"},
+      {"echo nonsense >$R/etc/com.vantu.VantuUpdater.Admin.plist",
        "is not a property list dictionary"},
-      {"damaged store", "echo '<a' >$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml",
-       "registered applications does not parse"},
-      {"store not the group's",
-       "f=$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml; echo '<a/>' >$f && chmod 0664 $f "
-       "&& chgrp root $f",
+      {"echo '<a' >" + store, "registered applications does not parse"},
+      {"echo '<a/>' >" + store + " && chmod 0664 " + store + " && chgrp root " + store,
        "expected group " UPDATE_GROUP_NAME " 0664"},
-      {"leftover journal", "echo '<a/>' >$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml_",
-       "leftover journal"},
-      {"no session bus", "unset", "no session bus"},
+      {"echo '<a/>' >" + store + "_", "leftover journal"},
+      {"unset", "no session bus"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.fault);
-    std::filesystem::remove_all(mRoot.path() + "/var");
-    ASSERT_EQ(0, std::system(("install -d -m 0755 " + mRoot.path() + "/var/lib/Vantu " +
-                              mRoot.path() + "/etc && install -d -g " UPDATE_GROUP_NAME
-                              " -m 2775 " + folder + " && mkdir -p '" + updater +
-                              "' && cp -a '" VANTU_UPDATER_BUNDLE "' '" + updater + "'")
-                                 .c_str()));
-    if (!c.command.empty() && c.command != "unset") {
-      ASSERT_EQ(0, std::system(("R=" + mRoot.path() + "; " + c.command).c_str()));
-    }
+    const std::string install =
+        "R='" + mRoot.path() + "'; U=\"$R/opt/Vantu Utilities.localized/Vantu Updater5\"; "
+        "rm -rf $R/var $R/opt $R/etc && install -d -m 0755 $R/var/lib/Vantu $R/etc && "
+        "install -d -g " UPDATE_GROUP_NAME " -m 2775 $R/var/lib/Vantu/Updater5 && "
+        "mkdir -p \"$U\" && cp -a '" VANTU_UPDATER_BUNDLE "' \"$U\"";
+    const bool unset = c.fault == "unset";
+    const std::string fault = c.fault.empty() || unset ? "" : " && " + c.fault;
+    ASSERT_EQ(0, std::system((install + fault).c_str()));
     RunOptions options;
     testing_support::PrivateSessionBus bus;
-    if (c.command == "unset") options.unsetVariables = {"DBUS_SESSION_BUS_ADDRESS"};
+    if (unset) options.unsetVariables = {"DBUS_SESSION_BUS_ADDRESS"};
     const ProgramResult result = Rozctl({"doctor"}, options);
     EXPECT_EQ(c.named.empty() ? 0 : 1, result.exitStatus) << result.out;
     EXPECT_THAT(result.out, HasSubstr(c.named.empty() ? "ok    " : "FIX   "));
     EXPECT_THAT(result.out, HasSubstr(c.named));
-    std::filesystem::remove_all(mRoot.path() + "/opt");
-    std::filesystem::remove_all(mRoot.path() + "/etc");
   }
 }
 
-// Each export's command prints the function's result code and name and exits 0 only for
-// kROZResultOK; the calls really change the sandbox's stores.
-TEST_F(RozctlTest, ExportCommandsReportTheLibrarysResults) {
-  if (!testing_support::CanChooseGroups()) GTEST_SKIP() << "choosing groups needs root";
-  RunOptions admin;
-  admin.groups = RunOptions::Groups::kAdministrator;
-  RunOptions user;
-  user.groups = RunOptions::Groups::kNone;
-  struct Case {
+// Each call in turn, waiting for the updater each starts to finish: the first availability
+// question starts it and it answers from its catalogue, the second question reads the answer; a
+// plug-in action is logged for the registered application; a check records today's date and
+// consumes the launch request; the last unregistration starts a clean-up.
+TEST_F(ReferenceUpdaterTest, AnswersActsChecksAndCleansUp) {
+  const std::string today =
+      boost::gregorian::to_iso_extended_string(boost::gregorian::day_clock::local_day());
+  const std::string answered = "ROZIsUpdateAvailable: 0 kROZResultOK\nupdate available: ";
+  const struct {
     std::vector<std::string> args;
-    const RunOptions* options;
-    int exitStatus;
     std::string out;
-  };
-  // The updater is not installed: whatever needs it is recorded, then reported unavailable.
-  const std::vector<Case> cases = {
-      {{"enabled"}, &admin, 0, "ROZIsUpdateCheckEnabled: 1 (update checks are enabled)\n"},
-      {{"enabled"}, &user, 1, "ROZIsUpdateCheckEnabled: 0 (update checks are disabled)\n"},
-      {{"register", "com.example.A", "App A", "/opt/a"},
-       &user,
-       0,
-       "ROZRegisterApplication: 0 kROZResultOK\n"},
-      {{"apps"}, &user, 0, "com.example.A\n  display name: App A\n  install path: /opt/a\n"},
-      {{"register", "", "App A", "/opt/a"},
-       &admin,
-       1,
-       "ROZRegisterApplication: 3 kROZResultInvalidArgument\n"},
-      {{"unregister", "com.example.Unknown"},
-       &admin,
-       1,
-       "ROZUnRegisterApplication: 6 kROZResultNotRegistered\n"},
-      {{"available", "com.example.A", "App A", "/opt/a", "1"},
-       &user,
-       1,
-       "ROZIsUpdateAvailable: 7 kROZResultUpdateCheckDisabled\n"},
-      {{"download-missing", "--lang", "en_US", "com.example.A", "App A", "/opt/a",
-        "fonts:Serif:1.0", "dictionaries:en:GB:2.1"},
-       &admin,
-       1,
-       "ROZDownloadMissingComponents: 2 kROZResultUpdaterUnavailable\n"},
-      {{"missing"},
-       &admin,
-       0,
-       "com.example.A\n  display name: App A\n  install path: /opt/a\n  request type: 0\n"
-       "  component:    fonts:Serif:1.0.0.0\n  component:    dictionaries:en:GB:2.1.0.0\n"},
+    std::vector<std::string> logged;  // empty: the call starts no updater
+  } steps[] = {
+      {{"available", "--register", "com.example.A", "App A", "/opt/a", "7"},
+       "ROZIsUpdateAvailable: 8 kROZResultAnswerPending\n",
+       {"availability for com.example.A: update 2.0 available"}},
+      {{"available", "com.example.A", "App A", "/opt/a", "7"}, answered + "yes\n", {}},
+      {{"available", "--register", "com.example.B", "App B", "/opt/b", "7"},
+       "ROZIsUpdateAvailable: 8 kROZResultAnswerPending\n",
+       {"availability for com.example.B: no update"}},
+      {{"available", "com.example.B", "App B", "/opt/b", "7"}, answered + "no\n", {}},
+      {{"unregister", "com.example.B"}, "ROZUnRegisterApplication: 0 kROZResultOK\n", {}},
+      {{"plugin-action", "com.example.A"},
+       "ROZDoPluginAction: 0 kROZResultOK\n",
+       {"plug-in action for com.example.A: would run the action prepared for App A in /opt/a\n"}},
       {{"trigger", "--app", "com.example.A", "App A", "/opt/a"},
-       &admin,
-       1,
-       "ROZTriggerUpdateCheck: 2 kROZResultUpdaterUnavailable\n"},
-      {{"plugin-action", "com.example.Unknown"},
-       &admin,
-       1,
-       "ROZDoPluginAction: 6 kROZResultNotRegistered\n"},
-      {{"unregister", "com.example.A"}, &admin, 0, "ROZUnRegisterApplication: 0 kROZResultOK\n"},
-      {{"apps"}, &admin, 0, "no registered applications\n"},
+       "ROZTriggerUpdateCheck: 0 kROZResultOK\n",
+       {"manual check started by com.example.A, Launch preference \"Manual\"\n",
+        "manual check: com.example.A: update 2.0 available\n",
+        "manual check: recorded LastDateCheck " + today + "\n"}},
+      {{"unregister", "com.example.A"},
+       "ROZUnRegisterApplication: 0 kROZResultOK\n",
+       {"clean-up: 0 application(s) registered\n"}},
   };
-  for (const Case& call : cases) {
-    const ProgramResult result = Rozctl(call.args, *call.options);
-    EXPECT_EQ(call.exitStatus, result.exitStatus) << call.args[0] << ": " << result.err;
-    EXPECT_EQ(call.out, result.out) << call.args[0];
+  size_t runs = 0;
+  for (const auto& step : steps) {
+    const ProgramResult result = Rozctl(step.args);
+    EXPECT_THAT(result.out, HasSubstr(step.out)) << step.args[0] << ": " << result.err;
+    if (step.logged.empty()) continue;
+    ASSERT_TRUE(WaitForLog("]: done\n", ++runs)) << Log();
+    for (const std::string& line : step.logged) EXPECT_THAT(Log(), HasSubstr(line));
   }
+  EXPECT_THAT(Rozctl({"prefs"}).out,
+              HasSubstr("LastDateCheck = " + today + "\nLaunch = \nIsFirstRun = 0\n"));
+}
 
-  // An administrator's policy switches checks off for everybody.
-  ASSERT_TRUE(FileSystemUtils::CreateLocalDirectory(mRoot / "etc"));
-  testing_support::WriteFile(mRoot / "etc/com.vantu.VantuUpdater.Admin.plist",
-                             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">"
-                             "<dict><key>Disable.Update</key><true/></dict></plist>\n");
-  EXPECT_EQ(1, Rozctl({"enabled"}, admin).exitStatus);
-  const ProgramResult policy = Rozctl({"policy"}, admin);
-  EXPECT_THAT(policy.out, HasSubstr("Disable.Update:         true\n"));
-  EXPECT_THAT(policy.out, HasSubstr("administrator:          yes\n"));
-  EXPECT_THAT(policy.out, HasSubstr("update checks:          disabled by the policy\n"));
+// Download mode takes every pending request out of the store. (The express-download signal to a
+// running updater is the demo's and the missing-components tests'.)
+TEST_F(ReferenceUpdaterTest, FetchesAndRemovesMissingComponentRequests) {
+  ProgramResult request = Rozctl({"download-missing", "--register", "com.example.A", "App A",
+                                  "/opt/a", "fonts:Serif:1.0", "dictionaries:en_GB:2.1"});
+  EXPECT_EQ("ROZDownloadMissingComponents: 0 kROZResultOK\n", request.out) << request.err;
+  ASSERT_TRUE(WaitForLog("]: done\n")) << Log();
+  EXPECT_THAT(Log(), HasSubstr("download: would fetch for com.example.A (App A): "
+                               "fonts:Serif:1.0.0.0, dictionaries:en_GB:2.1.0.0\n"));
+  EXPECT_EQ("no missing-component requests\n", Rozctl({"missing"}).out);
+  EXPECT_FALSE(FileSystemUtils::DoesPathExist(UserData() + "/VantuMissingComps.xml"));
 }

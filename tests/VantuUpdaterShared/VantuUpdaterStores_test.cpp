@@ -1,0 +1,350 @@
+// The two record stores through their managers: the machine's registered applications and the
+// user's missing-component requests, each in a sandboxed machine.
+#include <sys/stat.h>
+
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <list>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+
+#include <gtest/gtest.h>
+
+#include "support/FileStamp.h"
+#include "support/LockFiles.h"
+#include "support/TempDir.h"
+#include "support/UpdaterSandbox.h"
+#include "xplat/FileSystemUtils.h"
+#include "xplat/VantuUpdaterMissingCompsManager.h"
+#include "xplat/VantuUpdaterRegistrationManager.h"
+
+namespace {
+
+using Reg = VantuUpdaterRegistrationManager;
+using Manager = VantuUpdaterMissingCompsManager;
+constexpr unsigned kAdded = Manager::kAdded;
+constexpr unsigned kListed = Manager::kAlreadyListed;
+constexpr unsigned kFailed = Manager::kUpdateFailed;
+using testing_support::ReadFile;
+using testing_support::StampOf;
+using testing_support::WriteFile;
+
+// A sandboxed machine with the folders of the store that `Store` manages.
+template <class Store>
+class StoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override { Store makesFolders; }
+  bool StoreExists() const { return FileSystemUtils::DoesPathExist(mStorePath); }
+  uint16_t StoreMode() const {
+    uint16_t mode = 0;
+    FileSystemUtils::GetFilePermission(mStorePath, mode);
+    return mode;
+  }
+  // The file holding `entries`, as the manager writes it.
+  static std::string Text(const std::string& entries) {
+    const std::string root = Store::GetNodeRootName();
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<" + root + ">\n" + entries + "</" +
+           root + ">\n";
+  }
+
+  testing_support::UpdaterSandbox mSandbox;
+  const std::string mStorePath =
+      std::is_same_v<Store, Reg> ? mSandbox.RegistryFile() : mSandbox.MissingCompsFile();
+  testing_support::LockFileGuard mLockGuard{mStorePath};
+};
+using RegistrationStore = StoreTest<Reg>;
+using MissingCompsStore = StoreTest<Manager>;
+
+VantuUpdaterRegisteredApp MakeApp(const std::string& id, const std::string& name,
+                                  const std::string& path) {
+  VantuUpdaterRegisteredApp app(id);
+  app.SetDisplayName(name);
+  app.SetInstallPath(path);
+  return app;
+}
+
+std::string Entry(const std::string& id, const std::string& name, const std::string& path) {
+  return "<Application appID=\"" + id + "\">\n<DisplayName>" + name +
+         "</DisplayName>\n<InstallPath>" + path + "</InstallPath>\n</Application>\n";
+}
+
+unsigned Insert(const std::string& id, const std::string& name, const std::string& path) {
+  VantuUpdaterRegisteredApp app = MakeApp(id, name, path);
+  return Reg().InsertOrUpdateRegisteredApp(app);
+}
+
+unsigned Unregister(const std::string& id) { return Reg().UnregisterApp(id); }
+
+// Exact text (name escaped), group-writable, no journal. An unchanged or incomplete record keeps
+// bytes and mtime; a changed one is replaced and moved last; identifiers compare exactly. The
+// updater's own identifier is never removed, a miss changes nothing, the last removal deletes the
+// file. No data folder, no store.
+TEST_F(RegistrationStore, InsertAndUnregisterResults) {
+  EXPECT_EQ(Reg::kUnregisterFailed, Unregister("A"));
+  EXPECT_EQ(Reg::kInserted, Insert("W", "Writer & <Co>", "/opt/Writer Pro"));
+  EXPECT_EQ(Text(Entry("W", "Writer &amp; &lt;Co&gt;", "/opt/Writer Pro")), ReadFile(mStorePath));
+  EXPECT_EQ(0664, StoreMode());
+  EXPECT_FALSE(FileSystemUtils::DoesPathExist(mStorePath + "_"));
+  for (const char* id : {"A", "B"}) ASSERT_EQ(Reg::kInserted, Insert(id, id, "/opt"));
+  const std::string before = ReadFile(mStorePath);
+  const testing_support::FileStamp stamp = StampOf(mStorePath);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(Reg::kUnchanged, Insert("A", "A", "/opt"));
+  const char* const incomplete[][3] = {{"", "N", "/p"}, {"X", "", "/p"}, {"X", "N", ""}};
+  for (const auto& a : incomplete) EXPECT_EQ(Reg::kInsertFailed, Insert(a[0], a[1], a[2]));
+  EXPECT_EQ(Reg::kUnregisterFailed, Unregister("VantuUpdater"));
+  EXPECT_EQ(Reg::kNotFound, Unregister("a"));
+  EXPECT_EQ(before, ReadFile(mStorePath));
+  EXPECT_TRUE(stamp == StampOf(mStorePath));
+
+  EXPECT_EQ(Reg::kReplaced, Insert("A", "A", "/opt/a2"));
+  EXPECT_EQ(Reg::kInserted, Insert("a", "a", "/opt"));
+  EXPECT_EQ(Reg::kRemoved, Unregister("W"));
+  EXPECT_EQ(Text(Entry("B", "B", "/opt") + Entry("A", "A", "/opt/a2") + Entry("a", "a", "/opt")),
+            ReadFile(mStorePath));
+  for (const char* id : {"A", "B", "a"}) EXPECT_EQ(Reg::kRemoved, Unregister(id));
+  EXPECT_FALSE(StoreExists());
+
+  WriteFile(mSandbox.home() + "/plain-file", "x");
+  mSandbox.env().SetRoot(mSandbox.home() + "/plain-file");
+  EXPECT_THROW(Reg(), std::runtime_error);
+}
+
+// The updater's record comes from its running location, never from the file.
+TEST_F(RegistrationStore, UpdaterRecordIsMadeUpOnTheSpot) {
+  const std::string programDir = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  Reg store;
+  WriteFile(mStorePath, Text(Entry("VantuUpdater", "Impostor", "/tmp/evil")));
+  std::unique_ptr<VantuUpdaterRegisteredApp> record;
+  ASSERT_TRUE(store.GetRegisteredApplicationByAppID("VantuUpdater", record));
+  std::string id, name, path;
+  EXPECT_TRUE(record->GetappID(id) && record->GetDisplayName(name) && record->GetInstallPath(path));
+  EXPECT_EQ("VantuUpdater|Vantu Updater|" + programDir, id + "|" + name + "|" + path);
+}
+
+// Records handed out are private copies: they outlive the manager's tree, and a caller's change
+// never reaches the file. A failed lookup leaves the caller's pointer alone.
+TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
+  ASSERT_EQ(Reg::kInserted, Insert("A", "Alpha", "/opt/a"));
+  std::list<VantuUpdaterRegisteredApp> all;
+  std::unique_ptr<VantuUpdaterRegisteredApp> found;
+  {
+    Reg store;
+    ASSERT_TRUE(store.GetRegisteredApps(all) && store.GetRegisteredApplicationByAppID("A", found));
+  }
+  all.front().SetDisplayName("Changed by caller");
+  found->SetInstallPath("/changed/by/caller");
+  Reg store;
+  VantuUpdaterRegisteredApp b = MakeApp("B", "Beta", "/opt/b");
+  ASSERT_EQ(Reg::kInserted, store.InsertOrUpdateRegisteredApp(b));
+  EXPECT_EQ(Text(Entry("A", "Alpha", "/opt/a") + Entry("B", "Beta", "/opt/b")),
+            ReadFile(mStorePath));
+  VantuUpdaterRegisteredApp* previous = found.get();
+  EXPECT_FALSE(store.GetRegisteredApplicationByAppID("Unknown", found));
+  EXPECT_EQ(previous, found.get());
+}
+
+// Any load drops each kind of entry it cannot use (no identifier, no single usable install path),
+// found alone among good ones, and saves at once (group-writable again); elements it does not
+// know stay, and keep the file when its last entry goes.
+TEST_F(RegistrationStore, LoadDropsUnusableEntriesAndKeepsForeignElements) {
+  const std::string good = "<Note>keep</Note>\n" + Entry("B", "Beta", "/opt/b");
+  for (const std::string& bad :
+       {Entry("Empty", "E", ""), Entry("", "No identifier", "/opt/n"),
+        std::string("<Application>\n<InstallPath>/opt/n</InstallPath>\n</Application>\n"),
+        std::string("<Application appID=\"None\">\n<DisplayName>N</DisplayName>\n</Application>\n"),
+        std::string("<Application appID=\"Twice\">\n<InstallPath>/a</InstallPath>\n"
+                    "<InstallPath>/b</InstallPath>\n</Application>\n")}) {
+    WriteFile(mStorePath, Text(bad + good));
+    chmod(mStorePath.c_str(), 0600);
+    EXPECT_EQ(Reg::kNotFound, Unregister("Nobody")) << bad;
+    EXPECT_EQ(Text(good), ReadFile(mStorePath)) << bad;
+    EXPECT_EQ(0664, StoreMode());
+  }
+  EXPECT_EQ(Reg::kRemoved, Unregister("B"));
+  EXPECT_EQ(Text("<Note>keep</Note>\n"), ReadFile(mStorePath));
+}
+
+// Another program's top element, in the file or in a journal that wins over it, gives way to an
+// empty store at the next registration (a second top element could never be saved); a journal
+// that does not parse is ignored.
+TEST_F(RegistrationStore, ForeignTopElementGivesWay) {
+  const std::string foreign = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<Other>\n</Other>\n";
+  const std::pair<std::string, std::string> fileAndJournal[] = {
+      {foreign, ""},
+      {Text(Entry("Z", "Zeta", "/opt/z")), foreign},
+      {foreign, "<VantuUpdaterRegistrationManager><App"}};
+  for (const auto& [file, journal] : fileAndJournal) {
+    WriteFile(mStorePath, file);
+    if (!journal.empty()) WriteFile(mStorePath + "_", journal);
+    EXPECT_EQ(Reg::kInserted, Insert("A", "Alpha", "/opt/a")) << file << journal;
+    EXPECT_EQ(Text(Entry("A", "Alpha", "/opt/a")), ReadFile(mStorePath)) << file << journal;
+    EXPECT_FALSE(FileSystemUtils::DoesPathExist(mStorePath + "_"));
+  }
+}
+
+// An unparsable file is refused by every operation and kept, also after an earlier good load
+// (whose tree the manager must let go). Markup or a blank that would read back as a space in an
+// identifier is refused (the entry, not the store), and nothing is written.
+TEST_F(RegistrationStore, TextThatWouldNotLoadIsRefusedAndNeverWritten) {
+  Reg store;
+  WriteFile(mStorePath, Text(Entry("A", "Alpha", "/opt/a")));
+  std::list<VantuUpdaterRegisteredApp> all;
+  ASSERT_TRUE(store.GetRegisteredApps(all));
+  for (const char* id : {"a\"b", "a<b", "a&b", "a\tb", "a\nb", "a\rb"})
+    EXPECT_EQ(Reg::kRefused, Insert(id, "Name", "/opt/x")) << id;
+  EXPECT_EQ(Text(Entry("A", "Alpha", "/opt/a")), ReadFile(mStorePath));
+  const std::string damaged = "<?xml version=\"1.0\"?>\n<VantuUpdaterRegistrationManager>\n<Ap";
+  WriteFile(mStorePath, damaged);
+  VantuUpdaterRegisteredApp app = MakeApp("B", "Beta", "/opt/b");
+  EXPECT_EQ(Reg::kInsertFailed, store.InsertOrUpdateRegisteredApp(app));
+  EXPECT_EQ(Reg::kUnregisterFailed, store.UnregisterApp("A"));
+  EXPECT_FALSE(store.GetRegisteredApps(all));
+  std::unique_ptr<VantuUpdaterRegisteredApp> found;
+  EXPECT_FALSE(store.GetRegisteredApplicationByAppID("A", found));
+  EXPECT_EQ(0u, store.DeleteVantuUpdaterRegisteredAppIf(Reg::RegisteredAppMatcher("A")));
+  EXPECT_EQ(damaged, ReadFile(mStorePath));
+}
+
+std::string Comp(const std::string& name, const std::string& category, const std::string& v) {
+  return "<AMissingComponent category=\"" + category + "\" name=\"" + name + "\" version=\"" + v +
+         "\"></AMissingComponent>\n";
+}
+
+std::string Entry(const std::string& id, int opType, const std::string& name,
+                  const std::string& path, const std::string& comps) {
+  return "<VantuUpdaterMissingCompsApp AppID=\"" + id + "\" OperationType=\"" +
+         std::to_string(opType) + "\" RedoCFU=\"1\">\n<DisplayName>" + name +
+         "</DisplayName>\n<InstallPath>" + path + "</InstallPath>\n" + comps +
+         "</VantuUpdaterMissingCompsApp>\n";
+}
+
+// One request through a manager of its own, as the download workflow makes it; a null text
+// argument is passed on as null.
+unsigned Request(const char* id, const char* name, const char* path, int opType, const char* comp,
+                 const char* category, const char* version) {
+  std::string c(comp ? comp : ""), k(category ? category : ""), v(version ? version : "");
+  return Manager().UpdateWithAppAndCompData(
+      id, reinterpret_cast<const unsigned char*>(name),
+      reinterpret_cast<const unsigned char*>(path), opType, comp ? &c[0] : nullptr,
+      category ? &k[0] : nullptr, version ? &v[0] : nullptr);
+}
+
+unsigned RequestA(const char* comp, const char* category, const char* version,
+                  const char* name = "Alpha") {
+  return Request("A", name, "/opt/a", 1, comp, category, version);
+}
+
+// Exact text in the per-user folder, the owner's alone, no journal. A listed component is
+// written only when name, path or type changed; a new version is added to the entry. "*" stands
+// for any name on either side, never for a category, a version or another application
+// (identifiers compare exactly). No home, no store.
+TEST_F(MissingCompsStore, RequestsAreListedOnceAndSavedOnlyWhenChanged) {
+  const struct {
+    const char* id;
+    const char* name;
+    const char* path;
+    int opType;
+    const char* comp;
+    const char* category;
+    const char* version;
+    unsigned result;
+  } requests[] = {
+      {"W", "Writer & Co", "/opt/W", 7, "Spelling", "Dictionary", "1.0", kAdded},
+      {"W", "Writer & Co", "/opt/W", 7, "Spelling", "Dictionary", "1.0.0.0", kListed},  // unchanged
+      {"W", "Writer & Co", "/opt/W", 7, "*", "Dictionary", "1.0", kListed},             // unchanged
+      {"W", "Writer", "/opt/W", 7, "Spelling", "Dictionary", "1.0", kListed},
+      {"W", "Writer", "/srv/w", 4, "Spelling", "Dictionary", "1.0", kListed},
+      {"W", "Writer", "/srv/w", 4, "Spelling", "Dictionary", "1.0.0.1", kAdded},
+      {"W", "Writer", "/srv/w", 4, "*", "Thesaurus", "1.0", kAdded},
+      {"W", "Writer", "/srv/w", 4, "Grammar", "Thesaurus", "1.0", kListed},
+      {"w", "Writer", "/srv/w", 4, "Grammar", "Thesaurus", "1.0", kAdded},
+  };
+  std::string before;
+  testing_support::FileStamp stamp;
+  for (const auto& r : requests) {
+    EXPECT_EQ(r.result, Request(r.id, r.name, r.path, r.opType, r.comp, r.category, r.version))
+        << r.id << " " << r.name << " " << r.comp << " " << r.category << " " << r.version;
+    if (&r == &requests[0]) {
+      EXPECT_EQ(Text(Entry("W", 7, "Writer &amp; Co", "/opt/W",
+                            Comp("Spelling", "Dictionary", "1.0.0.0"))),
+                ReadFile(mStorePath));
+      uint16_t mode = 0;
+      EXPECT_TRUE(FileSystemUtils::GetFilePermission(mStorePath, mode) && mode == 0600);
+      before = ReadFile(mStorePath);
+      stamp = testing_support::StampOf(mStorePath);
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    } else if (&r == &requests[2]) {
+      EXPECT_EQ(before, ReadFile(mStorePath));
+      EXPECT_TRUE(stamp == testing_support::StampOf(mStorePath));
+    }
+  }
+  EXPECT_EQ(Text(Entry("W", 4, "Writer", "/srv/w",
+                        Comp("Spelling", "Dictionary", "1.0.0.0") +
+                            Comp("Spelling", "Dictionary", "1.0.0.1") +
+                            Comp("*", "Thesaurus", "1.0.0.0")) +
+                  Entry("w", 4, "Writer", "/srv/w", Comp("Grammar", "Thesaurus", "1.0.0.0"))),
+            ReadFile(mStorePath));
+  EXPECT_FALSE(FileSystemUtils::DoesPathExist(mStorePath + "_"));
+
+  mSandbox.env().SetHome("");
+  EXPECT_THROW(Manager(), std::runtime_error);
+}
+
+// Null arguments, markup or blanks in (unescaped) attributes, incomplete entries, an unparsable
+// version or store: failure, and nothing written (a damaged store is removed once its manager
+// goes).
+TEST_F(MissingCompsStore, BadRequestsFailAndWriteNothing) {
+  ASSERT_EQ(kAdded, RequestA("Spelling", "Dictionary", "1.0"));
+  const std::string before = ReadFile(mStorePath);
+  for (int i = 0; i < 6; ++i) {
+    std::array<const char*, 6> args = {"A", "Alpha", "/opt/a", "Fonts", "Extras", "1.0"};
+    args[i] = nullptr;
+    EXPECT_EQ(kFailed, Request(args[0], args[1], args[2], 1, args[3], args[4], args[5])) << i;
+  }
+  // A tab, line feed or carriage return in an attribute would read back as a blank: the entry or
+  // component would never be found again, and every request would add it once more.
+  for (const char* bad : {"B\"", "B<", "B&", "B\tb", "B\nb", "B\rb"}) {
+    EXPECT_EQ(kFailed, Request(bad, "Beta", "/opt/b", 1, "Spelling", "Dictionary", "1.0")) << bad;
+    EXPECT_EQ(kFailed, RequestA(bad, "Dictionary", "1.0")) << bad;
+    EXPECT_EQ(kFailed, RequestA("Spelling", bad, "1.0")) << bad;
+  }
+  EXPECT_EQ(kFailed, RequestA("Spelling", "Dictionary", ".1", "Renamed"));
+  VantuUpdaterMissingCompsApp complete("A", 1), noName("A", 1), noPath("A", 1), noID("", 1);
+  for (auto* entry : {&complete, &noPath, &noID}) entry->SetDisplayName("Alpha");
+  for (auto* entry : {&complete, &noName, &noID}) entry->SetInstallPath("/opt/a");
+  for (auto* entry : {&noName, &noPath, &noID})
+    EXPECT_EQ(kFailed, Manager().InsertMissingCompsApp(*entry));
+  EXPECT_EQ(before, ReadFile(mStorePath));
+
+  const std::string damaged = "<VantuUpdaterMissingCompsManager><Vantu";
+  WriteFile(mStorePath, damaged);
+  {
+    Manager store;
+    EXPECT_EQ(kFailed, store.InsertMissingCompsApp(complete));
+    EXPECT_EQ(damaged, ReadFile(mStorePath));
+  }
+  EXPECT_FALSE(FileSystemUtils::DoesPathExist(mStorePath));
+}
+
+// A load drops an entry without an identifier, found before a good one, and saves at once;
+// foreign elements ride along.
+TEST_F(MissingCompsStore, EntriesWithoutIdentifierAreDroppedOnLoad) {
+  const std::string tail = "<DisplayName>N</DisplayName>\n<InstallPath>/n</InstallPath>\n"
+                           "</VantuUpdaterMissingCompsApp>\n";
+  const std::string comp = Comp("Spelling", "Dictionary", "1.0.0.0");
+  const std::string good = "<Note>keep</Note>\n" + Entry("A", 1, "Alpha", "/opt/a", comp);
+  for (const char* id : {"", "AppID=\"\" "}) {
+    const std::string bad =
+        std::string("<VantuUpdaterMissingCompsApp ") + id + "OperationType=\"1\">\n" + tail;
+    WriteFile(mStorePath, Text(bad + good));
+    EXPECT_EQ(kListed, RequestA("Spelling", "Dictionary", "1.0")) << bad;
+    EXPECT_EQ(Text(good), ReadFile(mStorePath)) << bad;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,384 @@
+// The updater's folders, starting and finding the updater, the notification-workflow marker and
+// lock, and the administrator test, against a relocated root whose name holds a single quote, a
+// temporary home and runtime folder, and substituted groups.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/FakeUpdaterBundle.h"
+#include "support/LockFiles.h"
+#include "support/TempDir.h"
+#include "support/TestEnv.h"
+#include "support/Unprivileged.h"
+#include "xplat/CKVXVersion.h"
+#include "xplat/ResourceLocker.h"
+#include "xplat/ScopedEnv.h"
+#include "xplat/SystemUtils.h"
+#include "xplat/VantuUpdaterNotifyWorkflowLocker.h"
+#include "xplat/VantuUpdaterUtils.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing_support::FakeUpdaterBundle;
+using testing_support::TestEnv;
+using Locker = VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker;
+using VantuUpdaterUtils::DoesUserHaveAdminPrivileges;
+using VantuUpdaterUtils::EnvironmentList;
+
+mode_t ModeOf(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
+}
+
+class UpdaterUtilsTest : public ::testing::Test {
+ protected:
+  UpdaterUtilsTest() {
+    Install(mEnv);
+    mEnv.SetHome(home());
+    mEnv.SetVariable("XDG_RUNTIME_DIR", runtime());
+    mEnv.SetVariable("TMPDIR", mBase / "tmp");
+    fs::create_directories(home());
+    fs::create_directories(runtime());
+    fs::permissions(runtime(), fs::perms::owner_all);
+  }
+  // Makes `env` see the relocated root and only this test's processes.
+  void Install(TestEnv& env) {
+    env.SetRoot(root());
+    env.ShowOnlyOwnProcesses();
+    fs::create_directories(root() + "/opt");
+  }
+  std::string root() const { return mBase / "it's the root"; }
+  std::string home() const { return mBase / "home"; }
+  std::string runtime() const { return mBase / "run"; }
+  std::string installed() const { return FakeUpdaterBundle::InstalledPath(root()); }
+
+  testing_support::TempDir mBase;
+  TestEnv mEnv;
+  esd::ScopedEnv mScope{&mEnv};
+  EnvironmentList mNone;
+};
+
+class UpdaterDirsTest : public UpdaterUtilsTest {};
+class UpdaterLaunchTest : public UpdaterUtilsTest {};
+class NotifyTest : public UpdaterUtilsTest {
+ protected:
+  const std::string mAppID = "NotifyTest" + std::to_string(getpid());
+  testing_support::LockFileGuard mGuard{mAppID};
+};
+
+// New per-user product folders, down to the cache folder, are the user's alone (0700) whatever
+// the umask or the parent's bits; the standard folders above them take their parent's bits, and
+// existing folders keep theirs.
+TEST_F(UpdaterDirsTest, UserFoldersAreTheUsersAlone) {
+  chmod(home().c_str(), 0755);
+  const mode_t oldMask = umask(0);
+  std::string path;
+  ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(path));
+  umask(oldMask);
+  EXPECT_EQ(path, home() + "/.local/share/Vantu/Updater5/Data");
+  for (const auto& [level, mode] : {std::pair<const char*, mode_t>{"/.local/share", 0755},
+                                    {"/.local/share/Vantu", 0700},
+                                    {"/.local/share/Vantu/Updater5", 0700},
+                                    {"/.local/share/Vantu/Updater5/Data", 0700}})
+    EXPECT_EQ(ModeOf(home() + level), mode) << level;
+
+  const std::string vantu = home() + "/.local/share/Vantu";
+  fs::remove_all(vantu + "/Updater5");
+  chmod(vantu.c_str(), 0751);
+  ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
+  EXPECT_EQ(ModeOf(vantu), 0751u);
+  EXPECT_EQ(ModeOf(path), 0700u);
+}
+
+// Only root makes the missing all-users folders, and then as installed: the product folder
+// root:root 0755, the data folder root and the update group (here "wheel") 2775.
+TEST_F(UpdaterDirsTest, OnlyRootMakesTheAllUsersFoldersAsInstalled) {
+  if (geteuid() != 0) GTEST_SKIP() << "giving folders away needs root";
+  chmod(root().c_str(), 0700);
+  mEnv.SetGroups({"users", "wheel"});
+  std::string path;
+  mEnv.SetEffectiveUserId(1000);
+  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(path));
+  EXPECT_FALSE(fs::exists(root() + "/var/lib/Vantu"));
+  mEnv.SetEffectiveUserId(0);
+  ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(path));
+  EXPECT_EQ(path, root() + "/var/lib/Vantu/Updater5");
+  struct stat info {};
+  gid_t wheel = 0;
+  ASSERT_TRUE(stat(path.c_str(), &info) == 0 && mEnv.GetGroupId("wheel", wheel));
+  EXPECT_EQ(info.st_gid, wheel);
+  for (const auto& [level, mode] : {std::pair<const char*, mode_t>{"/var/lib", 0700},
+                                    {"/var/lib/Vantu", 0755},
+                                    {"/var/lib/Vantu/Updater5", 02775}})
+    EXPECT_EQ(ModeOf(root() + level), mode) << level;
+}
+
+// Without a home folder, or with a file where a folder belongs, there is no data folder and
+// nothing is created anywhere else.
+TEST_F(UpdaterDirsTest, UnusableLocationsGiveNoFolder) {
+  mEnv.SetHome("");
+  std::string path;
+  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
+  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(path));
+  EXPECT_TRUE(fs::is_empty(home()));
+  mEnv.SetHome(home());
+  fs::create_directories(home() + "/.local/share");
+  testing_support::WriteFile(home() + "/.local/share/Vantu", "not a folder");
+  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
+  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(path));
+  EXPECT_EQ(testing_support::ReadFile(home() + "/.local/share/Vantu"), "not a folder");
+}
+
+// The reference form of the location needs the installed bundle; the path form alone is the
+// launch tests' business.
+TEST_F(UpdaterDirsTest, UpdaterReferenceNeedsTheInstalledBundle) {
+  std::string path;
+  esd::FSRef ref;
+  ASSERT_TRUE(VantuUpdaterUtils::GetUpdaterLocation(path));
+  EXPECT_FALSE(VantuUpdaterUtils::GetUpdaterLocation(ref));
+  testing_support::FakeUpdaterBundle bundle(path);
+  ASSERT_TRUE(VantuUpdaterUtils::GetUpdaterLocation(ref));
+  EXPECT_EQ(ref.path, fs::canonical(path).string());
+}
+
+// Both ways of starting the updater hand it the parameters (a later pair wins) on top of the
+// host's environment, and nothing else of the host: no descriptor beyond the standard three,
+// even one without close-on-exec, and the host's own environment stays exactly as it was.
+TEST_F(UpdaterLaunchTest, UpdaterGetsTheParametersAndNothingElseOfTheHost) {
+  const std::function<bool(EnvironmentList&)> launches[] = {
+      [](EnvironmentList& p) { return VantuUpdaterUtils::LaunchUpdater(p); },
+      [](EnvironmentList& p) { return VantuUpdaterUtils::ForkUpdater(p, true); },
+      [](EnvironmentList& p) { return CKVXVersion().LaunchUpdater(p); },
+      [](EnvironmentList& p) { return CKVXVersion().ForkUpdater(p); }};
+  setenv("VU_TEST_SET", "before", 1);
+  const int held = open(mBase.path().c_str(), O_RDONLY | O_DIRECTORY);  // no close-on-exec
+  ASSERT_GT(held, 2);
+  for (const auto& launch : launches) {
+    SCOPED_TRACE(&launch - launches);
+    fs::remove_all(installed());
+    EnvironmentList params = {{"VU_TEST_SET", "during"},
+                              {VantuUpdaterUtils::kEnvStartMode, "1"},
+                              {"VU_TEST_SET", "second"}};
+    EXPECT_FALSE(launch(params)) << "not installed";
+    FakeUpdaterBundle bundle(installed());
+    ASSERT_TRUE(launch(params));
+    const auto reports = bundle.WaitForReports(1);
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0].environment.at("VU_TEST_SET"), "second");
+    EXPECT_EQ(reports[0].environment.at("RZ_LAUNCH_MODE"), "1");
+    EXPECT_EQ(reports[0].standardInput, "/dev/null");
+    EXPECT_EQ(reports[0].descriptors, std::vector<int>{});
+    EXPECT_STREQ(std::getenv("VU_TEST_SET"), "before");
+    EXPECT_EQ(std::getenv("RZ_LAUNCH_MODE"), nullptr);
+    EXPECT_TRUE(bundle.Stop());
+  }
+  close(held);
+  unsetenv("VU_TEST_SET");
+}
+
+// In the foreground the updater's exit status decides; a missing program fails without a shell.
+TEST_F(UpdaterLaunchTest, ForegroundForkWaitsForTheUpdater) {
+  FakeUpdaterBundle bundle(installed());
+  EnvironmentList succeed = {{"FAKE_UPDATER_EXIT", "0"}}, fail = {{"FAKE_UPDATER_EXIT", "3"}};
+  EXPECT_TRUE(VantuUpdaterUtils::ForkUpdater(succeed, false));
+  EXPECT_EQ(bundle.Reports().size(), 1u) << "the updater ran before ForkUpdater returned";
+  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(fail, false));
+  EXPECT_EQ(bundle.Reports().size(), 2u);
+  EXPECT_EQ(mEnv.ShellCommands().size(), 2u);
+  fs::remove(bundle.programPath());
+  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(succeed, true));
+  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(succeed, false));
+  EXPECT_EQ(mEnv.ShellCommands().size(), 2u) << "no shell for a missing program";
+}
+
+// Only the installed updater's own program counts, once installed: a copy of its bundle
+// elsewhere, the genuine Info.plist included, is not the updater. Only a request brings the
+// first one in the table to the front.
+TEST_F(UpdaterLaunchTest, OnlyTheInstalledProgramIsTheUpdater) {
+  FakeUpdaterBundle copy(mBase / "Copy.app");
+  ASSERT_TRUE(esd::SystemUtils::LaunchPath(copy.path(), mNone));
+  ASSERT_EQ(copy.WaitForReports(1).size(), 1u);
+  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false)) << "running, but not installed";
+  FakeUpdaterBundle bundle(installed());
+  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(true)) << "a copy is not the updater";
+  EXPECT_TRUE(mEnv.BroughtToFront().empty());
+
+  ASSERT_TRUE(VantuUpdaterUtils::LaunchUpdater(mNone));
+  ASSERT_TRUE(VantuUpdaterUtils::LaunchUpdater(mNone));
+  const auto reports = bundle.WaitForReports(2);
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_TRUE(VantuUpdaterUtils::IsUpdaterRunning(false));
+  EXPECT_TRUE(mEnv.BroughtToFront().empty());
+  EXPECT_TRUE(VantuUpdaterUtils::IsUpdaterRunning(true));
+  EXPECT_EQ(mEnv.BroughtToFront(), std::vector<pid_t>{std::min(reports[0].pid, reports[1].pid)});
+  ASSERT_TRUE(bundle.Stop() && copy.Stop());
+  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false));
+}
+
+// A program started by the updater is told that the updater is not running; others see it.
+TEST_F(UpdaterLaunchTest, UpdatersOwnChildSeesNoRunningUpdater) {
+  FakeUpdaterBundle bundle(installed());
+  EnvironmentList params = {{"FAKE_UPDATER_CHILD", testing_support::UpdaterProbeProgram()},
+                            {"FAKE_UPDATER_CHILD_ARG", root()}};
+  ASSERT_TRUE(VantuUpdaterUtils::LaunchUpdater(params));
+  const pid_t updater = bundle.WaitForReports(1).at(0).pid;
+  EXPECT_EQ(bundle.WaitForChildStatus(updater), 0) << "the probe under the updater saw it";
+  const pid_t probe = testing_support::StartChild([&] {
+    execl(testing_support::UpdaterProbeProgram().c_str(), "UpdaterProbe", root().c_str(),
+          static_cast<char*>(nullptr));
+    return 127;
+  });
+  EXPECT_EQ(testing_support::WaitChild(probe), 1) << "a probe of the test's own missed it";
+}
+
+// An updater whose program is a script is recognised by the script's path among the
+// interpreter's arguments.
+TEST_F(UpdaterLaunchTest, ScriptUpdaterIsFoundThroughItsArguments) {
+  FakeUpdaterBundle bundle(installed());
+  const std::string stopFile = mBase / "script.stop";
+  testing_support::WriteFile(bundle.programPath(),
+                             "#!/bin/sh\nwhile [ ! -e '" + stopFile + "' ]; do sleep 0.01; done\n");
+  ASSERT_TRUE(VantuUpdaterUtils::LaunchUpdater(mNone));
+  bool seen = false;
+  for (int i = 0; i < 2000 && !(seen = VantuUpdaterUtils::IsUpdaterRunning(true)); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  ASSERT_TRUE(seen);
+  const pid_t script = mEnv.BroughtToFront().back();
+  testing_support::WriteFile(stopFile, "");
+  ASSERT_TRUE(testing_support::WaitForProcessEnd(script));
+  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false));
+}
+
+// Odd process tables are passed over: a process that ended during the walk, a caller without a
+// parent in sight (the first process of a container), and a running bundle whose Info.plist no
+// longer parses or is a named pipe.
+TEST_F(UpdaterLaunchTest, OddProcessTablesAndBrokenBundlesArePassedOver) {
+  class OddTable : public TestEnv {
+   public:
+    bool ListProcessIds(std::vector<pid_t>& pids) override {
+      if (!TestEnv::ListProcessIds(pids)) return false;
+      pids.insert(pids.begin(), mGone);
+      return true;
+    }
+    bool GetProcessInfo(pid_t pid, ProcessInfo& info) override {
+      if (!TestEnv::GetProcessInfo(pid, info)) return false;
+      if (pid == getpid()) info.parentPid = 0;
+      return true;
+    }
+    pid_t mGone = testing_support::StartChild([] { return 0; });
+  } env;
+  testing_support::WaitChild(env.mGone);
+  Install(env);
+  esd::ScopedEnv scope(&env);
+  FakeUpdaterBundle bundle(installed());
+  ASSERT_TRUE(VantuUpdaterUtils::LaunchUpdater(mNone));
+  ASSERT_EQ(bundle.WaitForReports(1).size(), 1u);
+  EXPECT_TRUE(VantuUpdaterUtils::IsUpdaterRunning(false));
+
+  const std::string infoPlist = installed() + "/Contents/Info.plist";
+  testing_support::WriteFile(infoPlist, "<?xml version=\"1.0\"?><plist");
+  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false));
+  fs::remove(infoPlist);
+  ASSERT_EQ(mkfifo(infoPlist.c_str(), 0600), 0);
+  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false)) << "a named pipe is not read";
+}
+
+// The marker <temporary items>/Updater5/locked/lock.ID holds "lock" and makes the workflow
+// active until deleted, even when stale; deleting a missing marker succeeds. Marker and folders
+// are the user's alone whatever the umask. An identifier leading out of the lock folder, or no
+// usable temporary folder, reads as active and creates nothing.
+TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
+  std::string path;
+  ASSERT_TRUE(Locker::GetIPCLockFileParentFolder(path));
+  EXPECT_EQ(path, runtime() + "/Updater5");
+  EXPECT_FALSE(fs::exists(path)) << "asking for the parent creates nothing";
+  ASSERT_TRUE(Locker::GetIPCLockFilePath(mAppID, path));
+  EXPECT_EQ(path, runtime() + "/Updater5/locked/lock." + mAppID);
+
+  EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
+  EXPECT_FALSE(testing_support::LockIsHeld(mAppID)) << "the test took the lock only briefly";
+  const mode_t oldMask = umask(0);
+  ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID));
+  ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID)) << "an existing marker is rewritten";
+  umask(oldMask);
+  EXPECT_EQ(testing_support::ReadFile(path), "lock");
+  struct stat marker {}, folder {};
+  ASSERT_EQ(stat(path.c_str(), &marker) | stat((runtime() + "/Updater5").c_str(), &folder), 0);
+  EXPECT_EQ(marker.st_mode & 07777, 0600u);
+  EXPECT_EQ(folder.st_mode & 07777, 0700u);
+  EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
+  EXPECT_TRUE(Locker::DeleteIPCLockFile(mAppID));
+  EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
+  EXPECT_TRUE(Locker::DeleteIPCLockFile(mAppID));
+  testing_support::WriteFile(path, "lock");
+  EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
+
+  for (const char* appID : {"", "../escape", "a/b"}) {
+    EXPECT_FALSE(Locker::GetIPCLockFilePath(appID, path)) << appID;
+    EXPECT_TRUE(Locker::IsNotificationWorkflowActive(appID)) << appID;
+    EXPECT_FALSE(Locker::CreateIPCLockFile(appID) || Locker::DeleteIPCLockFile(appID)) << appID;
+  }
+  EXPECT_FALSE(fs::exists(runtime() + "/Updater5/escape") || fs::exists(runtime() + "/escape"));
+  testing_support::WriteFile(root() + "/not-a-folder", "");
+  mEnv.SetVariable("XDG_RUNTIME_DIR", root() + "/not-a-folder");
+  mEnv.SetVariable("TMPDIR", root() + "/not-a-folder");
+  EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
+  EXPECT_FALSE(Locker::CreateIPCLockFile(mAppID));
+  EXPECT_FALSE(testing_support::LockIsHeld(mAppID));
+}
+
+// Without a marker the workflow is active exactly while another process holds the lock.
+TEST_F(NotifyTest, LockHeldByAnotherProcessMakesTheWorkflowActive) {
+  testing_support::Pipe locked, release;
+  const pid_t holder = testing_support::StartChild([&] {
+    esd::ResourceLocker locker(mAppID, 0);
+    if (!locker.Lock()) return 1;
+    locked.Signal();
+    release.Wait();
+    return 0;
+  });
+  ASSERT_TRUE(locked.Wait());
+  EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
+  EXPECT_TRUE(testing_support::LockIsHeld(mAppID)) << "the holder's lock was not broken";
+  release.Signal();
+  EXPECT_EQ(testing_support::WaitChild(holder), 0);
+  EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
+}
+
+// A ROOT/Applications folder the user cannot write makes an administrator group count for
+// nothing; without the folder the groups decide.
+TEST_F(NotifyTest, UnwritableApplicationsFolderOverridesTheGroups) {
+  mEnv.SetGroups({"admin"});
+  EXPECT_TRUE(DoesUserHaveAdminPrivileges()) << "no applications folder";
+  const std::string applications = root() + "/Applications";
+  fs::create_directory(applications);
+  for (const std::string& path : {fs::path(root()).parent_path().string(), root(), applications})
+    chmod(path.c_str(), 0755);
+  EXPECT_TRUE(DoesUserHaveAdminPrivileges()) << "its owner can write it";
+  mEnv.DenyAccess(applications);
+  EXPECT_FALSE(DoesUserHaveAdminPrivileges());
+
+  // A real user without write access, in an administrator group all the same (as root the check
+  // runs as nobody).
+  chmod(applications.c_str(), 0555);
+  EXPECT_EQ(0, testing_support::RunUnprivileged([&] {
+              TestEnv unprivileged;
+              unprivileged.SetRoot(root());
+              unprivileged.SetGroups({"admin"});
+              esd::ScopedEnv scope(&unprivileged);
+              return DoesUserHaveAdminPrivileges() ? 1 : 0;
+            }));
+}
+
+}  // namespace
