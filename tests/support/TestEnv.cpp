@@ -2,22 +2,18 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace testing_support {
 
-namespace {
-
 // Far above the ids of any real group, so a made-up group never names a real one.
-constexpr gid_t kFirstFakeGroup = 3000000;
-
-}  // namespace
+static constexpr gid_t kFirstFakeGroup = 3000000;
 
 TestEnv::TestEnv() : esd::EnvWrapper(esd::Env::Platform()) {
   for (const char* name :
        {"XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR", "TMPDIR"})
     mViewedNames.insert(name);
 }
-
-TestEnv::~TestEnv() = default;
 
 void TestEnv::SetVariable(const std::string& name, const std::string& value) {
   std::lock_guard<std::mutex> lock(mMutex);
@@ -91,8 +87,9 @@ bool TestEnv::GetGroupName(gid_t group, std::string& name) {
   {
     std::lock_guard<std::mutex> lock(mMutex);
     if (mGroups) {
-      if (group < kFirstFakeGroup || group - kFirstFakeGroup >= mGroups->size()) return false;
-      name = (*mGroups)[group - kFirstFakeGroup];
+      const size_t index = group - kFirstFakeGroup;
+      if (group < kFirstFakeGroup || index >= mGroups->size()) return false;
+      name = (*mGroups)[index];
       return true;
     }
   }
@@ -103,12 +100,9 @@ bool TestEnv::GetGroupId(const std::string& name, gid_t& group) {
   {
     std::lock_guard<std::mutex> lock(mMutex);
     if (mGroups) {
-      for (size_t i = 0; i < mGroups->size(); ++i) {
-        if ((*mGroups)[i] != name) continue;
-        group = kFirstFakeGroup + static_cast<gid_t>(i);
-        return true;
-      }
-      return false;
+      const auto found = std::find(mGroups->begin(), mGroups->end(), name);
+      group = kFirstFakeGroup + static_cast<gid_t>(found - mGroups->begin());
+      return found != mGroups->end();
     }
   }
   return EnvWrapper::GetGroupId(name, group);

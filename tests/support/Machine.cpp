@@ -1,7 +1,7 @@
-#include "support/MultiUser.h"
-
 #include <fcntl.h>
 #include <grp.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,37 +10,71 @@
 #include <cstring>
 
 #include "support/ChildProcess.h"
-#include "support/TestEnv.h"
-#include "xplat/ScopedEnv.h"
+#include "support/MultiUser.h"
 #include "support/PrivateMounts.h"
 #include "support/TempDir.h"
+#include "support/TestEnv.h"
+#include "support/Unprivileged.h"
+#include "xplat/ScopedEnv.h"
 
 namespace testing_support {
 
 namespace {
 
-std::string Describe(const std::string& what) { return what + ": " + std::strerror(errno); }
+// Fills `why` from errno and fails.
+bool Fail(std::string& why, const std::string& what) {
+  why = what + ": " + std::strerror(errno);
+  return false;
+}
+
+bool WriteProcFile(const std::string& path, const std::string& text) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool ok = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  ::close(fd);
+  return ok;
+}
 
 // mkdir, then chown and chmod: the umask must not decide the mode.
 bool MakeFolder(const std::string& path, uid_t uid, gid_t gid, mode_t mode, std::string& why) {
-  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-    why = Describe("mkdir " + path);
-    return false;
-  }
-  if (::chown(path.c_str(), uid, gid) != 0 || ::chmod(path.c_str(), mode) != 0) {
-    why = Describe("owner and mode of " + path);
-    return false;
-  }
+  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return Fail(why, "mkdir " + path);
+  if (::chown(path.c_str(), uid, gid) != 0 || ::chmod(path.c_str(), mode) != 0)
+    return Fail(why, "owner and mode of " + path);
   return true;
 }
 
-const std::vector<const UserIdentity*>& Cast() {
-  static const std::vector<const UserIdentity*> cast = {
-      &RootUser(), &AdministratorA(), &AdministratorB(), &OrdinaryUser(), &Attacker()};
-  return cast;
+}  // namespace
+
+bool EnterPrivateMountNamespace(std::string& why) {
+  if (::unshare(CLONE_NEWNS) != 0) {
+    // A user namespace in which the caller keeps its ids but may mount.
+    const std::string uid = std::to_string(::geteuid()), gid = std::to_string(::getegid());
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return Fail(why, "unshare");
+    if (!WriteProcFile("/proc/self/uid_map", uid + " " + uid + " 1\n") ||
+        !WriteProcFile("/proc/self/setgroups", "deny") ||
+        !WriteProcFile("/proc/self/gid_map", gid + " " + gid + " 1\n"))
+      return Fail(why, "user namespace id maps");
+  }
+  // Otherwise mounts made here would propagate back to the shared namespace.
+  if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0)
+    return Fail(why, "making / private");
+  return true;
 }
 
-}  // namespace
+bool MountTmpfs(const std::string& folder, const std::string& options, std::string& why) {
+  if (::mount("tmpfs", folder.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0)
+    return Fail(why, "mount tmpfs " + options + " on " + folder);
+  return true;
+}
+
+bool MountReadOnly(const std::string& folder, std::string& why) {
+  if (::mount(folder.c_str(), folder.c_str(), "none", MS_BIND | MS_REC, nullptr) != 0 ||
+      ::mount("none", folder.c_str(), "none", MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0)
+    return Fail(why, "read-only bind mount " + folder);
+  return true;
+}
+
+bool UsePrivateSemaphores(std::string& why) { return MountTmpfs("/dev/shm", "mode=1777", why); }
 
 gid_t AdministratorsGroup() {
   const group* entry = ::getgrnam("sudo");
@@ -90,6 +124,10 @@ pid_t StartAs(const UserIdentity& who, const std::function<int()>& body) {
   });
 }
 
+int RunUnprivileged(const std::function<int()>& body) {
+  return CanRunAsOtherUsers() ? RunAs(Attacker(), body) : WaitChild(StartChild(body));
+}
+
 pid_t MultiUserMachine::StartHost(const UserIdentity& who,
                                   const std::function<int()>& body) const {
   return StartAs(who, [&] {
@@ -130,7 +168,8 @@ bool MultiUserMachine::Enter(const std::string& folder, std::string& why) {
         Root() + "/opt", mBase + "/home", mBase + "/run"}) {
     if (!MakeFolder(path, 0, 0, 0755, why)) return false;
   }
-  for (const UserIdentity* who : Cast()) {
+  for (const UserIdentity* who :
+       {&RootUser(), &AdministratorA(), &AdministratorB(), &OrdinaryUser(), &Attacker()}) {
     if (!MakeFolder(HomeOf(*who), who->uid, who->gid, 0700, why) ||
         !MakeFolder(RuntimeDirOf(*who), who->uid, who->gid, 0700, why)) {
       return false;

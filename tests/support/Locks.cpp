@@ -1,10 +1,10 @@
-#include "support/LockFiles.h"
-
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
 
+#include "support/LockFiles.h"
+#include "support/LockHolder.h"
 #include "xplat/ResourceLocker.h"
 
 namespace testing_support {
@@ -28,8 +28,8 @@ std::string LockFilePath(const std::string& resourceName) {
 }
 
 bool LockIsHeld(const std::string& resourceName) {
-  const std::string path = LockFilePath(resourceName);
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  const int fd = ::open(LockFilePath(resourceName).c_str(),
+                        O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd < 0) return false;
   struct flock range {};
   range.l_type = F_WRLCK;
@@ -38,6 +38,34 @@ bool LockIsHeld(const std::string& resourceName) {
   const bool held = ::fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
   ::close(fd);
   return held;
+}
+
+LockHolder::LockHolder(const std::string& resource, int holdMs) {
+  Pipe locked;
+  mPid = StartChild([&]() {
+    esd::ResourceLocker locker(resource, 0);
+    if (!locker.Lock()) return 91;
+    locked.Signal();
+    mRelease.Wait(holdMs);
+    return locker.Unlock(false) ? 0 : 92;
+  });
+  mLocked = locked.Wait();
+}
+
+LockHolder::~LockHolder() {
+  Release();
+  Wait();
+}
+
+void LockHolder::Release() {
+  if (mPid > 0 && !mReleased) mRelease.Signal();
+  mReleased = true;
+}
+
+int LockHolder::Wait() {
+  if (mPid > 0) mStatus = WaitChild(mPid);
+  mPid = -1;
+  return mStatus;
 }
 
 }  // namespace testing_support
