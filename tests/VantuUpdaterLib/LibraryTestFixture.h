@@ -1,8 +1,7 @@
 #ifndef TESTS_VANTUUPDATERLIB_LIBRARYTESTFIXTURE_H
 #define TESTS_VANTUUPDATERLIB_LIBRARYTESTFIXTURE_H
 
-// Shared ground of the end-to-end tests of the exported functions: each test gets a sandboxed
-// machine (relocated root, temporary home, substituted groups, a private process table) and
+// Shared ground of the end-to-end tests of the exports: each test gets a sandboxed machine and
 // calls the exports exactly as a host does.
 
 #include <gtest/gtest.h>
@@ -50,8 +49,7 @@ class LibraryTest : public ::testing::Test {
     return ROZRegisterApplication(id.c_str(), U(displayName), U(installPath));
   }
 
-  // Starts the installed updater outside the library, kept running until the sandbox stops it.
-  // Returns the number of launches recorded so far.
+  // Starts an updater that keeps running; the number of launches so far.
   size_t StartRunningUpdater() {
     EXPECT_TRUE(sandbox.StartRunningUpdater());
     return sandbox.Launches().size();

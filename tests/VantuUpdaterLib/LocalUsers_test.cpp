@@ -3,21 +3,14 @@
 // on a machine of its own (a private mount namespace) where the attacker is a real second user.
 // The checks run in the machine's process; its exit status carries their verdict.
 #include <fcntl.h>
-#include <grp.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "LibraryTestFixture.h"
 #include "support/ChildProcess.h"
@@ -140,11 +133,8 @@ TEST(LocalUsersTest, BundlePosingAsTheUpdaterIsNotTheUpdater) {
             testing_support::WriteFile(bundle + "/Contents/Info.plist", infoPlist);
             return fs::copy_file("/bin/sleep", program) ? 0 : 1;
           }));
-          const pid_t poserPid = testing_support::StartChild([&] {
-            const UserIdentity& who = Attacker();
-            if (::setgroups(0, nullptr) == 0 && ::setresgid(who.gid, who.gid, who.gid) == 0 &&
-                ::setresuid(who.uid, who.uid, who.uid) == 0)
-              ::execl(program.c_str(), program.c_str(), "60", static_cast<char*>(nullptr));
+          const pid_t poserPid = testing_support::StartAs(Attacker(), [&] {
+            ::execl(program.c_str(), program.c_str(), "60", static_cast<char*>(nullptr));
             return 127;
           });
           esd::Env::ProcessInfo info;

@@ -43,6 +43,15 @@ bool MakeFolder(const std::string& path, uid_t uid, gid_t gid, mode_t mode, std:
   return true;
 }
 
+const std::vector<UserIdentity>& Cast() {
+  static const std::vector<UserIdentity> cast = {{0, 0, {0}},
+                                                 {1000, 1000, {AdministratorsGroup()}},
+                                                 {1001, 1001, {AdministratorsGroup()}},
+                                                 {1002, 1002, {}},
+                                                 {65534, 65534, {}}};
+  return cast;
+}
+
 }  // namespace
 
 bool EnterPrivateMountNamespace(std::string& why) {
@@ -81,30 +90,11 @@ gid_t AdministratorsGroup() {
   return entry != nullptr ? entry->gr_gid : 27;
 }
 
-const UserIdentity& RootUser() {
-  static const UserIdentity user{0, 0, {0}};
-  return user;
-}
-
-const UserIdentity& AdministratorA() {
-  static const UserIdentity user{1000, 1000, {AdministratorsGroup()}};
-  return user;
-}
-
-const UserIdentity& AdministratorB() {
-  static const UserIdentity user{1001, 1001, {AdministratorsGroup()}};
-  return user;
-}
-
-const UserIdentity& OrdinaryUser() {
-  static const UserIdentity user{1002, 1002, {}};
-  return user;
-}
-
-const UserIdentity& Attacker() {
-  static const UserIdentity user{65534, 65534, {}};
-  return user;
-}
+const UserIdentity& RootUser() { return Cast()[0]; }
+const UserIdentity& AdministratorA() { return Cast()[1]; }
+const UserIdentity& AdministratorB() { return Cast()[2]; }
+const UserIdentity& OrdinaryUser() { return Cast()[3]; }
+const UserIdentity& Attacker() { return Cast()[4]; }
 
 bool CanRunAsOtherUsers() { return ::geteuid() == 0; }
 
@@ -168,10 +158,9 @@ bool MultiUserMachine::Enter(const std::string& folder, std::string& why) {
         Root() + "/opt", mBase + "/home", mBase + "/run"}) {
     if (!MakeFolder(path, 0, 0, 0755, why)) return false;
   }
-  for (const UserIdentity* who :
-       {&RootUser(), &AdministratorA(), &AdministratorB(), &OrdinaryUser(), &Attacker()}) {
-    if (!MakeFolder(HomeOf(*who), who->uid, who->gid, 0700, why) ||
-        !MakeFolder(RuntimeDirOf(*who), who->uid, who->gid, 0700, why)) {
+  for (const UserIdentity& who : Cast()) {
+    if (!MakeFolder(HomeOf(who), who.uid, who.gid, 0700, why) ||
+        !MakeFolder(RuntimeDirOf(who), who.uid, who.gid, 0700, why)) {
       return false;
     }
   }

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -34,7 +35,15 @@ const std::string& ProcessBaseFolder() {
   return folder.path();
 }
 
-using Clock = std::chrono::steady_clock;
+// Polls `done` every few milliseconds; false when it is still false after timeoutMs.
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(3));
+  }
+  return true;
+}
 
 // Info.plist in the form the options ask for (XML or binary), made by the same library that
 // reads it.
@@ -45,11 +54,7 @@ std::string InfoPlist(const FakeUpdaterBundle::Options& options) {
   plist_dict_set_item(dict, "CFBundleSignature", plist_new_string(options.signature.c_str()));
   char* bytes = nullptr;
   uint32_t length = 0;
-  if (options.binaryInfoPlist) {
-    plist_to_bin(dict, &bytes, &length);
-  } else {
-    plist_to_xml(dict, &bytes, &length);
-  }
+  (options.binaryInfoPlist ? plist_to_bin : plist_to_xml)(dict, &bytes, &length);
   plist_free(dict);
   if (!bytes) throw std::runtime_error("cannot write a property list");
   std::string result(bytes, length);
@@ -59,21 +64,17 @@ std::string InfoPlist(const FakeUpdaterBundle::Options& options) {
 
 bool ParseReport(const std::string& path, FakeUpdaterReport& report) {
   std::ifstream in(path);
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.rfind("env:", 0) == 0) {
-      const size_t equals = line.find('=', 4);
-      if (equals != std::string::npos)
-        report.environment[line.substr(4, equals - 4)] = line.substr(equals + 1);
-    } else if (line.rfind("pid=", 0) == 0) {
-      report.pid = std::stoi(line.substr(4));
-    } else if (line.rfind("sid=", 0) == 0) {
-      report.sessionId = std::stoi(line.substr(4));
-    } else if (line.rfind("fd:", 0) == 0) {
+  for (std::string line; std::getline(in, line);) {
+    const size_t equals = line.find('=');
+    const std::string key = line.substr(0, equals), value = line.substr(equals + 1);
+    if (line.rfind("env:", 0) == 0 && equals != std::string::npos)
+      report.environment[key.substr(4)] = value;
+    else if (line.rfind("fd:", 0) == 0)
       report.descriptors.push_back(std::atoi(line.c_str() + 3));
-    } else if (line.rfind("stdin=", 0) == 0) {
-      report.standardInput = line.substr(6);
-    }
+    else if (key == "pid" || key == "sid")
+      (key == "pid" ? report.pid : report.sessionId) = std::atoi(value.c_str());
+    else if (key == "stdin")
+      report.standardInput = value;
   }
   return report.pid > 0;
 }
@@ -135,25 +136,16 @@ std::vector<FakeUpdaterReport> FakeUpdaterBundle::Reports() const {
 
 std::vector<FakeUpdaterReport> FakeUpdaterBundle::WaitForReports(size_t count,
                                                                  int timeoutMs) const {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  std::vector<FakeUpdaterReport> reports = Reports();
-  while (reports.size() < count && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    reports = Reports();
-  }
+  std::vector<FakeUpdaterReport> reports;
+  WaitUntil([&] { return (reports = Reports()).size() >= count; }, timeoutMs);
   return reports;
 }
 
 int FakeUpdaterBundle::WaitForChildStatus(pid_t updater, int timeoutMs) const {
   const std::string path = mContents + "/reports/" + std::to_string(updater) + ".child";
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (Clock::now() < deadline) {
-    std::ifstream in(path);
-    int status = 0;
-    if (in >> status) return status;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return -2;
+  int status = -2;
+  WaitUntil([&] { return static_cast<bool>(std::ifstream(path) >> status); }, timeoutMs);
+  return status;
 }
 
 bool FakeUpdaterBundle::Stop(int timeoutMs) {
@@ -168,15 +160,12 @@ bool FakeUpdaterBundle::Stop(int timeoutMs) {
 }
 
 bool WaitForProcessEnd(pid_t pid, int timeoutMs) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  for (;;) {
-    int status = 0;
-    const pid_t reaped = waitpid(pid, &status, WNOHANG);
-    if (reaped == pid) return true;
-    if (reaped < 0 && errno == ECHILD && IsGoneOrZombie(pid)) return true;
-    if (Clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
+  return WaitUntil(
+      [pid] {
+        const pid_t reaped = waitpid(pid, nullptr, WNOHANG);
+        return reaped == pid || (reaped < 0 && errno == ECHILD && IsGoneOrZombie(pid));
+      },
+      timeoutMs);
 }
 
 std::string UpdaterProbeProgram() { return UPDATER_PROBE_PROGRAM; }
@@ -258,12 +247,7 @@ bool UpdaterSandbox::StartRunningUpdater() {
 }
 
 bool UpdaterSandbox::WaitFor(bool running, int timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (IsUpdaterRunning() != running) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
+  return WaitUntil([&] { return IsUpdaterRunning() == running; }, timeoutMs);
 }
 
 bool UpdaterSandbox::IsUpdaterRunning() {
