@@ -104,15 +104,12 @@ TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
       "",  std::string(257, 'a'), "org.example.caf\xC3\xA9" /* UTF-8, not 7-bit */,
       ".", "..", "org/example", "../../../../esc", "org.example\tA", "org.example\x7F"};
   const std::string name = displayName, path = installPath, id = appID;
-  const std::string name513(513, 'n'), path256 = "/" + std::string(255, 'p');
+  const std::string name513(513, 'n'), path256 = "/" + std::string(255, 'p'), none;
   const std::vector<std::string> badTexts = {
       "Host \xC0\x80" /* overlong */, "Host \xEF\xBF\xBE" /* U+FFFE */,
       "Host \xEF\xB7\x90" /* U+FDD0 */, "Host \xE2\x82" /* truncated */, "\x80Host"};
   bool available = false;
-  ROZMissingComponent component = {const_cast<char*>("fonts"), const_cast<char*>("Serif"),
-                                   const_cast<char*>("1.0.0.0")};
-  ROZMissingComponent* entries[] = {&component};
-  ROZMissingComptList list = {1, entries};
+  const Components components = {{"fonts", "Serif", "1.0.0.0"}};
   using Export = std::function<int32_t(const char*, const unsigned char*, const unsigned char*)>;
   const std::vector<std::pair<std::string, Export>> exports = {
       {"register", ROZRegisterApplication},
@@ -123,7 +120,7 @@ TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
          return ROZTriggerUpdateCheck(a, n, p, "en_US", kROZTriggerManual, true);
        }},
       {"download", [&](auto a, auto n, auto p) {
-         return ROZDownloadMissingComponents(a, n, p, "en_US", &list,
+         return ROZDownloadMissingComponents(a, n, p, "en_US", &components.list,
                                              kROZDownloadMissingCompTypeDefault, true);
        }}};
 
@@ -139,10 +136,10 @@ TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
   for (const std::string& badID : badIDs) rows.push_back({"appID", badID.c_str(), U(name), U(path)});
   for (const char* a : {id.c_str(), static_cast<const char*>(nullptr)}) {
     rows.push_back({"null name", a, nullptr, U(path)});
-    rows.push_back({"empty name", a, U(""), U(path)});
+    rows.push_back({"empty name", a, U(none), U(path)});
     rows.push_back({"name of 513 bytes", a, U(name513), U(path)});
     rows.push_back({"null path", a, U(name), nullptr});
-    rows.push_back({"empty path", a, U(name), U("")});
+    rows.push_back({"empty path", a, U(name), U(none)});
   }
   for (const std::string& bad : badTexts) {
     rows.push_back({"bad UTF-8 name", id.c_str(), U(bad), U(path)});

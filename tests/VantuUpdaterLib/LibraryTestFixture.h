@@ -29,6 +29,21 @@ inline std::string FileText(const std::string& path) {
 
 inline bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
+// A component list made of (category, name, version) triples; a null field stays null.
+struct Components {
+  std::vector<ROZMissingComponent> components;
+  std::vector<ROZMissingComponent*> pointers;
+  ROZMissingComptList list{};
+
+  Components(std::initializer_list<std::vector<const char*>> entries) {
+    for (const auto& e : entries)
+      components.push_back({const_cast<char*>(e[0]), const_cast<char*>(e[1]),
+                            const_cast<char*>(e[2])});
+    for (ROZMissingComponent& c : components) pointers.push_back(&c);
+    list = {static_cast<uint32_t>(pointers.size()), pointers.data()};
+  }
+};
+
 class LibraryTest : public ::testing::Test {
  protected:
   LibraryTest()

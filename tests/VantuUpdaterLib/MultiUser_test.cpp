@@ -113,18 +113,14 @@ int32_t RequestAvailability() {
 }
 
 int32_t RequestComponent() {
-  ROZMissingComponent component{const_cast<char*>("Spelling"), const_cast<char*>("Dictionary"),
-                                const_cast<char*>("1.0")};
-  ROZMissingComponent* components[] = {&component};
-  const ROZMissingComptList list{1, components};
-  return ROZDownloadMissingComponents(kAppID, U("Victim"), U("/opt/Victim"), nullptr, &list,
-                                      kROZDownloadMissingCompTypeDefault, false);
+  const Components request = {{"Spelling", "Dictionary", "1.0"}};
+  return ROZDownloadMissingComponents(kAppID, U("Victim"), U("/opt/Victim"), nullptr,
+                                      &request.list, kROZDownloadMissingCompTypeDefault, false);
 }
 
 int Register(const MultiUserMachine& machine, const UserIdentity& who, const char* appID) {
   return machine.RunHost(who, [appID] {
-    return ROZRegisterApplication(appID, reinterpret_cast<const unsigned char*>("Host"),
-                                  reinterpret_cast<const unsigned char*>("/opt/host"));
+    return ROZRegisterApplication(appID, U("Host"), U("/opt/host"));
   });
 }
 

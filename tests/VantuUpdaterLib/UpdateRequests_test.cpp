@@ -16,21 +16,6 @@ namespace {
 
 using testing_support::WriteFile;
 
-// Components made of (category, name, version) triples; a null field stays null.
-struct Request {
-  std::vector<ROZMissingComponent> components;
-  std::vector<ROZMissingComponent*> pointers;
-  ROZMissingComptList list{};
-
-  Request(std::initializer_list<std::vector<const char*>> entries) {
-    for (const auto& e : entries)
-      components.push_back({const_cast<char*>(e[0]), const_cast<char*>(e[1]),
-                            const_cast<char*>(e[2])});
-    for (ROZMissingComponent& c : components) pointers.push_back(&c);
-    list = {static_cast<uint32_t>(pointers.size()), pointers.data()};
-  }
-};
-
 class UpdateRequestsTest : public LibraryTest {
  protected:
   void SetUp() override {
@@ -51,7 +36,7 @@ class UpdateRequestsTest : public LibraryTest {
                                  false);
   }
 
-  int32_t Download(const Request& request, const char* language = "fr_FR") {
+  int32_t Download(const Components& request, const char* language = "fr_FR") {
     return ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), language,
                                         &request.list, static_cast<ROZDownloadMissingCompType>(2),
                                         false);
@@ -197,7 +182,7 @@ TEST_F(UpdateRequestsTest, PluginActionRunsOnlyWhenDueAndTheUpdaterIsIdle) {
 // A missing-components request is recorded once and starts the updater in download mode (a
 // running updater is signalled instead: the reference updater's end-to-end test sees that).
 TEST_F(UpdateRequestsTest, MissingComponentsAreRecordedOnceAndTheUpdaterStarted) {
-  const Request request = {{"fonts", "Serif", "1.0"}, {"fonts", "Mono", "2.1"}};
+  const Components request = {{"fonts", "Serif", "1.0"}, {"fonts", "Mono", "2.1"}};
   EXPECT_EQ(kROZResultOK, Download(request, "fr_fr"));
   const std::string store = FileText(sandbox.MissingCompsFile());
   for (const std::string& part :
@@ -222,7 +207,7 @@ TEST_F(UpdateRequestsTest, MissingComponentsAreRecordedOnceAndTheUpdaterStarted)
   // An empty list records nothing but still wakes the updater; registerFirst registers.
   ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
   std::filesystem::remove(sandbox.MissingCompsFile());
-  const Request none = {};
+  const Components none = {};
   EXPECT_EQ(kROZResultOK,
             ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), nullptr,
                                          &none.list, kROZDownloadMissingCompTypeDefault, true));
