@@ -13,8 +13,10 @@
 #include <thread>
 
 #include "support/ChildProcess.h"
+#include "support/LockHolder.h"
 #include "support/RunProgram.h"
 #include "support/TempDir.h"
+#include "xplat/ResourceLocker.h"
 
 namespace testing_support {
 
@@ -106,5 +108,33 @@ ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions&
 }
 
 bool CanChooseGroups() { return geteuid() == 0; }
+
+LockHolder::LockHolder(const std::string& resource, int holdMs) {
+  Pipe locked;
+  mPid = StartChild([&]() {
+    esd::ResourceLocker locker(resource, 0);
+    if (!locker.Lock()) return 91;
+    locked.Signal();
+    mRelease.Wait(holdMs);
+    return locker.Unlock(false) ? 0 : 92;
+  });
+  mLocked = locked.Wait();
+}
+
+LockHolder::~LockHolder() {
+  Release();
+  Wait();
+}
+
+void LockHolder::Release() {
+  if (mPid > 0 && !mReleased) mRelease.Signal();
+  mReleased = true;
+}
+
+int LockHolder::Wait() {
+  if (mPid > 0) mStatus = WaitChild(mPid);
+  mPid = -1;
+  return mStatus;
+}
 
 }  // namespace testing_support

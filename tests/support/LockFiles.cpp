@@ -4,7 +4,6 @@
 #include <atomic>
 
 #include "support/LockFiles.h"
-#include "support/LockHolder.h"
 #include "xplat/ResourceLocker.h"
 
 namespace testing_support {
@@ -38,34 +37,6 @@ bool LockIsHeld(const std::string& resourceName) {
   const bool held = ::fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
   ::close(fd);
   return held;
-}
-
-LockHolder::LockHolder(const std::string& resource, int holdMs) {
-  Pipe locked;
-  mPid = StartChild([&]() {
-    esd::ResourceLocker locker(resource, 0);
-    if (!locker.Lock()) return 91;
-    locked.Signal();
-    mRelease.Wait(holdMs);
-    return locker.Unlock(false) ? 0 : 92;
-  });
-  mLocked = locked.Wait();
-}
-
-LockHolder::~LockHolder() {
-  Release();
-  Wait();
-}
-
-void LockHolder::Release() {
-  if (mPid > 0 && !mReleased) mRelease.Signal();
-  mReleased = true;
-}
-
-int LockHolder::Wait() {
-  if (mPid > 0) mStatus = WaitChild(mPid);
-  mPid = -1;
-  return mStatus;
 }
 
 }  // namespace testing_support
