@@ -101,7 +101,7 @@ TEST_F(RegistrationTest, UnregisteringAndTheLastApplicationLeaving) {
   ASSERT_EQ(kROZResultOK, Register(appID));
   ASSERT_EQ(kROZResultOK, ROZUnRegisterApplication(appID.c_str()));
   EXPECT_FALSE(Exists(sandbox.RegistryFile()));
-  EXPECT_EQ(started, sandbox.Launches().size());
+  EXPECT_EQ(started, sandbox.WaitForLaunches(started + 1, 500).size()) << "a second updater";
 }
 
 TEST_F(RegistrationTest, AddOrUpdateRegistrationWritesOnlyWhatChanged) {

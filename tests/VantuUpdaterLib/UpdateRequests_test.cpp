@@ -176,7 +176,7 @@ TEST_F(UpdateRequestsTest, PluginActionRunsOnlyWhenDueAndTheUpdaterIsIdle) {
   const size_t started = StartRunningUpdater();
   EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(appID.c_str()));
   EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(""));
-  EXPECT_EQ(started, sandbox.Launches().size());
+  EXPECT_EQ(started, sandbox.WaitForLaunches(started + 1, 500).size()) << "a second updater";
 }
 
 // A missing-components request is recorded once and starts the updater in download mode (a
