@@ -35,11 +35,14 @@ TEST_F(ExportsTest, EnabledOnlyForAdministratorGroups) {
     std::vector<std::string> groups;
     int32_t enabled;
   };
-  const std::vector<Case> cases = {
-      {{"admin"}, 1}, {{"sudo"}, 1}, {{"wheel"}, 1}, {{"users", "root"}, 1},
-      {{"x", "admin2", "sudo"}, 1}, {{}, 0}, {{"users"}, 0},
-      {{"admin2", "sudoers", "Admin", "wheel ", "adm"}, 0},
-  };
+  const std::vector<Case> cases = {{{"admin"}, 1},
+                                   {{"sudo"}, 1},
+                                   {{"wheel"}, 1},
+                                   {{"users", "root"}, 1},
+                                   {{"x", "admin2", "sudo"}, 1},
+                                   {{}, 0},
+                                   {{"users"}, 0},
+                                   {{"admin2", "sudoers", "Admin", "wheel ", "adm"}, 0}};
   for (const Case& c : cases) {
     sandbox.env().SetGroups(c.groups);
     EXPECT_EQ(c.enabled, ROZIsUpdateCheckEnabled()) << ::testing::PrintToString(c.groups);
@@ -93,16 +96,23 @@ TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
   InstallUpdater();
   ASSERT_EQ(kROZResultOK, Register(otherAppID));
   const std::string data = sandbox.CacheDataDir();
-  for (const std::string& file : {data + "/UpdateAvailable/" + otherAppID + "/1.xml",
-                                  data + "/" + otherAppID + ".rzp.xml",
-                                  sandbox.home() + "/.local/esc.rzp.xml"}) {
+  for (const std::string& file :
+       {data + "/UpdateAvailable/" + otherAppID + "/1.xml", data + "/" + otherAppID + ".rzp.xml",
+        sandbox.home() + "/.local/esc.rzp.xml"}) {
     std::filesystem::create_directories(std::filesystem::path(file).parent_path());
     WriteFile(file, "<UpdateInfo><Result>1</Result></UpdateInfo>");
   }
 
-  const std::vector<std::string> badIDs = {
-      "",  std::string(257, 'a'), "org.example.caf\xC3\xA9" /* UTF-8, not 7-bit */,
-      ".", "..", "org/example", "../../../../esc", "org.example\tA", "org.example\x7F"};
+  // The third is valid UTF-8 but not 7-bit.
+  const std::vector<std::string> badIDs = {"",
+                                           std::string(257, 'a'),
+                                           "org.example.caf\xC3\xA9",
+                                           ".",
+                                           "..",
+                                           "org/example",
+                                           "../../../../esc",
+                                           "org.example\tA",
+                                           "org.example\x7F"};
   const std::string name = displayName, path = installPath, id = appID;
   const std::string name513(513, 'n'), path256 = "/" + std::string(255, 'p'), none;
   const std::vector<std::string> badTexts = {
@@ -133,7 +143,8 @@ TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
     const unsigned char* path;
   };
   std::vector<Row> rows;
-  for (const std::string& badID : badIDs) rows.push_back({"appID", badID.c_str(), U(name), U(path)});
+  for (const std::string& badID : badIDs)
+    rows.push_back({"appID", badID.c_str(), U(name), U(path)});
   for (const char* a : {id.c_str(), static_cast<const char*>(nullptr)}) {
     rows.push_back({"null name", a, nullptr, U(path)});
     rows.push_back({"empty name", a, U(none), U(path)});
@@ -176,7 +187,7 @@ TEST_F(ExportsTest, ArgumentsAtTheirLimitsAreAccepted) {
   const std::string id256(256, 'a');
   const std::string name512(512, 'n');
   const std::string path255 = "/" + std::string(254, 'p');
-  EXPECT_EQ(0, ROZRegisterApplication(id256.c_str(), U(name512), U(path255)));
+  EXPECT_EQ(kROZResultOK, ROZRegisterApplication(id256.c_str(), U(name512), U(path255)));
   const std::string registry = FileText(sandbox.RegistryFile());
   EXPECT_NE(std::string::npos, registry.find("appID=\"" + id256 + "\""));
   EXPECT_NE(std::string::npos, registry.find(name512));
@@ -184,13 +195,13 @@ TEST_F(ExportsTest, ArgumentsAtTheirLimitsAreAccepted) {
 
   // A four-byte character passes and is stored as given.
   const std::string fourByteName = "Host \xF0\x9F\x8E\xB5";
-  EXPECT_EQ(0, ROZRegisterApplication(appID.c_str(), U(fourByteName), U(installPath)));
+  EXPECT_EQ(kROZResultOK, ROZRegisterApplication(appID.c_str(), U(fourByteName), U(installPath)));
   EXPECT_NE(std::string::npos, FileText(sandbox.RegistryFile()).find(fourByteName));
 
   // The identifier limit holds for the other exports too: 256 bytes pass the checks and reach
   // the store, which does not know the application.
-  EXPECT_EQ(6, ROZUnRegisterApplication(std::string(256, 'b').c_str()));
-  EXPECT_EQ(6, ROZDoPluginAction(std::string(256, 'b').c_str()));
+  EXPECT_EQ(kROZResultNotRegistered, ROZUnRegisterApplication(std::string(256, 'b').c_str()));
+  EXPECT_EQ(kROZResultNotRegistered, ROZDoPluginAction(std::string(256, 'b').c_str()));
 
   // Without an updater installed, requests that pass every check end in 2, not 3: the download
   // has no path limit, the language is never a reason to reject, and the UTF-8 check lets an

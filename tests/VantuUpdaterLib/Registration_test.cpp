@@ -119,7 +119,8 @@ TEST_F(RegistrationTest, AddOrUpdateRegistrationWritesOnlyWhatChanged) {
     const testing_support::FileStamp written = StampOf(sandbox.RegistryFile());
     EXPECT_EQ(kROZResultOK, update(nullptr, path));
     EXPECT_EQ(kROZResultOK, update(U(appID), path));
-    EXPECT_EQ(kROZResultRegistryNotUpdated, ROZRegisterApplication(appID.c_str(), U(appID), U(path)));
+    EXPECT_EQ(kROZResultRegistryNotUpdated,
+              ROZRegisterApplication(appID.c_str(), U(appID), U(path)));
     EXPECT_TRUE(written == StampOf(sandbox.RegistryFile())) << path;
   }
 
@@ -162,10 +163,9 @@ TEST_F(RegistrationTest, WorkflowsCallOneAnotherThroughTheObject) {
   // The download asks the overridden question and registers through the override, whose
   // failure it reports before recording anything.
   ROZMissingComptList empty = {0, nullptr};
-  EXPECT_EQ(kROZResultNotRegistered,
-            facade.ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath),
-                                                nullptr, &empty, kROZDownloadMissingCompTypeDefault,
-                                                true));
+  EXPECT_EQ(kROZResultNotRegistered, facade.ROZDownloadMissingComponents(
+                                         appID.c_str(), U(displayName), U(installPath), nullptr,
+                                         &empty, kROZDownloadMissingCompTypeDefault, true));
   EXPECT_EQ(2u, facade.registered.size());
   EXPECT_FALSE(Exists(sandbox.MissingCompsFile()));
 

@@ -219,8 +219,9 @@ TEST_F(UpdateRequestsTest, MissingComponentsAreRecordedOnceAndTheUpdaterStarted)
 // The first failing entry ends the request: entries before it stay recorded, those after it are
 // not, and the updater is not started. Without an installed updater a request is still recorded.
 TEST_F(UpdateRequestsTest, FailingEntryStopsTheRequestAndAMissingUpdaterKeepsIt) {
-  EXPECT_EQ(kROZResultMissingCompsStoreFailed,
-            Download({{"fonts", "Serif", "1.0"}, {nullptr, "Mono", "1.0"}, {"fonts", "Sans", "1"}}));
+  EXPECT_EQ(
+      kROZResultMissingCompsStoreFailed,
+      Download({{"fonts", "Serif", "1.0"}, {nullptr, "Mono", "1.0"}, {"fonts", "Sans", "1"}}));
   const std::string store = FileText(sandbox.MissingCompsFile());
   EXPECT_NE(std::string::npos, store.find("name=\"Serif\""));
   EXPECT_EQ(std::string::npos, store.find("name=\"Mono\""));

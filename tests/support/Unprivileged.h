@@ -12,8 +12,8 @@ constexpr uid_t kUnprivilegedUid = 65534;
 constexpr gid_t kUnprivilegedGid = 65534;
 
 // Runs `body` in a forked child without privileges and returns its exit status: under root as
-// kUnprivilegedUid/Gid without supplementary groups (100 when the ids could not be taken), otherwise
-// as the caller. Files the body must reach need permissions for that user.
+// kUnprivilegedUid/Gid without supplementary groups (100 when the ids could not be taken),
+// otherwise as the caller. Files the body must reach need permissions for that user.
 int RunUnprivileged(const std::function<int()>& body);
 
 }  // namespace testing_support

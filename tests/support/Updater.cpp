@@ -198,25 +198,6 @@ UpdaterSandbox::~UpdaterSandbox() {
   ::unsetenv(kExitVariable);
 }
 
-std::string UpdaterSandbox::AllUsersDataDir() const { return mRoot + "/var/lib/Vantu/Updater5"; }
-std::string UpdaterSandbox::UserDataDir() const { return mHome + "/.local/share/Vantu/Updater5"; }
-std::string UpdaterSandbox::RegistryFile() const {
-  return AllUsersDataDir() + "/VantuESDGlobalApps.xml";
-}
-std::string UpdaterSandbox::MissingCompsFile() const {
-  return UserDataDir() + "/VantuMissingComps.xml";
-}
-std::string UpdaterSandbox::CacheDataDir() const { return UserDataDir() + "/Data"; }
-std::string UpdaterSandbox::PolicyFile() const {
-  return mRoot + "/etc/com.vantu.VantuUpdater.Admin.plist";
-}
-std::string UpdaterSandbox::MarkerFile(const std::string& appID) const {
-  return mRuntimeDir + "/Updater5/locked/lock." + appID;
-}
-std::string UpdaterSandbox::UpdaterBundle() const {
-  return FakeUpdaterBundle::InstalledPath(mRoot);
-}
-
 void UpdaterSandbox::InstallUpdater() {
   mUpdater = std::make_unique<FakeUpdaterBundle>(UpdaterBundle());
 }

@@ -30,14 +30,16 @@ class UpdaterSandbox {
   const std::string& home() const { return mHome; }
   const std::string& runtimeDir() const { return mRuntimeDir; }
 
-  std::string AllUsersDataDir() const;   // root/var/lib/Vantu/Updater5
-  std::string UserDataDir() const;       // home/.local/share/Vantu/Updater5
-  std::string RegistryFile() const;      // VantuESDGlobalApps.xml in AllUsersDataDir()
-  std::string MissingCompsFile() const;  // VantuMissingComps.xml in UserDataDir()
-  std::string CacheDataDir() const;      // UserDataDir()/Data
-  std::string PolicyFile() const;        // root/etc/com.vantu.VantuUpdater.Admin.plist
-  std::string MarkerFile(const std::string& appID) const;
-  std::string UpdaterBundle() const;
+  std::string AllUsersDataDir() const { return mRoot + "/var/lib/Vantu/Updater5"; }
+  std::string UserDataDir() const { return mHome + "/.local/share/Vantu/Updater5"; }
+  std::string RegistryFile() const { return AllUsersDataDir() + "/VantuESDGlobalApps.xml"; }
+  std::string MissingCompsFile() const { return UserDataDir() + "/VantuMissingComps.xml"; }
+  std::string CacheDataDir() const { return UserDataDir() + "/Data"; }
+  std::string PolicyFile() const { return mRoot + "/etc/com.vantu.VantuUpdater.Admin.plist"; }
+  std::string MarkerFile(const std::string& appID) const {
+    return mRuntimeDir + "/Updater5/locked/lock." + appID;
+  }
+  std::string UpdaterBundle() const { return FakeUpdaterBundle::InstalledPath(mRoot); }
 
   void InstallUpdater();
   void RemoveUpdater();  // stops its copies too
