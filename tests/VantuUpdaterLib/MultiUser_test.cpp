@@ -334,20 +334,25 @@ TEST(MultiUserTest, WhoMayChangeTheMachineWideStore) {
   }
 }
 
-// A user outside the group can neither write, replace nor delete the store, nor break the lock
-// an administrator holds on it.
-TEST(MultiUserTest, AnOutsiderCannotTouchTheStoreOrItsLock) {
+// While an administrator holds the store's lock, the preferences lock and an application's
+// workflow lock, a user outside the group can neither write, replace nor delete the store, nor
+// break its lock; another administrator finds the store locked but is not held up by the
+// per-user locks, even for the same application.
+TEST(MultiUserTest, LocksOfOneUserAgainstTheOthers) {
   if (!HasTmpfiles()) GTEST_SKIP() << "no systemd-tmpfiles";
   OnMachine([](const MultiUserMachine& machine) {
     if (!Provision(machine) || Register(machine, AdministratorA(), "com.example.A") != 0) return 10;
     const std::string store = machine.AllUsersDataDir() + "/VantuESDGlobalApps.xml";
     Pipe held, release;
     const pid_t holder = machine.StartHost(AdministratorA(), [&] {
+      // The workflow lock as the updater takes it while it works for the application.
+      VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
       esd::ResourceLocker lock(store, 0);
-      if (!lock.Lock()) return 1;
+      esd::ResourceLocker workflow("com.example.Same", 0);
+      if (!lock.Lock() || !prefs->LockPrefs() || !workflow.Lock()) return 1;
       held.Signal();
       release.Wait();
-      return lock.Unlock(false) ? 0 : 2;
+      return lock.Unlock(false) && prefs->UnlockPrefs() && workflow.Unlock(false) ? 0 : 2;
     });
     if (!held.Wait()) return 11;
     const int outsider = machine.RunHost(OrdinaryUser(), [&] {
@@ -358,44 +363,20 @@ TEST(MultiUserTest, AnOutsiderCannotTouchTheStoreOrItsLock) {
       if (unlink(store.c_str()) == 0) return 3;
       return esd::ResourceLocker(store, 0).Unlock(true) ? 4 : 0;
     });
-    const int stillHeld = machine.RunHost(
-        AdministratorB(), [&] { return esd::ResourceLocker(store, 0).Lock() ? 1 : 0; });
-    release.Signal();
-    const int holderStatus = WaitChild(holder);
-    return outsider != 0 ? 20 + outsider : stillHeld != 0 ? 30 : holderStatus != 0 ? 40 : 0;
-  });
-}
-
-// An administrator holding the preferences lock and an application's workflow lock holds up no
-// other user: those locks are per user, even for the same application.
-TEST(MultiUserTest, OneUsersLocksDoNotDelayAnother) {
-  if (!HasTmpfiles()) GTEST_SKIP() << "no systemd-tmpfiles";
-  OnMachine([](const MultiUserMachine& machine) {
-    if (!Provision(machine)) return 10;
-    Pipe held, release;
-    const pid_t holder = machine.StartHost(AdministratorA(), [&] {
-      // The workflow lock as the updater takes it while it works for the application.
-      VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
-      esd::ResourceLocker workflow("com.example.Same", 0);
-      if (!prefs->LockPrefs() || !workflow.Lock()) return 1;
-      held.Signal();
-      release.Wait();
-      return prefs->UnlockPrefs() && workflow.Unlock(false) ? 0 : 2;
-    });
-    if (!held.Wait()) return 11;
-    const int other = machine.RunHost(AdministratorB(), [] {
+    const int other = machine.RunHost(AdministratorB(), [&] {
       using VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker;
+      if (esd::ResourceLocker(store, 0).Lock()) return 1;
       if (VantuUpdaterNotifyWorkflowLocker::IsNotificationWorkflowActive("com.example.Same"))
-        return 1;
+        return 2;
       VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
       const auto start = std::chrono::steady_clock::now();
-      if (!prefs->LockPrefs()) return 2;
-      if (std::chrono::steady_clock::now() - start > std::chrono::seconds(1)) return 3;
-      return prefs->UnlockPrefs() ? 0 : 4;
+      if (!prefs->LockPrefs()) return 3;
+      if (std::chrono::steady_clock::now() - start > std::chrono::seconds(1)) return 4;
+      return prefs->UnlockPrefs() ? 0 : 5;
     });
     release.Signal();
     const int holderStatus = WaitChild(holder);
-    return other != 0 ? 20 + other : holderStatus != 0 ? 30 : 0;
+    return outsider != 0 ? 20 + outsider : other != 0 ? 30 + other : holderStatus != 0 ? 40 : 0;
   });
 }
 
