@@ -70,6 +70,16 @@ class LibraryTest : public ::testing::Test {
     return sandbox.Launches().size();
   }
 
+  // The environment entry `name` of the updater's launch number `count` (waited for), or
+  // "<unset>".
+  std::string Launched(size_t count, const std::string& name) {
+    const auto launches = sandbox.WaitForLaunches(count);
+    EXPECT_EQ(count, launches.size());
+    if (launches.size() < count) return "<no launch>";
+    const auto found = launches[count - 1].environment.find(name);
+    return found == launches[count - 1].environment.end() ? "<unset>" : found->second;
+  }
+
   testing_support::UpdaterSandbox sandbox;
   const std::string appID;
   const std::string otherAppID;

@@ -90,9 +90,7 @@ TEST_F(RegistrationTest, UnregisteringAndTheLastApplicationLeaving) {
 
   ASSERT_EQ(kROZResultOK, ROZUnRegisterApplication(otherAppID.c_str()));
   EXPECT_FALSE(Exists(sandbox.RegistryFile()));
-  const auto launches = sandbox.WaitForLaunches(1);
-  ASSERT_EQ(1u, launches.size());
-  EXPECT_EQ("5", launches[0].environment.at("RZ_LAUNCH_MODE"));
+  EXPECT_EQ("5", Launched(1, "RZ_LAUNCH_MODE"));
   // With no store left at all, unregistering is a store failure.
   EXPECT_EQ(kROZResultRegistryUnusable, ROZUnRegisterApplication(appID.c_str()));
 

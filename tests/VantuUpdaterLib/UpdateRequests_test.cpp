@@ -42,16 +42,6 @@ class UpdateRequestsTest : public LibraryTest {
                                         false);
   }
 
-  // The environment entry `name` of the updater's launch number `count` (waited for), or
-  // "<unset>".
-  std::string Launched(size_t count, const std::string& name) {
-    const auto launches = sandbox.WaitForLaunches(count);
-    EXPECT_EQ(count, launches.size());
-    if (launches.size() < count) return "<no launch>";
-    const auto found = launches[count - 1].environment.find(name);
-    return found == launches[count - 1].environment.end() ? "<unset>" : found->second;
-  }
-
   static VantuUpdaterPrefs* Prefs() { return VantuUpdaterPrefs::GetVantuUpdaterPrefs(); }
 
   static std::string Launch() {
