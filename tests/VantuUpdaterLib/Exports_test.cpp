@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "VantuUpdaterLib/LibraryTestFixture.h"
-#include "support/TempDir.h"
 
 namespace vantu_test {
 namespace {
@@ -36,16 +35,14 @@ TEST_F(ExportsTest, EnabledOnlyForAdministratorGroups) {
     std::vector<std::string> groups;
     int32_t enabled;
   };
-  const std::vector<Case> cases = {
-      {{"admin"}, 1},
-      {{"sudo"}, 1},
-      {{"wheel"}, 1},
-      {{"users", "root"}, 1},
-      {{"x", "admin2", "sudo"}, 1},
-      {{}, 0},
-      {{"users"}, 0},
-      {{"admin2", "sudoers", "Admin", "wheel ", "adm"}, 0},
-  };
+  const std::vector<Case> cases = {{{"admin"}, 1},
+                                   {{"sudo"}, 1},
+                                   {{"wheel"}, 1},
+                                   {{"users", "root"}, 1},
+                                   {{"x", "admin2", "sudo"}, 1},
+                                   {{}, 0},
+                                   {{"users"}, 0},
+                                   {{"admin2", "sudoers", "Admin", "wheel ", "adm"}, 0}};
   for (const Case& c : cases) {
     sandbox.env().SetGroups(c.groups);
     EXPECT_EQ(c.enabled, ROZIsUpdateCheckEnabled()) << ::testing::PrintToString(c.groups);
@@ -77,21 +74,18 @@ TEST_F(ExportsTest, DisabledRequestsAnswerSevenBeforeAnyCheck) {
   bool available = true;
   ROZMissingComptList empty = {0, nullptr};
 
-  EXPECT_EQ(7, ROZIsUpdateAvailable(nullptr, nullptr, nullptr, 1, &available, true));
-  EXPECT_EQ(7, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), "en_US",
-                                     kROZTriggerManual, true));
-  EXPECT_EQ(7, ROZDoPluginAction(""));
-  EXPECT_EQ(7, ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), "en_US",
-                                            &empty, kROZDownloadMissingCompTypeDefault, true));
+  for (const int32_t result :
+       {ROZIsUpdateAvailable(nullptr, nullptr, nullptr, 1, &available, true),
+        ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), "en_US",
+                              kROZTriggerManual, true),
+        ROZDoPluginAction(""),
+        ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), "en_US", &empty,
+                                     kROZDownloadMissingCompTypeDefault, true)})
+    EXPECT_EQ(kROZResultUpdateCheckDisabled, result);
   EXPECT_TRUE(available);
   EXPECT_EQ(before, sandbox.Snapshot());
   EXPECT_TRUE(sandbox.Launches().empty());
 }
-
-struct RejectedCall {
-  std::string label;
-  std::function<int32_t()> call;
-};
 
 // Each export's invalid arguments give 3 and create, change or start nothing: the limits one
 // byte over, identifiers that are not one plain 7-bit file-name component (they name folders,
@@ -100,95 +94,89 @@ struct RejectedCall {
 TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
   BecomeAdministrator();
   InstallUpdater();
-  ASSERT_EQ(0, Register(otherAppID));
+  ASSERT_EQ(kROZResultOK, Register(otherAppID));
   const std::string data = sandbox.CacheDataDir();
-  for (const std::string& file : {data + "/UpdateAvailable/" + otherAppID + "/1.xml",
-                                  data + "/" + otherAppID + ".rzp.xml",
-                                  sandbox.home() + "/.local/esc.rzp.xml"}) {
+  for (const std::string& file :
+       {data + "/UpdateAvailable/" + otherAppID + "/1.xml", data + "/" + otherAppID + ".rzp.xml",
+        sandbox.home() + "/.local/esc.rzp.xml"}) {
     std::filesystem::create_directories(std::filesystem::path(file).parent_path());
     WriteFile(file, "<UpdateInfo><Result>1</Result></UpdateInfo>");
   }
 
-  const std::string id257(257, 'a');
-  std::vector<std::string> badIDs = {"", id257,
-                                     "org.example.caf\xC3\xA9",  // valid UTF-8, not 7-bit
-                                     ".", "..", "org/example", "../../../../esc",
-                                     "org.example\tA", "org.example\x7F"};
-  const std::string name513(513, 'n');
-  const std::string path256 = "/" + std::string(255, 'p');
-  const std::string overlong = "Host \xC0\x80";
-  const std::string nonCharacter = "Host \xEF\xBF\xBE";       // U+FFFE
-  const std::string blockNonCharacter = "Host \xEF\xB7\x90";  // U+FDD0
-  const std::string truncated = "Host \xE2\x82";
-  const std::string strayContinuation = "\x80Host";
-  const std::string& id = appID;
-  const std::string& name = displayName;
-  const std::string& path = installPath;
+  // The third is valid UTF-8 but not 7-bit.
+  const std::vector<std::string> badIDs = {"",
+                                           std::string(257, 'a'),
+                                           "org.example.caf\xC3\xA9",
+                                           ".",
+                                           "..",
+                                           "org/example",
+                                           "../../../../esc",
+                                           "org.example\tA",
+                                           "org.example\x7F"};
+  const std::string name = displayName, path = installPath, id = appID;
+  const std::string name513(513, 'n'), path256 = "/" + std::string(255, 'p'), none;
+  const std::vector<std::string> badTexts = {
+      "Host \xC0\x80" /* overlong */, "Host \xEF\xBF\xBE" /* U+FFFE */,
+      "Host \xEF\xB7\x90" /* U+FDD0 */, "Host \xE2\x82" /* truncated */, "\x80Host"};
   bool available = false;
-  ROZMissingComponent component = {const_cast<char*>("fonts"), const_cast<char*>("Serif"),
-                                   const_cast<char*>("1.0.0.0")};
-  ROZMissingComponent* entries[] = {&component};
-  ROZMissingComptList list = {1, entries};
-
-  auto reg = [](const char* a, const unsigned char* n, const unsigned char* p) {
-    return ROZRegisterApplication(a, n, p);
-  };
-  auto avail = [&](const char* a, const unsigned char* n, const unsigned char* p) {
-    return ROZIsUpdateAvailable(a, n, p, 7, &available, true);
-  };
-  auto trig = [](const char* a, const unsigned char* n, const unsigned char* p) {
-    return ROZTriggerUpdateCheck(a, n, p, "en_US", kROZTriggerManual, true);
-  };
-  auto down = [&](const char* a, const unsigned char* n, const unsigned char* p) {
-    return ROZDownloadMissingComponents(a, n, p, "en_US", &list, kROZDownloadMissingCompTypeDefault,
-                                        true);
-  };
-
-  std::vector<RejectedCall> calls;
+  const Components components = {{"fonts", "Serif", "1.0.0.0"}};
   using Export = std::function<int32_t(const char*, const unsigned char*, const unsigned char*)>;
-  const std::vector<std::pair<std::string, Export>> threeArgumentExports = {
-      {"register", reg}, {"available", avail}, {"trigger", trig}, {"download", down}};
-  for (const auto& e : threeArgumentExports) {
-    const Export f = e.second;
-    const std::string l = e.first + ": ";
-    for (const std::string& badID : badIDs)
-      calls.push_back({l + "appID " + badID, [=] { return f(badID.c_str(), U(name), U(path)); }});
-    calls.push_back({l + "null name", [=] { return f(id.c_str(), nullptr, U(path)); }});
-    calls.push_back({l + "empty name", [=] { return f(id.c_str(), U(""), U(path)); }});
-    calls.push_back({l + "name of 513 bytes", [=] { return f(id.c_str(), U(name513), U(path)); }});
-    calls.push_back({l + "null path", [=] { return f(id.c_str(), U(name), nullptr); }});
-    calls.push_back({l + "empty path", [=] { return f(id.c_str(), U(name), U("")); }});
-    for (const std::string* bad :
-         {&overlong, &nonCharacter, &blockNonCharacter, &truncated, &strayContinuation}) {
-      calls.push_back({l + "bad UTF-8 name", [=] { return f(id.c_str(), U(*bad), U(path)); }});
-      calls.push_back({l + "bad UTF-8 path", [=] { return f(id.c_str(), U(name), U(*bad)); }});
-    }
-    if (e.first != "download")
-      calls.push_back(
-          {l + "path of 256 bytes", [=] { return f(id.c_str(), U(name), U(path256)); }});
+  const std::vector<std::pair<std::string, Export>> exports = {
+      {"register", ROZRegisterApplication},
+      {"available",
+       [&](auto a, auto n, auto p) { return ROZIsUpdateAvailable(a, n, p, 7, &available, true); }},
+      {"trigger",
+       [](auto a, auto n, auto p) {
+         return ROZTriggerUpdateCheck(a, n, p, "en_US", kROZTriggerManual, true);
+       }},
+      {"download", [&](auto a, auto n, auto p) {
+         return ROZDownloadMissingComponents(a, n, p, "en_US", &components.list,
+                                             kROZDownloadMissingCompTypeDefault, true);
+       }}};
+
+  // (label, identifier or null, name, path); the trigger alone accepts a null identifier, which
+  // then means "every application".
+  struct Row {
+    std::string label;
+    const char* id;
+    const unsigned char* name;
+    const unsigned char* path;
+  };
+  std::vector<Row> rows;
+  for (const std::string& badID : badIDs)
+    rows.push_back({"appID", badID.c_str(), U(name), U(path)});
+  for (const char* a : {id.c_str(), static_cast<const char*>(nullptr)}) {
+    rows.push_back({"null name", a, nullptr, U(path)});
+    rows.push_back({"empty name", a, U(none), U(path)});
+    rows.push_back({"name of 513 bytes", a, U(name513), U(path)});
+    rows.push_back({"null path", a, U(name), nullptr});
+    rows.push_back({"empty path", a, U(name), U(none)});
   }
-  // Only the trigger accepts a null identifier (it then means "every application").
-  calls.push_back({"register: null appID", [&] { return reg(nullptr, U(name), U(path)); }});
-  calls.push_back({"available: null appID", [&] { return avail(nullptr, U(name), U(path)); }});
-  calls.push_back({"download: null appID", [&] { return down(nullptr, U(name), U(path)); }});
-  calls.push_back(
-      {"trigger, null appID: null name", [&] { return trig(nullptr, nullptr, U(path)); }});
-  calls.push_back(
-      {"trigger, null appID: empty path", [&] { return trig(nullptr, U(name), U("")); }});
-  calls.push_back({"trigger, null appID: name of 513 bytes",
-                   [&] { return trig(nullptr, U(name513), U(path)); }});
-  for (const std::string& badID : badIDs) {
-    calls.push_back(
-        {"unregister: bad appID", [=] { return ROZUnRegisterApplication(badID.c_str()); }});
-    calls.push_back({"plug-in: bad appID", [=] { return ROZDoPluginAction(badID.c_str()); }});
+  for (const std::string& bad : badTexts) {
+    rows.push_back({"bad UTF-8 name", id.c_str(), U(bad), U(path)});
+    rows.push_back({"bad UTF-8 path", id.c_str(), U(name), U(bad)});
   }
-  calls.push_back({"unregister: null appID", [] { return ROZUnRegisterApplication(nullptr); }});
-  calls.push_back({"plug-in: null appID", [] { return ROZDoPluginAction(nullptr); }});
+  rows.push_back({"path of 256 bytes", id.c_str(), U(name), U(path256)});
+  rows.push_back({"null appID", nullptr, U(name), U(path)});
 
   const auto before = sandbox.Snapshot();
-  for (const RejectedCall& c : calls) {
-    EXPECT_EQ(3, c.call()) << c.label;
-    ASSERT_EQ(before, sandbox.Snapshot()) << c.label << " left something on disk";
+  const auto rejected = [&](const std::string& label, int32_t result) {
+    EXPECT_EQ(kROZResultInvalidArgument, result) << label;
+    ASSERT_EQ(before, sandbox.Snapshot()) << label << " left something on disk";
+  };
+  for (const auto& [exportName, call] : exports) {
+    for (const Row& row : rows) {
+      if ((row.label == "path of 256 bytes" && exportName == "download") ||
+          (row.label == "null appID" && exportName == "trigger"))
+        continue;
+      rejected(exportName + ": " + row.label, call(row.id, row.name, row.path));
+    }
+  }
+  std::vector<const char*> ids = {nullptr};
+  for (const std::string& badID : badIDs) ids.push_back(badID.c_str());
+  for (const char* badID : ids) {
+    rejected("unregister", ROZUnRegisterApplication(badID));
+    rejected("plug-in", ROZDoPluginAction(badID));
   }
   EXPECT_TRUE(sandbox.Launches().empty());
 }
@@ -199,7 +187,7 @@ TEST_F(ExportsTest, ArgumentsAtTheirLimitsAreAccepted) {
   const std::string id256(256, 'a');
   const std::string name512(512, 'n');
   const std::string path255 = "/" + std::string(254, 'p');
-  EXPECT_EQ(0, ROZRegisterApplication(id256.c_str(), U(name512), U(path255)));
+  EXPECT_EQ(kROZResultOK, ROZRegisterApplication(id256.c_str(), U(name512), U(path255)));
   const std::string registry = FileText(sandbox.RegistryFile());
   EXPECT_NE(std::string::npos, registry.find("appID=\"" + id256 + "\""));
   EXPECT_NE(std::string::npos, registry.find(name512));
@@ -207,13 +195,13 @@ TEST_F(ExportsTest, ArgumentsAtTheirLimitsAreAccepted) {
 
   // A four-byte character passes and is stored as given.
   const std::string fourByteName = "Host \xF0\x9F\x8E\xB5";
-  EXPECT_EQ(0, ROZRegisterApplication(appID.c_str(), U(fourByteName), U(installPath)));
+  EXPECT_EQ(kROZResultOK, ROZRegisterApplication(appID.c_str(), U(fourByteName), U(installPath)));
   EXPECT_NE(std::string::npos, FileText(sandbox.RegistryFile()).find(fourByteName));
 
   // The identifier limit holds for the other exports too: 256 bytes pass the checks and reach
   // the store, which does not know the application.
-  EXPECT_EQ(6, ROZUnRegisterApplication(std::string(256, 'b').c_str()));
-  EXPECT_EQ(6, ROZDoPluginAction(std::string(256, 'b').c_str()));
+  EXPECT_EQ(kROZResultNotRegistered, ROZUnRegisterApplication(std::string(256, 'b').c_str()));
+  EXPECT_EQ(kROZResultNotRegistered, ROZDoPluginAction(std::string(256, 'b').c_str()));
 
   // Without an updater installed, requests that pass every check end in 2, not 3: the download
   // has no path limit, the language is never a reason to reject, and the UTF-8 check lets an

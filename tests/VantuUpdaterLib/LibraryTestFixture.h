@@ -1,8 +1,7 @@
 #ifndef TESTS_VANTUUPDATERLIB_LIBRARYTESTFIXTURE_H
 #define TESTS_VANTUUPDATERLIB_LIBRARYTESTFIXTURE_H
 
-// Shared ground of the end-to-end tests of the exported functions: each test gets a sandboxed
-// machine (relocated root, temporary home, substituted groups, a private process table) and
+// Shared ground of the end-to-end tests of the exports: each test gets a sandboxed machine and
 // calls the exports exactly as a host does.
 
 #include <gtest/gtest.h>
@@ -30,6 +29,21 @@ inline std::string FileText(const std::string& path) {
 
 inline bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
+// A component list made of (category, name, version) triples; a null field stays null.
+struct Components {
+  std::vector<ROZMissingComponent> components;
+  std::vector<ROZMissingComponent*> pointers;
+  ROZMissingComptList list{};
+
+  Components(std::initializer_list<std::vector<const char*>> entries) {
+    for (const auto& e : entries)
+      components.push_back({const_cast<char*>(e[0]), const_cast<char*>(e[1]),
+                            const_cast<char*>(e[2])});
+    for (ROZMissingComponent& c : components) pointers.push_back(&c);
+    list = {static_cast<uint32_t>(pointers.size()), pointers.data()};
+  }
+};
+
 class LibraryTest : public ::testing::Test {
  protected:
   LibraryTest()
@@ -50,11 +64,20 @@ class LibraryTest : public ::testing::Test {
     return ROZRegisterApplication(id.c_str(), U(displayName), U(installPath));
   }
 
-  // Starts the installed updater outside the library, kept running until the sandbox stops it.
-  // Returns the number of launches recorded so far.
+  // Starts an updater that keeps running; the number of launches so far.
   size_t StartRunningUpdater() {
     EXPECT_TRUE(sandbox.StartRunningUpdater());
     return sandbox.Launches().size();
+  }
+
+  // The environment entry `name` of the updater's launch number `count` (waited for), or
+  // "<unset>".
+  std::string Launched(size_t count, const std::string& name) {
+    const auto launches = sandbox.WaitForLaunches(count);
+    EXPECT_EQ(count, launches.size());
+    if (launches.size() < count) return "<no launch>";
+    const auto found = launches[count - 1].environment.find(name);
+    return found == launches[count - 1].environment.end() ? "<unset>" : found->second;
   }
 
   testing_support::UpdaterSandbox sandbox;

@@ -1,20 +1,28 @@
-// Several real users on one machine whose folders the installed tmpfiles snippet made: who may
-// change the machine-wide store, what the others get, and that one user's locks do not hold up
-// another.
-#include <gtest/gtest.h>
+// Real users on one machine (a private mount namespace, real distinct ids): who may change the
+// machine-wide store in folders the installed tmpfiles snippet made, that one user's locks hold
+// up no other, and what another local user can do against a host: a bundle posing as the
+// updater, a link planted in a runtime folder, the user's own store, the private temporary
+// folder taken first. The checks run in the machine's process; its exit status is the verdict.
+#include "support/MultiUser.h"
+
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <list>
+#include <map>
 #include <string>
+#include <thread>
 
-#include "VantuUpdater/VantuUpdater.h"
+#include "LibraryTestFixture.h"
 #include "support/ChildProcess.h"
-#include "support/MultiUser.h"
+#include "support/FakeUpdaterBundle.h"
 #include "support/TestEnv.h"
 #include "xplat/ResourceLocker.h"
 #include "xplat/ScopedEnv.h"
@@ -22,14 +30,97 @@
 #include "xplat/VantuUpdaterPrefs.h"
 #include "xplat/VantuUpdaterRegistrationManager.h"
 
+namespace vantu_test {
+namespace {
+
+namespace fs = std::filesystem;
 using namespace testing_support;
 
-namespace {
+const char kAppID[] = "com.example.Victim";
+
+// Runs `body` as root on a fresh machine; skips where none can be made.
+void OnMachine(const std::function<int(const MultiUserMachine&)>& body) {
+  if (!CanRunAsOtherUsers()) GTEST_SKIP() << "other users need a root test run";
+  const int status = RunOnMachine(body);
+  if (status == kMachineUnavailable) GTEST_SKIP() << "no private machine";
+  EXPECT_EQ(0, status) << "-1: the machine's process died of a signal";
+}
+
+bool HasTmpfiles() { return access("/usr/bin/systemd-tmpfiles", X_OK) == 0; }
+
+// A host of `who` on the machine: an administrator with its own home and runtime folder, the
+// machine's shared temporary folder, and a process table of the test's own processes.
+struct Host {
+  Host(const MultiUserMachine& machine, const UserIdentity& who) : scope(&env) {
+    env.SetRoot(machine.Root());
+    env.SetHome(machine.HomeOf(who));
+    env.SetVariable("XDG_RUNTIME_DIR", machine.RuntimeDirOf(who));
+    env.SetVariable("TMPDIR", TemporaryFolder(machine));
+    env.SetGroups({"admin"});
+    env.ShowOnlyOwnProcesses();
+  }
+  static std::string TemporaryFolder(const MultiUserMachine& machine) {
+    return machine.base() + "/tmp";
+  }
+
+  TestEnv env;
+  esd::ScopedEnv scope;
+};
+
+// OnMachine with a shared sticky temporary folder, the all-users folder and the updater
+// installed (its copies end right after reporting); the body checks with gtest assertions.
+void AgainstAHost(const std::function<void(const MultiUserMachine&, FakeUpdaterBundle&)>& body) {
+  OnMachine([&](const MultiUserMachine& machine) {
+    std::string why;
+    const std::string tmp = Host::TemporaryFolder(machine);
+    if (!machine.InstallAllUsersFolder(AdministratorsGroup(), why) ||
+        ::mkdir(tmp.c_str(), 0700) != 0 || ::chmod(tmp.c_str(), 01777) != 0) {
+      ADD_FAILURE() << "machine: " << why;
+      return 1;
+    }
+    ::setenv("FAKE_UPDATER_EXIT", "0", 1);
+    FakeUpdaterBundle updater(FakeUpdaterBundle::InstalledPath(machine.Root()));
+    body(machine, updater);
+    return ::testing::Test::HasFailure() ? 1 : 0;
+  });
+}
+
+// A binary property list of `depth` arrays, each holding the next.
+std::string NestedBinaryPlist(uint32_t depth) {
+  auto bigEndian = [](std::string& out, uint64_t value, int bytes) {
+    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
+      out += static_cast<char>((value >> shift) & 0xFF);
+  };
+  std::string out = "bplist00";
+  std::vector<uint64_t> offsets;
+  for (uint32_t i = 0; i < depth; ++i) {
+    offsets.push_back(out.size());
+    out += static_cast<char>(i + 1 < depth ? 0xA1 : 0xA0);
+    if (i + 1 < depth) bigEndian(out, i + 1, 4);
+  }
+  const uint64_t table = out.size();
+  for (uint64_t offset : offsets) bigEndian(out, offset, 4);
+  out += std::string(6, '\0') + '\x04' + '\x04';
+  bigEndian(out, depth, 8);
+  bigEndian(out, 0, 8);
+  bigEndian(out, table, 8);
+  return out;
+}
+
+int32_t RequestAvailability() {
+  bool available = false;
+  return ROZIsUpdateAvailable(kAppID, U("Victim"), U("/opt/Victim"), 1, &available, false);
+}
+
+int32_t RequestComponent() {
+  const Components request = {{"Spelling", "Dictionary", "1.0"}};
+  return ROZDownloadMissingComponents(kAppID, U("Victim"), U("/opt/Victim"), nullptr,
+                                      &request.list, kROZDownloadMissingCompTypeDefault, false);
+}
 
 int Register(const MultiUserMachine& machine, const UserIdentity& who, const char* appID) {
   return machine.RunHost(who, [appID] {
-    return ROZRegisterApplication(appID, reinterpret_cast<const unsigned char*>("Host"),
-                                  reinterpret_cast<const unsigned char*>("/opt/host"));
+    return ROZRegisterApplication(appID, U("Host"), U("/opt/host"));
   });
 }
 
@@ -66,21 +157,141 @@ std::string Installed(const char* mode, const std::string& owner = "0") {
   return owner + ":" + std::to_string(AdministratorsGroup()) + " " + mode;
 }
 
-// Runs a body on a fresh machine, skipping where no machine can be made.
-void OnMachine(const std::function<int(const MultiUserMachine&)>& body) {
-  if (!CanRunAsOtherUsers()) GTEST_SKIP() << "other users need a root test run";
-  if (access("/usr/bin/systemd-tmpfiles", X_OK) != 0) GTEST_SKIP() << "no systemd-tmpfiles";
-  const int status = RunOnMachine(body);
-  if (status == kMachineUnavailable) GTEST_SKIP() << "no private machine";
-  EXPECT_EQ(0, status);
+// A bundle of the attacker's making whose program runs as the attacker is not the updater,
+// whatever its Info.plist says, and that Info.plist is never read: the plug-in action runs,
+// a download starts the updater, the last unregistration starts the clean-up.
+TEST(LocalUsersTest, BundlePosingAsTheUpdaterIsNotTheUpdater) {
+  const struct {
+    const char* name;
+    std::function<std::string(const std::string& genuine)> infoPlist;
+  } posers[] = {
+      {"the genuine Info.plist", [](const std::string& genuine) { return genuine; }},
+      {"a deeply nested binary Info.plist",
+       [](const std::string&) { return NestedBinaryPlist(1000000); }},
+  };
+  for (const auto& poser : posers) {
+    SCOPED_TRACE(poser.name);
+    AgainstAHost([&](const MultiUserMachine& machine, FakeUpdaterBundle& updater) {
+      Host host(machine, RootUser());
+      const std::string bundle = machine.HomeOf(Attacker()) + "/Vantu Updater.app";
+      const std::string program = bundle + "/Contents/MacOS/Vantu Updater";
+      const std::string infoPlist =
+          poser.infoPlist(ReadFile(updater.path() + "/Contents/Info.plist"));
+      ASSERT_EQ(0, RunAs(Attacker(), [&] {
+                  fs::create_directories(bundle + "/Contents/MacOS");
+                  WriteFile(bundle + "/Contents/Info.plist", infoPlist);
+                  return fs::copy_file("/bin/sleep", program) ? 0 : 1;
+                }));
+      const pid_t poserPid = StartAs(Attacker(), [&] {
+        ::execl(program.c_str(), program.c_str(), "60", static_cast<char*>(nullptr));
+        return 127;
+      });
+      esd::Env::ProcessInfo info;
+      for (int i = 0;
+           i < 2000 && !(host.env.GetProcessInfo(poserPid, info) && info.executablePath == program);
+           ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      ASSERT_EQ(info.executablePath, program);
+
+      // Each call must find the updater copy of the call before gone.
+      auto launched = [&](size_t count) {
+        const auto reports = updater.WaitForReports(count);
+        EXPECT_EQ(count, reports.size());
+        if (reports.size() != count) return std::map<std::string, std::string>();
+        EXPECT_TRUE(WaitForProcessEnd(reports.back().pid));
+        return reports.back().environment;
+      };
+      ASSERT_EQ(0, ROZRegisterApplication(kAppID, U("Victim"), U("/opt/Victim")));
+      EXPECT_EQ(0, ROZDoPluginAction(kAppID));
+      EXPECT_EQ(kAppID, launched(1)["doActionAppID"]);
+      EXPECT_EQ(0, RequestComponent());
+      EXPECT_EQ(1u, launched(2).count("RZ_LAUNCH_MODE"));
+      EXPECT_EQ(0, ROZUnRegisterApplication(kAppID));
+      EXPECT_EQ(1u, launched(3).count("RZ_LAUNCH_MODE"));
+      ::kill(poserPid, SIGKILL);
+      WaitChild(poserPid);
+    });
+  }
 }
 
-}  // namespace
+// The workflow markers live only in folders of the host's own. A runtime folder of another user
+// (a root host started with a user's environment) is refused, so a link planted there leads
+// nowhere; when the private temporary folder is taken by another user too, the request cannot
+// be marked and says so instead of reporting a pending answer for ever.
+TEST(LocalUsersTest, MarkersStayOutOfFoldersAnotherUserControls) {
+  const struct {
+    const char* name;
+    bool attackersRuntimeFolder;
+    bool fallbackTaken;
+    int32_t result;
+  } cases[] = {
+      {"runtime folder of another user", true, false, kROZResultAnswerPending},
+      {"no runtime folder, temporary folder taken", false, true, kROZResultMissingCompsStoreFailed},
+      {"both", true, true, kROZResultMissingCompsStoreFailed},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    AgainstAHost([&](const MultiUserMachine& machine, FakeUpdaterBundle&) {
+      Host host(machine, RootUser());
+      const std::string target = machine.Root() + "/etc/nologin";
+      const std::string runtime = machine.RuntimeDirOf(Attacker());
+      const std::string fallback = Host::TemporaryFolder(machine) + "/TemporaryItems-0";
+      EXPECT_EQ(0, RunAs(Attacker(), [&] {
+                  std::error_code error;
+                  fs::create_directories(runtime + "/Updater5/locked", error);
+                  fs::create_symlink(
+                      target, runtime + "/Updater5/locked/lock." + std::string(kAppID), error);
+                  if (c.fallbackTaken && ::mkdir(fallback.c_str(), 0700) != 0) return 1;
+                  return error ? 2 : 0;
+                }));
+      if (c.attackersRuntimeFolder)
+        host.env.SetVariable("XDG_RUNTIME_DIR", runtime);
+      else
+        host.env.SetVariable("XDG_RUNTIME_DIR", "relative/not/used");
+
+      EXPECT_EQ(c.result, RequestAvailability());
+      EXPECT_FALSE(fs::exists(fs::symlink_status(target))) << "written through the link";
+      EXPECT_EQ(c.result == kROZResultAnswerPending,
+                fs::exists(fallback + "/Updater5/locked/lock." + std::string(kAppID)));
+    });
+  }
+}
+
+// A user's missing-components store and its folders are that user's alone, whatever the umask
+// and the home's bits: another user can neither rewrite the store nor put a file beside it.
+TEST(LocalUsersTest, PerUserStoreIsTheUsersAlone) {
+  AgainstAHost([&](const MultiUserMachine& machine, FakeUpdaterBundle&) {
+    const UserIdentity& user = AdministratorA();
+    ::chmod(machine.HomeOf(user).c_str(), 0755);
+    const std::string data = machine.HomeOf(user) + "/.local/share/Vantu/Updater5";
+    const std::string store = data + "/VantuMissingComps.xml";
+    EXPECT_EQ(0, RunAs(user, [&] {
+                ::umask(0);
+                Host host(machine, user);
+                return RequestComponent();
+              }));
+    for (const auto& [path, mode] : {std::pair<std::string, mode_t>{store, 0600},
+                                     {data, 0700},
+                                     {fs::path(data).parent_path().string(), 0700}}) {
+      struct stat info {};
+      EXPECT_EQ(0, ::stat(path.c_str(), &info)) << path;
+      EXPECT_EQ(mode, info.st_mode & 07777) << path;
+      EXPECT_EQ(user.uid, info.st_uid) << path;
+    }
+    EXPECT_EQ(0, RunAs(Attacker(), [&] {
+                const int rewrite = ::open(store.c_str(), O_WRONLY | O_CLOEXEC);
+                const int plant =
+                    ::open((data + "/planted").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+                return (rewrite >= 0 ? 1 : 0) + (plant >= 0 ? 2 : 0);
+              }));
+  });
+}
 
 // After administrator B registered in the provisioned folder, each caller gets its result:
 // another administrator shares the store, whoever may not change it gets 4 and changes nothing,
 // and only root makes a missing folder, exactly as the snippet would, whatever its umask.
 TEST(MultiUserTest, WhoMayChangeTheMachineWideStore) {
+  if (!HasTmpfiles()) GTEST_SKIP() << "no systemd-tmpfiles";
   struct Case {
     const char* what;
     bool provisioned;
@@ -97,8 +308,8 @@ TEST(MultiUserTest, WhoMayChangeTheMachineWideStore) {
       {"nobody", true, 0, Attacker(), kROZResultRegistryUnusable, Installed("2775"), 1},
       {"an administrator, folder not group-writable", true, 0755, AdministratorA(),
        kROZResultRegistryUnusable, Installed("755"), 1},
-      {"an administrator, folder missing", false, 0, AdministratorA(),
-       kROZResultRegistryUnusable, "missing", -1},
+      {"an administrator, folder missing", false, 0, AdministratorA(), kROZResultRegistryUnusable,
+       "missing", -1},
       {"root, folder missing", false, 0, RootUser(), kROZResultOK, Installed("2775"), 1},
   };
   for (const Case& c : cases) {
@@ -106,9 +317,9 @@ TEST(MultiUserTest, WhoMayChangeTheMachineWideStore) {
     OnMachine([&c](const MultiUserMachine& machine) {
       const std::string folder = machine.AllUsersDataDir();
       const std::string product = machine.Root() + "/var/lib/Vantu";
-      if (c.provisioned ? !Provision(machine) ||
-                              Register(machine, AdministratorB(), "com.example.B") != 0
-                        : rmdir(product.c_str()) != 0)
+      if (c.provisioned
+              ? !Provision(machine) || Register(machine, AdministratorB(), "com.example.B") != 0
+              : rmdir(product.c_str()) != 0)
         return 10;
       if (c.folderMode != 0 && chmod(folder.c_str(), c.folderMode) != 0) return 11;
       umask(077);
@@ -123,20 +334,25 @@ TEST(MultiUserTest, WhoMayChangeTheMachineWideStore) {
   }
 }
 
-// A user outside the group can neither write, replace nor delete the store, nor break the lock
-// an administrator holds on it.
-TEST(MultiUserTest, AnOutsiderCannotTouchTheStoreOrItsLock) {
+// While an administrator holds the store's lock, the preferences lock and an application's
+// workflow lock, a user outside the group can neither write, replace nor delete the store, nor
+// break its lock; another administrator finds the store locked but is not held up by the
+// per-user locks, even for the same application.
+TEST(MultiUserTest, LocksOfOneUserAgainstTheOthers) {
+  if (!HasTmpfiles()) GTEST_SKIP() << "no systemd-tmpfiles";
   OnMachine([](const MultiUserMachine& machine) {
-    if (!Provision(machine) || Register(machine, AdministratorA(), "com.example.A") != 0)
-      return 10;
+    if (!Provision(machine) || Register(machine, AdministratorA(), "com.example.A") != 0) return 10;
     const std::string store = machine.AllUsersDataDir() + "/VantuESDGlobalApps.xml";
     Pipe held, release;
     const pid_t holder = machine.StartHost(AdministratorA(), [&] {
+      // The workflow lock as the updater takes it while it works for the application.
+      VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
       esd::ResourceLocker lock(store, 0);
-      if (!lock.Lock()) return 1;
+      esd::ResourceLocker workflow("com.example.Same", 0);
+      if (!lock.Lock() || !prefs->LockPrefs() || !workflow.Lock()) return 1;
       held.Signal();
       release.Wait();
-      return lock.Unlock(false) ? 0 : 2;
+      return lock.Unlock(false) && prefs->UnlockPrefs() && workflow.Unlock(false) ? 0 : 2;
     });
     if (!held.Wait()) return 11;
     const int outsider = machine.RunHost(OrdinaryUser(), [&] {
@@ -147,43 +363,22 @@ TEST(MultiUserTest, AnOutsiderCannotTouchTheStoreOrItsLock) {
       if (unlink(store.c_str()) == 0) return 3;
       return esd::ResourceLocker(store, 0).Unlock(true) ? 4 : 0;
     });
-    const int stillHeld = machine.RunHost(AdministratorB(), [&] {
-      return esd::ResourceLocker(store, 0).Lock() ? 1 : 0;
+    const int other = machine.RunHost(AdministratorB(), [&] {
+      using VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker;
+      if (esd::ResourceLocker(store, 0).Lock()) return 1;
+      if (VantuUpdaterNotifyWorkflowLocker::IsNotificationWorkflowActive("com.example.Same"))
+        return 2;
+      VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
+      const auto start = std::chrono::steady_clock::now();
+      if (!prefs->LockPrefs()) return 3;
+      if (std::chrono::steady_clock::now() - start > std::chrono::seconds(1)) return 4;
+      return prefs->UnlockPrefs() ? 0 : 5;
     });
     release.Signal();
     const int holderStatus = WaitChild(holder);
-    return outsider != 0 ? 20 + outsider : stillHeld != 0 ? 30 : holderStatus != 0 ? 40 : 0;
+    return outsider != 0 ? 20 + outsider : other != 0 ? 30 + other : holderStatus != 0 ? 40 : 0;
   });
 }
 
-// An administrator holding the preferences lock and an application's workflow lock holds up no
-// other user: those locks are per user, even for the same application.
-TEST(MultiUserTest, OneUsersLocksDoNotDelayAnother) {
-  OnMachine([](const MultiUserMachine& machine) {
-    if (!Provision(machine)) return 10;
-    Pipe held, release;
-    const pid_t holder = machine.StartHost(AdministratorA(), [&] {
-      // The workflow lock as the updater takes it while it works for the application.
-      VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
-      esd::ResourceLocker workflow("com.example.Same", 0);
-      if (!prefs->LockPrefs() || !workflow.Lock()) return 1;
-      held.Signal();
-      release.Wait();
-      return prefs->UnlockPrefs() && workflow.Unlock(false) ? 0 : 2;
-    });
-    if (!held.Wait()) return 11;
-    const int other = machine.RunHost(AdministratorB(), [] {
-      using VantuUpdaterUtils::VantuUpdaterNotifyWorkflowLocker;
-      if (VantuUpdaterNotifyWorkflowLocker::IsNotificationWorkflowActive("com.example.Same"))
-        return 1;
-      VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
-      const auto start = std::chrono::steady_clock::now();
-      if (!prefs->LockPrefs()) return 2;
-      if (std::chrono::steady_clock::now() - start > std::chrono::seconds(1)) return 3;
-      return prefs->UnlockPrefs() ? 0 : 4;
-    });
-    release.Signal();
-    const int holderStatus = WaitChild(holder);
-    return other != 0 ? 20 + other : holderStatus != 0 ? 30 : 0;
-  });
-}
+}  // namespace
+}  // namespace vantu_test

@@ -1,20 +1,19 @@
 // The requests that drive the updater: the availability exchange's odd cases (the exchange
 // itself is the reference updater's end-to-end test), the update-check trigger with the user's
-// automatic-check settings, and the plug-in action.
+// automatic-check settings, the plug-in action and missing-component requests.
 
 #include <boost/date_time/gregorian/gregorian.hpp>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "VantuUpdaterLib/LibraryTestFixture.h"
-#include "support/TempDir.h"
 #include "xplat/VantuUpdaterPrefs.h"
 
 namespace vantu_test {
 namespace {
 
-using boost::gregorian::date;
 using testing_support::WriteFile;
 
 class UpdateRequestsTest : public LibraryTest {
@@ -22,19 +21,25 @@ class UpdateRequestsTest : public LibraryTest {
   void SetUp() override {
     BecomeAdministrator();
     InstallUpdater();
-    sandbox.env().SetToday(date(2026, 3, 10));
+    sandbox.env().SetToday(boost::gregorian::date(2026, 3, 10));
   }
 
   std::string RequestFolder() const { return sandbox.CacheDataDir() + "/UpdateAvailable/" + appID; }
 
-  int32_t AskAvailable(unsigned long request, bool& available, bool registerFirst = true) {
+  int32_t AskAvailable(unsigned long request, bool& available) {
     return ROZIsUpdateAvailable(appID.c_str(), U(displayName), U(installPath), request, &available,
-                                registerFirst);
+                                false);
   }
 
   int32_t Trigger(ROZTriggerType type, const char* language = "en_US") {
     return ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), language, type,
                                  false);
+  }
+
+  int32_t Download(const Components& request, const char* language = "fr_FR") {
+    return ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), language,
+                                        &request.list, static_cast<ROZDownloadMissingCompType>(2),
+                                        false);
   }
 
   static VantuUpdaterPrefs* Prefs() { return VantuUpdaterPrefs::GetVantuUpdaterPrefs(); }
@@ -44,147 +49,184 @@ class UpdateRequestsTest : public LibraryTest {
     Prefs()->Launch.Get(launch);
     return launch;
   }
+
+  static bool Flag(esd::BasicPref<bool>& preference) {
+    bool flag = false;
+    EXPECT_TRUE(preference.Get(flag));
+    return flag;
+  }
 };
 
-// A result file that says nothing usable is consumed as "no update".
-TEST_F(UpdateRequestsTest, UnreadableAnswerCountsAsNoUpdate) {
-  for (const std::string content :
+// A result file that says nothing usable is consumed as "no update". An active workflow answers
+// "pending" and starts nothing; without an installed updater the marker is taken back, so the
+// next request may try again.
+TEST_F(UpdateRequestsTest, AvailabilityOddCases) {
+  bool available = true;
+  for (const char* content :
        {"<UpdateInfo><Result>1</Result>", "<UpdateInfo><Result>yes</Result></UpdateInfo>",
         "<UpdateInfo><Result>1</Result><Result>1</Result></UpdateInfo>", "<Other/>", ""}) {
     std::filesystem::create_directories(RequestFolder());
     WriteFile(RequestFolder() + "/7.xml", content);
-    bool available = true;
-    EXPECT_EQ(0, AskAvailable(7, available, false)) << content;
+    EXPECT_EQ(kROZResultOK, AskAvailable(7, available)) << content;
     EXPECT_FALSE(available) << content;
     EXPECT_FALSE(Exists(RequestFolder())) << content;
   }
-  EXPECT_TRUE(sandbox.Launches().empty());
   EXPECT_FALSE(Exists(sandbox.RegistryFile()));
-}
 
-TEST_F(UpdateRequestsTest, ActiveWorkflowOrMissingUpdaterStartsNothing) {
   std::filesystem::create_directories(sandbox.runtimeDir() + "/Updater5/locked");
   WriteFile(sandbox.MarkerFile(appID), "lock");
-  bool available = false;
-  EXPECT_EQ(8, AskAvailable(1, available, false));
+  EXPECT_EQ(kROZResultAnswerPending, AskAvailable(1, available));
   EXPECT_FALSE(Exists(RequestFolder()));
-
-  // Without an installed updater the marker is taken back, so the next request may try again.
   std::filesystem::remove(sandbox.MarkerFile(appID));
   sandbox.RemoveUpdater();
-  EXPECT_EQ(2, AskAvailable(1, available, false));
+  EXPECT_EQ(kROZResultUpdaterUnavailable, AskAvailable(1, available));
   EXPECT_FALSE(Exists(sandbox.MarkerFile(appID)));
   EXPECT_TRUE(sandbox.Launches().empty());
 }
 
-// A manual check always starts the updater and marks the launch as the user's.
+// A manual check always starts the updater and marks the launch as the user's; with
+// registerFirst it registers the application too.
 TEST_F(UpdateRequestsTest, ManualTriggerAlwaysStartsTheUpdater) {
   ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
-  EXPECT_EQ(0, Trigger(kROZTriggerManual, "EN-us"));
-  const auto launches = sandbox.WaitForLaunches(1);
-  ASSERT_EQ(1u, launches.size());
-  EXPECT_EQ("0", launches[0].environment.at("RZ_LAUNCH_MODE"));
-  EXPECT_EQ(appID, launches[0].environment.at("RZ_LAUNCH_APPID"));
-  EXPECT_EQ("en-US", launches[0].environment.at("RZ_DISPLAY_LANG"));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerManual, "EN-us"));
+  EXPECT_EQ("0", Launched(1, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ(appID, Launched(1, "RZ_LAUNCH_APPID"));
+  EXPECT_EQ("en-US", Launched(1, "RZ_DISPLAY_LANG"));
   EXPECT_EQ("Manual", Launch());
-  // Without registerFirst the store is not touched; with it, the application is registered.
   EXPECT_FALSE(Exists(sandbox.RegistryFile()));
-  EXPECT_EQ(0, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), nullptr,
-                                     kROZTriggerManual, true));
+  EXPECT_EQ(kROZResultOK, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath),
+                                                nullptr, kROZTriggerManual, true));
   EXPECT_NE(std::string::npos, FileText(sandbox.RegistryFile()).find(appID));
 }
 
-// A scheduled check honours the user's settings: nothing starts when automatic checks are off
-// or the last check is recent, and then the answer is still success.
-TEST_F(UpdateRequestsTest, ScheduledTriggerHonoursTheAutomaticCheckSettings) {
+// A scheduled check starts nothing (and still succeeds) when automatic checks are off or the
+// last check is recent. On the first run it is shown to the user; afterwards it runs in the
+// background, in the tray only for the default check type. A manual launch still pending is
+// never turned into a scheduled one.
+TEST_F(UpdateRequestsTest, ScheduledTriggerHonoursTheUsersSettings) {
   ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
-  EXPECT_EQ(0, Trigger(kROZTriggerScheduled));
-
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
   ASSERT_TRUE(Prefs()->AutoCheck.Set(true));
   ASSERT_TRUE(Prefs()->AutoCheckFreq.Set(1));
   ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-04")));  // six days ago
-  EXPECT_EQ(0, Trigger(kROZTriggerScheduled));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
   EXPECT_TRUE(sandbox.Launches().empty());
   EXPECT_EQ("", Launch());
 
   ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-03")));  // a week ago
-  EXPECT_EQ(0, Trigger(kROZTriggerScheduled, "de"));
-  const auto launches = sandbox.WaitForLaunches(1);
-  ASSERT_EQ(1u, launches.size());
-  EXPECT_EQ("1", launches[0].environment.at("RZ_LAUNCH_MODE"));
-  EXPECT_EQ(0u, launches[0].environment.count("RZ_DISPLAY_LANG"));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled, "de"));
+  EXPECT_EQ("1", Launched(1, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ("<unset>", Launched(1, "RZ_DISPLAY_LANG"));
   EXPECT_EQ("Scheduled", Launch());
-}
-
-// On the first run a scheduled check is shown to the user; afterwards it runs in the
-// background, in the tray only for the default check type. A manual launch still pending is
-// never turned into a scheduled one.
-TEST_F(UpdateRequestsTest, ScheduledTriggerAfterTheFirstRunRunsInTheBackground) {
-  EXPECT_EQ(0, Trigger(kROZTriggerScheduled));
-  bool flag = true;
-  ASSERT_TRUE(Prefs()->InBackground.Get(flag));
-  EXPECT_FALSE(flag);
-  EXPECT_EQ("Scheduled", Launch());
+  EXPECT_FALSE(Flag(Prefs()->InBackground));
 
   ASSERT_TRUE(Prefs()->IsFirstRun.Set(false));
   ASSERT_TRUE(Prefs()->Launch.Set(std::string("Manual")));
-  EXPECT_EQ(0, Trigger(kROZTriggerScheduled));
-  ASSERT_TRUE(Prefs()->InBackground.Get(flag));
-  EXPECT_TRUE(flag);
-  ASSERT_TRUE(Prefs()->InTrayIcon.Get(flag));
-  EXPECT_TRUE(flag);
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
+  EXPECT_TRUE(Flag(Prefs()->InBackground));
+  EXPECT_TRUE(Flag(Prefs()->InTrayIcon));
   EXPECT_EQ("Manual", Launch());
-
   ASSERT_TRUE(Prefs()->AutoCheckType.Set(2));
-  EXPECT_EQ(0, Trigger(kROZTriggerScheduled));
-  ASSERT_TRUE(Prefs()->InTrayIcon.Get(flag));
-  EXPECT_FALSE(flag);
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
+  EXPECT_FALSE(Flag(Prefs()->InTrayIcon));
   EXPECT_EQ(3u, sandbox.WaitForLaunches(3).size());
 }
 
 // Without an application the updater checks everything: no checks beyond name and path, nothing
 // registered even when asked to, and the launch counts as the user's.
 TEST_F(UpdateRequestsTest, TriggerWithoutApplicationStartsAGeneralCheck) {
-  const std::string notUTF8Path = "/opt/\xC0\x80";
-  EXPECT_EQ(0, ROZTriggerUpdateCheck(nullptr, U(displayName), U(notUTF8Path), nullptr,
-                                     kROZTriggerScheduled, true));
-  const auto launches = sandbox.WaitForLaunches(1);
-  ASSERT_EQ(1u, launches.size());
-  EXPECT_EQ("1", launches[0].environment.at("RZ_LAUNCH_MODE"));
-  EXPECT_EQ(0u, launches[0].environment.count("RZ_LAUNCH_APPID"));
+  EXPECT_EQ(kROZResultOK, ROZTriggerUpdateCheck(nullptr, U(displayName), U("/opt/\xC0\x80"),
+                                                nullptr, kROZTriggerScheduled, true));
+  EXPECT_EQ("1", Launched(1, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ("<unset>", Launched(1, "RZ_LAUNCH_APPID"));
   EXPECT_EQ("Manual", Launch());
   EXPECT_FALSE(Exists(sandbox.RegistryFile()));
-
   sandbox.RemoveUpdater();
-  EXPECT_EQ(2, ROZTriggerUpdateCheck(nullptr, U(displayName), U(installPath), nullptr,
-                                     kROZTriggerManual, false));
+  EXPECT_EQ(kROZResultUpdaterUnavailable,
+            ROZTriggerUpdateCheck(nullptr, U(displayName), U(installPath), nullptr,
+                                  kROZTriggerManual, false));
 }
 
-TEST_F(UpdateRequestsTest, PluginActionRunsOnlyForRegisteredApplicationsWhenDue) {
-  EXPECT_EQ(6, ROZDoPluginAction(appID.c_str()));
-  ASSERT_EQ(0, Register(appID));
-
-  // Checked recently: nothing to do yet.
+// The action runs only for registered applications when a check is due, and a running updater
+// refuses it before the identifier is even looked at.
+TEST_F(UpdateRequestsTest, PluginActionRunsOnlyWhenDueAndTheUpdaterIsIdle) {
+  EXPECT_EQ(kROZResultNotRegistered, ROZDoPluginAction(appID.c_str()));
+  ASSERT_EQ(kROZResultOK, Register(appID));
   ASSERT_TRUE(Prefs()->AutoCheckFreq.Set(1));
   ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-09")));
-  EXPECT_EQ(0, ROZDoPluginAction(appID.c_str()));
+  EXPECT_EQ(kROZResultOK, ROZDoPluginAction(appID.c_str()));
   EXPECT_TRUE(sandbox.Launches().empty());
 
   ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-02-01")));
-  EXPECT_EQ(0, ROZDoPluginAction(appID.c_str()));
-  const auto launches = sandbox.WaitForLaunches(1);
-  ASSERT_EQ(1u, launches.size());
-  EXPECT_EQ(appID, launches[0].environment.at("doActionAppID"));
+  EXPECT_EQ(kROZResultOK, ROZDoPluginAction(appID.c_str()));
+  EXPECT_EQ(appID, Launched(1, "doActionAppID"));
   EXPECT_EQ(nullptr, std::getenv("doActionAppID"));
+
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
+  const size_t started = StartRunningUpdater();
+  EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(appID.c_str()));
+  EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(""));
+  EXPECT_EQ(started, sandbox.WaitForLaunches(started + 1, 500).size()) << "a second updater";
 }
 
-// A running updater is busy: the action is refused before the identifier is even looked at.
-TEST_F(UpdateRequestsTest, PluginActionWhileTheUpdaterRunsAnswersTwelve) {
-  ASSERT_EQ(0, Register(appID));
-  const size_t started = StartRunningUpdater();
-  EXPECT_EQ(12, ROZDoPluginAction(appID.c_str()));
-  EXPECT_EQ(12, ROZDoPluginAction(""));
-  EXPECT_EQ(started, sandbox.Launches().size());
+// A missing-components request is recorded once and starts the updater in download mode (a
+// running updater is signalled instead: the reference updater's end-to-end test sees that).
+TEST_F(UpdateRequestsTest, MissingComponentsAreRecordedOnceAndTheUpdaterStarted) {
+  const Components request = {{"fonts", "Serif", "1.0"}, {"fonts", "Mono", "2.1"}};
+  EXPECT_EQ(kROZResultOK, Download(request, "fr_fr"));
+  const std::string store = FileText(sandbox.MissingCompsFile());
+  for (const std::string& part :
+       {"AppID=\"" + appID + "\"", std::string("OperationType=\"2\""),
+        std::string("<AMissingComponent category=\"fonts\" name=\"Serif\" version=\"1.0.0.0\">"),
+        std::string("<AMissingComponent category=\"fonts\" name=\"Mono\" version=\"2.1.0.0\">")})
+    EXPECT_NE(std::string::npos, store.find(part)) << part;
+  EXPECT_EQ("3", Launched(1, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ("fr_FR", Launched(1, "RZ_DISPLAY_LANG"));
+
+  // Each request below must find the updater gone, or it would signal instead of starting it.
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
+  EXPECT_EQ(kROZResultAlreadyRequested, Download(request, "en"));
+  EXPECT_EQ(store, FileText(sandbox.MissingCompsFile()));
+  EXPECT_EQ("<unset>", Launched(2, "RZ_DISPLAY_LANG")) << "a short code is no language";
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
+  EXPECT_EQ(kROZResultOK, Download({{"fonts", "Serif", "1.0"}, {"fonts", "Sans", "1.0"}}));
+  EXPECT_NE(std::string::npos, FileText(sandbox.MissingCompsFile()).find("name=\"Sans\""));
+  EXPECT_EQ(3u, sandbox.WaitForLaunches(3).size());
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+
+  // An empty list records nothing but still wakes the updater; registerFirst registers.
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
+  std::filesystem::remove(sandbox.MissingCompsFile());
+  const Components none = {};
+  EXPECT_EQ(kROZResultOK,
+            ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), nullptr,
+                                         &none.list, kROZDownloadMissingCompTypeDefault, true));
+  EXPECT_FALSE(Exists(sandbox.MissingCompsFile()));
+  EXPECT_NE(std::string::npos, FileText(sandbox.RegistryFile()).find(appID));
+  EXPECT_EQ(4u, sandbox.WaitForLaunches(4).size());
+}
+
+// The first failing entry ends the request: entries before it stay recorded, those after it are
+// not, and the updater is not started. Without an installed updater a request is still recorded.
+TEST_F(UpdateRequestsTest, FailingEntryStopsTheRequestAndAMissingUpdaterKeepsIt) {
+  EXPECT_EQ(
+      kROZResultMissingCompsStoreFailed,
+      Download({{"fonts", "Serif", "1.0"}, {nullptr, "Mono", "1.0"}, {"fonts", "Sans", "1"}}));
+  const std::string store = FileText(sandbox.MissingCompsFile());
+  EXPECT_NE(std::string::npos, store.find("name=\"Serif\""));
+  EXPECT_EQ(std::string::npos, store.find("name=\"Mono\""));
+  EXPECT_EQ(std::string::npos, store.find("name=\"Sans\""));
+  EXPECT_TRUE(sandbox.Launches().empty());
+  ROZMissingComponent* holes[] = {nullptr};
+  const ROZMissingComptList withHole = {1, holes};
+  EXPECT_EQ(kROZResultMissingCompsStoreFailed,
+            ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), nullptr,
+                                         &withHole, kROZDownloadMissingCompTypeDefault, false));
+
+  sandbox.RemoveUpdater();
+  EXPECT_EQ(kROZResultUpdaterUnavailable, Download({{"fonts", "Mono", "1.0"}}));
+  EXPECT_NE(std::string::npos, FileText(sandbox.MissingCompsFile()).find("name=\"Mono\""));
+  EXPECT_EQ(kROZResultUpdaterUnavailable, Download({{"fonts", "Mono", "1.0"}}));
 }
 
 }  // namespace

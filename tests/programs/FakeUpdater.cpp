@@ -1,17 +1,10 @@
-// A stand-in for the updater application in the launch and process tests. Installed as the
-// program of a test bundle, it reports how it was started and runs until told to stop.
-//
-// It works relative to its own program file, <bundle>/Contents/MacOS/<name>:
-//   - it writes <bundle>/Contents/reports/<pid>.report: "pid=", "sid=", "stdin=" (what
-//     standard input is), "fd:N" per open descriptor above the standard three, then
-//     "env:NAME=VALUE" per environment entry. Written under a
-//     temporary name and renamed, so a reader never sees half a report;
-//   - with FAKE_UPDATER_EXIT=N in its environment it exits with N right after reporting;
-//   - with FAKE_UPDATER_CHILD=PROGRAM it starts PROGRAM with the arguments in
-//     FAKE_UPDATER_CHILD_ARG (one argument) as its own child, waits for it and writes its exit
-//     status to <bundle>/Contents/reports/<pid>.child;
-//   - it runs until <bundle>/Contents/stop exists, and never longer than a minute, so a test
-//     that dies does not leave it behind.
+// A stand-in for the updater in the launch and process tests, installed as the program of a test
+// bundle, <bundle>/Contents/MacOS/<name>. It writes <bundle>/Contents/reports/<pid>.report
+// (atomically): "pid=", "sid=", "stdin=" (the target of fd 0), "fd:N" per open descriptor above
+// the standard three, "env:NAME=VALUE" per environment entry. With FAKE_UPDATER_EXIT=N it then
+// exits with N. With FAKE_UPDATER_CHILD=PROGRAM it runs PROGRAM [FAKE_UPDATER_CHILD_ARG] as its
+// child and writes its exit status to reports/<pid>.child. It runs until <bundle>/Contents/stop
+// exists, at most a minute, so a test that dies leaves nothing behind.
 #include <dirent.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -7,22 +7,22 @@
 
 namespace testing_support {
 
-// Runs `body` in a forked child whose exit status is body's return value. The child leaves with
-// _exit, so it never runs the parent's atexit handlers or GoogleTest's teardown.
+// Runs `body` in a forked child that leaves with _exit(body's return value; 99 on an exception),
+// so it never runs the parent's atexit handlers or GoogleTest's teardown.
 pid_t StartChild(const std::function<int()>& body);
 
-// Waits for the child and returns its exit status, or -1 when it did not exit normally.
+// Waits for the child: its exit status, or -1 when it did not exit normally.
 int WaitChild(pid_t pid);
 
-// A one-shot signal from one process to another over a pipe (for "I hold the lock now").
+// A one-shot signal from one process to another ("I hold the lock now").
 class Pipe {
  public:
   Pipe();
   ~Pipe();
   Pipe(const Pipe&) = delete;
   Pipe& operator=(const Pipe&) = delete;
-  void Signal();  // writes one byte
-  // Waits up to timeoutMs for one byte; true when it arrived.
+  void Signal();
+  // True when the signal arrived within timeoutMs.
   bool Wait(int timeoutMs = 10000);
 
  private:

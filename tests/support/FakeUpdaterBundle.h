@@ -18,10 +18,9 @@ struct FakeUpdaterReport {
   std::map<std::string, std::string> environment;
 };
 
-// An application bundle whose program is a copy of the fake updater (tests/programs), which
-// reports how it was started and keeps running until stopped. Creating the object makes this
-// test process adopt orphaned descendants, so detached updaters end up as its children and are
-// reaped; the destructor stops every copy that reported.
+// An application bundle whose program is a copy of the fake updater (tests/programs). This
+// process becomes the reaper of orphaned descendants, so detached copies are reaped; the
+// destructor stops every copy that reported.
 class FakeUpdaterBundle {
  public:
   struct Options {
@@ -31,30 +30,26 @@ class FakeUpdaterBundle {
     bool binaryInfoPlist = false;
   };
 
-  // Builds the bundle at `bundlePath` (missing folders created).
   explicit FakeUpdaterBundle(const std::string& bundlePath);
   FakeUpdaterBundle(const std::string& bundlePath, const Options& options);
   ~FakeUpdaterBundle();
   FakeUpdaterBundle(const FakeUpdaterBundle&) = delete;
   FakeUpdaterBundle& operator=(const FakeUpdaterBundle&) = delete;
 
-  // Where the library expects the updater below a machine root.
+  // The updater's installed location below a machine root.
   static std::string InstalledPath(const std::string& root);
 
   const std::string& path() const { return mPath; }
   std::string programPath() const;
 
-  // Waits until at least `count` copies have reported; returns every report, oldest first.
-  std::vector<FakeUpdaterReport> WaitForReports(size_t count, int timeoutMs = 10000) const;
-  // Every report so far.
+  // Every report so far, oldest first; WaitForReports first waits for at least `count`.
   std::vector<FakeUpdaterReport> Reports() const;
+  std::vector<FakeUpdaterReport> WaitForReports(size_t count, int timeoutMs = 10000) const;
 
-  // The exit status of the child that copy `updater` started (FAKE_UPDATER_CHILD); -2 when it
-  // did not arrive in time.
+  // The exit status of the child copy `updater` started (FAKE_UPDATER_CHILD); -2 on time-out.
   int WaitForChildStatus(pid_t updater, int timeoutMs = 10000) const;
 
-  // Tells every copy to end and waits until those that reported are gone. New copies started
-  // afterwards run again until the next Stop.
+  // Ends every copy and waits for those that reported; later copies run until the next Stop.
   bool Stop(int timeoutMs = 10000);
 
  private:
@@ -62,13 +57,10 @@ class FakeUpdaterBundle {
   std::string mContents;
 };
 
-// Makes this process the reaper of its orphaned descendants (idempotent).
-void AdoptOrphanedDescendants();
-
-// Waits until `pid` has ended; reaps it when it is this process's child. False on time-out.
+// Waits until `pid` has ended, reaping it when it is a child; false on time-out.
 bool WaitForProcessEnd(pid_t pid, int timeoutMs = 10000);
 
-// The probe program: `UpdaterProbe ROOT` exits 1 when it sees the updater running, else 0.
+// `UpdaterProbe ROOT` exits 1 when it sees the updater running, else 0.
 std::string UpdaterProbeProgram();
 
 }  // namespace testing_support

@@ -7,8 +7,8 @@
 
 namespace testing_support {
 
-// What changes when a file is rewritten, even with the same bytes: a save through a journal
-// replaces the inode, and any write moves the modification time.
+// What changes when a file is rewritten, even with the same bytes: a journaled save replaces
+// the inode, and any write moves the modification time.
 struct FileStamp {
   ino_t inode = 0;
   long long mtimeNs = 0;
@@ -17,7 +17,7 @@ struct FileStamp {
   }
 };
 
-// The stamp of the file at `path`; a zero stamp when it cannot be read.
+// A zero stamp when the file cannot be read.
 FileStamp StampOf(const std::string& path);
 
 }  // namespace testing_support

@@ -1,10 +1,9 @@
-#include "support/LockFiles.h"
-
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
 
+#include "support/LockFiles.h"
 #include "xplat/ResourceLocker.h"
 
 namespace testing_support {
@@ -28,8 +27,8 @@ std::string LockFilePath(const std::string& resourceName) {
 }
 
 bool LockIsHeld(const std::string& resourceName) {
-  const std::string path = LockFilePath(resourceName);
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  const int fd = ::open(LockFilePath(resourceName).c_str(),
+                        O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd < 0) return false;
   struct flock range {};
   range.l_type = F_WRLCK;

@@ -5,9 +5,7 @@
 
 namespace testing_support {
 
-// Removes the lock file of a resource when the guard dies, so that a test locking in the test
-// runner's own runtime folder leaves nothing behind. The path is taken when the guard is made,
-// under the Env in force then.
+// Removes a resource's lock file (its path under the Env in force when made) when it dies.
 class LockFileGuard {
  public:
   explicit LockFileGuard(const std::string& resourceName);
@@ -19,8 +17,7 @@ class LockFileGuard {
   std::string mPath;
 };
 
-// A resource name no other test run (or other test of this run) uses: it holds the process id,
-// a counter and the caller's tag.
+// A resource name no other test or test run uses (process id, counter, tag).
 std::string UniqueResourceName(const std::string& tag);
 
 // The resource's lock file where the library puts it; empty when there is no folder for it.

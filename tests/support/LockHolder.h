@@ -9,21 +9,18 @@
 
 namespace testing_support {
 
-// Another process holding the inter-process lock of `resource`: it takes the lock (time-out 0)
-// and keeps it until Release() is called or holdMs have passed, whichever comes first.
+// Another process holding the lock of `resource` (taken with time-out 0) until Release() or
+// holdMs, whichever comes first. The destructor releases and waits.
 class LockHolder {
  public:
   LockHolder(const std::string& resource, int holdMs);
-  // Releases the lock and waits for the process.
   ~LockHolder();
   LockHolder(const LockHolder&) = delete;
   LockHolder& operator=(const LockHolder&) = delete;
 
-  // Whether the process took the lock.
   bool Locked() const { return mLocked; }
-  // Tells the process to let go now.
   void Release();
-  // Waits for the process: 0 when it took the lock and released it cleanly.
+  // 0 when the process took the lock and released it cleanly.
   int Wait();
 
  private:

@@ -1,6 +1,5 @@
 #include "support/MultiUser.h"
 
-#include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,33 +9,36 @@
 #include <cstring>
 
 #include "support/ChildProcess.h"
-#include "support/TestEnv.h"
-#include "xplat/ScopedEnv.h"
 #include "support/PrivateMounts.h"
 #include "support/TempDir.h"
+#include "support/TestEnv.h"
+#include "support/Unprivileged.h"
+#include "xplat/ScopedEnv.h"
 
 namespace testing_support {
 
 namespace {
 
-std::string Describe(const std::string& what) { return what + ": " + std::strerror(errno); }
+// Fills `why` from errno and fails.
+bool Fail(std::string& why, const std::string& what) {
+  why = what + ": " + std::strerror(errno);
+  return false;
+}
 
 // mkdir, then chown and chmod: the umask must not decide the mode.
 bool MakeFolder(const std::string& path, uid_t uid, gid_t gid, mode_t mode, std::string& why) {
-  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
-    why = Describe("mkdir " + path);
-    return false;
-  }
-  if (::chown(path.c_str(), uid, gid) != 0 || ::chmod(path.c_str(), mode) != 0) {
-    why = Describe("owner and mode of " + path);
-    return false;
-  }
+  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return Fail(why, "mkdir " + path);
+  if (::chown(path.c_str(), uid, gid) != 0 || ::chmod(path.c_str(), mode) != 0)
+    return Fail(why, "owner and mode of " + path);
   return true;
 }
 
-const std::vector<const UserIdentity*>& Cast() {
-  static const std::vector<const UserIdentity*> cast = {
-      &RootUser(), &AdministratorA(), &AdministratorB(), &OrdinaryUser(), &Attacker()};
+const std::vector<UserIdentity>& Cast() {
+  static const std::vector<UserIdentity> cast = {{0, 0, {0}},
+                                                 {1000, 1000, {AdministratorsGroup()}},
+                                                 {1001, 1001, {AdministratorsGroup()}},
+                                                 {1002, 1002, {}},
+                                                 {65534, 65534, {}}};
   return cast;
 }
 
@@ -47,30 +49,11 @@ gid_t AdministratorsGroup() {
   return entry != nullptr ? entry->gr_gid : 27;
 }
 
-const UserIdentity& RootUser() {
-  static const UserIdentity user{0, 0, {0}};
-  return user;
-}
-
-const UserIdentity& AdministratorA() {
-  static const UserIdentity user{1000, 1000, {AdministratorsGroup()}};
-  return user;
-}
-
-const UserIdentity& AdministratorB() {
-  static const UserIdentity user{1001, 1001, {AdministratorsGroup()}};
-  return user;
-}
-
-const UserIdentity& OrdinaryUser() {
-  static const UserIdentity user{1002, 1002, {}};
-  return user;
-}
-
-const UserIdentity& Attacker() {
-  static const UserIdentity user{65534, 65534, {}};
-  return user;
-}
+const UserIdentity& RootUser() { return Cast()[0]; }
+const UserIdentity& AdministratorA() { return Cast()[1]; }
+const UserIdentity& AdministratorB() { return Cast()[2]; }
+const UserIdentity& OrdinaryUser() { return Cast()[3]; }
+const UserIdentity& Attacker() { return Cast()[4]; }
 
 bool CanRunAsOtherUsers() { return ::geteuid() == 0; }
 
@@ -88,6 +71,10 @@ pid_t StartAs(const UserIdentity& who, const std::function<int()>& body) {
     }
     return body();
   });
+}
+
+int RunUnprivileged(const std::function<int()>& body) {
+  return CanRunAsOtherUsers() ? RunAs(Attacker(), body) : WaitChild(StartChild(body));
 }
 
 pid_t MultiUserMachine::StartHost(const UserIdentity& who,
@@ -130,9 +117,9 @@ bool MultiUserMachine::Enter(const std::string& folder, std::string& why) {
         Root() + "/opt", mBase + "/home", mBase + "/run"}) {
     if (!MakeFolder(path, 0, 0, 0755, why)) return false;
   }
-  for (const UserIdentity* who : Cast()) {
-    if (!MakeFolder(HomeOf(*who), who->uid, who->gid, 0700, why) ||
-        !MakeFolder(RuntimeDirOf(*who), who->uid, who->gid, 0700, why)) {
+  for (const UserIdentity& who : Cast()) {
+    if (!MakeFolder(HomeOf(who), who.uid, who.gid, 0700, why) ||
+        !MakeFolder(RuntimeDirOf(who), who.uid, who.gid, 0700, why)) {
       return false;
     }
   }

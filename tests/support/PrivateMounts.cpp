@@ -12,7 +12,11 @@ namespace testing_support {
 
 namespace {
 
-std::string Describe(const std::string& what) { return what + ": " + std::strerror(errno); }
+// Fills `why` from errno and fails.
+bool Fail(std::string& why, const std::string& what) {
+  why = what + ": " + std::strerror(errno);
+  return false;
+}
 
 bool WriteProcFile(const std::string& path, const std::string& text) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
@@ -22,61 +26,34 @@ bool WriteProcFile(const std::string& path, const std::string& text) {
   return ok;
 }
 
-// A user namespace in which the caller keeps its own ids but holds the capabilities needed to
-// mount inside the mount namespace created with it.
-bool EnterUserAndMountNamespace(std::string& why) {
-  const uid_t uid = ::geteuid();
-  const gid_t gid = ::getegid();
-  if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-    why = Describe("unshare(CLONE_NEWUSER | CLONE_NEWNS)");
-    return false;
-  }
-  const std::string uidMap = std::to_string(uid) + " " + std::to_string(uid) + " 1\n";
-  const std::string gidMap = std::to_string(gid) + " " + std::to_string(gid) + " 1\n";
-  if (!WriteProcFile("/proc/self/uid_map", uidMap) ||
-      !WriteProcFile("/proc/self/setgroups", "deny") ||
-      !WriteProcFile("/proc/self/gid_map", gidMap)) {
-    why = Describe("user namespace id maps");
-    return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 bool EnterPrivateMountNamespace(std::string& why) {
   if (::unshare(CLONE_NEWNS) != 0) {
-    const std::string first = Describe("unshare(CLONE_NEWNS)");
-    if (!EnterUserAndMountNamespace(why)) {
-      why = first + "; " + why;
-      return false;
-    }
+    // A user namespace in which the caller keeps its ids but may mount.
+    const std::string uid = std::to_string(::geteuid()), gid = std::to_string(::getegid());
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return Fail(why, "unshare");
+    if (!WriteProcFile("/proc/self/uid_map", uid + " " + uid + " 1\n") ||
+        !WriteProcFile("/proc/self/setgroups", "deny") ||
+        !WriteProcFile("/proc/self/gid_map", gid + " " + gid + " 1\n"))
+      return Fail(why, "user namespace id maps");
   }
-  // Without this, mounts made here would propagate back to the shared namespace.
-  if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
-    why = Describe("making / private");
-    return false;
-  }
+  // Otherwise mounts made here would propagate back to the shared namespace.
+  if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0)
+    return Fail(why, "making / private");
   return true;
 }
 
 bool MountTmpfs(const std::string& folder, const std::string& options, std::string& why) {
-  if (::mount("tmpfs", folder.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
-    why = Describe("mount tmpfs " + options + " on " + folder);
-    return false;
-  }
+  if (::mount("tmpfs", folder.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0)
+    return Fail(why, "mount tmpfs " + options + " on " + folder);
   return true;
 }
 
 bool MountReadOnly(const std::string& folder, std::string& why) {
-  if (::mount(folder.c_str(), folder.c_str(), "none", MS_BIND | MS_REC, nullptr) != 0) {
-    why = Describe("bind mount " + folder);
-    return false;
-  }
-  if (::mount("none", folder.c_str(), "none", MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
-    why = Describe("read-only remount " + folder);
-    return false;
-  }
+  if (::mount(folder.c_str(), folder.c_str(), "none", MS_BIND | MS_REC, nullptr) != 0 ||
+      ::mount("none", folder.c_str(), "none", MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0)
+    return Fail(why, "read-only bind mount " + folder);
   return true;
 }
 

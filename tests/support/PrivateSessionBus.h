@@ -9,11 +9,8 @@
 
 namespace testing_support {
 
-// A dbus-daemon of the test's own, listening on a socket in a temporary folder, so a test can
-// watch what the library broadcasts without reaching (or disturbing) the user's real session bus.
-// While the object lives, DBUS_SESSION_BUS_ADDRESS points at it; the previous value is restored
-// and the daemon stopped (by its process id) when it dies. Throws std::runtime_error when the
-// daemon cannot be started.
+// A dbus-daemon of the test's own on a socket in a temporary folder; DBUS_SESSION_BUS_ADDRESS
+// points at it while the object lives. Throws std::runtime_error when it cannot start.
 class PrivateSessionBus {
  public:
   PrivateSessionBus();

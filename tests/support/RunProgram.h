@@ -7,7 +7,6 @@
 
 namespace testing_support {
 
-// What a finished program printed and how it ended.
 struct ProgramResult {
   int exitStatus = -1;  // -1 when it did not exit normally or did not end in time
   std::string out;
@@ -15,22 +14,19 @@ struct ProgramResult {
 };
 
 struct RunOptions {
-  // Variables set in, and removed from, the program's environment, which is otherwise this
-  // process's.
+  // Changes to this process's environment for the program.
   std::map<std::string, std::string> setVariables;
   std::vector<std::string> unsetVariables;
-  // The program's supplementary groups: inherited, {0} ("root", which makes it an administrator
-  // for the library), or none (not an administrator). Choosing needs root; see CanChooseGroups.
+  // Supplementary groups: inherited, {0} (an administrator for the library) or none. Needs root.
   enum class Groups { kInherited, kAdministrator, kNone };
   Groups groups = Groups::kInherited;
-  int timeoutMs = 60000;
+  int timeoutMs = 60000;  // then it is killed
 };
 
-// Runs argv[0] (a path, no PATH search) with the arguments, collects both output streams and
-// waits for it. A program still running after the time-out is killed.
+// Runs argv[0] (a path) with standard input from /dev/null and collects both output streams.
 ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
 
-// Whether RunOptions::groups can be chosen here: only root may set its groups.
+// Whether RunOptions::groups can be chosen here (only root may).
 bool CanChooseGroups();
 
 }  // namespace testing_support

@@ -14,14 +14,12 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
 
   const std::string& path() const { return mPath; }
-  // path() joined with a relative name.
   std::string operator/(const std::string& name) const { return mPath + "/" + name; }
 
  private:
   std::string mPath;
 };
 
-// Whole-file helpers for assertions on exact bytes.
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
 

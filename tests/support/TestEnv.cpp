@@ -2,22 +2,18 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace testing_support {
 
-namespace {
-
 // Far above the ids of any real group, so a made-up group never names a real one.
-constexpr gid_t kFirstFakeGroup = 3000000;
-
-}  // namespace
+static constexpr gid_t kFirstFakeGroup = 3000000;
 
 TestEnv::TestEnv() : esd::EnvWrapper(esd::Env::Platform()) {
   for (const char* name :
        {"XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR", "TMPDIR"})
     mViewedNames.insert(name);
 }
-
-TestEnv::~TestEnv() = default;
 
 void TestEnv::SetVariable(const std::string& name, const std::string& value) {
   std::lock_guard<std::mutex> lock(mMutex);
@@ -64,15 +60,14 @@ bool TestEnv::GetHomeDirectory(std::string& path) {
 }
 
 bool TestEnv::GetEnvironmentVariable(const std::string& name, std::string& value) {
-  {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (mViewedNames.count(name)) {
-      auto found = mVariables.find(name);
-      if (found == mVariables.end()) return false;
-      value = found->second;
-      return true;
-    }
+  std::unique_lock<std::mutex> lock(mMutex);
+  if (mViewedNames.count(name)) {
+    auto found = mVariables.find(name);
+    if (found == mVariables.end()) return false;
+    value = found->second;
+    return true;
   }
+  lock.unlock();
   return EnvWrapper::GetEnvironmentVariable(name, value);
 }
 
@@ -88,37 +83,32 @@ bool TestEnv::GetSupplementaryGroups(std::vector<gid_t>& groups) {
 }
 
 bool TestEnv::GetGroupName(gid_t group, std::string& name) {
-  {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (mGroups) {
-      if (group < kFirstFakeGroup || group - kFirstFakeGroup >= mGroups->size()) return false;
-      name = (*mGroups)[group - kFirstFakeGroup];
-      return true;
-    }
+  std::unique_lock<std::mutex> lock(mMutex);
+  if (mGroups) {
+    const size_t index = group - kFirstFakeGroup;
+    if (group < kFirstFakeGroup || index >= mGroups->size()) return false;
+    name = (*mGroups)[index];
+    return true;
   }
+  lock.unlock();
   return EnvWrapper::GetGroupName(group, name);
 }
 
 bool TestEnv::GetGroupId(const std::string& name, gid_t& group) {
-  {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (mGroups) {
-      for (size_t i = 0; i < mGroups->size(); ++i) {
-        if ((*mGroups)[i] != name) continue;
-        group = kFirstFakeGroup + static_cast<gid_t>(i);
-        return true;
-      }
-      return false;
-    }
+  std::unique_lock<std::mutex> lock(mMutex);
+  if (mGroups) {
+    const auto found = std::find(mGroups->begin(), mGroups->end(), name);
+    group = kFirstFakeGroup + static_cast<gid_t>(found - mGroups->begin());
+    return found != mGroups->end();
   }
+  lock.unlock();
   return EnvWrapper::GetGroupId(name, group);
 }
 
 bool TestEnv::IsAccessible(const std::string& path, int mode) {
-  {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (mDenied.count(path)) return false;
-  }
+  std::unique_lock<std::mutex> lock(mMutex);
+  if (mDenied.count(path)) return false;
+  lock.unlock();
   return EnvWrapper::IsAccessible(path, mode);
 }
 
@@ -148,32 +138,29 @@ bool TestEnv::ListProcessIds(std::vector<pid_t>& pids) {
 }
 
 bool TestEnv::BringProcessToFront(pid_t pid) {
-  {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mBroughtToFront.push_back(pid);
-  }
+  std::unique_lock<std::mutex> lock(mMutex);
+  mBroughtToFront.push_back(pid);
+  lock.unlock();
   return EnvWrapper::BringProcessToFront(pid);
 }
 
 bool TestEnv::StartDetachedProcess(const std::string& program,
                                    const std::vector<std::string>& arguments,
                                    const EnvironmentList& environment) {
-  {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (mRecording) {
-      mLaunches.push_back({program, arguments, environment});
-      return mStartResult;
-    }
+  std::unique_lock<std::mutex> lock(mMutex);
+  if (mRecording) {
+    mLaunches.push_back({program, arguments, environment});
+    return mStartResult;
   }
+  lock.unlock();
   return EnvWrapper::StartDetachedProcess(program, arguments, environment);
 }
 
 int TestEnv::RunShellCommand(const std::string& command, const EnvironmentList& environment) {
-  {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mShellCommands.push_back(command);
-    if (mRecording) return mShellResult;
-  }
+  std::unique_lock<std::mutex> lock(mMutex);
+  mShellCommands.push_back(command);
+  if (mRecording) return mShellResult;
+  lock.unlock();
   return EnvWrapper::RunShellCommand(command, environment);
 }
 

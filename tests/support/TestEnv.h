@@ -16,17 +16,11 @@
 
 namespace testing_support {
 
-// A real Env with the knobs a platform test turns. Everything not set here is the real
-// system. Install it with esd::ScopedEnv.
-//   - root and home: relocated (the root is the machine's "/" until set);
-//   - the folder variables (XDG_CONFIG_HOME, XDG_CACHE_HOME, XDG_DATA_HOME, XDG_RUNTIME_DIR,
-//     TMPDIR and any name given to SetVariable) are answered from this object alone: unset
-//     unless the test sets them, whatever the test runner's environment holds. Other names are
-//     the real process environment;
-//   - groups by name (the ids are made up), the effective user, the kernel release, today;
-//   - launches and shell commands recorded (and optionally not run, with chosen results);
-//   - a process table limited to the test process, its ancestors and its descendants;
-//   - paths made inaccessible, whoever the caller is (root included).
+// A real Env with the knobs a test turns, installed with esd::ScopedEnv; everything else is the
+// real system. The folder variables (XDG_*_HOME, XDG_RUNTIME_DIR, TMPDIR and any name given to
+// SetVariable) are unset unless set here, whatever the test runner's environment holds. Groups
+// set by name get made-up ids. Launches and shell commands are recorded (and, once
+// RecordLaunches was called, answered without running anything).
 class TestEnv : public esd::EnvWrapper {
  public:
   struct Launch {
@@ -36,10 +30,9 @@ class TestEnv : public esd::EnvWrapper {
   };
 
   TestEnv();
-  ~TestEnv() override;
 
   void SetRoot(const std::string& root) { mRoot = root; }
-  // An empty home means "no home folder can be found".
+  // Empty: no home folder can be found.
   void SetHome(const std::string& home) { mHome = home; }
   void SetVariable(const std::string& name, const std::string& value);
   void SetGroups(const std::vector<std::string>& names);
@@ -53,13 +46,10 @@ class TestEnv : public esd::EnvWrapper {
   void DenyAccess(const std::string& path) { mDenied.insert(path); }
   void ShowOnlyOwnProcesses() { mOwnProcessesOnly = true; }
 
-  // From now on StartDetachedProcess and RunShellCommand are recorded and answer with these
-  // results instead of running anything.
   void RecordLaunches(bool startResult, int shellResult);
 
-  // Detached starts recorded instead of run.
-  std::vector<Launch> Launches() const;
-  // Every shell command passed, also those run for real.
+  std::vector<Launch> Launches() const;  // those not run
+  // Every shell command, also those run for real.
   std::vector<std::string> ShellCommands() const;
   std::vector<pid_t> BroughtToFront() const;
 

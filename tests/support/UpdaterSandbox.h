@@ -11,24 +11,16 @@
 
 namespace testing_support {
 
-// A private machine for end-to-end tests of the exported functions, installed as the library's
-// Env while it lives (a TestEnv):
-//   - a relocated machine root and a temporary home; the folder variables read as unset except
-//     XDG_RUNTIME_DIR and TMPDIR, which point into the sandbox so the workflow markers stay
-//     inside it;
-//   - substituted groups and an optional fixed "today", set on env();
-//   - a process table of this process's own descendants only, so updaters started by other
-//     tests running at the same time are invisible;
-//   - optionally the fake updater bundle at the updater's installed location. Its copies
-//     report each launch with its environment; they end right after reporting unless
-//     KeepUpdaterRunning(true) was called before they started.
-// The folder is per process and emptied by each new sandbox, so that the preferences singleton,
-// which keeps the path it was first built with, stays valid across the tests of one executable.
-// The per-user data folder exists from the start for the same reason.
+// A private machine for end-to-end tests, installed as the library's Env while it lives: a
+// relocated root, a temporary home, XDG_RUNTIME_DIR and TMPDIR inside the sandbox (the other
+// folder variables unset), a process table of this process's descendants only, and optionally
+// the fake updater at its installed location, whose copies end right after reporting unless
+// KeepUpdaterRunning(true). The folder is per process and emptied by each new sandbox, so the
+// preferences singleton, which keeps the path it was first built with, stays valid; for the
+// same reason the per-user data folder exists from the start.
 class UpdaterSandbox {
  public:
   UpdaterSandbox();
-  // Stops the updater copies still running.
   ~UpdaterSandbox();
   UpdaterSandbox(const UpdaterSandbox&) = delete;
   UpdaterSandbox& operator=(const UpdaterSandbox&) = delete;
@@ -38,43 +30,38 @@ class UpdaterSandbox {
   const std::string& home() const { return mHome; }
   const std::string& runtimeDir() const { return mRuntimeDir; }
 
-  // Where the library keeps its files in this sandbox.
-  std::string AllUsersDataDir() const;   // root/var/lib/Vantu/Updater5
-  std::string UserDataDir() const;       // home/.local/share/Vantu/Updater5
-  std::string RegistryFile() const;      // VantuESDGlobalApps.xml in AllUsersDataDir()
-  std::string MissingCompsFile() const;  // VantuMissingComps.xml in UserDataDir()
-  std::string CacheDataDir() const;      // UserDataDir()/Data
-  std::string PolicyFile() const;        // root/etc/com.vantu.VantuUpdater.Admin.plist
-  std::string MarkerFile(const std::string& appID) const;
-  std::string UpdaterBundle() const;
+  std::string AllUsersDataDir() const { return mRoot + "/var/lib/Vantu/Updater5"; }
+  std::string UserDataDir() const { return mHome + "/.local/share/Vantu/Updater5"; }
+  std::string RegistryFile() const { return AllUsersDataDir() + "/VantuESDGlobalApps.xml"; }
+  std::string MissingCompsFile() const { return UserDataDir() + "/VantuMissingComps.xml"; }
+  std::string CacheDataDir() const { return UserDataDir() + "/Data"; }
+  std::string PolicyFile() const { return mRoot + "/etc/com.vantu.VantuUpdater.Admin.plist"; }
+  std::string MarkerFile(const std::string& appID) const {
+    return mRuntimeDir + "/Updater5/locked/lock." + appID;
+  }
+  std::string UpdaterBundle() const { return FakeUpdaterBundle::InstalledPath(mRoot); }
 
-  // Builds the fake updater bundle at the updater's installed location.
   void InstallUpdater();
-  // Stops its copies and removes the bundle: the updater is no longer installed.
-  void RemoveUpdater();
-  // Whether copies started from now on keep running (until StopUpdaters) or end at once.
-  void KeepUpdaterRunning(bool keep);
-  // Ends every running copy; false when one did not end in time.
-  bool StopUpdaters();
-  // Starts a copy directly (not through the library) that keeps running, and waits until the
-  // process table shows it. Later copies end at once again.
+  void RemoveUpdater();  // stops its copies too
+  void KeepUpdaterRunning(bool keep);  // for copies started from now on
+  bool StopUpdaters();  // false when a copy did not end in time
+  // Starts a copy that keeps running (not through the library) and waits until the process
+  // table shows it.
   bool StartRunningUpdater();
 
-  // Every launch of the updater so far, oldest first (empty without a bundle).
+  // The updater's launches so far, oldest first; WaitForLaunches first waits for `count`.
   std::vector<FakeUpdaterReport> Launches() const;
-  // Waits until at least `count` launches are recorded; returns them all.
   std::vector<FakeUpdaterReport> WaitForLaunches(size_t count, int timeoutMs = 10000) const;
-  // Waits until no copy of the updater shows in the process table; false on time-out. A copy that
-  // ends at once still runs for a moment after its report (longer under the sanitizers, whose
-  // checks run at exit), and a request made meanwhile rightly finds the updater running.
+  // Until no copy shows in the process table. A copy that ends at once still runs for a moment
+  // after its report, and a request made meanwhile rightly finds the updater running.
   bool WaitUntilUpdatersEnd(int timeoutMs = 10000);
 
-  // Every file and folder below the sandbox, regular files with a digest of their contents, for
-  // "nothing was created or changed" checks.
+  // Every path below the sandbox, files with a digest of their contents.
   std::vector<std::string> Snapshot() const;
 
  private:
   bool IsUpdaterRunning();
+  bool WaitFor(bool running, int timeoutMs = 10000);
 
   std::string mBase;
   std::string mRoot;

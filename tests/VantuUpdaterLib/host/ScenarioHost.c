@@ -1,17 +1,13 @@
-/*
- * A host written in C meets damaged files and hostile arguments: ScenarioHost NAME SANDBOX_ROOT,
- * run by RunInSandbox.sh in a private mount namespace where /var/lib, /opt (no updater installed)
- * and the locks are the sandbox's own. Each call must give its documented result with the host
- * still alive, and a second process must then make a call that needs the same lock without
- * waiting (a host that died holding it would make that process wait out the lock's time-out).
- * Exits 0 when every answer was the documented one.
- *
- *   damaged-store  (as root) an "Application" without its identifier in the registered-
- *                  applications store, an entry without "AppID" in the missing-components store
- *   hostile-input  (as an ordinary administrator, for whom read-only files are read-only) a
- *                  component version that does not parse, and damaged preferences in a folder
- *                  the host may not change, so they can be neither read nor replaced
- */
+/* A host written in C meets damaged files and hostile arguments: ScenarioHost NAME SANDBOX_ROOT,
+ * run by RunInSandbox.sh in a private mount namespace (/var/lib, /opt without updater, and the
+ * locks are the sandbox's own). Each call must give its documented result with the host alive,
+ * and a second process must then make a call needing the same lock without waiting out its
+ * time-out (as it would after a host that died holding it). Exits 0 when every answer was right.
+ *   damaged-store  (root) registered-applications and missing-components entries without their
+ *                  identifiers
+ *   hostile-input  (an ordinary administrator, for whom read-only files are read-only) a version
+ *                  that does not parse, and damaged preferences that can be neither read nor
+ *                  replaced */
 #include <stdbool.h>
 #include <stdint.h>
 #include <stdio.h>
