@@ -14,6 +14,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace FileSystemUtils {
 
@@ -50,6 +51,13 @@ std::string AppendPathElement(const std::string& sPath, const std::string& sAppe
 // different values on file systems that keep them. False when the path does not resolve or the
 // time lies before 1970 (it has no honest value in this encoding).
 bool GetFileLastModifiedTime(const std::string& path, uint64_t& timeNs);
+
+// Sets the content-modification time of the object the path names itself (a link is not
+// followed) to `timeNs` nanoseconds since 1970; the access time is left as it is.
+bool SetFileLastModifiedTime(const std::string& path, uint64_t timeNs);
+
+// The names of the entries of the folder `dir`, without "." and "..", in no particular order.
+bool ListDirectory(const std::string& dir, std::vector<std::string>& names);
 
 // The permission bits (st_mode & 07777: rwx for owner/group/other plus setuid, setgid, sticky);
 // the file-type bits are not included.

@@ -1,5 +1,6 @@
 #include "xplat/FileSystemUtils.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -330,6 +331,25 @@ bool GetFileLastModifiedTime(const std::string& path, uint64_t& timeNs) {
   const uint64_t seconds = static_cast<uint64_t>(st.st_mtim.tv_sec);
   if (seconds > (UINT64_MAX - 999999999u) / 1000000000u) return false;
   timeNs = seconds * 1000000000u + static_cast<uint64_t>(st.st_mtim.tv_nsec);
+  return true;
+}
+
+bool SetFileLastModifiedTime(const std::string& path, uint64_t timeNs) {
+  const struct timespec times[2] = {
+      {0, UTIME_OMIT},
+      {static_cast<time_t>(timeNs / 1000000000u), static_cast<long>(timeNs % 1000000000u)}};
+  return ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool ListDirectory(const std::string& dir, std::vector<std::string>& names) {
+  names.clear();
+  DIR* folder = ::opendir(dir.c_str());
+  if (folder == nullptr) return false;
+  while (const struct dirent* entry = ::readdir(folder)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  ::closedir(folder);
   return true;
 }
 

@@ -3,13 +3,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <filesystem>
 #include <memory>
 #include <random>
 #include <sstream>
 #include <stdexcept>
-#include <system_error>
+#include <vector>
 
 #include "xplat/ChangeDiffType.h"
 #include "xplat/ESDAssert.h"
@@ -64,16 +62,15 @@ std::string TemporaryPathFor(const std::string& path) {
 // file to the folder for good. Only for a caller holding the lock, which no other save runs
 // under, so every temporary found is stale.
 void RemoveStaleTemporaries(const std::string& path) {
-  const std::filesystem::path file(path);
-  const std::string prefix = file.filename().string() + ".new";
-  std::error_code error;
-  const std::filesystem::path folder = file.has_parent_path() ? file.parent_path() : ".";
-  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-    const std::string name = entry.path().filename().string();
+  const std::string prefix = FileSystemUtils::GetPathLastComponent(path) + ".new";
+  const std::string parent = FileSystemUtils::GetParentPath(path);
+  const std::string folder = parent.empty() ? "." : parent;
+  std::vector<std::string> names;
+  if (!FileSystemUtils::ListDirectory(folder, names)) return;
+  for (const std::string& name : names) {
     if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0) continue;
     if (name.find_first_not_of("0123456789abcdef", prefix.size()) != std::string::npos) continue;
-    std::error_code ignored;
-    std::filesystem::remove(entry.path(), ignored);
+    Env::Default()->RemoveFile(FileSystemUtils::AppendPathElement(folder, name));
   }
 }
 
@@ -83,13 +80,7 @@ void RemoveStaleTemporaries(const std::string& path) {
 void MakeNewerThan(const std::string& temporary, uint64_t floorNs) {
   uint64_t current = 0;
   if (!FileSystemUtils::GetFileLastModifiedTime(temporary, current) || current > floorNs) return;
-  std::error_code error;
-  const auto stamp = std::filesystem::last_write_time(temporary, error);
-  if (error) return;
-  const auto shift = std::chrono::nanoseconds(static_cast<std::int64_t>(floorNs - current + 1));
-  using FileDuration = std::filesystem::file_time_type::duration;
-  const auto newer = stamp + std::chrono::duration_cast<FileDuration>(shift);
-  std::filesystem::last_write_time(temporary, newer, error);
+  FileSystemUtils::SetFileLastModifiedTime(temporary, floorNs + 1);
 }
 
 }  // namespace
