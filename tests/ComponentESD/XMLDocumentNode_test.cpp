@@ -1,8 +1,11 @@
+// The XML tree: reading and writing it, the check a tree passes before it is written, and
+// records bound to its elements.
 #include "xplat/XMLDocumentNode.h"
 
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -11,12 +14,20 @@
 #include "support/TempDir.h"
 #include "xplat/DOMUtils.h"
 #include "xplat/ExpatDOMBuilder.h"
+#include "xplat/FileSystemVersion.h"
+#include "xplat/JournaledXMLFile.h"
 #include "xplat/SearchResults.h"
+#include "xplat/XMLBoundObject.h"
+#include "xplat/XMLBoundObjectUtils.h"
+#include "xplat/XMLWriteCheck.h"
 
 namespace {
 
 using esd::XMLDocumentNode;
+using esd::XMLWriteCheck::WritesWellFormed;
+using esd::XMLWriteCheck::WriteVouched;
 using Builder = esd::ExpatDOMBuilder<XMLDocumentNode>;
+using testing_support::ReadFile;
 using testing_support::TempDir;
 using testing_support::WriteFile;
 
@@ -29,7 +40,8 @@ std::string Write(const XMLDocumentNode& node) {
 }
 
 // Parses `bytes` from a real file, as the stores do, and returns the parse result.
-bool ParseBytes(Builder& builder, const TempDir& dir, const std::string& bytes) {
+template <typename AnyBuilder>
+bool ParseBytes(AnyBuilder& builder, const TempDir& dir, const std::string& bytes) {
   WriteFile(dir / "doc.xml", bytes);
   EXPECT_TRUE(builder.Create(nullptr, nullptr));
   return builder.ParseFile(dir / "doc.xml", false);
@@ -136,7 +148,7 @@ TEST(ExpatDOMBuilder, VeryDeepTreesParseWriteAndDieWithoutRecursion) {
 }
 
 // A node type of its own that rewrites what it is given: the builder must hand it every text and
-// attribute through the virtual setters, never around them, while plain nodes get the same tree.
+// attribute through the virtual setters, never around them.
 class UpperNode : public XMLDocumentNode {
  public:
   UpperNode() = default;
@@ -157,15 +169,11 @@ class UpperNode : public XMLDocumentNode {
 
 TEST(ExpatDOMBuilder, DerivedNodesAreGivenEverythingThroughTheirSetters) {
   TempDir dir;
-  const std::string bytes = "<r b=\"two\" a=\"one\">text &amp; more<c x=\"y\">in</c></r>";
-  WriteFile(dir / "doc.xml", bytes);
   esd::ExpatDOMBuilder<UpperNode> derived;
-  ASSERT_TRUE(derived.Create(nullptr, nullptr));
-  ASSERT_TRUE(derived.ParseFile(dir / "doc.xml", false));
+  ASSERT_TRUE(
+      ParseBytes(derived, dir, "<r b=\"two\" a=\"one\">text &amp; more<c x=\"y\">in</c></r>"));
   EXPECT_EQ(kDecl + "<R a=\"ONE\" b=\"TWO\">TEXT &amp; MORE<C x=\"Y\">IN</C>\n</R>\n",
             Write(*derived.GetDocumentNode()));
-  EXPECT_EQ(kDecl + "<r a=\"one\" b=\"two\">text &amp; more<c x=\"y\">in</c>\n</r>\n",
-            Rewrite(dir, bytes));
 
   // The plain nodes' own setter keeps what the virtual one promises: a repeated name takes the
   // new value.
@@ -255,6 +263,271 @@ TEST(XMLDocumentNodeDeathTest, ProgrammingErrorsNameTheCondition) {
   EXPECT_DEATH(builder.GetBuffer(10), "failed assertion `m_pExpatParser != NULL'");
   esd::SearchResult<XMLDocumentNode> none;
   EXPECT_DEATH(none.GetFirst(), "failed assertion `!mResultSet.empty\\(\\)'");
+}
+
+bool Parses(const std::string& text) { return Builder::IsWellFormed(text.data(), text.size()); }
+
+// A document as the builder makes it, with one store root holding one record.
+struct Store {
+  XMLDocumentNode document;
+  XMLDocumentNode* root;
+  XMLDocumentNode* record;
+  XMLDocumentNode* field;
+  Store() {
+    document.SetAttributeData("version", "1.0");
+    document.SetAttributeData("encoding", "UTF-8");
+    root = new XMLDocumentNode("Store");
+    document.AddChildNode(root);
+    record = new XMLDocumentNode("Application");
+    root->AddChildNode(record);
+    record->SetAttributeData("appID", "org.example.Host");
+    field = new XMLDocumentNode("InstallPath");
+    record->AddChildNode(field);
+    field->SetElementData("/opt/Example Host");
+  }
+};
+
+// The check vouches for ordinary trees and for nothing whose text fails to parse; what it does not
+// vouch for is either broken or merely unusual (then a parse decides). The writer's check while
+// writing agrees, and writes the bytes of operator<<. (Bytes in texts, values and names are the
+// tables below.)
+TEST(XMLWriteCheck, VouchesForOrdinaryTreesOnly) {
+  const std::pair<const char*, std::function<void(Store&)>> kUnvouched[] = {
+      {"name starting with a digit", [](Store& s) { s.record->SetAttributeData("1a", "v"); }},
+      {"empty name", [](Store& s) { s.root->AddChildNode(new XMLDocumentNode("")); }},
+      {"second root", [](Store& s) { s.document.AddChildNode(new XMLDocumentNode("Other")); }},
+      {"no root", [](Store& s) { s.document.DeleteChildNode(s.root); }},
+      {"version 1.1", [](Store& s) { s.document.SetAttributeData("version", "1.1"); }},
+      {"other declaration attribute",
+       [](Store& s) { s.document.SetAttributeData("standalone", "yes"); }},
+      {"document node inside the tree",
+       [](Store& s) { s.root->AddChildNode(new XMLDocumentNode()); }},
+  };
+  Store plain;
+  EXPECT_TRUE(WritesWellFormed(plain.document));
+  EXPECT_TRUE(Parses(Write(plain.document)));
+  EXPECT_FALSE(WritesWellFormed(*plain.root));  // only a document node can be vouched for
+  for (const auto& [what, change] : kUnvouched) {
+    Store store;
+    change(store);
+    EXPECT_FALSE(WritesWellFormed(store.document)) << what;
+    std::ostringstream written;
+    EXPECT_FALSE(WriteVouched(written, store.document)) << what;
+    EXPECT_EQ(Write(store.document), written.str()) << what;
+  }
+}
+
+// Long texts are judged and escaped in blocks: a byte of every kind at every place of texts
+// around and across those blocks' edges is escaped and judged as it would be alone. Valid but
+// unusual characters (C1 controls) are left to a parse.
+TEST(XMLWriteCheck, EveryPlaceInALongTextIsJudgedAndEscaped) {
+  struct Piece {
+    const char* bytes;
+    const char* escaped;
+    bool plainInText;
+    bool plainInValue;
+  };
+  const Piece kPieces[] = {
+      {"<", "&lt;", true, false},          {"&", "&amp;", true, false},
+      {"\"", "&quot;", true, false},       {"'", "&apos;", true, true},
+      {">", "&gt;", true, true},           {"\t", "\t", true, true},
+      {"\r", "\r", true, true},            {"\n", "\n", true, true},
+      {"\x01", "\x01", false, false},      {"\x7F", "\x7F", false, false},
+      {"\xC3\xA9", "\xC3\xA9", true, true}, {"\xE2\x82\xAC", "\xE2\x82\xAC", true, true},
+      {"\xC3", "\xC3", false, false},      {"\xEF\xBF\xBE", "\xEF\xBF\xBE", false, false},
+      {"\xC0\xAF", "\xC0\xAF", false, false}, {"\xED\xA0\x80", "\xED\xA0\x80", false, false},
+      {"\xF4\x90\x80\x80", "\xF4\x90\x80\x80", false, false},
+      {"\xC2\x85", "\xC2\x85", false, false},
+      {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80", true, true},
+  };
+  for (const Piece& piece : kPieces) {
+    for (size_t length : {15u, 16u, 17u, 31u, 32u, 33u, 47u}) {
+      for (size_t at = 0; at <= length; ++at) {
+        const std::string before(at, 'a'), after(length - at, 'b');
+        Store store;
+        store.field->SetElementData(before + piece.bytes + after);
+        std::ostringstream written;
+        const std::string what = std::string("text of ") + std::to_string(length) + " at " +
+                                 std::to_string(at) + ": " + piece.escaped;
+        EXPECT_EQ(piece.plainInText, WriteVouched(written, store.document)) << what;
+        EXPECT_EQ(piece.plainInText, WritesWellFormed(store.document)) << what;
+        EXPECT_NE(std::string::npos,
+                  written.str().find(">" + before + piece.escaped + after + "</InstallPath>"))
+            << what;
+        EXPECT_TRUE(!piece.plainInText || Parses(written.str())) << what;
+
+        store.field->SetElementData("");
+        store.record->SetAttributeData("appID", before + piece.bytes + after);
+        EXPECT_EQ(piece.plainInValue, WritesWellFormed(store.document)) << what;
+        EXPECT_TRUE(!piece.plainInValue || Parses(Write(store.document))) << what;
+      }
+    }
+  }
+}
+
+// Names are judged several bytes at a time: a byte on either side of every range of name
+// characters, at every place of names of every length up to past two blocks, is judged as it
+// would be alone, in element and attribute names alike.
+TEST(XMLWriteCheck, EveryPlaceInALongNameIsJudged) {
+  const std::string kBytes = std::string("AZaz09:-._/;@[`{,^ ") + "\x7F\x80\xC3\xFF";
+  auto nameChar = [](char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+           c == '_' || c == ':' || c == '-' || c == '.';
+  };
+  for (size_t length = 2; length <= 40; ++length) {
+    for (size_t at = 1; at < length; ++at) {
+      for (const char c : kBytes) {
+        std::string name(length, 'n');
+        name[at] = c;
+        Store store;
+        store.root->AddChildNode(new XMLDocumentNode(name));
+        EXPECT_EQ(nameChar(c), WritesWellFormed(store.document)) << name;
+        std::ostringstream written;
+        EXPECT_EQ(nameChar(c), WriteVouched(written, store.document)) << name;
+
+        Store attributed;
+        attributed.record->SetAttributeData(name, "v");
+        EXPECT_EQ(nameChar(c), WritesWellFormed(attributed.document)) << name;
+      }
+    }
+  }
+}
+
+// A save writes what the check vouches for without parsing it first, and still writes unusual
+// but loadable trees after parsing them; broken ones never reach the file.
+TEST(XMLWriteCheck, SaveWritesUnusualTreesThatParseAndRefusesBrokenOnes) {
+  TempDir dir;
+  const std::string path = dir / "Store.xml";
+  Builder builder;
+  JournaledXMLFile file(builder);
+  ASSERT_TRUE(file.SetPath(path));
+  ASSERT_TRUE(file.Load(nullptr));
+  auto* root = new XMLDocumentNode("Store");
+  builder.GetDocumentNode()->AddChildNode(root);
+  root->SetAttributeData("note", "a&amp;b");     // not vouched for, but parses
+  root->AddChildNode(new XMLDocumentNode("\xC3\xA9t\xC3\xA9"));  // likewise
+  ASSERT_FALSE(WritesWellFormed(*builder.GetDocumentNode()));
+  ASSERT_TRUE(file.Save());
+  const std::string saved = Write(*builder.GetDocumentNode());
+  EXPECT_EQ(saved, ReadFile(path));
+
+  root->SetAttributeData("note", "a<b");
+  EXPECT_FALSE(file.Save());
+  EXPECT_EQ(saved, ReadFile(path));
+}
+
+// A record with one field of each storage kind and type the stores use.
+class Record : public XMLBoundObject<Record> {
+ public:
+  Record() = default;
+  explicit Record(XMLDocumentNode* node) : XMLBoundObject<Record>(node) {}
+  static std::string GetNodeRootName() { return "Record"; }
+
+  bool GetappID(std::string& out) const { return GetAttributeField("appID", out); }
+  bool SetappID(const std::string& value) { return SetAttributeField("appID", value); }
+  bool GetCount(int& out) const { return GetAttributeField("count", out); }
+  bool SetCount(int value) { return SetAttributeField("count", value); }
+  bool GetEnabled(bool& out) const { return GetAttributeField("enabled", out); }
+  bool SetEnabled(bool value) { return SetAttributeField("enabled", value); }
+  bool Getversion(FileSystemVersion& out) const { return GetAttributeField("version", out); }
+  bool Setversion(const FileSystemVersion& value) { return SetAttributeField("version", value); }
+  bool GetDisplayName(std::string& out) const { return GetChildValue("DisplayName", out); }
+  bool SetDisplayName(const std::string& value) { return SetChildValue("DisplayName", value); }
+};
+
+std::string AppID(const Record& record) {
+  std::string id;
+  return record.GetappID(id) ? id : "<none>";
+}
+
+// A new record owns an empty element of its own; fields are stored in their text forms and read
+// back through the conversions; missing fields read as false and leave the output alone.
+TEST(XMLBoundObject, FieldsLiveInTheElement) {
+  Record record;
+  EXPECT_EQ("<Record></Record>", Write(*record.GetObjectRoot()));
+  EXPECT_NE(Record().GetObjectRoot(), record.GetObjectRoot());
+  EXPECT_TRUE(record.SetappID("com.example app"));
+  EXPECT_TRUE(record.SetCount(-12));
+  EXPECT_TRUE(record.SetEnabled(true));
+  EXPECT_TRUE(record.Setversion(FileSystemVersion("5,1")));
+  EXPECT_TRUE(record.SetDisplayName("Example <App> & more"));
+  EXPECT_EQ(
+      "<Record appID=\"com.example app\" count=\"-12\" enabled=\"1\" version=\"5.1.0.0\">\n"
+      "<DisplayName>Example &lt;App&gt; &amp; more</DisplayName>\n</Record>",
+      Write(*record.GetObjectRoot()));
+
+  std::string text;
+  int count = 0;
+  bool enabled = false;
+  FileSystemVersion version(FileSystemVersion::kInvalidVersion);
+  EXPECT_EQ("com.example app", AppID(record));  // whole text, not one word
+  EXPECT_TRUE(record.GetCount(count) && count == -12);
+  EXPECT_TRUE(record.GetEnabled(enabled) && enabled);
+  EXPECT_TRUE(record.Getversion(version) && version.ToString() == "5.1.0.0");
+  EXPECT_TRUE(record.GetDisplayName(text) && text == "Example <App> & more");
+
+  Record bare;
+  text = "kept";
+  count = 7;
+  EXPECT_FALSE(bare.GetCount(count) || bare.GetDisplayName(text));
+  EXPECT_EQ("kept", text);
+  EXPECT_EQ(7, count);
+}
+
+// Copies share one element, which outlives the record that made it. Detach gives a bound record
+// a private deep copy once; copies taken before stay bound; an empty record has no fields.
+TEST(XMLBoundObject, CopiesShareOneElementUntilDetached) {
+  std::unique_ptr<Record> maker(new Record);
+  Record copy(*maker);
+  Record assigned;
+  assigned = copy;
+  EXPECT_TRUE(assigned.SetappID("shared"));
+  maker.reset();
+  EXPECT_EQ("shared", AppID(copy));
+  EXPECT_FALSE(copy.Detach());  // already owns its element
+
+  XMLDocumentNode document("Store");
+  auto* element = new XMLDocumentNode("Record");
+  element->SetAttributeData("appID", "a");
+  element->AddChildNode(new XMLDocumentNode("DisplayName"));
+  document.AddChildNode(element);
+  const std::string before = Write(document);
+  Record record(element);
+  Record sharer(record);
+  ASSERT_TRUE(record.Detach());
+  EXPECT_FALSE(record.Detach());
+  EXPECT_EQ(Write(*element), Write(*record.GetObjectRoot()));
+  EXPECT_TRUE(record.SetappID("b"));
+  EXPECT_TRUE(record.SetDisplayName("private"));
+  EXPECT_EQ(before, Write(document));
+  EXPECT_EQ("a", AppID(sharer));
+
+  // Rebinding drops the private copy: writes go to the new node.
+  XMLDocumentNode* privateCopy = record.GetObjectRoot();
+  EXPECT_EQ(privateCopy, record.SetObjectRoot(element));
+  EXPECT_TRUE(record.SetappID("c"));
+  EXPECT_EQ("c", AppID(sharer));
+
+  record.SetObjectRoot(nullptr);
+  EXPECT_FALSE(record.Detach() || record.SetappID("x") || record.SetDisplayName("x"));
+  EXPECT_EQ("<none>", AppID(record));
+}
+
+// Only children of exactly the record's name, in document order, bound to the store.
+TEST(XMLBoundObjectUtils, ChildrenAsTypeTakesExactNamesInDocumentOrder) {
+  XMLDocumentNode store("Store");
+  for (const char* name : {"Record", "record", "Other", "Record"}) {
+    auto* child = new XMLDocumentNode(name);
+    child->SetAttributeData("appID", std::to_string(store.GetChildNodes().size()));
+    store.AddChildNode(child);
+  }
+  std::vector<Record> records(2);  // cleared first
+  ASSERT_TRUE(XMLBoundObjectUtils::GetNodeChildrenAsType(&store, "Record", records));
+  ASSERT_EQ(2u, records.size());
+  EXPECT_EQ("0", AppID(records[0]));
+  EXPECT_EQ(store.GetChildNodes()[3], records[1].GetObjectRoot());
+  EXPECT_TRUE(XMLBoundObjectUtils::GetNodeChildrenAsType(&store, "Missing", records));
+  EXPECT_TRUE(records.empty());
 }
 
 }  // namespace
