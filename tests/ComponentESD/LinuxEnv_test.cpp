@@ -26,7 +26,6 @@
 #include "support/PrivateSessionBus.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
-#include "xplat/EnvWrapper.h"
 #include "xplat/ScopedEnv.h"
 #include "xplat/SystemUtils.h"
 
@@ -58,15 +57,6 @@ class ScopedVariable {
   std::optional<std::string> mOld;
 };
 
-class RootOnly : public esd::EnvWrapper {
- public:
-  explicit RootOnly(std::string root) : EnvWrapper(Env::Default()), mRoot(std::move(root)) {}
-  std::string GetRootDirectory() override { return mRoot; }
-
- private:
-  std::string mRoot;
-};
-
 bool WaitForFile(const std::string& path, int timeoutMs = 10000) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   while (!fs::exists(path)) {
@@ -88,7 +78,9 @@ bool PostSignal(const std::vector<std::string>& arguments = {}, const char* path
 
 // Scopes nest, each end restoring the Env before it; a wrapper forwards what it does not override.
 TEST(EnvTest, ScopesNestAndWrappersForwardTheRest) {
-  RootOnly outer("/outer"), inner("/inner");
+  TestEnv outer, inner;
+  outer.SetRoot("/outer");
+  inner.SetRoot("/inner");
   {
     esd::ScopedEnv outerScope(&outer);
     EXPECT_EQ(Env::Default()->GetCurrentProcessId(), getpid());

@@ -183,32 +183,6 @@ TEST(ExpatDOMBuilder, DerivedNodesAreGivenEverythingThroughTheirSetters) {
   EXPECT_EQ((XMLDocumentNode::AttributeList{{"k", "2"}}), element.GetAllAttrs());
 }
 
-// Children looks one level down, by exact name, in document order; a missing attribute never
-// matches, not even an empty wanted value.
-TEST(SearchResult, ChildrenLooksOneLevelInDocumentOrder) {
-  TempDir dir;
-  Builder builder;
-  ASSERT_TRUE(ParseBytes(builder, dir,
-                         "<r><app id=\"1\"/><other id=\"1\"/><app id=\"2\"><app id=\"3\"/></app>"
-                         "<App id=\"4\"/><app/></r>"));
-  const auto top = esd::SearchResult<XMLDocumentNode>(builder.GetDocumentNode())
-                       .Children(esd::NodeName("r"));
-  ASSERT_EQ(1u, top.size());
-  const auto apps = top.Children(esd::NodeName("app"));
-  ASSERT_EQ(3u, apps.size());
-  EXPECT_EQ(top.GetSingleMatch()->GetChildNodes()[2], apps.GetResultSet()[1]);
-  EXPECT_EQ(1u, top.Children(esd::NodeBoth(esd::NodeName("app"), esd::NodeAttr("id", "2"))).size());
-  EXPECT_EQ(2u, top.Children(esd::NodeAttr("id", "1")).size());
-  EXPECT_EQ(0u, top.Children(esd::NodeAttr("id", "")).size());
-  XMLDocumentNode emptyAttr("e");
-  emptyAttr.SetAttributeData("id", "");
-  EXPECT_TRUE(esd::NodeAttr("id", "")(&emptyAttr));
-
-  const auto grandChildren = apps.Children(esd::NodeName("app"));
-  ASSERT_EQ(1u, grandChildren.size());
-  EXPECT_EQ("3", grandChildren.GetFirst()->GetAttributeMap().at("id"));
-}
-
 // Child values need a unique child: with two of a name reads fail and a write adds another.
 TEST(DOMUtils, ChildValuesNeedAUniqueChild) {
   XMLDocumentNode parent("p");
@@ -513,20 +487,36 @@ TEST(XMLBoundObject, CopiesShareOneElementUntilDetached) {
   EXPECT_EQ("<none>", AppID(record));
 }
 
-// Only children of exactly the record's name, in document order, bound to the store.
-TEST(XMLBoundObjectUtils, ChildrenAsTypeTakesExactNamesInDocumentOrder) {
-  XMLDocumentNode store("Store");
-  for (const char* name : {"Record", "record", "Other", "Record"}) {
-    auto* child = new XMLDocumentNode(name);
-    child->SetAttributeData("appID", std::to_string(store.GetChildNodes().size()));
-    store.AddChildNode(child);
-  }
+// Children looks one level down, by exact name, in document order; a missing attribute never
+// matches, not even an empty wanted value. Records are bound to the children so found.
+TEST(SearchResult, ChildrenLooksOneLevelInDocumentOrder) {
+  TempDir dir;
+  Builder builder;
+  ASSERT_TRUE(ParseBytes(builder, dir,
+                         "<r><app id=\"1\"/><other id=\"1\"/><app id=\"2\"><app id=\"3\"/></app>"
+                         "<App id=\"4\"/><app/></r>"));
+  const auto top = esd::SearchResult<XMLDocumentNode>(builder.GetDocumentNode())
+                       .Children(esd::NodeName("r"));
+  ASSERT_EQ(1u, top.size());
+  const auto apps = top.Children(esd::NodeName("app"));
+  ASSERT_EQ(3u, apps.size());
+  EXPECT_EQ(top.GetSingleMatch()->GetChildNodes()[2], apps.GetResultSet()[1]);
+  EXPECT_EQ(1u, top.Children(esd::NodeBoth(esd::NodeName("app"), esd::NodeAttr("id", "2"))).size());
+  EXPECT_EQ(2u, top.Children(esd::NodeAttr("id", "1")).size());
+  EXPECT_EQ(0u, top.Children(esd::NodeAttr("id", "")).size());
+  XMLDocumentNode emptyAttr("e");
+  emptyAttr.SetAttributeData("id", "");
+  EXPECT_TRUE(esd::NodeAttr("id", "")(&emptyAttr));
+
+  const auto grandChildren = apps.Children(esd::NodeName("app"));
+  ASSERT_EQ(1u, grandChildren.size());
+  EXPECT_EQ("3", grandChildren.GetFirst()->GetAttributeMap().at("id"));
+
   std::vector<Record> records(2);  // cleared first
-  ASSERT_TRUE(XMLBoundObjectUtils::GetNodeChildrenAsType(&store, "Record", records));
-  ASSERT_EQ(2u, records.size());
-  EXPECT_EQ("0", AppID(records[0]));
-  EXPECT_EQ(store.GetChildNodes()[3], records[1].GetObjectRoot());
-  EXPECT_TRUE(XMLBoundObjectUtils::GetNodeChildrenAsType(&store, "Missing", records));
+  ASSERT_TRUE(XMLBoundObjectUtils::GetNodeChildrenAsType(top.GetFirst(), "app", records));
+  ASSERT_EQ(3u, records.size());
+  EXPECT_EQ(apps.GetResultSet()[2], records[2].GetObjectRoot());
+  EXPECT_TRUE(XMLBoundObjectUtils::GetNodeChildrenAsType(top.GetFirst(), "Missing", records));
   EXPECT_TRUE(records.empty());
 }
 
