@@ -176,11 +176,14 @@ TEST(ExpatDOMBuilder, DerivedNodesAreGivenEverythingThroughTheirSetters) {
             Write(*derived.GetDocumentNode()));
 
   // The plain nodes' own setter keeps what the virtual one promises: a repeated name takes the
-  // new value.
-  XMLDocumentNode element("e");
+  // new value, and "version" on the document node is the declaration's, not an attribute.
+  XMLDocumentNode element("e"), document;
   element.AddAttribute("k", "1");
   element.AddAttribute("k", "2");
   EXPECT_EQ((XMLDocumentNode::AttributeList{{"k", "2"}}), element.GetAllAttrs());
+  document.AddAttribute("version", "1.1");
+  EXPECT_EQ("1.1", document.GetVersion());
+  EXPECT_TRUE(document.GetAttributeMap().empty());
 }
 
 // Child values need a unique child: with two of a name reads fail and a write adds another.
