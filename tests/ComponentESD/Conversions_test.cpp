@@ -71,13 +71,6 @@ TEST(FormatString, UnconvertibleArgumentFailsOnlyWhenUsed) {
   EXPECT_EQ("a2b", out);
 }
 
-TEST(FormatStringDeathTest, PlaceholderAboveNineEndsTheProcess) {
-  std::string out;
-  EXPECT_DEATH(esd::FormatString(out, "%10", 1),
-               "FormatString.h:[0-9]+: failed assertion `NULL == \"Format values above %9 are "
-               "not supported\"'");
-}
-
 template <typename Bytes>
 std::string Base64(const Bytes& bytes) {
   std::string text;
@@ -123,7 +116,13 @@ TEST(GetNameHashValue, IsTheBase64OfTheDigest) {
   EXPECT_NE(esd::GetNameHashValue("nul"), esd::GetNameHashValue(std::string("nul\0", 4)));
 }
 
-TEST(GetNameHashValueDeathTest, EmptyNameIsAProgrammingError) {
+// A placeholder above %9 and an empty lock name are programming errors: the process ends, naming
+// the place and the condition.
+TEST(ConversionsDeathTest, ProgrammingErrorsNameTheCondition) {
+  std::string out;
+  EXPECT_DEATH(esd::FormatString(out, "%10", 1),
+               "FormatString.h:[0-9]+: failed assertion `NULL == \"Format values above %9 are "
+               "not supported\"'");
   EXPECT_DEATH(esd::GetNameHashValue(""),
                "NameHash\\.cpp:[0-9]+: failed assertion `!inString\\.empty\\(\\)'\n");
 }
