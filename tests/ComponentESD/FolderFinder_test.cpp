@@ -49,7 +49,8 @@ class FolderFinderTest : public ::testing::Test {
 
 // Every identifier resolves as the platform maps it, 8 to the same folder as 7. Without "create"
 // a missing folder is a failure and nothing is made; without a home folder only the per-user
-// folders fail; "create" leaves each folder in place. The root needs no lookup.
+// folders fail; "create" leaves each folder in place. The root needs no lookup. (The
+// preferences and applications folders are the admin policy and admin check tests'.)
 TEST_F(FolderFinderTest, EveryIdentifierLandsInItsMappedFolder) {
   const std::string failed = "<failed>";
   const struct {
@@ -78,16 +79,6 @@ TEST_F(FolderFinderTest, EveryIdentifierLandsInItsMappedFolder) {
     EXPECT_TRUE(fs::is_directory(expected[id].path));
     EXPECT_EQ(Find(id, false), expected[id].path);
   }
-
-  std::string path;
-  EXPECT_FALSE(FolderFinder::GetLocalPreferencesFolderPath(path));
-  EXPECT_FALSE(FolderFinder::GetLocalApplicationsFolderPath(path));
-  fs::create_directories(root() + "/etc");
-  fs::create_directories(root() + "/Applications");
-  ASSERT_TRUE(FolderFinder::GetLocalPreferencesFolderPath(path));
-  EXPECT_EQ(path, root() + "/etc");
-  ASSERT_TRUE(FolderFinder::GetLocalApplicationsFolderPath(path));
-  EXPECT_EQ(path, root() + "/Applications");
 }
 
 // Absolute base-directory variables replace the home-relative defaults; relative ones are
@@ -177,13 +168,6 @@ TEST_F(FolderFinderTest, RuntimeFolderCountsOnlyWhenPrivateAndOurs) {
     EXPECT_EQ(Find(1, true), c.expected) << std::oct << c.mode << " " << c.user;
     EXPECT_EQ(fs::status(runtime).permissions(), fs::perms(c.mode));
   }
-}
-
-// An identifier beyond the table is a programming error.
-TEST(FolderFinderDeathTest, IdentifierAboveTwelveStopsTheProcess) {
-  std::string path;
-  EXPECT_DEATH(FolderFinder::GetFolderPath(static_cast<FolderFinder::FolderID>(13), path, false),
-               "failed assertion `!\"Invalid FolderID\"'");
 }
 
 }  // namespace

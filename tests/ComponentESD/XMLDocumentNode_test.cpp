@@ -1,8 +1,11 @@
+// The XML tree: reading and writing it, the check a tree passes before it is written, and
+// records bound to its elements.
 #include "xplat/XMLDocumentNode.h"
 
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -11,12 +14,20 @@
 #include "support/TempDir.h"
 #include "xplat/DOMUtils.h"
 #include "xplat/ExpatDOMBuilder.h"
+#include "xplat/FileSystemVersion.h"
+#include "xplat/JournaledXMLFile.h"
 #include "xplat/SearchResults.h"
+#include "xplat/XMLBoundObject.h"
+#include "xplat/XMLBoundObjectUtils.h"
+#include "xplat/XMLWriteCheck.h"
 
 namespace {
 
 using esd::XMLDocumentNode;
+using esd::XMLWriteCheck::WritesWellFormed;
+using esd::XMLWriteCheck::WriteVouched;
 using Builder = esd::ExpatDOMBuilder<XMLDocumentNode>;
+using testing_support::ReadFile;
 using testing_support::TempDir;
 using testing_support::WriteFile;
 
@@ -29,7 +40,8 @@ std::string Write(const XMLDocumentNode& node) {
 }
 
 // Parses `bytes` from a real file, as the stores do, and returns the parse result.
-bool ParseBytes(Builder& builder, const TempDir& dir, const std::string& bytes) {
+template <typename AnyBuilder>
+bool ParseBytes(AnyBuilder& builder, const TempDir& dir, const std::string& bytes) {
   WriteFile(dir / "doc.xml", bytes);
   EXPECT_TRUE(builder.Create(nullptr, nullptr));
   return builder.ParseFile(dir / "doc.xml", false);
@@ -79,19 +91,24 @@ TEST(ExpatDOMBuilder, RoundTripWritesExactBytes) {
   }
 }
 
-// An empty, missing or unreadable file gives the caller's result and leaves the new document.
+// An empty, missing or unreadable file gives the caller's result and a new document: Create
+// discards the earlier tree, and makes the builder usable again after a failed parse.
 TEST(ExpatDOMBuilder, EmptyOrMissingFileGivesTheCallersResult) {
   TempDir dir;
   WriteFile(dir / "empty.xml", "");
+  Builder builder;
   for (const std::string& path : {dir / "empty.xml", dir / "missing.xml", dir.path()}) {
     for (bool resultIfEmpty : {true, false}) {
-      Builder builder;
+      ASSERT_TRUE(ParseBytes(builder, dir, "<?xml version=\"1.1\"?><r/>"));
       ASSERT_TRUE(builder.Create(nullptr, nullptr));
       EXPECT_EQ(resultIfEmpty && path != dir.path(), builder.ParseFile(path, resultIfEmpty))
           << path;
       EXPECT_EQ(kDecl, Write(*builder.GetDocumentNode())) << path;
     }
   }
+  EXPECT_FALSE(ParseBytes(builder, dir, "<r>"));
+  EXPECT_TRUE(ParseBytes(builder, dir, "<s/>"));
+  EXPECT_EQ(kDecl + "<s></s>\n", Write(*builder.GetDocumentNode()));
 }
 
 // Past the size read as one buffer, the file and the text go to the parser in chunks; a
@@ -131,7 +148,7 @@ TEST(ExpatDOMBuilder, VeryDeepTreesParseWriteAndDieWithoutRecursion) {
 }
 
 // A node type of its own that rewrites what it is given: the builder must hand it every text and
-// attribute through the virtual setters, never around them, while plain nodes get the same tree.
+// attribute through the virtual setters, never around them.
 class UpperNode : public XMLDocumentNode {
  public:
   UpperNode() = default;
@@ -152,44 +169,329 @@ class UpperNode : public XMLDocumentNode {
 
 TEST(ExpatDOMBuilder, DerivedNodesAreGivenEverythingThroughTheirSetters) {
   TempDir dir;
-  const std::string bytes = "<r b=\"two\" a=\"one\">text &amp; more<c x=\"y\">in</c></r>";
-  WriteFile(dir / "doc.xml", bytes);
   esd::ExpatDOMBuilder<UpperNode> derived;
-  ASSERT_TRUE(derived.Create(nullptr, nullptr));
-  ASSERT_TRUE(derived.ParseFile(dir / "doc.xml", false));
+  ASSERT_TRUE(
+      ParseBytes(derived, dir, "<r b=\"two\" a=\"one\">text &amp; more<c x=\"y\">in</c></r>"));
   EXPECT_EQ(kDecl + "<R a=\"ONE\" b=\"TWO\">TEXT &amp; MORE<C x=\"Y\">IN</C>\n</R>\n",
             Write(*derived.GetDocumentNode()));
-  EXPECT_EQ(kDecl + "<r a=\"one\" b=\"two\">text &amp; more<c x=\"y\">in</c>\n</r>\n",
-            Rewrite(dir, bytes));
 
-  // The builder's own setters keep what the virtual ones promise: a repeated name takes the new
-  // value, and "version" on the document node is the declaration's, not an attribute.
-  XMLDocumentNode element("e");
+  // The plain nodes' own setter keeps what the virtual one promises: a repeated name takes the
+  // new value, and "version" on the document node is the declaration's, not an attribute.
+  XMLDocumentNode element("e"), document;
   element.AddAttribute("k", "1");
   element.AddAttribute("k", "2");
-  element.AppendText("ab", 1);
   EXPECT_EQ((XMLDocumentNode::AttributeList{{"k", "2"}}), element.GetAllAttrs());
-  EXPECT_EQ("a", element.GetData());
-  XMLDocumentNode document;
-  document.AddAttribute("version", "1.0");
-  EXPECT_EQ("1.0", document.GetVersion());
+  document.AddAttribute("version", "1.1");
+  EXPECT_EQ("1.1", document.GetVersion());
   EXPECT_TRUE(document.GetAttributeMap().empty());
 }
 
-// Create discards the earlier tree, and makes the builder usable again after a failed parse.
-TEST(ExpatDOMBuilder, CreateDiscardsTheEarlierTree) {
+// Child values need a unique child: with two of a name reads fail and a write adds another.
+TEST(DOMUtils, ChildValuesNeedAUniqueChild) {
+  XMLDocumentNode parent("p");
+  std::string value = "untouched";
+  EXPECT_FALSE(esd::DOMUtils::GetChildValue(&parent, "Name", value));
+  EXPECT_TRUE(esd::DOMUtils::SetChildValue(&parent, "Name", std::string("first value")));
+  EXPECT_TRUE(esd::DOMUtils::SetChildValue(&parent, "Name", std::string("second value")));
+  ASSERT_EQ(1u, parent.GetChildNodes().size());
+  EXPECT_TRUE(esd::DOMUtils::GetChildValue(&parent, "Name", value));
+  EXPECT_EQ("second value", value);  // whole text, blanks and all
+  parent.AddChildNode(new XMLDocumentNode("Name"));
+  EXPECT_FALSE(esd::DOMUtils::GetChildValue(&parent, "Name", value));
+  XMLDocumentNode* found = nullptr;
+  EXPECT_FALSE(esd::DOMUtils::FindUniqueChildByName(&parent, "Name", found));
+  EXPECT_TRUE(esd::DOMUtils::SetChildValue(&parent, "Name", std::string("third")));
+  EXPECT_EQ(3u, parent.GetChildNodes().size());
+  EXPECT_EQ("third", parent.GetChildNodes().back()->GetData());
+}
+
+// Copies are deep and independent; copying a node into its own subtree copies it as it was.
+// Deleting takes only a direct child.
+TEST(XMLDocumentNode, DuplicatesAreDeepAndDeletesShallow) {
   TempDir dir;
   Builder builder;
-  ASSERT_TRUE(ParseBytes(builder, dir, "<?xml version=\"1.1\"?><r/>"));
-  ASSERT_TRUE(builder.Create(nullptr, nullptr));
-  EXPECT_EQ(kDecl, Write(*builder.GetDocumentNode()));
-  EXPECT_FALSE(ParseBytes(builder, dir, "<r>"));
-  EXPECT_TRUE(ParseBytes(builder, dir, "<s/>"));
-  EXPECT_EQ(kDecl + "<s></s>\n", Write(*builder.GetDocumentNode()));
+  ASSERT_TRUE(ParseBytes(builder, dir, "<r k=\"v\">t<a x=\"1\">u<b/></a><c/></r>"));
+  XMLDocumentNode* r = builder.GetDocumentNode()->GetChildNodes()[0];
+  const std::string before = Write(*r);
+  std::unique_ptr<XMLDocumentNode> copy(XMLDocumentNode::Duplicate(r));
+  copy->SetAttributeData("k", "changed");
+  copy->GetChildNodes()[0]->SetElementData("changed");
+  EXPECT_EQ(before, Write(*r));
+  std::unique_ptr<XMLDocumentNode> shallow(XMLDocumentNode::DuplicateNode(r));
+  EXPECT_TRUE(shallow->GetChildNodes().empty());
+  EXPECT_EQ("t", shallow->GetData());
+
+  XMLDocumentNode* a = r->GetChildNodes()[0];
+  XMLDocumentNode* attached = XMLDocumentNode::DuplicateAndAttach(r, a);
+  ASSERT_EQ(a->GetChildNodes().back(), attached);
+  EXPECT_EQ(before, Write(*attached));
+
+  XMLDocumentNode* c = r->GetChildNodes()[1];
+  EXPECT_FALSE(r->DeleteChildNode(a->GetChildNodes()[0]));
+  EXPECT_FALSE(r->DeleteChildNode(nullptr));
+  EXPECT_TRUE(r->DeleteChildNode(a));
+  EXPECT_EQ(std::vector<XMLDocumentNode*>{c}, r->GetChildNodes());
+}
+
+TEST(XMLDocumentNodeDeathTest, ProgrammingErrorsNameTheCondition) {
+  XMLDocumentNode node("n");
+  EXPECT_DEATH(node.AddChildNode(nullptr), "failed assertion `pNode != NULL'");
+  Builder builder;
+  EXPECT_DEATH(builder.GetBuffer(10), "failed assertion `m_pExpatParser != NULL'");
+  esd::SearchResult<XMLDocumentNode> none;
+  EXPECT_DEATH(none.GetFirst(), "failed assertion `!mResultSet.empty\\(\\)'");
+}
+
+bool Parses(const std::string& text) { return Builder::IsWellFormed(text.data(), text.size()); }
+
+// A document as the builder makes it, with one store root holding one record.
+struct Store {
+  XMLDocumentNode document;
+  XMLDocumentNode* root;
+  XMLDocumentNode* record;
+  XMLDocumentNode* field;
+  Store() {
+    document.SetAttributeData("version", "1.0");
+    document.SetAttributeData("encoding", "UTF-8");
+    root = new XMLDocumentNode("Store");
+    document.AddChildNode(root);
+    record = new XMLDocumentNode("Application");
+    root->AddChildNode(record);
+    record->SetAttributeData("appID", "org.example.Host");
+    field = new XMLDocumentNode("InstallPath");
+    record->AddChildNode(field);
+    field->SetElementData("/opt/Example Host");
+  }
+};
+
+// The check vouches for ordinary trees and for nothing whose text fails to parse; what it does not
+// vouch for is either broken or merely unusual (then a parse decides). The writer's check while
+// writing agrees, and writes the bytes of operator<<. (Bytes in texts, values and names are the
+// tables below.)
+TEST(XMLWriteCheck, VouchesForOrdinaryTreesOnly) {
+  const std::pair<const char*, std::function<void(Store&)>> kUnvouched[] = {
+      {"name starting with a digit", [](Store& s) { s.record->SetAttributeData("1a", "v"); }},
+      {"empty name", [](Store& s) { s.root->AddChildNode(new XMLDocumentNode("")); }},
+      {"second root", [](Store& s) { s.document.AddChildNode(new XMLDocumentNode("Other")); }},
+      {"no root", [](Store& s) { s.document.DeleteChildNode(s.root); }},
+      {"version 1.1", [](Store& s) { s.document.SetAttributeData("version", "1.1"); }},
+      {"other declaration attribute",
+       [](Store& s) { s.document.SetAttributeData("standalone", "yes"); }},
+      {"document node inside the tree",
+       [](Store& s) { s.root->AddChildNode(new XMLDocumentNode()); }},
+  };
+  Store plain;
+  EXPECT_TRUE(WritesWellFormed(plain.document));
+  EXPECT_TRUE(Parses(Write(plain.document)));
+  EXPECT_FALSE(WritesWellFormed(*plain.root));  // only a document node can be vouched for
+  for (const auto& [what, change] : kUnvouched) {
+    Store store;
+    change(store);
+    EXPECT_FALSE(WritesWellFormed(store.document)) << what;
+    std::ostringstream written;
+    EXPECT_FALSE(WriteVouched(written, store.document)) << what;
+    EXPECT_EQ(Write(store.document), written.str()) << what;
+  }
+}
+
+// Long texts are judged and escaped in blocks: a byte of every kind at every place of texts
+// around and across those blocks' edges is escaped and judged as it would be alone. Valid but
+// unusual characters (C1 controls) are left to a parse.
+TEST(XMLWriteCheck, EveryPlaceInALongTextIsJudgedAndEscaped) {
+  struct Piece {
+    const char* bytes;
+    const char* escaped;
+    bool plainInText;
+    bool plainInValue;
+  };
+  const Piece kPieces[] = {
+      {"<", "&lt;", true, false},          {"&", "&amp;", true, false},
+      {"\"", "&quot;", true, false},       {"'", "&apos;", true, true},
+      {">", "&gt;", true, true},           {"\t", "\t", true, true},
+      {"\r", "\r", true, true},            {"\n", "\n", true, true},
+      {"\x01", "\x01", false, false},      {"\x7F", "\x7F", false, false},
+      {"\xC3\xA9", "\xC3\xA9", true, true}, {"\xE2\x82\xAC", "\xE2\x82\xAC", true, true},
+      {"\xC3", "\xC3", false, false},      {"\xEF\xBF\xBE", "\xEF\xBF\xBE", false, false},
+      {"\xC0\xAF", "\xC0\xAF", false, false}, {"\xED\xA0\x80", "\xED\xA0\x80", false, false},
+      {"\xF4\x90\x80\x80", "\xF4\x90\x80\x80", false, false},
+      {"\xC2\x85", "\xC2\x85", false, false},
+      {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80", true, true},
+  };
+  for (const Piece& piece : kPieces) {
+    for (size_t length : {15u, 16u, 17u, 31u, 32u, 33u, 47u}) {
+      for (size_t at = 0; at <= length; ++at) {
+        const std::string before(at, 'a'), after(length - at, 'b');
+        Store store;
+        store.field->SetElementData(before + piece.bytes + after);
+        std::ostringstream written;
+        const std::string what = std::string("text of ") + std::to_string(length) + " at " +
+                                 std::to_string(at) + ": " + piece.escaped;
+        EXPECT_EQ(piece.plainInText, WriteVouched(written, store.document)) << what;
+        EXPECT_EQ(piece.plainInText, WritesWellFormed(store.document)) << what;
+        EXPECT_NE(std::string::npos,
+                  written.str().find(">" + before + piece.escaped + after + "</InstallPath>"))
+            << what;
+        EXPECT_TRUE(!piece.plainInText || Parses(written.str())) << what;
+
+        store.field->SetElementData("");
+        store.record->SetAttributeData("appID", before + piece.bytes + after);
+        EXPECT_EQ(piece.plainInValue, WritesWellFormed(store.document)) << what;
+        EXPECT_TRUE(!piece.plainInValue || Parses(Write(store.document))) << what;
+      }
+    }
+  }
+}
+
+// Names are judged several bytes at a time: a byte on either side of every range of name
+// characters, at every place of names of every length up to past two blocks, is judged as it
+// would be alone, in element and attribute names alike.
+TEST(XMLWriteCheck, EveryPlaceInALongNameIsJudged) {
+  const std::string kBytes = std::string("AZaz09:-._/;@[`{,^ ") + "\x7F\x80\xC3\xFF";
+  auto nameChar = [](char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+           c == '_' || c == ':' || c == '-' || c == '.';
+  };
+  for (size_t length = 2; length <= 40; ++length) {
+    for (size_t at = 1; at < length; ++at) {
+      for (const char c : kBytes) {
+        std::string name(length, 'n');
+        name[at] = c;
+        Store store;
+        store.root->AddChildNode(new XMLDocumentNode(name));
+        EXPECT_EQ(nameChar(c), WritesWellFormed(store.document)) << name;
+        std::ostringstream written;
+        EXPECT_EQ(nameChar(c), WriteVouched(written, store.document)) << name;
+
+        Store attributed;
+        attributed.record->SetAttributeData(name, "v");
+        EXPECT_EQ(nameChar(c), WritesWellFormed(attributed.document)) << name;
+      }
+    }
+  }
+}
+
+// A save writes what the check vouches for without parsing it first, and still writes unusual
+// but loadable trees after parsing them; broken ones never reach the file.
+TEST(XMLWriteCheck, SaveWritesUnusualTreesThatParseAndRefusesBrokenOnes) {
+  TempDir dir;
+  const std::string path = dir / "Store.xml";
+  Builder builder;
+  JournaledXMLFile file(builder);
+  ASSERT_TRUE(file.SetPath(path));
+  ASSERT_TRUE(file.Load(nullptr));
+  auto* root = new XMLDocumentNode("Store");
+  builder.GetDocumentNode()->AddChildNode(root);
+  root->SetAttributeData("note", "a&amp;b");     // not vouched for, but parses
+  root->AddChildNode(new XMLDocumentNode("\xC3\xA9t\xC3\xA9"));  // likewise
+  ASSERT_FALSE(WritesWellFormed(*builder.GetDocumentNode()));
+  ASSERT_TRUE(file.Save());
+  const std::string saved = Write(*builder.GetDocumentNode());
+  EXPECT_EQ(saved, ReadFile(path));
+
+  root->SetAttributeData("note", "a<b");
+  EXPECT_FALSE(file.Save());
+  EXPECT_EQ(saved, ReadFile(path));
+}
+
+// A record with one field of each storage kind and type the stores use.
+class Record : public XMLBoundObject<Record> {
+ public:
+  Record() = default;
+  explicit Record(XMLDocumentNode* node) : XMLBoundObject<Record>(node) {}
+  static std::string GetNodeRootName() { return "Record"; }
+
+  bool GetappID(std::string& out) const { return GetAttributeField("appID", out); }
+  bool SetappID(const std::string& value) { return SetAttributeField("appID", value); }
+  bool GetCount(int& out) const { return GetAttributeField("count", out); }
+  bool SetCount(int value) { return SetAttributeField("count", value); }
+  bool GetEnabled(bool& out) const { return GetAttributeField("enabled", out); }
+  bool SetEnabled(bool value) { return SetAttributeField("enabled", value); }
+  bool Getversion(FileSystemVersion& out) const { return GetAttributeField("version", out); }
+  bool Setversion(const FileSystemVersion& value) { return SetAttributeField("version", value); }
+  bool GetDisplayName(std::string& out) const { return GetChildValue("DisplayName", out); }
+  bool SetDisplayName(const std::string& value) { return SetChildValue("DisplayName", value); }
+};
+
+std::string AppID(const Record& record) {
+  std::string id;
+  return record.GetappID(id) ? id : "<none>";
+}
+
+// A new record owns an empty element of its own; fields are stored in their text forms and read
+// back through the conversions; missing fields read as false and leave the output alone.
+TEST(XMLBoundObject, FieldsLiveInTheElement) {
+  Record record;
+  EXPECT_EQ("<Record></Record>", Write(*record.GetObjectRoot()));
+  EXPECT_NE(Record().GetObjectRoot(), record.GetObjectRoot());
+  EXPECT_TRUE(record.SetappID("com.example app"));
+  EXPECT_TRUE(record.SetCount(-12));
+  EXPECT_TRUE(record.SetEnabled(true));
+  EXPECT_TRUE(record.Setversion(FileSystemVersion("5,1")));
+  EXPECT_TRUE(record.SetDisplayName("Example <App> & more"));
+  EXPECT_EQ(
+      "<Record appID=\"com.example app\" count=\"-12\" enabled=\"1\" version=\"5.1.0.0\">\n"
+      "<DisplayName>Example &lt;App&gt; &amp; more</DisplayName>\n</Record>",
+      Write(*record.GetObjectRoot()));
+
+  std::string text;
+  int count = 0;
+  bool enabled = false;
+  FileSystemVersion version(FileSystemVersion::kInvalidVersion);
+  EXPECT_EQ("com.example app", AppID(record));  // whole text, not one word
+  EXPECT_TRUE(record.GetCount(count) && count == -12);
+  EXPECT_TRUE(record.GetEnabled(enabled) && enabled);
+  EXPECT_TRUE(record.Getversion(version) && version.ToString() == "5.1.0.0");
+  EXPECT_TRUE(record.GetDisplayName(text) && text == "Example <App> & more");
+
+  Record bare;
+  text = "kept";
+  count = 7;
+  EXPECT_FALSE(bare.GetCount(count) || bare.GetDisplayName(text));
+  EXPECT_EQ("kept", text);
+  EXPECT_EQ(7, count);
+}
+
+// Copies share one element, which outlives the record that made it. Detach gives a bound record
+// a private deep copy once; copies taken before stay bound; an empty record has no fields.
+TEST(XMLBoundObject, CopiesShareOneElementUntilDetached) {
+  std::unique_ptr<Record> maker(new Record);
+  Record copy(*maker);
+  Record assigned;
+  assigned = copy;
+  EXPECT_TRUE(assigned.SetappID("shared"));
+  maker.reset();
+  EXPECT_EQ("shared", AppID(copy));
+  EXPECT_FALSE(copy.Detach());  // already owns its element
+
+  XMLDocumentNode document("Store");
+  auto* element = new XMLDocumentNode("Record");
+  element->SetAttributeData("appID", "a");
+  element->AddChildNode(new XMLDocumentNode("DisplayName"));
+  document.AddChildNode(element);
+  const std::string before = Write(document);
+  Record record(element);
+  Record sharer(record);
+  ASSERT_TRUE(record.Detach());
+  EXPECT_FALSE(record.Detach());
+  EXPECT_EQ(Write(*element), Write(*record.GetObjectRoot()));
+  EXPECT_TRUE(record.SetappID("b"));
+  EXPECT_TRUE(record.SetDisplayName("private"));
+  EXPECT_EQ(before, Write(document));
+  EXPECT_EQ("a", AppID(sharer));
+
+  // Rebinding drops the private copy: writes go to the new node.
+  XMLDocumentNode* privateCopy = record.GetObjectRoot();
+  EXPECT_EQ(privateCopy, record.SetObjectRoot(element));
+  EXPECT_TRUE(record.SetappID("c"));
+  EXPECT_EQ("c", AppID(sharer));
+
+  record.SetObjectRoot(nullptr);
+  EXPECT_FALSE(record.Detach() || record.SetappID("x") || record.SetDisplayName("x"));
+  EXPECT_EQ("<none>", AppID(record));
 }
 
 // Children looks one level down, by exact name, in document order; a missing attribute never
-// matches, not even an empty wanted value.
+// matches, not even an empty wanted value. Records are bound to the children so found.
 TEST(SearchResult, ChildrenLooksOneLevelInDocumentOrder) {
   TempDir dir;
   Builder builder;
@@ -211,79 +513,14 @@ TEST(SearchResult, ChildrenLooksOneLevelInDocumentOrder) {
 
   const auto grandChildren = apps.Children(esd::NodeName("app"));
   ASSERT_EQ(1u, grandChildren.size());
-  std::string id;
-  EXPECT_TRUE(grandChildren.GetFirst()->GetAttrValue("id", id));
-  EXPECT_EQ("3", id);
-}
+  EXPECT_EQ("3", grandChildren.GetFirst()->GetAttributeMap().at("id"));
 
-// Child values need a unique child: with two of a name reads fail and a write adds another.
-TEST(DOMUtils, ChildValuesNeedAUniqueChild) {
-  XMLDocumentNode parent("p");
-  std::string value = "untouched";
-  EXPECT_FALSE(esd::DOMUtils::GetChildValue(&parent, "Name", value));
-  EXPECT_EQ("untouched", value);
-  EXPECT_TRUE(esd::DOMUtils::SetChildValue(&parent, "Name", std::string("first value")));
-  EXPECT_TRUE(esd::DOMUtils::SetChildValue(&parent, "Name", std::string("second value")));
-  ASSERT_EQ(1u, parent.GetChildNodes().size());
-  EXPECT_TRUE(esd::DOMUtils::GetChildValue(&parent, "Name", value));
-  EXPECT_EQ("second value", value);  // whole text, blanks and all
-  int count = 0;
-  EXPECT_FALSE(esd::DOMUtils::GetChildValue(&parent, "Name", count));
-
-  parent.AddChildNode(new XMLDocumentNode("Name"));
-  EXPECT_FALSE(esd::DOMUtils::GetChildValue(&parent, "Name", value));
-  XMLDocumentNode* found = nullptr;
-  EXPECT_FALSE(esd::DOMUtils::FindUniqueChildByName(&parent, "Name", found));
-  EXPECT_TRUE(esd::DOMUtils::SetChildValue(&parent, "Name", std::string("third")));
-  EXPECT_EQ(3u, parent.GetChildNodes().size());
-  EXPECT_EQ("third", parent.GetChildNodes().back()->GetData());
-}
-
-TEST(XMLDocumentNode, DeleteChildNodeRemovesOnlyDirectChildren) {
-  XMLDocumentNode root("r");
-  auto* a = new XMLDocumentNode("a");
-  auto* b = new XMLDocumentNode("b");
-  auto* grandChild = new XMLDocumentNode("g");
-  a->AddChildNode(grandChild);
-  root.AddChildNode(a);
-  root.AddChildNode(b);
-  EXPECT_FALSE(root.DeleteChildNode(grandChild));
-  EXPECT_FALSE(root.DeleteChildNode(nullptr));
-  EXPECT_EQ("g", a->GetChildNodes()[0]->GetElementName());  // still alive and in place
-  EXPECT_TRUE(root.DeleteChildNode(a));
-  EXPECT_EQ(std::vector<XMLDocumentNode*>{b}, root.GetChildNodes());
-}
-
-// Copies are deep and independent; copying a node into its own subtree copies it as it was.
-TEST(XMLDocumentNode, DuplicatesAreDeepAndIndependent) {
-  TempDir dir;
-  Builder builder;
-  ASSERT_TRUE(ParseBytes(builder, dir, "<r k=\"v\">t<a x=\"1\">u<b/></a><c/></r>"));
-  XMLDocumentNode* r = builder.GetDocumentNode()->GetChildNodes()[0];
-  const std::string before = Write(*r);
-  std::unique_ptr<XMLDocumentNode> copy(XMLDocumentNode::Duplicate(r));
-  EXPECT_EQ(before, Write(*copy));
-  copy->SetAttributeData("k", "changed");
-  copy->GetChildNodes()[0]->SetElementData("changed");
-  EXPECT_EQ(before, Write(*r));
-
-  std::unique_ptr<XMLDocumentNode> shallow(XMLDocumentNode::DuplicateNode(r));
-  EXPECT_TRUE(shallow->GetChildNodes().empty());
-  EXPECT_EQ("t", shallow->GetData());
-
-  XMLDocumentNode* a = r->GetChildNodes()[0];
-  XMLDocumentNode* attached = XMLDocumentNode::DuplicateAndAttach(r, a);
-  ASSERT_EQ(a->GetChildNodes().back(), attached);
-  EXPECT_EQ(before, Write(*attached));
-}
-
-TEST(XMLDocumentNodeDeathTest, ProgrammingErrorsNameTheCondition) {
-  XMLDocumentNode node("n");
-  EXPECT_DEATH(node.AddChildNode(nullptr), "failed assertion `pNode != NULL'");
-  Builder builder;
-  EXPECT_DEATH(builder.GetBuffer(10), "failed assertion `m_pExpatParser != NULL'");
-  esd::SearchResult<XMLDocumentNode> none;
-  EXPECT_DEATH(none.GetFirst(), "failed assertion `!mResultSet.empty\\(\\)'");
+  std::vector<Record> records(2);  // cleared first
+  ASSERT_TRUE(XMLBoundObjectUtils::GetNodeChildrenAsType(top.GetFirst(), "app", records));
+  ASSERT_EQ(3u, records.size());
+  EXPECT_EQ(apps.GetResultSet()[2], records[2].GetObjectRoot());
+  EXPECT_TRUE(XMLBoundObjectUtils::GetNodeChildrenAsType(top.GetFirst(), "Missing", records));
+  EXPECT_TRUE(records.empty());
 }
 
 }  // namespace

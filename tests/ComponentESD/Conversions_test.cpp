@@ -1,0 +1,183 @@
+// Conversions: values to and from text, format strings, the lock-name token (digest and Base64),
+// paths to references and UTF-8 to UTF-16.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "support/TempDir.h"
+#include "xplat/Base64.h"
+#include "xplat/ChangeDiffType.h"
+#include "xplat/ESDErrors.h"
+#include "xplat/FileSystemVersion.h"
+#include "xplat/FormatString.h"
+#include "xplat/NameHash.h"
+#include "xplat/PathConversions.h"
+
+namespace {
+
+using testing_support::TempDir;
+using testing_support::WriteFile;
+
+// A value whose conversion to text fails.
+struct Unprintable {};
+std::ostream& operator<<(std::ostream& stream, const Unprintable&) {
+  stream.setstate(std::ios::failbit);
+  return stream;
+}
+
+// `text` converted to a T (starting from `value`) and back to text, or "<refused>".
+template <typename T>
+std::string Through(const std::string& text, T value = T()) {
+  if (!esd::ChangeType(text, value)) return "<refused>";
+  std::string out;
+  EXPECT_TRUE(esd::ChangeType(value, out));
+  return out;
+}
+
+// Text converts only when the whole of it is one value of the type (blanks around are fine);
+// booleans are "1" and "0" only; a version is lenient on content (the stored attributes are read
+// so) but still needs exactly one word; enumerations print their value, not a name.
+TEST(ChangeType, TextToValuesConsumesTheWholeText) {
+  const FileSystemVersion invalid(FileSystemVersion::kInvalidVersion);
+  const std::pair<std::string, std::string> kCases[] = {
+      {Through<int>(" 12 "), "12"},           {Through<int>("12a"), "<refused>"},
+      {Through<int>("1 2"), "<refused>"},     {Through<int>(""), "<refused>"},
+      {Through<int>("2147483648"), "<refused>"}, {Through<float>("10.4.11"), "<refused>"},
+      {Through<unsigned long>("4294967296"), "4294967296"},
+      {Through<bool>("1"), "1"},              {Through<bool>("true"), "<refused>"},
+      {Through<bool>("2"), "<refused>"},      {Through<std::string>("two words"), "<refused>"},
+      {Through(" 10,4 ", invalid), "10.4.0.0"}, {Through("1.x.3", invalid), "1.0.0.0"},
+      {Through("5-6", invalid), "5.6.0.0"},   {Through("", invalid), "<refused>"},
+      {Through("1.2 3.4", invalid), "<refused>"},
+  };
+  for (const auto& [got, expected] : kCases) EXPECT_EQ(expected, got);
+  std::string text;
+  EXPECT_TRUE(esd::ChangeType(kESDGenericError, text));
+  EXPECT_EQ("-1", text);
+}
+
+// An argument that does not convert stops the formatting only when it is used. (Every other
+// pattern is the format fuzzer's.)
+TEST(FormatString, UnconvertibleArgumentFailsOnlyWhenUsed) {
+  std::string out;
+  EXPECT_FALSE(esd::FormatString(out, "a%0b", Unprintable{}));
+  out.clear();
+  EXPECT_TRUE(esd::FormatString(out, "a%1b", Unprintable{}, 2));
+  EXPECT_EQ("a2b", out);
+}
+
+template <typename Bytes>
+std::string Base64(const Bytes& bytes) {
+  std::string text;
+  esd::Base64Encode(bytes.begin(), bytes.end(), std::back_inserter(text));
+  return text;
+}
+
+// The vectors of the Base64 definition cover every padding case; a ramp puts all 64 characters of
+// the alphabet in place; high bytes in a signed-char string encode like the same unsigned bytes.
+TEST(Base64Encode, MatchesTheStandardVectorsAndAlphabet) {
+  const std::pair<std::string, std::string> kVectors[] = {
+      {"", ""},         {"f", "Zg=="},        {"fo", "Zm8="},         {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {"\xff\xef", "/+8="},
+  };
+  for (const auto& [bytes, text] : kVectors) EXPECT_EQ(text, Base64(bytes)) << bytes;
+
+  std::vector<unsigned char> ramp;
+  for (unsigned v = 0; v < 64; ++v) {  // three bytes per group carrying 6-bit values v, v, v, v
+    ramp.push_back(static_cast<unsigned char>((v << 2) | (v >> 4)));
+    ramp.push_back(static_cast<unsigned char>(((v & 0xF) << 4) | (v >> 2)));
+    ramp.push_back(static_cast<unsigned char>(((v & 0x3) << 6) | v));
+  }
+  std::string expected;
+  for (char c : std::string("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"))
+    expected += std::string(4, c);
+  EXPECT_EQ(expected, Base64(ramp));
+}
+
+// Lock names come from this token: Base64 of the digest of every byte of the name, NULs included;
+// the digests are those of the digest definition's test suite, messages over one block included.
+TEST(GetNameHashValue, IsTheBase64OfTheDigest) {
+  const std::pair<std::string, std::string> kSuite[] = {
+      {"a", "DMF1ucDxtqgxw5niaXcmYQ=="},
+      {"abc", "kAFQmDzST7DWlj99KOF/cg=="},
+      {"message digest", "+WtpfXy3k41SWi8xqvFh0A=="},
+      {"abcdefghijklmnopqrstuvwxyz", "w/zT12GS5AB9+0lsymfhOw=="},
+      {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789",
+       "0XSrmNJ32fWlYRwsn0Gdnw=="},
+      {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+       "V+30oivjyVWsSdouIQe2eg=="},
+  };
+  for (const auto& [name, token] : kSuite) EXPECT_EQ(token, esd::GetNameHashValue(name)) << name;
+  EXPECT_NE(esd::GetNameHashValue("nul"), esd::GetNameHashValue(std::string("nul\0", 4)));
+}
+
+// A placeholder above %9 and an empty lock name are programming errors: the process ends, naming
+// the place and the condition.
+TEST(ConversionsDeathTest, ProgrammingErrorsNameTheCondition) {
+  std::string out;
+  EXPECT_DEATH(esd::FormatString(out, "%10", 1),
+               "FormatString.h:[0-9]+: failed assertion `NULL == \"Format values above %9 are "
+               "not supported\"'");
+  EXPECT_DEATH(esd::GetNameHashValue(""),
+               "NameHash\\.cpp:[0-9]+: failed assertion `!inString\\.empty\\(\\)'\n");
+}
+
+TEST(PathConversions, ReferenceIsTheResolvedPathOfAnExistingObject) {
+  TempDir dir;
+  WriteFile(dir / "file", "x");
+  ASSERT_EQ(0, ::symlink((dir / "file").c_str(), (dir / "link").c_str()));
+  ASSERT_EQ(0, ::symlink((dir / "gone").c_str(), (dir / "dangling").c_str()));
+
+  ASSERT_EQ(0, ::mkdir((dir / "sub").c_str(), 0755));
+
+  esd::FSRef ref;
+  ASSERT_TRUE(esd::StdioPathToFSRef(dir.path() + "/./sub/../link", ref));
+  esd::FSRef direct;
+  ASSERT_TRUE(esd::StdioPathToFSRef(dir / "file", direct));
+  EXPECT_EQ(direct.path, ref.path);
+  EXPECT_EQ('/', ref.path.front());
+
+  std::vector<char> bytes;
+  ASSERT_TRUE(esd::FSRefMakeVectorPath(ref, bytes));
+  ASSERT_EQ(ref.path.size() + 1, bytes.size());
+  EXPECT_EQ('\0', bytes.back());
+  EXPECT_EQ(ref.path, std::string(bytes.data()));
+
+  EXPECT_FALSE(esd::StdioPathToFSRef(dir / "dangling", ref));
+  EXPECT_TRUE(ref.path.empty());
+  EXPECT_FALSE(esd::StdioPathToFSRef(dir / "missing", ref));
+  EXPECT_FALSE(esd::StdioPathToFSRef("", ref));
+  EXPECT_FALSE(esd::FSRefMakeVectorPath(ref, bytes));
+  EXPECT_TRUE(bytes.empty());
+}
+
+// UTF-8 to UTF-16 units, at each sequence length and the surrogate-pair bounds; malformed input
+// is refused with an empty result.
+TEST(CStringToVectorUniChar, ConvertsValidAndRejectsMalformedInput) {
+  const std::pair<const char*, std::vector<uint16_t>> kValid[] = {
+      {"", {}},
+      {"Ab\xC3\xA9", {0x41, 0x62, 0xE9}},
+      {"\xEF\xBF\xBF", {0xFFFF}},
+      {"\xF0\x9F\x98\x80", {0xD83D, 0xDE00}},
+      {"\xF4\x8F\xBF\xBF", {0xDBFF, 0xDFFF}},
+  };
+  for (const auto& [utf8, units] : kValid) {
+    std::vector<uint16_t> out{0x1234};
+    EXPECT_TRUE(esd::CStringToVectorUniChar(utf8, out)) << ::testing::PrintToString(utf8);
+    EXPECT_EQ(units, out) << ::testing::PrintToString(utf8);
+  }
+  const char* kBad[] = {"\x80", "a\xC3", "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF",
+                        nullptr};
+  for (const char* bad : kBad) {
+    std::vector<uint16_t> out{0x41};
+    EXPECT_FALSE(esd::CStringToVectorUniChar(bad, out)) << ::testing::PrintToString(bad);
+    EXPECT_TRUE(out.empty());
+  }
+}
+
+}  // namespace
