@@ -15,41 +15,28 @@
 // model matches the files; 1 otherwise.
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <map>
 #include <random>
-#include <set>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "VantuUpdater/VantuUpdater.h"
 #include "reliability/StoreState.h"
 #include "support/ChildProcess.h"
 #include "support/MultiUser.h"
 #include "support/PrivateMounts.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
-#include "xplat/FileSystemUtils.h"
-#include "xplat/PrefsLockScope.h"
-#include "xplat/VantuUpdaterPrefs.h"
 
 namespace {
 
+using namespace reliability;
 using Clock = std::chrono::steady_clock;
-using reliability::MissingComponent;
-using reliability::StoreFiles;
-using reliability::StoreState;
 
 // The shortest lock time-out in the library (the stores'; the preferences wait 3 s). A call that
 // failed after waiting this long may have failed on a lock; faster failures cannot have.
@@ -57,317 +44,182 @@ constexpr double kLockTimeoutMs = 2000.0;
 constexpr int kAppsPerProcess = 6;
 constexpr int kMessagesPerProcess = 4;
 
-enum Operation { kRegister, kUnregister, kDownload, kPrefSet, kPrefMap, kTrigger, kOperations };
-const char* const kOperationNames[kOperations] = {"register", "unregister",       "download",
-                                                  "pref set", "pref map (r-m-w)", "trigger"};
-
-const unsigned char* U(const std::string& text) {
-  return reinterpret_cast<const unsigned char*>(text.c_str());
-}
-
-struct Options {
-  int processes = 16;
-  double seconds = 30;
-  unsigned long long seed = 0;
-  int users = 1;
-};
-
-// The users of a run and where each keeps its own files. A run as one user is the harness's own
-// identity in the sandbox's home.
-struct User {
-  testing_support::UserIdentity identity;
-  std::string home;
-  std::string runtime;
-  StoreFiles files;
-  unsigned long manual = 0, scheduled = 0;
-};
+std::string Prefix(size_t worker) { return "torture.p" + std::to_string(worker) + "."; }
 
 struct Timing {
-  unsigned long calls = 0;
-  double totalMs = 0;
-  double maxMs = 0;
-  void Add(double ms) {
-    ++calls;
-    totalMs += ms;
-    maxMs = std::max(maxMs, ms);
+  unsigned long calls = 0, succeeded = 0;
+  double totalMs = 0, maxMs = 0;
+};
+
+// What a worker did, handed to the harness as lines of text.
+struct Report {
+  Timing timing[kOperations];
+  std::vector<std::string> failures;
+  std::set<std::string> tainted;  // items a failed call touched: the model no longer knows them
+  unsigned long timeouts = 0, manual = 0, scheduled = 0, launches = 0;
+  StoreState model;
+
+  void Write(std::ostream& out) const {
+    for (int op = 0; op < kOperations; ++op)
+      out << "timing " << op << " " << timing[op].calls << " " << timing[op].succeeded << " "
+          << timing[op].totalMs << " " << timing[op].maxMs << "\n";
+    for (const std::string& failure : failures) out << "failure " << failure << "\n";
+    for (const std::string& item : tainted) out << "tainted " << item << "\n";
+    out << "counts " << timeouts << " " << manual << " " << scheduled << " " << launches << "\n"
+        << model.Text();
+  }
+
+  // False unless the report is whole: the counts line is written last but for the model.
+  bool Read(std::istream& in) {
+    bool complete = false;
+    for (std::string line; std::getline(in, line);) {
+      std::istringstream fields(line);
+      std::string kind, rest;
+      fields >> kind;
+      std::getline(fields >> std::ws, rest);
+      if (kind == "timing") {
+        std::istringstream numbers(rest);
+        Timing t;
+        int op = -1;
+        numbers >> op >> t.calls >> t.succeeded >> t.totalMs >> t.maxMs;
+        if (!numbers || op < 0 || op >= kOperations) return false;
+        timing[op] = t;
+      } else if (kind == "failure") {
+        failures.push_back(rest);
+      } else if (kind == "tainted") {
+        tainted.insert(rest);
+      } else if (kind == "counts") {
+        complete = static_cast<bool>(std::istringstream(rest) >> timeouts >> manual >> scheduled >>
+                                     launches);
+      } else if (!model.Read(line)) {
+        return false;
+      }
+    }
+    return complete;
   }
 };
 
 // One worker process: random calls until the deadline, each checked against the model.
 class Worker {
  public:
-  Worker(int index, unsigned long long seed, testing_support::UpdaterSandbox& sandbox)
-      : mPrefix("torture.p" + std::to_string(index) + "."),
-        mRandom(seed * 1000003ULL + static_cast<unsigned long long>(index)),
-        mSandbox(sandbox) {}
+  Worker(size_t index, unsigned long long seed)
+      : mPrefix(Prefix(index)), mRandom(seed * 1000003ULL + index) {}
 
-  void Run(Clock::time_point deadline) {
+  Report Run(Clock::time_point deadline) {
     while (Clock::now() < deadline) {
       const unsigned pick = Draw(100);
-      if (pick < 30)
-        Register();
-      else if (pick < 45)
-        Unregister();
-      else if (pick < 70)
-        Download();
-      else if (pick < 82)
-        SetPreference();
-      else if (pick < 92)
-        UpdateMessages();
-      else
-        Trigger();
+      Make(pick < 30   ? Register()
+           : pick < 45 ? Unregister()
+           : pick < 70 ? Download()
+           : pick < 82 ? Preference()
+           : pick < 92 ? Message()
+                       : Trigger());
     }
-  }
-
-  void WriteResults(std::ostream& out) const {
-    for (int op = 0; op < kOperations; ++op)
-      out << "timing\t" << op << "\t" << mTiming[op].calls << "\t" << mTiming[op].totalMs << "\t"
-          << mTiming[op].maxMs << "\n";
-    for (const std::string& failure : mFailures) out << "failure\t" << failure << "\n";
-    for (const std::string& key : mTainted) out << "tainted\t" << key << "\n";
-    out << "timeouts\t" << mTimeouts << "\n";
-    out << "triggers\t" << mManualTriggers << "\t" << mScheduledTriggers << "\n";
-    // Every successful request or trigger starts the updater once; an unregistration does when
-    // it leaves the store empty, which depends on the other processes.
-    const size_t launches = mSandbox.env().Launches().size();
-    const unsigned long least = mSucceeded[kDownload] + mSucceeded[kTrigger];
-    out << "launches\t" << launches << "\t" << least << "\t" << least + mSucceeded[kUnregister]
-        << "\n";
-    mModel.Write(out);
+    return mReport;
   }
 
  private:
-  unsigned Draw(unsigned bound) { return static_cast<unsigned>(mRandom() % bound); }
+  unsigned Draw(size_t bound) { return static_cast<unsigned>(mRandom() % bound); }
+  std::string AppID() { return mPrefix + "a" + std::to_string(Draw(kAppsPerProcess)); }
+  std::string Serial() { return std::to_string(++mSequence); }
 
-  std::string AppID(int k) const { return mPrefix + "a" + std::to_string(k); }
-
-  // Runs one call, times it and compares its result with the expected one. A failed call
-  // taints what it touched: the model no longer knows what the files must hold there.
-  template <class Call>
-  bool Check(Operation op, const std::string& key, long expected, Call call) {
+  // Makes one call, times it and compares its result with the one the model expects.
+  void Make(const Call& call) {
+    StoreState next = mReport.model;
+    const long expected = call.Apply(next);
     const Clock::time_point start = Clock::now();
-    const long result = call();
+    const long result = call.Make();
     const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-    mTiming[op].Add(ms);
+    Timing& timing = mReport.timing[call.op];
+    ++timing.calls;
+    timing.totalMs += ms;
+    timing.maxMs = std::max(timing.maxMs, ms);
     if (result == expected) {
-      ++mSucceeded[op];
-      return true;
+      ++timing.succeeded;
+      mReport.model = std::move(next);
+      if (call.op == kTrigger) ++(call.appID.empty() ? mReport.manual : mReport.scheduled);
+      return;
     }
     const bool timedOut = ms >= kLockTimeoutMs * 0.95;
-    if (timedOut) ++mTimeouts;
+    mReport.timeouts += timedOut;
     std::ostringstream text;
-    text << kOperationNames[op] << " " << key << " gave " << result << ", expected " << expected
-         << " after " << ms << " ms" << (timedOut ? " (lock time-out)" : "");
-    mFailures.push_back(text.str());
-    mTainted.insert(key);
-    return false;
+    text << kOperationNames[call.op] << " " << call.Item() << " gave " << result << ", expected "
+         << expected << " after " << ms << " ms" << (timedOut ? " (lock time-out)" : "");
+    mReport.failures.push_back(text.str());
+    mReport.tainted.insert(call.Item());
   }
 
-  void Register() {
-    const std::string id = AppID(static_cast<int>(Draw(kAppsPerProcess)));
-    const unsigned long n = ++mSequence;
-    const std::string name = "Torture " + id + " #" + std::to_string(n);
-    const std::string path = "/opt/torture/" + id + "/r" + std::to_string(n % 4);
-    if (Check(kRegister, id, kROZResultOK,
-              [&] { return ROZRegisterApplication(id.c_str(), U(name), U(path)); }))
-      mModel.Register(id, name, path);
+  Call Register() {
+    Call call{kRegister, AppID()};
+    call.name = "Torture " + call.appID + " #" + Serial();
+    call.path = "/opt/torture/" + call.appID + "/r" + std::to_string(mSequence % 4);
+    return call;
   }
 
-  void Unregister() {
-    if (mModel.registered.empty()) return Register();
-    const std::string id = mModel.registered[Draw(mModel.registered.size())].appID;
-    if (Check(kUnregister, id, kROZResultOK, [&] { return ROZUnRegisterApplication(id.c_str()); }))
-      mModel.Unregister(id);
+  Call Unregister() {
+    const std::vector<RegisteredApp>& registered = mReport.model.registered;
+    if (registered.empty()) return Register();
+    return Call{kUnregister, registered[Draw(registered.size())].appID};
   }
 
   // A missing-components request, sometimes registering first, sometimes under the registered
   // name and path (no re-registration) and sometimes under new ones (a replaced registration).
-  void Download() {
-    const std::string id = AppID(static_cast<int>(Draw(kAppsPerProcess)));
-    const unsigned long n = ++mSequence;
-    const reliability::RegisteredApp* registered = mModel.FindRegistered(id);
-    std::string name = "Torture " + id + " dl#" + std::to_string(n);
-    std::string path = "/opt/torture/" + id + "/d" + std::to_string(n % 4);
+  Call Download() {
+    Call call{kDownload, AppID()};
+    call.name = "Torture " + call.appID + " dl#" + Serial();
+    call.path = "/opt/torture/" + call.appID + "/d" + std::to_string(mSequence % 4);
+    const RegisteredApp* registered = mReport.model.FindRegistered(call.appID);
     if (registered != nullptr && Draw(2) == 0) {
-      name = registered->displayName;
-      path = registered->installPath;
+      call.name = registered->displayName;
+      call.path = registered->installPath;
     }
-    const bool registerFirst = Draw(4) == 0;
-    const int type = static_cast<int>(Draw(3));
-
-    std::vector<MissingComponent> wanted;
-    const unsigned count = 1 + Draw(3);
-    for (unsigned i = 0; i < count; ++i) {
-      wanted.push_back(MissingComponent{"cat" + std::to_string(Draw(2)),
-                                        "comp" + std::to_string(Draw(4)),
-                                        "1." + std::to_string(Draw(3)) + ".0.0"});
+    call.registerFirst = Draw(4) == 0;
+    call.type = static_cast<int>(Draw(3));
+    for (unsigned i = Draw(3); i < 3; ++i) {
+      call.components.push_back(MissingComponent{"cat" + std::to_string(Draw(2)),
+                                                 "comp" + std::to_string(Draw(4)),
+                                                 "1." + std::to_string(Draw(3)) + ".0.0"});
     }
-    std::vector<ROZMissingComponent> entries;
-    for (MissingComponent& c : wanted) {
-      entries.push_back(ROZMissingComponent{&c.category[0], &c.name[0], &c.version[0]});
-    }
-    std::vector<ROZMissingComponent*> pointers;
-    for (ROZMissingComponent& entry : entries) pointers.push_back(&entry);
-    ROZMissingComptList list{static_cast<uint32_t>(pointers.size()), pointers.data()};
-
-    StoreState expected = mModel;
-    if (registerFirst) {
-      const reliability::RegisteredApp* current = expected.FindRegistered(id);
-      if (current == nullptr || current->installPath != path || current->displayName != name)
-        expected.Register(id, name, path);
-    }
-    const int expectedResult = expected.RequestMissing(id, name, path, type, wanted);
-    if (Check(kDownload, id, expectedResult, [&] {
-          return ROZDownloadMissingComponents(id.c_str(), U(name), U(path), "de_DE", &list,
-                                              static_cast<ROZDownloadMissingCompType>(type),
-                                              registerFirst);
-        }))
-      mModel = expected;
+    return call;
   }
 
-  // A scalar preference through the settings object every export uses.
-  void SetPreference() {
-    const std::string key = mPrefix + "value";
-    const std::string value = std::to_string(++mSequence);
-    if (Check(kPrefSet, key, 1, [&] {
-          return static_cast<long>(
-              VantuUpdaterPrefs::GetVantuUpdaterPrefs()->SetPref<std::string>(key, value));
-        }))
-      mModel.prefs[key] = value;
+  Call Preference() {
+    Call call{kSetPref};
+    call.key = mPrefix + "value";
+    call.value = Serial();
+    return call;
   }
 
-  // A read-modify-write of a map that all processes share, under the preference lock held
-  // across the read and the write: without working exclusion or reloads, entries of other
-  // processes would vanish.
-  void UpdateMessages() {
-    const std::string key = mPrefix + "m" + std::to_string(Draw(kMessagesPerProcess));
-    const std::string value = "message " + std::to_string(++mSequence);
-    if (Check(kPrefMap, key, 1, [&]() -> long {
-          VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
-          esd::PrefsLockScope lock(*prefs);
-          if (!lock.IsHeld()) return -1;
-          std::map<std::string, std::string> messages;
-          if (!prefs->NotificationMessage.Get(messages)) return -2;
-          messages[key] = value;
-          return prefs->NotificationMessage.Set(messages) ? 1 : 0;
-        }))
-      mModel.messages[key] = value;
+  // Without working exclusion or reloads, the other processes' entries of the map would vanish.
+  Call Message() {
+    Call call{kSetMessage};
+    call.key = mPrefix + "m" + std::to_string(Draw(kMessagesPerProcess));
+    call.value = "message " + Serial();
+    return call;
   }
 
   // The preference writes the exports make themselves: a manual trigger records "Manual", a
   // scheduled one "Scheduled" unless a manual launch is pending.
-  void Trigger() {
-    if (Draw(2) == 0) {
-      if (Check(kTrigger, "Launch", kROZResultOK, [&] {
-            return ROZTriggerUpdateCheck(nullptr, U("Torture"), U("/opt/torture"), "en_US",
-                                         kROZTriggerManual, false);
-          }))
-        ++mManualTriggers;
-    } else {
-      const std::string id = AppID(static_cast<int>(Draw(kAppsPerProcess)));
-      if (Check(kTrigger, "Launch", kROZResultOK, [&] {
-            return ROZTriggerUpdateCheck(id.c_str(), U("Torture"), U("/opt/torture/" + id), "en_US",
-                                         kROZTriggerScheduled, false);
-          }))
-        ++mScheduledTriggers;
-    }
+  Call Trigger() {
+    Call call{kTrigger, Draw(2) == 0 ? std::string() : AppID(), "Torture"};
+    call.path = call.appID.empty() ? "/opt/torture" : "/opt/torture/" + call.appID;
+    return call;
   }
 
   const std::string mPrefix;
   std::mt19937_64 mRandom;
-  testing_support::UpdaterSandbox& mSandbox;
-  StoreState mModel;
   unsigned long mSequence = 0;
-  Timing mTiming[kOperations];
-  unsigned long mSucceeded[kOperations] = {};
-  std::vector<std::string> mFailures;
-  std::set<std::string> mTainted;
-  unsigned long mTimeouts = 0;
-  unsigned long mManualTriggers = 0;
-  unsigned long mScheduledTriggers = 0;
+  Report mReport;
 };
 
-// What one worker reported.
-struct Report {
-  bool complete = false;
-  Timing timing[kOperations];
-  std::vector<std::string> failures;
-  std::set<std::string> tainted;
-  unsigned long timeouts = 0;
-  unsigned long manualTriggers = 0;
-  unsigned long scheduledTriggers = 0;
-  unsigned long launches = 0, leastLaunches = 0, mostLaunches = 0;
-  StoreState model;
+// The users of a run and where each keeps its own files. A run as one user is the harness's own
+// identity in the sandbox's home.
+struct User {
+  testing_support::UserIdentity identity;
+  std::string home, runtime;
+  StoreFiles files;
+  unsigned long manual = 0, scheduled = 0;
 };
-
-bool ReadReport(const std::string& path, Report& report) {
-  std::ifstream in(path);
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    std::string kind;
-    std::getline(fields, kind, '\t');
-    if (kind == "timing") {
-      int op = 0;
-      Timing t;
-      fields >> op >> t.calls >> t.totalMs >> t.maxMs;
-      if (op < 0 || op >= kOperations) return false;
-      report.timing[op] = t;
-    } else if (kind == "failure") {
-      report.failures.push_back(line.substr(kind.size() + 1));
-    } else if (kind == "tainted") {
-      report.tainted.insert(line.substr(kind.size() + 1));
-    } else if (kind == "timeouts") {
-      fields >> report.timeouts;
-    } else if (kind == "triggers") {
-      fields >> report.manualTriggers >> report.scheduledTriggers;
-    } else if (kind == "launches") {
-      fields >> report.launches >> report.leastLaunches >> report.mostLaunches;
-      report.complete = true;
-    } else if (!report.model.ReadLine(line)) {
-      return false;
-    }
-  }
-  return report.complete;
-}
-
-// Drops what failed calls touched from both sides of a comparison.
-void Untaint(StoreState& state, const std::set<std::string>& tainted) {
-  state.registered.erase(std::remove_if(state.registered.begin(), state.registered.end(),
-                                        [&](const reliability::RegisteredApp& app) {
-                                          return tainted.count(app.appID) > 0;
-                                        }),
-                         state.registered.end());
-  for (const std::string& key : tainted) {
-    state.missing.erase(key);
-    state.prefs.erase(key);
-    state.messages.erase(key);
-  }
-}
-
-size_t CountLines(const std::string& text) {
-  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
-}
-
-bool ParseOptions(int argc, char** argv, Options& options) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (i + 1 >= argc) return false;
-    const char* value = argv[++i];
-    if (arg == "--processes")
-      options.processes = std::atoi(value);
-    else if (arg == "--seconds")
-      options.seconds = std::atof(value);
-    else if (arg == "--seed")
-      options.seed = std::strtoull(value, nullptr, 10);
-    else if (arg == "--users")
-      options.users = std::atoi(value);
-    else
-      return false;
-  }
-  return options.processes > 0 && options.processes <= 256 && options.seconds > 0 &&
-         options.users >= 1 && options.users <= 3;
-}
 
 bool Chown(const std::string& path, uid_t uid, gid_t gid, mode_t mode) {
   return chown(path.c_str(), uid, gid) == 0 && chmod(path.c_str(), mode) == 0;
@@ -379,16 +231,18 @@ bool MakeUsers(testing_support::UpdaterSandbox& sandbox, int count, std::vector<
   using namespace testing_support;
   const UserIdentity third{1003, 1003, {AdministratorsGroup()}};
   const UserIdentity* identities[] = {&AdministratorA(), &AdministratorB(), &third};
-  const std::string base = FileSystemUtils::GetParentPath(sandbox.root());
+  const auto parent = [](const std::string& path) {
+    return std::filesystem::path(path).parent_path().string();
+  };
+  const std::string base = parent(sandbox.root());
   const std::string folder = sandbox.AllUsersDataDir();
   std::error_code error;
   std::filesystem::create_directories(folder, error);
   bool ok = !error && Chown(base, 0, 0, 0755) && Chown(sandbox.root(), 0, 0, 0755) &&
-            Chown(FileSystemUtils::GetParentPath(folder), 0, 0, 0755) &&
-            Chown(folder, 0, AdministratorsGroup(), 02775);
+            Chown(parent(folder), 0, 0, 0755) && Chown(folder, 0, AdministratorsGroup(), 02775);
   for (int u = 0; ok && u < count; ++u) {
     const std::string uid = std::to_string(identities[u]->uid);
-    User user{*identities[u], base + "/home-" + uid, base + "/runtime-" + uid, {}, 0, 0};
+    User user{*identities[u], base + "/home-" + uid, base + "/runtime-" + uid, {}};
     const std::string data = user.home + "/.local/share/Vantu/Updater5";
     user.files = {sandbox.RegistryFile(), data + "/VantuMissingComps.xml",
                   data + "/VantuUpdaterPrefs.dat"};
@@ -407,8 +261,8 @@ void UseFoldersOf(testing_support::UpdaterSandbox& sandbox, const User& user) {
   sandbox.env().SetVariable("XDG_RUNTIME_DIR", user.runtime);
 }
 
-int Run(const Options& options) {
-  if (options.users > 1 && !testing_support::CanRunAsOtherUsers()) {
+int Run(int processes, double seconds, int userCount, unsigned long long seed) {
+  if (userCount > 1 && !testing_support::CanRunAsOtherUsers()) {
     std::cout << "skipped: running as several users needs root\n";
     return 77;
   }
@@ -418,62 +272,59 @@ int Run(const Options& options) {
   if (!isolated) std::cout << "note: /dev/shm shared with the rest of the system (" << why << ")\n";
 
   testing_support::UpdaterSandbox sandbox;
-  sandbox.env().SetGroups({"admin"});
-  sandbox.InstallUpdater();
-  // Launches are counted, not run: thousands of updater processes would measure fork, not us.
-  sandbox.env().RecordLaunches(true, 0);
+  const StoreFiles files = PrepareSandbox(sandbox);
   std::vector<User> users;
-  if (options.users == 1) {
-    users.push_back({testing_support::RootUser(), sandbox.home(), sandbox.runtimeDir(),
-                     {sandbox.RegistryFile(), sandbox.MissingCompsFile(),
-                      sandbox.UserDataDir() + "/VantuUpdaterPrefs.dat"}, 0, 0});
-  } else if (!MakeUsers(sandbox, options.users, users)) {
+  if (userCount == 1)
+    users.push_back({testing_support::RootUser(), sandbox.home(), sandbox.runtimeDir(), files});
+  else if (!MakeUsers(sandbox, userCount, users)) {
     std::cout << "could not make the users' folders\n";
     return 1;
   }
 
   testing_support::TempDir results;
   chmod(results.path().c_str(), 01777);
+  const auto resultPath = [&results](size_t i) { return results / ("worker" + std::to_string(i)); };
   testing_support::Pipe go;
   std::vector<pid_t> workers;
-  for (int i = 0; i < options.processes; ++i) {
-    const std::string resultPath = results / ("worker" + std::to_string(i));
-    const User& user = users[i % users.size()];
-    const auto work = [&, i, resultPath] {
+  for (size_t i = 0; i < static_cast<size_t>(processes); ++i) {
+    const auto work = [&, i] {
       if (!go.Wait(60000)) return 3;
-      Worker worker(i, options.seed, sandbox);
-      const auto duration = std::chrono::duration_cast<Clock::duration>(
-          std::chrono::duration<double>(options.seconds));
-      worker.Run(Clock::now() + duration);
-      std::ofstream out(resultPath);
-      worker.WriteResults(out);
+      const auto duration =
+          std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+      Report report = Worker(i, seed).Run(Clock::now() + duration);
+      report.launches = sandbox.env().Launches().size();
+      std::ofstream out(resultPath(i));
+      report.Write(out);
       out.close();
       return out ? 0 : 4;
     };
+    const User& user = users[i % users.size()];
     UseFoldersOf(sandbox, user);
-    workers.push_back(options.users == 1 ? testing_support::StartChild(work)
-                                         : testing_support::StartAs(user.identity, work));
+    workers.push_back(userCount == 1 ? testing_support::StartChild(work)
+                                     : testing_support::StartAs(user.identity, work));
   }
   const Clock::time_point start = Clock::now();
   for (size_t i = 0; i < workers.size(); ++i) go.Signal();
   int crashed = 0;
-  for (pid_t pid : workers) {
-    if (testing_support::WaitChild(pid) != 0) ++crashed;
-  }
+  for (pid_t pid : workers) crashed += testing_support::WaitChild(pid) != 0;
   const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
 
-  // Gather.
+  // Gather the reports; every call that started the updater must have launched it once, and an
+  // unregistration may have (when it left the store empty, which depends on the others).
   std::vector<Report> reports(workers.size());
+  std::vector<bool> complete(workers.size());
   Timing totals[kOperations];
   unsigned long failures = 0, timeouts = 0, launchProblems = 0;
   std::set<std::string> prefKeys = {"Launch"};
   for (size_t i = 0; i < reports.size(); ++i) {
-    if (!ReadReport(results / ("worker" + std::to_string(i)), reports[i])) {
+    std::ifstream in(resultPath(i));
+    const Report& r = reports[i];
+    complete[i] = reports[i].Read(in);
+    if (!complete[i]) {
       std::cout << "worker " << i << " left no complete report\n";
       ++crashed;
       continue;
     }
-    const Report& r = reports[i];
     for (int op = 0; op < kOperations; ++op) {
       totals[op].calls += r.timing[op].calls;
       totals[op].totalMs += r.timing[op].totalMs;
@@ -481,66 +332,65 @@ int Run(const Options& options) {
     }
     failures += r.failures.size();
     timeouts += r.timeouts;
-    users[i % users.size()].manual += r.manualTriggers;
-    users[i % users.size()].scheduled += r.scheduledTriggers;
+    users[i % users.size()].manual += r.manual;
+    users[i % users.size()].scheduled += r.scheduled;
     for (const std::string& failure : r.failures)
       std::cout << "worker " << i << ": " << failure << "\n";
-    if (r.launches < r.leastLaunches || r.launches > r.mostLaunches) {
+    const unsigned long least = r.timing[kDownload].succeeded + r.timing[kTrigger].succeeded;
+    const unsigned long most = least + r.timing[kUnregister].succeeded;
+    if (r.launches < least || r.launches > most) {
       ++launchProblems;
       std::cout << "worker " << i << " started the updater " << r.launches << " times, expected "
-                << r.leastLaunches << " to " << r.mostLaunches << "\n";
+                << least << " to " << most << "\n";
     }
-    prefKeys.insert("torture.p" + std::to_string(i) + ".value");
+    prefKeys.insert(Prefix(i) + "value");
   }
 
-  // Every file parses, and holds exactly what the successful calls left: the shared store, and
+  // Every file parses and holds exactly what the successful calls left: the shared store, and
   // each user's own files.
   std::vector<StoreState> actual(users.size());
-  std::string error;
+  std::string error, atRest;
   bool loaded = true;
-  StoreState::Leftovers leftovers;
-  std::string atRest;
+  Leftovers leftovers;
   size_t lost = 0, checked = 0, missingEntries = 0, messages = 0;
   for (size_t u = 0; u < users.size(); ++u) {
     UseFoldersOf(sandbox, users[u]);
     loaded = StoreState::Load(users[u].files, prefKeys, actual[u], error) && loaded;
-    StoreState::Leftovers found;
-    atRest += StoreState::CheckAtRest(users[u].files, found);
-    leftovers.partialJournals += found.partialJournals;
-    leftovers.prefsTemporaries += found.prefsTemporaries;
+    atRest += CheckAtRest(users[u].files, leftovers);
     missingEntries += actual[u].missing.size();
     messages += actual[u].messages.size();
-    const std::string launch = actual[u].prefs.count("Launch") ? actual[u].prefs.at("Launch") : "";
-    const std::string wanted =
-        users[u].manual > 0 ? "Manual" : users[u].scheduled > 0 ? "Scheduled" : "";
+    const std::string launch = actual[u].prefs["Launch"];
+    const std::string wanted = users[u].manual > 0      ? "Manual"
+                               : users[u].scheduled > 0 ? "Scheduled"
+                                                        : "";
     if (launch != wanted) {
       ++lost;
       std::cout << "\"Launch\" is \"" << launch << "\", expected \"" << wanted << "\"\n";
     }
   }
-  if (loaded) {
-    for (size_t i = 0; i < reports.size(); ++i) {
-      if (!reports[i].complete) continue;
-      StoreState expected = reports[i].model;
-      StoreState found = actual[i % users.size()].Owned("torture.p" + std::to_string(i) + ".");
-      Untaint(expected, reports[i].tainted);
-      Untaint(found, reports[i].tainted);
-      checked += expected.registered.size() + expected.missing.size() + expected.prefs.size() +
-                 expected.messages.size();
-      const std::string diff = expected.Diff(found);
-      if (!diff.empty()) {
-        lost += CountLines(diff);
-        std::cout << "worker " << i << ": the files do not hold what its calls did:\n" << diff;
-      }
+  for (size_t i = 0; loaded && i < reports.size(); ++i) {
+    if (!complete[i]) continue;
+    // What a failed call touched is left out of both sides.
+    const std::set<std::string>& tainted = reports[i].tainted;
+    const auto owned = [&](const std::string& key) {
+      return key.compare(0, Prefix(i).size(), Prefix(i)) == 0 && tainted.count(key) == 0;
+    };
+    const StoreState expected = reports[i].model.Filter(owned);
+    const StoreState found = actual[i % users.size()].Filter(owned);
+    checked += expected.registered.size() + expected.missing.size() + expected.prefs.size() +
+               expected.messages.size();
+    const std::string diff = expected.Diff(found);
+    if (!diff.empty()) {
+      lost += static_cast<size_t>(std::count(diff.begin(), diff.end(), '\n'));
+      std::cout << "worker " << i << ": the files do not hold what its calls did:\n" << diff;
     }
-  } else {
-    std::cout << "loading the files failed: " << error << "\n";
   }
-  if (!atRest.empty()) std::cout << atRest;
+  if (!loaded) std::cout << "loading the files failed: " << error << "\n";
+  std::cout << atRest;
 
   unsigned long calls = 0;
-  std::printf("\n%d processes as %d user(s), %.1f s (%s locks)\n", options.processes,
-              options.users, elapsed, isolated ? "private" : "shared");
+  std::printf("\n%d processes as %d user(s), %.1f s (%s locks)\n", processes, userCount, elapsed,
+              isolated ? "private" : "shared");
   std::printf("%-18s %9s %9s %9s\n", "operation", "calls", "mean ms", "max ms");
   for (int op = 0; op < kOperations; ++op) {
     calls += totals[op].calls;
@@ -552,10 +402,8 @@ int Run(const Options& options) {
       "failed calls %lu (on a lock time-out %lu), lost or wrong items %zu of %zu checked,"
       " crashed workers %d\n",
       failures, timeouts, lost, checked, crashed);
-  std::printf(
-      "files: %zu registered applications, %zu missing-components entries, "
-      "%zu messages\n",
-      actual[0].registered.size(), missingEntries, messages);
+  std::printf("files: %zu registered applications, %zu missing-components entries, %zu messages\n",
+              actual[0].registered.size(), missingEntries, messages);
 
   const bool ok = crashed == 0 && failures == 0 && loaded && lost == 0 && atRest.empty() &&
                   launchProblems == 0 && leftovers.prefsTemporaries == 0 &&
@@ -567,14 +415,12 @@ int Run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options options;
-  options.seed =
-      static_cast<unsigned long long>(std::chrono::system_clock::now().time_since_epoch().count());
-  if (!ParseOptions(argc, argv, options)) {
-    std::cerr << "usage: " << argv[0]
-              << " [--processes N] [--seconds S] [--seed X] [--users 1-3]\n";
+  std::map<std::string, double> options = {{"processes", 16}, {"seconds", 30}, {"users", 1}};
+  unsigned long long seed = 0;
+  if (!ParseOptions(argc, argv, options, seed) || options["processes"] < 1 ||
+      options["processes"] > 256 || options["seconds"] <= 0 || options["users"] < 1 ||
+      options["users"] > 3)
     return 2;
-  }
-  std::cout << "seed " << options.seed << std::endl;
-  return Run(options);
+  return Run(static_cast<int>(options["processes"]), options["seconds"],
+             static_cast<int>(options["users"]), seed);
 }
