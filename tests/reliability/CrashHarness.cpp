@@ -16,23 +16,21 @@
 //
 // Exit status 0 when nothing was lost and no lock outlived its holder, 1 otherwise.
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <iostream>
 #include <list>
 #include <random>
 #include <thread>
 
 #include "reliability/StoreState.h"
+#include "support/ChildProcess.h"
 #include "support/LockFiles.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/VantuUpdaterMissingCompsManager.h"
@@ -54,24 +52,20 @@ const char* const kTargetNames[kTargets] = {"registered-applications store",
 
 // One planned call, the result it must give and the state it leaves.
 struct Step {
+  Target target;
   Call call{kRegister};
   long expected = 0;
   StoreState after;
-  Target target() const {
-    return call.op == kDownload                             ? kMissing
-           : call.op == kRegister || call.op == kUnregister ? kRegistry
-                                                            : kPrefs;
-  }
 };
 
 // Call number n, planned from the state before it. Calls take turns among the three files.
 // The registered applications go through phases of mostly registering and of draining the
 // store to nothing, so saves that create, grow, shrink and delete the file all get killed.
 Step Plan(long n, const StoreState& before) {
-  Step s;
+  Step s{static_cast<Target>(n % kTargets), Call(kRegister), 0, {}};
   Call& c = s.call;
   const long i = n / kTargets;
-  if (n % kTargets == kRegistry) {
+  if (s.target == kRegistry) {
     c.appID = "crash.app" + std::to_string(i % 5);
     const bool draining = (i / 30) % 3 == 2;
     if (draining && !before.registered.empty()) c.appID = before.registered.front().appID;
@@ -81,7 +75,7 @@ Step Plan(long n, const StoreState& before) {
       c.name = "Crash app #" + std::to_string(i);
       c.path = "/opt/crash/" + std::to_string(i % 3);
     }
-  } else if (n % kTargets == kMissing) {
+  } else if (s.target == kMissing) {
     c = Call(kDownload, "crash.mc" + std::to_string(i % 3),
              "Crash mc " + std::to_string((i / 7) % 2), "/opt/crash/mc");
     c.type = static_cast<int>((i / 5) % 3);
@@ -106,64 +100,41 @@ std::string Describe(long n, const Step& step) {
          step.call.Item() + ")";
 }
 
-// What a host tells the harness; written whole (far below PIPE_BUF), so a kill cannot tear it.
-struct Message {
-  int32_t kind;  // kStarted, kReturned, kWrong
-  int32_t call;
-  int64_t value;  // kReturned: how long the call took in microseconds; kWrong: its result
-};
-enum : int32_t { kStarted = 1, kReturned = 2, kWrong = 3 };
-
-// A forked host reporting over a pipe, killed when the harness chooses.
-class Host {
- public:
-  template <class Body>
-  explicit Host(Body body) {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return;
-    std::fflush(nullptr);
-    mPid = ::fork();
-    if (mPid == 0) {
-      ::close(fds[0]);
-      mFd = fds[1];
-      body(*this);
-      ::_exit(0);
-    }
-    ::close(fds[1]);
-    mFd = fds[0];
-  }
-  ~Host() {
-    Kill();
-    if (mFd >= 0) ::close(mFd);
-  }
-  bool Started() const { return mPid > 0; }
-
-  // In the host: reports a call's start, return or wrong result.
-  void Send(int32_t kind, long call, int64_t value) {
-    const Message m{kind, static_cast<int32_t>(call), value};
-    if (::write(mFd, &m, sizeof m) != static_cast<ssize_t>(sizeof m)) ::_exit(5);
-  }
-  // In the harness: the next report, waiting up to `timeoutMs`.
-  bool Next(Message& m, int timeoutMs) {
-    pollfd ready{mFd, POLLIN, 0};
-    return ::poll(&ready, 1, timeoutMs) == 1 && ::read(mFd, &m, sizeof m) == sizeof m;
-  }
-  void Kill() {
-    if (mPid <= 0) return;
-    ::kill(mPid, SIGKILL);
-    int status = 0;
-    while (::waitpid(mPid, &status, 0) < 0 && errno == EINTR) {
-    }
-    mPid = -1;
-  }
-
- private:
-  pid_t mPid = -1;
-  int mFd = -1;
+// What a host shares with the harness, in memory mapped before the fork (a kill cannot tear a
+// word): the last call started and returned, a call that gave a wrong result and that result,
+// and how long calls on each file have taken lately.
+struct Progress {
+  std::atomic<long> started, returned, wrong, result;
+  std::atomic<double> meanMs[kTargets];
 };
 
-long Microseconds(Clock::time_point since) {
-  return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - since).count();
+// Starts `body` in a host process and returns its id.
+pid_t StartHost(const std::function<void()>& body) {
+  return testing_support::StartChild([&body] {
+    body();
+    return 0;
+  });
+}
+
+void Kill(pid_t pid) {
+  ::kill(pid, SIGKILL);
+  testing_support::WaitChild(pid);
+}
+
+// Waits up to ten seconds for `done`.
+bool WaitFor(const std::function<bool()>& done) {
+  const Clock::time_point end = Clock::now() + std::chrono::seconds(10);
+  while (!done() && Clock::now() < end) std::this_thread::sleep_for(std::chrono::microseconds(50));
+  return done();
+}
+
+double Milliseconds(Clock::time_point since) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - since).count();
+}
+
+void Sleep(std::mt19937_64& random, double maxMs) {
+  std::uniform_real_distribution<double> delay(0, maxMs);
+  std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay(random)));
 }
 
 struct Figures {
@@ -175,7 +146,10 @@ struct Figures {
 
 class CrashRun {
  public:
-  CrashRun(const StoreFiles& files, unsigned long long seed) : mFiles(files), mRandom(seed) {}
+  CrashRun(const StoreFiles& files, unsigned long long seed) : mFiles(files), mRandom(seed) {
+    for (auto& mean : mProgress[0].meanMs) mean = 20;
+    mProgress[1].meanMs[0] = 5;
+  }
 
   bool Run(long kills) {
     const Clock::time_point start = Clock::now();
@@ -221,64 +195,47 @@ class CrashRun {
  private:
   // One host started, killed, cleaned up after and checked.
   bool OneKill() {
-    const StoreState model = mModel;
-    const long first = mNextCall;
-    Host host([&](Host& self) {
-      StoreState state = model;
-      for (long n = first;; ++n) {
+    Progress& p = mProgress[0];
+    p.started = p.returned = mNextCall - 1;
+    p.wrong = -1;
+    const pid_t host = StartHost([&] {
+      StoreState state = mModel;
+      for (long n = mNextCall;; ++n) {
         const Step step = Plan(n, state);
-        self.Send(kStarted, n, 0);
+        p.started = n;
         const Clock::time_point start = Clock::now();
-        const long result = step.call.Make();
-        if (result != step.expected) {
-          self.Send(kWrong, n, result);
+        p.result = step.call.Make();
+        if (p.result != step.expected) {
+          p.wrong = n;
           ::_exit(3);
         }
         state = step.after;
-        self.Send(kReturned, n, Microseconds(start));
+        p.meanMs[step.target] = 0.8 * p.meanMs[step.target] + 0.2 * Milliseconds(start);
+        p.returned = n;
       }
     });
-    if (!host.Started()) return Fail("fork failed");
     // The host gets through zero to two calls, then the kill falls at a uniform moment of the
     // next one, over a little more than such calls have taken lately. So the plan moves on and
     // the three files take turns, whatever their calls cost (on a disk the syncs dominate, on
     // tmpfs the CPU).
     const long victim = mNextCall + static_cast<long>(mRandom() % 3);
-    long lastStarted = mNextCall - 1, lastReturned = mNextCall - 1;
-    bool started = false;
-    Message m{};
-    while (!started && host.Next(m, 10000) && Take(m, lastStarted, lastReturned))
-      started = m.kind == kStarted && m.call == victim;
-    std::uniform_real_distribution<double> delay(0, std::min(250.0, 1.2 * mMeanCallMs[victim % 3]));
-    if (started)
-      std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay(mRandom)));
-    host.Kill();
-    while (host.Next(m, 0)) Take(m, lastStarted, lastReturned);
+    const bool started = WaitFor([&] { return p.started >= victim || p.wrong >= 0; });
+    if (started) Sleep(mRandom, std::min(250.0, 1.2 * p.meanMs[victim % kTargets]));
+    Kill(host);
     ++mFigures.kills;
-    mFigures.callsReturned += lastReturned - mNextCall + 1;
+    mFigures.callsReturned += p.returned - mNextCall + 1;
 
     ExpectLocksFree();
     InspectJournals();
-    if (mFigures.wrongResults > 0) return Fail("a call gave a wrong result");
-    // Ten seconds without a call starting or returning: a lock that outlived a host, or a hang.
-    if (!started) return Fail("the host stalled before call " + std::to_string(victim));
-    return Check(lastStarted, lastReturned);
-  }
-
-  // Takes one message of the host into account; false when it reported a wrong result.
-  bool Take(const Message& m, long& lastStarted, long& lastReturned) {
-    if (m.kind == kStarted) lastStarted = m.call;
-    if (m.kind == kReturned) {
-      lastReturned = m.call;
-      double& mean = mMeanCallMs[m.call % kTargets];
-      mean = 0.8 * mean + 0.2 * (static_cast<double>(m.value) / 1000);
+    if (p.wrong >= 0) {
+      ++mFigures.wrongResults;
+      const Step step = Plan(p.wrong, StateBefore(p.wrong));
+      return Fail(Describe(p.wrong, step) + " gave " + std::to_string(p.result) + ", expected " +
+                  std::to_string(step.expected));
     }
-    if (m.kind != kWrong) return true;
-    ++mFigures.wrongResults;
-    const Step step = Plan(m.call, StateBefore(m.call));
-    std::cout << Describe(m.call, step) << " gave " << m.value << ", expected " << step.expected
-              << "\n";
-    return false;
+    // Ten seconds without a call starting: a lock that outlived a host, or a hang.
+    if (!started) return Fail("the host stalled before call " + std::to_string(victim));
+    return Check(p.started, p.returned);
   }
 
   // The model after every call up to `call` (exclusive) of the current host returned.
@@ -321,8 +278,10 @@ class CrashRun {
   }
 
   void KillDuringRecovery(Target target) {
-    Host host([target](Host& self) {
-      self.Send(kStarted, 0, 0);
+    Progress& p = mProgress[1];
+    p.started = p.returned = 0;
+    const pid_t host = StartHost([&] {
+      p.started = 1;
       const Clock::time_point start = Clock::now();
       if (target == kRegistry) {
         std::list<VantuUpdaterRegisteredApp> apps;
@@ -331,20 +290,13 @@ class CrashRun {
         std::list<VantuUpdaterMissingCompsApp> apps;
         VantuUpdaterMissingCompsManager().GetMissingCompsApps(apps);
       }
-      self.Send(kReturned, 0, Microseconds(start));
+      p.meanMs[0] = 0.8 * p.meanMs[0] + 0.2 * Milliseconds(start);
+      p.returned = 1;
     });
-    if (!host.Started()) return;
-    Message m{};
-    if (host.Next(m, 10000)) {
-      std::uniform_real_distribution<double> delay(0, 1.2 * mMeanRecoveryMs);
-      std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay(mRandom)));
-    }
-    host.Kill();
+    if (WaitFor([&] { return p.started == 1; })) Sleep(mRandom, 1.2 * p.meanMs[0]);
+    Kill(host);
     ++mFigures.recoveryKills;
-    if (host.Next(m, 0) && m.kind == kReturned) {
-      mMeanRecoveryMs = 0.8 * mMeanRecoveryMs + 0.2 * (static_cast<double>(m.value) / 1000);
-      ++mFigures.recoveriesFinished;
-    }
+    mFigures.recoveriesFinished += p.returned;
     ExpectLocksFree();
   }
 
@@ -369,9 +321,9 @@ class CrashRun {
     const bool during = lastStarted > lastReturned;
     const Step inFlight = Plan(lastStarted, returned);
     mFigures.betweenCalls += !during;
-    if (during) ++mFigures.inFlight[inFlight.target()];
+    if (during) ++mFigures.inFlight[inFlight.target];
     if (during && actual != returned && actual == inFlight.after) {
-      ++mFigures.inFlightApplied[inFlight.target()];
+      ++mFigures.inFlightApplied[inFlight.target];
       mNextCall = lastStarted + 1;
     } else if (actual != returned) {
       ++mFigures.losses;
@@ -404,8 +356,8 @@ class CrashRun {
   std::mt19937_64 mRandom;
   StoreState mModel;
   long mNextCall = 0;
-  double mMeanCallMs[kTargets] = {20, 20, 20};
-  double mMeanRecoveryMs = 5;
+  // The hosts' and the recovering loaders' progress.
+  Progress* const mProgress = SharedArray<Progress>(2);
   Figures mFigures;
   double mSeconds = 0;
   Leftovers mLeftovers;

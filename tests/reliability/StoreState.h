@@ -6,8 +6,11 @@
 // state serves as the expected one (a model each successful call updates as the library does)
 // and as the actual one (loaded from the files), so a run ends in one comparison.
 
+#include <sys/mman.h>
+
 #include <functional>
 #include <map>
+#include <new>
 #include <set>
 #include <string>
 #include <utility>
@@ -119,6 +122,17 @@ StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox);
 // (default: the clock), and prints the seed; prints the usage and returns false otherwise.
 bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,
                   unsigned long long& seed);
+
+// `count` value-initialised objects in memory that the processes forked afterwards share.
+template <class T>
+T* SharedArray(size_t count) {
+  void* memory =
+      ::mmap(nullptr, sizeof(T) * count, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) throw std::bad_alloc();
+  T* items = static_cast<T*>(memory);
+  for (size_t i = 0; i < count; ++i) new (items + i) T();
+  return items;
+}
 
 }  // namespace reliability
 

@@ -24,7 +24,6 @@
 #include <fstream>
 #include <iostream>
 #include <random>
-#include <sstream>
 
 #include "reliability/StoreState.h"
 #include "support/ChildProcess.h"
@@ -51,61 +50,25 @@ struct Timing {
   double totalMs = 0, maxMs = 0;
 };
 
-// What a worker did, handed to the harness as lines of text.
-struct Report {
+// What a worker did, in memory it shares with the harness.
+struct Figures {
   Timing timing[kOperations];
-  std::vector<std::string> failures;
-  std::set<std::string> tainted;  // items a failed call touched: the model no longer knows them
-  unsigned long timeouts = 0, manual = 0, scheduled = 0, launches = 0;
-  StoreState model;
-
-  void Write(std::ostream& out) const {
-    for (int op = 0; op < kOperations; ++op)
-      out << "timing " << op << " " << timing[op].calls << " " << timing[op].succeeded << " "
-          << timing[op].totalMs << " " << timing[op].maxMs << "\n";
-    for (const std::string& failure : failures) out << "failure " << failure << "\n";
-    for (const std::string& item : tainted) out << "tainted " << item << "\n";
-    out << "counts " << timeouts << " " << manual << " " << scheduled << " " << launches << "\n"
-        << model.Text();
-  }
-
-  // False unless the report is whole: the counts line is written last but for the model.
-  bool Read(std::istream& in) {
-    bool complete = false;
-    for (std::string line; std::getline(in, line);) {
-      std::istringstream fields(line);
-      std::string kind, rest;
-      fields >> kind;
-      std::getline(fields >> std::ws, rest);
-      if (kind == "timing") {
-        std::istringstream numbers(rest);
-        Timing t;
-        int op = -1;
-        numbers >> op >> t.calls >> t.succeeded >> t.totalMs >> t.maxMs;
-        if (!numbers || op < 0 || op >= kOperations) return false;
-        timing[op] = t;
-      } else if (kind == "failure") {
-        failures.push_back(rest);
-      } else if (kind == "tainted") {
-        tainted.insert(rest);
-      } else if (kind == "counts") {
-        complete = static_cast<bool>(std::istringstream(rest) >> timeouts >> manual >> scheduled >>
-                                     launches);
-      } else if (!model.Read(line)) {
-        return false;
-      }
-    }
-    return complete;
-  }
+  unsigned long failures = 0, timeouts = 0, manual = 0, scheduled = 0, launches = 0;
+  bool complete = false;
 };
 
 // One worker process: random calls until the deadline, each checked against the model.
 class Worker {
  public:
-  Worker(size_t index, unsigned long long seed)
-      : mPrefix(Prefix(index)), mRandom(seed * 1000003ULL + index) {}
+  Worker(size_t index, unsigned long long seed, Figures& figures)
+      : mIndex(index),
+        mPrefix(Prefix(index)),
+        mRandom(seed * 1000003ULL + index),
+        mFigures(figures) {}
 
-  Report Run(Clock::time_point deadline) {
+  // Runs until the deadline, then writes the model and the items a failed call touched (the
+  // model no longer knows what the files hold there).
+  void Run(Clock::time_point deadline, std::ostream& out) {
     while (Clock::now() < deadline) {
       const unsigned pick = Draw(100);
       Make(pick < 30   ? Register()
@@ -115,7 +78,8 @@ class Worker {
            : pick < 92 ? Message()
                        : Trigger());
     }
-    return mReport;
+    out << mModel.Text();
+    for (const std::string& item : mTainted) out << "tainted\t" << item << "\n";
   }
 
  private:
@@ -125,28 +89,28 @@ class Worker {
 
   // Makes one call, times it and compares its result with the one the model expects.
   void Make(const Call& call) {
-    StoreState next = mReport.model;
+    StoreState next = mModel;
     const long expected = call.Apply(next);
     const Clock::time_point start = Clock::now();
     const long result = call.Make();
     const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-    Timing& timing = mReport.timing[call.op];
+    Timing& timing = mFigures.timing[call.op];
     ++timing.calls;
     timing.totalMs += ms;
     timing.maxMs = std::max(timing.maxMs, ms);
     if (result == expected) {
       ++timing.succeeded;
-      mReport.model = std::move(next);
-      if (call.op == kTrigger) ++(call.appID.empty() ? mReport.manual : mReport.scheduled);
+      mModel = std::move(next);
+      if (call.op == kTrigger) ++(call.appID.empty() ? mFigures.manual : mFigures.scheduled);
       return;
     }
     const bool timedOut = ms >= kLockTimeoutMs * 0.95;
-    mReport.timeouts += timedOut;
-    std::ostringstream text;
-    text << kOperationNames[call.op] << " " << call.Item() << " gave " << result << ", expected "
-         << expected << " after " << ms << " ms" << (timedOut ? " (lock time-out)" : "");
-    mReport.failures.push_back(text.str());
-    mReport.tainted.insert(call.Item());
+    ++mFigures.failures;
+    mFigures.timeouts += timedOut;
+    mTainted.insert(call.Item());
+    std::cout << "worker " << mIndex << ": " << kOperationNames[call.op] << " " << call.Item()
+              << " gave " << result << ", expected " << expected << " after " << ms << " ms"
+              << (timedOut ? " (lock time-out)" : "") << std::endl;
   }
 
   Call Register() {
@@ -157,7 +121,7 @@ class Worker {
   }
 
   Call Unregister() {
-    const std::vector<RegisteredApp>& registered = mReport.model.registered;
+    const std::vector<RegisteredApp>& registered = mModel.registered;
     if (registered.empty()) return Register();
     return Call{kUnregister, registered[Draw(registered.size())].appID};
   }
@@ -168,7 +132,7 @@ class Worker {
     Call call{kDownload, AppID()};
     call.name = "Torture " + call.appID + " dl#" + Serial();
     call.path = "/opt/torture/" + call.appID + "/d" + std::to_string(mSequence % 4);
-    const RegisteredApp* registered = mReport.model.FindRegistered(call.appID);
+    const RegisteredApp* registered = mModel.FindRegistered(call.appID);
     if (registered != nullptr && Draw(2) == 0) {
       call.name = registered->displayName;
       call.path = registered->installPath;
@@ -206,10 +170,13 @@ class Worker {
     return call;
   }
 
+  const size_t mIndex;
   const std::string mPrefix;
   std::mt19937_64 mRandom;
+  Figures& mFigures;
+  StoreState mModel;
+  std::set<std::string> mTainted;
   unsigned long mSequence = 0;
-  Report mReport;
 };
 
 // The users of a run and where each keeps its own files. A run as one user is the harness's own
@@ -284,6 +251,7 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
   testing_support::TempDir results;
   chmod(results.path().c_str(), 01777);
   const auto resultPath = [&results](size_t i) { return results / ("worker" + std::to_string(i)); };
+  Figures* const figures = SharedArray<Figures>(processes);
   testing_support::Pipe go;
   std::vector<pid_t> workers;
   for (size_t i = 0; i < static_cast<size_t>(processes); ++i) {
@@ -291,11 +259,11 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
       if (!go.Wait(60000)) return 3;
       const auto duration =
           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
-      Report report = Worker(i, seed).Run(Clock::now() + duration);
-      report.launches = sandbox.env().Launches().size();
       std::ofstream out(resultPath(i));
-      report.Write(out);
+      Worker(i, seed, figures[i]).Run(Clock::now() + duration, out);
+      figures[i].launches = sandbox.env().Launches().size();
       out.close();
+      figures[i].complete = static_cast<bool>(out);
       return out ? 0 : 4;
     };
     const User& user = users[i % users.size()];
@@ -309,38 +277,43 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
   for (pid_t pid : workers) crashed += testing_support::WaitChild(pid) != 0;
   const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
 
-  // Gather the reports; every call that started the updater must have launched it once, and an
+  // Gather; every call that started the updater must have launched it once, and an
   // unregistration may have (when it left the store empty, which depends on the others).
-  std::vector<Report> reports(workers.size());
-  std::vector<bool> complete(workers.size());
-  Timing totals[kOperations];
-  unsigned long failures = 0, timeouts = 0, launchProblems = 0;
+  std::vector<StoreState> models(workers.size());
+  std::vector<std::set<std::string>> tainted(workers.size());
+  Figures total;
+  unsigned long launchProblems = 0;
   std::set<std::string> prefKeys = {"Launch"};
-  for (size_t i = 0; i < reports.size(); ++i) {
+  for (size_t i = 0; i < workers.size(); ++i) {
+    const Figures& f = figures[i];
     std::ifstream in(resultPath(i));
-    const Report& r = reports[i];
-    complete[i] = reports[i].Read(in);
-    if (!complete[i]) {
+    bool read = f.complete;
+    for (std::string line; read && std::getline(in, line);) {
+      if (line.compare(0, 8, "tainted\t") == 0)
+        tainted[i].insert(line.substr(8));
+      else
+        read = models[i].Read(line);
+    }
+    if (!read) {
       std::cout << "worker " << i << " left no complete report\n";
+      figures[i].complete = false;
       ++crashed;
       continue;
     }
     for (int op = 0; op < kOperations; ++op) {
-      totals[op].calls += r.timing[op].calls;
-      totals[op].totalMs += r.timing[op].totalMs;
-      totals[op].maxMs = std::max(totals[op].maxMs, r.timing[op].maxMs);
+      total.timing[op].calls += f.timing[op].calls;
+      total.timing[op].totalMs += f.timing[op].totalMs;
+      total.timing[op].maxMs = std::max(total.timing[op].maxMs, f.timing[op].maxMs);
     }
-    failures += r.failures.size();
-    timeouts += r.timeouts;
-    users[i % users.size()].manual += r.manual;
-    users[i % users.size()].scheduled += r.scheduled;
-    for (const std::string& failure : r.failures)
-      std::cout << "worker " << i << ": " << failure << "\n";
-    const unsigned long least = r.timing[kDownload].succeeded + r.timing[kTrigger].succeeded;
-    const unsigned long most = least + r.timing[kUnregister].succeeded;
-    if (r.launches < least || r.launches > most) {
+    total.failures += f.failures;
+    total.timeouts += f.timeouts;
+    users[i % users.size()].manual += f.manual;
+    users[i % users.size()].scheduled += f.scheduled;
+    const unsigned long least = f.timing[kDownload].succeeded + f.timing[kTrigger].succeeded;
+    const unsigned long most = least + f.timing[kUnregister].succeeded;
+    if (f.launches < least || f.launches > most) {
       ++launchProblems;
-      std::cout << "worker " << i << " started the updater " << r.launches << " times, expected "
+      std::cout << "worker " << i << " started the updater " << f.launches << " times, expected "
                 << least << " to " << most << "\n";
     }
     prefKeys.insert(Prefix(i) + "value");
@@ -368,14 +341,13 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
       std::cout << "\"Launch\" is \"" << launch << "\", expected \"" << wanted << "\"\n";
     }
   }
-  for (size_t i = 0; loaded && i < reports.size(); ++i) {
-    if (!complete[i]) continue;
+  for (size_t i = 0; loaded && i < workers.size(); ++i) {
+    if (!figures[i].complete) continue;
     // What a failed call touched is left out of both sides.
-    const std::set<std::string>& tainted = reports[i].tainted;
     const auto owned = [&](const std::string& key) {
-      return key.compare(0, Prefix(i).size(), Prefix(i)) == 0 && tainted.count(key) == 0;
+      return key.compare(0, Prefix(i).size(), Prefix(i)) == 0 && tainted[i].count(key) == 0;
     };
-    const StoreState expected = reports[i].model.Filter(owned);
+    const StoreState expected = models[i].Filter(owned);
     const StoreState found = actual[i % users.size()].Filter(owned);
     checked += expected.registered.size() + expected.missing.size() + expected.prefs.size() +
                expected.messages.size();
@@ -393,19 +365,20 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
               isolated ? "private" : "shared");
   std::printf("%-18s %9s %9s %9s\n", "operation", "calls", "mean ms", "max ms");
   for (int op = 0; op < kOperations; ++op) {
-    calls += totals[op].calls;
-    std::printf("%-18s %9lu %9.2f %9.1f\n", kOperationNames[op], totals[op].calls,
-                totals[op].calls ? totals[op].totalMs / totals[op].calls : 0.0, totals[op].maxMs);
+    const Timing& t = total.timing[op];
+    calls += t.calls;
+    std::printf("%-18s %9lu %9.2f %9.1f\n", kOperationNames[op], t.calls,
+                t.calls ? t.totalMs / t.calls : 0.0, t.maxMs);
   }
   std::printf("%-18s %9lu   (%.0f calls/s)\n", "all", calls, calls / elapsed);
   std::printf(
       "failed calls %lu (on a lock time-out %lu), lost or wrong items %zu of %zu checked,"
       " crashed workers %d\n",
-      failures, timeouts, lost, checked, crashed);
+      total.failures, total.timeouts, lost, checked, crashed);
   std::printf("files: %zu registered applications, %zu missing-components entries, %zu messages\n",
               actual[0].registered.size(), missingEntries, messages);
 
-  const bool ok = crashed == 0 && failures == 0 && loaded && lost == 0 && atRest.empty() &&
+  const bool ok = crashed == 0 && total.failures == 0 && loaded && lost == 0 && atRest.empty() &&
                   launchProblems == 0 && leftovers.prefsTemporaries == 0 &&
                   leftovers.partialJournals == 0 && calls > 0;
   std::cout << (ok ? "PASS" : "FAIL") << std::endl;
