@@ -121,13 +121,6 @@ void Kill(pid_t pid) {
   testing_support::WaitChild(pid);
 }
 
-// Waits up to ten seconds for `done`.
-bool WaitFor(const std::function<bool()>& done) {
-  const Clock::time_point end = Clock::now() + std::chrono::seconds(10);
-  while (!done() && Clock::now() < end) std::this_thread::sleep_for(std::chrono::microseconds(50));
-  return done();
-}
-
 double Milliseconds(Clock::time_point since) {
   return std::chrono::duration<double, std::milli>(Clock::now() - since).count();
 }
@@ -219,7 +212,7 @@ class CrashRun {
     // the three files take turns, whatever their calls cost (on a disk the syncs dominate, on
     // tmpfs the CPU).
     const long victim = mNextCall + static_cast<long>(mRandom() % 3);
-    const bool started = WaitFor([&] { return p.started >= victim || p.wrong >= 0; });
+    const bool started = WaitFor([&] { return p.started >= victim || p.wrong >= 0; }, 10000);
     if (started) Sleep(mRandom, std::min(250.0, 1.2 * p.meanMs[victim % kTargets]));
     Kill(host);
     ++mFigures.kills;
@@ -293,7 +286,7 @@ class CrashRun {
       p.meanMs[0] = 0.8 * p.meanMs[0] + 0.2 * Milliseconds(start);
       p.returned = 1;
     });
-    if (WaitFor([&] { return p.started == 1; })) Sleep(mRandom, 1.2 * p.meanMs[0]);
+    if (WaitFor([&] { return p.started == 1; }, 10000)) Sleep(mRandom, 1.2 * p.meanMs[0]);
     Kill(host);
     ++mFigures.recoveryKills;
     mFigures.recoveriesFinished += p.returned;

@@ -8,6 +8,7 @@
 #include <iostream>
 #include <list>
 #include <sstream>
+#include <thread>
 
 #include "VantuUpdater/VantuUpdater.h"
 #include "support/TempDir.h"
@@ -345,6 +346,13 @@ StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox) {
   sandbox.env().RecordLaunches(true, 0);
   return {sandbox.RegistryFile(), sandbox.MissingCompsFile(),
           sandbox.UserDataDir() + "/VantuUpdaterPrefs.dat"};
+}
+
+bool WaitFor(const std::function<bool()>& done, int timeoutMs) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!done() && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+  return done();
 }
 
 bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,

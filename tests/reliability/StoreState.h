@@ -123,6 +123,9 @@ StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox);
 bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,
                   unsigned long long& seed);
 
+// Waits up to `timeoutMs` for `done`; whether it came.
+bool WaitFor(const std::function<bool()>& done, int timeoutMs);
+
 // `count` value-initialised objects in memory that the processes forked afterwards share.
 template <class T>
 T* SharedArray(size_t count) {

@@ -10,7 +10,8 @@
 // Each process owns its application identifiers ("torture.p<N>.a<K>") and preference keys, and
 // keeps a model of what its successful calls must have left in the files. The others change the
 // same files all the time, so any save made from a stale tree, any lock that fails to exclude,
-// or any reload that is skipped shows up as a difference between a model and the files. Exit
+// or any reload that is skipped shows up as a difference between a model and the files, which
+// each process compares once all are done. Exit
 // status 0 when every call gave its expected result, no call ran into a lock time-out and every
 // model matches the files; 1 otherwise.
 
@@ -18,10 +19,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <random>
 
@@ -29,7 +30,6 @@
 #include "support/ChildProcess.h"
 #include "support/MultiUser.h"
 #include "support/PrivateMounts.h"
-#include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
 
 namespace {
@@ -43,8 +43,6 @@ constexpr double kLockTimeoutMs = 2000.0;
 constexpr int kAppsPerProcess = 6;
 constexpr int kMessagesPerProcess = 4;
 
-std::string Prefix(size_t worker) { return "torture.p" + std::to_string(worker) + "."; }
-
 struct Timing {
   unsigned long calls = 0, succeeded = 0;
   double totalMs = 0, maxMs = 0;
@@ -54,7 +52,8 @@ struct Timing {
 struct Figures {
   Timing timing[kOperations];
   unsigned long failures = 0, timeouts = 0, manual = 0, scheduled = 0, launches = 0;
-  bool complete = false;
+  size_t lost = 0, checked = 0;
+  bool compared = false;
 };
 
 // One worker process: random calls until the deadline, each checked against the model.
@@ -62,13 +61,11 @@ class Worker {
  public:
   Worker(size_t index, unsigned long long seed, Figures& figures)
       : mIndex(index),
-        mPrefix(Prefix(index)),
+        mPrefix("torture.p" + std::to_string(index) + "."),
         mRandom(seed * 1000003ULL + index),
         mFigures(figures) {}
 
-  // Runs until the deadline, then writes the model and the items a failed call touched (the
-  // model no longer knows what the files hold there).
-  void Run(Clock::time_point deadline, std::ostream& out) {
+  void Run(Clock::time_point deadline) {
     while (Clock::now() < deadline) {
       const unsigned pick = Draw(100);
       Make(pick < 30   ? Register()
@@ -78,8 +75,28 @@ class Worker {
            : pick < 92 ? Message()
                        : Trigger());
     }
-    out << mModel.Text();
-    for (const std::string& item : mTainted) out << "tainted\t" << item << "\n";
+  }
+
+  // Once every worker is done, whether the files hold what the model holds, leaving out what a
+  // failed call touched: the model no longer knows what the files hold there.
+  void Compare(const StoreFiles& files) {
+    const auto owned = [this](const std::string& key) {
+      return key.compare(0, mPrefix.size(), mPrefix) == 0 && mTainted.count(key) == 0;
+    };
+    StoreState actual;
+    std::string error;
+    if (!StoreState::Load(files, {mPrefix + "value"}, actual, error)) {
+      std::cout << "worker " << mIndex << ": loading the files failed: " << error << std::endl;
+      return;
+    }
+    const StoreState expected = mModel.Filter(owned);
+    const std::string diff = expected.Diff(actual.Filter(owned));
+    mFigures.checked = expected.registered.size() + expected.missing.size() +
+                       expected.prefs.size() + expected.messages.size();
+    mFigures.lost = static_cast<size_t>(std::count(diff.begin(), diff.end(), '\n'));
+    if (!diff.empty())
+      std::cout << "worker " << mIndex << ": the files do not hold what its calls did:\n" << diff;
+    mFigures.compared = true;
   }
 
  private:
@@ -248,25 +265,22 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
     return 1;
   }
 
-  testing_support::TempDir results;
-  chmod(results.path().c_str(), 01777);
-  const auto resultPath = [&results](size_t i) { return results / ("worker" + std::to_string(i)); };
   Figures* const figures = SharedArray<Figures>(processes);
+  std::atomic<int>* const done = SharedArray<std::atomic<int>>(1);
   testing_support::Pipe go;
   std::vector<pid_t> workers;
   for (size_t i = 0; i < static_cast<size_t>(processes); ++i) {
+    const User& user = users[i % users.size()];
     const auto work = [&, i] {
       if (!go.Wait(60000)) return 3;
-      const auto duration =
-          std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
-      std::ofstream out(resultPath(i));
-      Worker(i, seed, figures[i]).Run(Clock::now() + duration, out);
+      Worker worker(i, seed, figures[i]);
+      worker.Run(Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                    std::chrono::duration<double>(seconds)));
       figures[i].launches = sandbox.env().Launches().size();
-      out.close();
-      figures[i].complete = static_cast<bool>(out);
-      return out ? 0 : 4;
+      ++*done;
+      if (WaitFor([&] { return *done == processes; }, 60000)) worker.Compare(user.files);
+      return 0;
     };
-    const User& user = users[i % users.size()];
     UseFoldersOf(sandbox, user);
     workers.push_back(userCount == 1 ? testing_support::StartChild(work)
                                      : testing_support::StartAs(user.identity, work));
@@ -279,26 +293,14 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
 
   // Gather; every call that started the updater must have launched it once, and an
   // unregistration may have (when it left the store empty, which depends on the others).
-  std::vector<StoreState> models(workers.size());
-  std::vector<std::set<std::string>> tainted(workers.size());
   Figures total;
   unsigned long launchProblems = 0;
-  std::set<std::string> prefKeys = {"Launch"};
-  for (size_t i = 0; i < workers.size(); ++i) {
+  size_t lost = 0, checked = 0;
+  for (int i = 0; i < processes; ++i) {
     const Figures& f = figures[i];
-    std::ifstream in(resultPath(i));
-    bool read = f.complete;
-    for (std::string line; read && std::getline(in, line);) {
-      if (line.compare(0, 8, "tainted\t") == 0)
-        tainted[i].insert(line.substr(8));
-      else
-        read = models[i].Read(line);
-    }
-    if (!read) {
-      std::cout << "worker " << i << " left no complete report\n";
-      figures[i].complete = false;
+    if (!f.compared) {
+      std::cout << "worker " << i << " did not compare its model with the files\n";
       ++crashed;
-      continue;
     }
     for (int op = 0; op < kOperations; ++op) {
       total.timing[op].calls += f.timing[op].calls;
@@ -307,6 +309,8 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
     }
     total.failures += f.failures;
     total.timeouts += f.timeouts;
+    lost += f.lost;
+    checked += f.checked;
     users[i % users.size()].manual += f.manual;
     users[i % users.size()].scheduled += f.scheduled;
     const unsigned long least = f.timing[kDownload].succeeded + f.timing[kTrigger].succeeded;
@@ -316,45 +320,26 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
       std::cout << "worker " << i << " started the updater " << f.launches << " times, expected "
                 << least << " to " << most << "\n";
     }
-    prefKeys.insert(Prefix(i) + "value");
   }
 
-  // Every file parses and holds exactly what the successful calls left: the shared store, and
-  // each user's own files.
-  std::vector<StoreState> actual(users.size());
+  // Every file parses, nothing is left over, and each user's "Launch" is what its triggers left.
   std::string error, atRest;
   bool loaded = true;
   Leftovers leftovers;
-  size_t lost = 0, checked = 0, missingEntries = 0, messages = 0;
-  for (size_t u = 0; u < users.size(); ++u) {
-    UseFoldersOf(sandbox, users[u]);
-    loaded = StoreState::Load(users[u].files, prefKeys, actual[u], error) && loaded;
-    atRest += CheckAtRest(users[u].files, leftovers);
-    missingEntries += actual[u].missing.size();
-    messages += actual[u].messages.size();
-    const std::string launch = actual[u].prefs["Launch"];
-    const std::string wanted = users[u].manual > 0      ? "Manual"
-                               : users[u].scheduled > 0 ? "Scheduled"
-                                                        : "";
-    if (launch != wanted) {
+  size_t registered = 0, missingEntries = 0, messages = 0;
+  for (User& user : users) {
+    UseFoldersOf(sandbox, user);
+    StoreState actual;
+    loaded = StoreState::Load(user.files, {"Launch"}, actual, error) && loaded;
+    atRest += CheckAtRest(user.files, leftovers);
+    registered = actual.registered.size();
+    missingEntries += actual.missing.size();
+    messages += actual.messages.size();
+    const std::string wanted = user.manual > 0 ? "Manual" : user.scheduled > 0 ? "Scheduled" : "";
+    if (actual.prefs["Launch"] != wanted) {
       ++lost;
-      std::cout << "\"Launch\" is \"" << launch << "\", expected \"" << wanted << "\"\n";
-    }
-  }
-  for (size_t i = 0; loaded && i < workers.size(); ++i) {
-    if (!figures[i].complete) continue;
-    // What a failed call touched is left out of both sides.
-    const auto owned = [&](const std::string& key) {
-      return key.compare(0, Prefix(i).size(), Prefix(i)) == 0 && tainted[i].count(key) == 0;
-    };
-    const StoreState expected = models[i].Filter(owned);
-    const StoreState found = actual[i % users.size()].Filter(owned);
-    checked += expected.registered.size() + expected.missing.size() + expected.prefs.size() +
-               expected.messages.size();
-    const std::string diff = expected.Diff(found);
-    if (!diff.empty()) {
-      lost += static_cast<size_t>(std::count(diff.begin(), diff.end(), '\n'));
-      std::cout << "worker " << i << ": the files do not hold what its calls did:\n" << diff;
+      std::cout << "\"Launch\" is \"" << actual.prefs["Launch"] << "\", expected \"" << wanted
+                << "\"\n";
     }
   }
   if (!loaded) std::cout << "loading the files failed: " << error << "\n";
@@ -376,7 +361,7 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
       " crashed workers %d\n",
       total.failures, total.timeouts, lost, checked, crashed);
   std::printf("files: %zu registered applications, %zu missing-components entries, %zu messages\n",
-              actual[0].registered.size(), missingEntries, messages);
+              registered, missingEntries, messages);
 
   const bool ok = crashed == 0 && total.failures == 0 && loaded && lost == 0 && atRest.empty() &&
                   launchProblems == 0 && leftovers.prefsTemporaries == 0 &&
