@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <iterator>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -42,14 +43,6 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
 bool Exists(const std::string& path) {
   std::error_code ignored;
   return fs::exists(path, ignored);
-}
-
-std::vector<std::string> SplitTabs(const std::string& line) {
-  std::vector<std::string> fields;
-  std::istringstream in(line);
-  for (std::string field; std::getline(in, field, '\t');) fields.push_back(field);
-  if (!line.empty() && line.back() == '\t') fields.emplace_back();
-  return fields;
 }
 
 const unsigned char* U(const std::string& text) {
@@ -156,60 +149,32 @@ std::string StoreState::Text() const {
   return out.str();
 }
 
-bool StoreState::Read(const std::string& text) {
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    const std::vector<std::string> f = SplitTabs(line);
-    const std::string kind = f.empty() ? "" : f[0];
-    if (kind == "reg" && f.size() == 4) {
-      registered.push_back(RegisteredApp{f[1], f[2], f[3]});
-    } else if (kind == "mc" && f.size() == 5) {
-      MissingApp& app = missing[f[1]];
-      app.displayName = f[2];
-      app.installPath = f[3];
-      app.operationType = std::atoi(f[4].c_str());
-    } else if (kind == "comp" && f.size() == 5 && missing.count(f[1])) {
-      missing[f[1]].components.push_back(MissingComponent{f[2], f[3], f[4]});
-    } else if (kind == "pref" && f.size() == 3) {
-      prefs[f[1]] = f[2];
-    } else if (kind == "msg" && f.size() == 3) {
-      messages[f[1]] = f[2];
-    } else {
-      return false;
-    }
-  }
-  return true;
-}
-
 StoreState StoreState::Filter(const std::function<bool(const std::string&)>& keep) const {
   StoreState kept;
-  std::istringstream lines(Text());
-  for (std::string line; std::getline(lines, line);) {
-    if (keep(SplitTabs(line)[1])) kept.Read(line);
-  }
+  std::copy_if(registered.begin(), registered.end(), std::back_inserter(kept.registered),
+               [&](const RegisteredApp& app) { return keep(app.appID); });
+  const auto copy = [&keep](const auto& from, auto& to) {
+    for (const auto& item : from) {
+      if (keep(item.first)) to.insert(item);
+    }
+  };
+  copy(missing, kept.missing);
+  copy(prefs, kept.prefs);
+  copy(messages, kept.messages);
   return kept;
 }
 
 std::string StoreState::Diff(const StoreState& actual) const {
-  const auto lines = [](const StoreState& state) {
-    std::istringstream in(state.Text());
-    std::multiset<std::string> all;
-    for (std::string line; std::getline(in, line);) all.insert(line);
-    return all;
-  };
-  const std::multiset<std::string> want = lines(*this), got = lines(actual);
   std::ostringstream text;
-  for (const auto* side : {&want, &got}) {
-    const auto* other = side == &want ? &got : &want;
-    std::vector<std::string> only;
-    std::set_difference(side->begin(), side->end(), other->begin(), other->end(),
-                        std::back_inserter(only));
-    for (const std::string& line : only)
-      text << (side == &want ? "  expected, not found: " : "  found, not expected: ") << line
-           << "\n";
-  }
-  if (text.str().empty() && *this != actual)
-    text << "  the registered applications are in another order\n";
+  std::istringstream want(Text()), got(actual.Text());
+  std::set<std::string> wanted, found;
+  for (std::string line; std::getline(want, line);) wanted.insert(line);
+  for (std::string line; std::getline(got, line);) found.insert(line);
+  for (const std::string& line : wanted)
+    if (!found.count(line)) text << "  expected, not found: " << line << "\n";
+  for (const std::string& line : found)
+    if (!wanted.count(line)) text << "  found, not expected: " << line << "\n";
+  if (text.str().empty() && *this != actual) text << "  the same items in another order\n";
   return text.str();
 }
 

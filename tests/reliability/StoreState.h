@@ -53,11 +53,8 @@ struct StoreState {
 
   const RegisteredApp* FindRegistered(const std::string& appID) const;
 
-  // One tab-separated line per item with the item's key (application identifier or preference
-  // key) second: how a worker hands its model over, and how differences are shown.
+  // One tab-separated line per item, as differences are shown.
   std::string Text() const;
-  // Adds the items of lines Text() wrote; false on a malformed line.
-  bool Read(const std::string& text);
   bool operator==(const StoreState& o) const { return Text() == o.Text(); }
   bool operator!=(const StoreState& o) const { return Text() != o.Text(); }
   // The items whose key `keep` accepts.
