@@ -144,20 +144,17 @@ class CrashRun {
     mProgress[1].meanMs[0] = 5;
   }
 
+  // Kills `kills` hosts, prints the figures and returns whether nothing was lost.
   bool Run(long kills) {
     const Clock::time_point start = Clock::now();
-    for (long kill = 0; kill < kills; ++kill) {
-      if (!OneKill()) return false;
-    }
-    mSeconds = std::chrono::duration<double>(Clock::now() - start).count();
-    CheckAtRest(mFiles, mLeftovers);
-    return true;
-  }
-
-  void Print() const {
+    bool completed = true;
+    while (completed && mFigures.kills < kills) completed = OneKill();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    Leftovers left;
+    CheckAtRest(mFiles, left);
     const Figures& f = mFigures;
     std::printf("\n%ld kills in %.1f s (%.1f ms per kill), %ld calls returned before them\n",
-                f.kills, mSeconds, f.kills ? mSeconds * 1000 / f.kills : 0.0, f.callsReturned);
+                f.kills, seconds, f.kills ? seconds * 1000 / f.kills : 0.0, f.callsReturned);
     for (int t = 0; t < kTargets; ++t)
       std::printf("  during a call on the %-30s %5ld (its change found applied %ld times)\n",
                   kTargetNames[t], f.inFlight[t], f.inFlightApplied[t]);
@@ -172,17 +169,13 @@ class CrashRun {
     std::printf(
         "left at the end: %zu temporaries beside the preferences file, %zu partial "
         "journals\n",
-        mLeftovers.prefsTemporaries, mLeftovers.partialJournals);
+        left.prefsTemporaries, left.partialJournals);
     std::printf(
         "losses %ld, wrong results %ld, unparsable files %ld, locks held after a kill %ld\n",
         f.losses, f.wrongResults, f.unparsableFiles, f.locksLeftHeld);
-  }
-
-  bool Passed(long kills) const {
-    const Figures& f = mFigures;
     // The last kill may have left one temporary that no later save has swept yet.
-    return f.kills == kills && f.losses == 0 && f.wrongResults == 0 && f.unparsableFiles == 0 &&
-           f.locksLeftHeld == 0 && mLeftovers.prefsTemporaries <= 1;
+    return completed && f.losses == 0 && f.wrongResults == 0 && f.unparsableFiles == 0 &&
+           f.locksLeftHeld == 0 && left.prefsTemporaries <= 1;
   }
 
  private:
@@ -352,8 +345,6 @@ class CrashRun {
   // The hosts' and the recovering loaders' progress.
   Progress* const mProgress = SharedArray<Progress>(2);
   Figures mFigures;
-  double mSeconds = 0;
-  Leftovers mLeftovers;
 };
 
 }  // namespace
@@ -364,10 +355,7 @@ int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, options, seed) || options["kills"] < 1) return 2;
   const long kills = static_cast<long>(options["kills"]);
   testing_support::UpdaterSandbox sandbox;
-  CrashRun run(PrepareSandbox(sandbox), seed);
-  const bool completed = run.Run(kills);
-  run.Print();
-  const bool ok = completed && run.Passed(kills);
+  const bool ok = CrashRun(PrepareSandbox(sandbox), seed).Run(kills);
   std::cout << (ok ? "PASS" : "FAIL") << std::endl;
   return ok ? 0 : 1;
 }
