@@ -6,10 +6,10 @@
 //
 //   CrashHarness [--kills N] [--seed X]
 //
-// The host runs one planned sequence of calls that cycles through the three files and reports
-// over a pipe when each call starts and when it has returned. After a kill the harness knows the
-// calls that returned (their changes must all be there) and at most one call in flight (its
-// change may or may not be there, but nothing else may differ). The plan is a function of the
+// The host runs one planned sequence of calls that cycles through the three files and shares
+// with the harness the last call it started and the last that returned. After a kill the harness
+// knows the calls that returned (their changes must all be there) and at most one call in flight
+// (its change may or may not be there, but nothing else may differ). The plan is a function of the
 // call's number and the files' current content, so the harness computes both acceptable states
 // exactly and the next host carries on from the one it finds. When a kill leaves a complete
 // journal, the load that recovers it is killed too, at a random moment of the recovery.
