@@ -25,7 +25,6 @@
 #include <cstdio>
 #include <functional>
 #include <iostream>
-#include <list>
 #include <random>
 #include <thread>
 
@@ -34,8 +33,6 @@
 #include "support/LockFiles.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/VantuUpdaterMissingCompsManager.h"
-#include "xplat/VantuUpdaterRegisteredApp.h"
-#include "xplat/VantuUpdaterRegistrationManager.h"
 
 namespace {
 
@@ -253,29 +250,26 @@ class CrashRun {
         std::cout << file << " does not parse before recovery\n";
       }
     }
-    for (const Target target : {kRegistry, kMissing}) {
-      const Journal journal =
-          JournalBeside(target == kRegistry ? mFiles.registry : mFiles.missingComps);
+    bool complete = false;
+    for (const std::string& store : {mFiles.registry, mFiles.missingComps}) {
+      const Journal journal = JournalBeside(store);
       mFigures.journalsPartial += journal == Journal::kPartial;
-      if (journal != Journal::kComplete) continue;
-      ++mFigures.journalsComplete;
-      KillDuringRecovery(target);
+      mFigures.journalsComplete += journal == Journal::kComplete;
+      complete = complete || journal == Journal::kComplete;
     }
+    if (complete) KillDuringRecovery();
   }
 
-  void KillDuringRecovery(Target target) {
+  // A host that loads the files, killed at a random moment of the load.
+  void KillDuringRecovery() {
     Progress& p = mProgress[1];
     p.started = p.returned = 0;
     const pid_t host = StartHost([&] {
       p.started = 1;
       const Clock::time_point start = Clock::now();
-      if (target == kRegistry) {
-        std::list<VantuUpdaterRegisteredApp> apps;
-        VantuUpdaterRegistrationManager().GetRegisteredApps(apps);
-      } else {
-        std::list<VantuUpdaterMissingCompsApp> apps;
-        VantuUpdaterMissingCompsManager().GetMissingCompsApps(apps);
-      }
+      StoreState state;
+      std::string error;
+      StoreState::Load(mFiles, {}, state, error);
       p.meanMs[0] = 0.8 * p.meanMs[0] + 0.2 * Milliseconds(start);
       p.returned = 1;
     });

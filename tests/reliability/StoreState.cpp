@@ -1,5 +1,7 @@
 #include "reliability/StoreState.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -38,11 +40,6 @@ namespace {
 
 bool StartsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-bool Exists(const std::string& path) {
-  std::error_code ignored;
-  return fs::exists(path, ignored);
 }
 
 const unsigned char* U(const std::string& text) {
@@ -198,7 +195,7 @@ bool Parses(const std::string& path) {
 
 Journal JournalBeside(const std::string& store) {
   const std::string journal = store + "_";
-  if (!Exists(journal)) return Journal::kNone;
+  if (::access(journal.c_str(), F_OK) != 0) return Journal::kNone;
   return Parses(journal) ? Journal::kComplete : Journal::kPartial;
 }
 
@@ -206,7 +203,7 @@ std::string CheckAtRest(const StoreFiles& files, Leftovers& leftovers) {
   std::ostringstream problems;
   std::set<fs::path> folders;
   for (const std::string& path : {files.registry, files.missingComps, files.prefs}) {
-    if (Exists(path) && !Parses(path)) problems << path << " does not parse\n";
+    if (::access(path.c_str(), F_OK) == 0 && !Parses(path)) problems << path << " does not parse\n";
     folders.insert(fs::path(path).parent_path());
   }
   for (const std::string& store : {files.registry, files.missingComps}) {

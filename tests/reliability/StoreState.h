@@ -90,9 +90,9 @@ std::string CheckAtRest(const StoreFiles& files, Leftovers& leftovers);
 enum Operation { kRegister, kUnregister, kDownload, kSetPref, kSetMessage, kTrigger, kOperations };
 extern const char* const kOperationNames[kOperations];
 
-// One call a host makes, as data, so that a harness can plan it, make it and apply it to its
-// model. Preferences are set through the settings object every export uses; a message is a
-// read-modify-write of the shared map under the preference lock held across both.
+// One call a host makes, as data, to plan, make and apply to a model. Preferences are set through
+// the settings object every export uses; a message is a read-modify-write of the shared map under
+// the preference lock.
 struct Call {
   explicit Call(Operation op, std::string appID = {}, std::string name = {}, std::string path = {})
       : op(op), appID(std::move(appID)), name(std::move(name)), path(std::move(path)) {}
@@ -111,8 +111,8 @@ struct Call {
   std::string Item() const;
 };
 
-// Sets a sandbox up as the harnesses' hosts use it (an administrator, the updater installed,
-// launches counted but not run) and returns where its files lie.
+// Makes the sandbox's user an administrator with the updater installed (launches counted, not
+// run); returns where its files lie.
 StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox);
 
 // Reads "--name value" pairs whose names `values` holds with their defaults, and "--seed"
