@@ -202,7 +202,7 @@ class CrashRun {
     // the three files take turns, whatever their calls cost (on a disk the syncs dominate, on
     // tmpfs the CPU).
     const long victim = mNextCall + static_cast<long>(mRandom() % 3);
-    const bool started = WaitFor([&] { return p.started >= victim || p.wrong >= 0; }, 10000);
+    const bool started = WaitFor([&] { return p.started >= victim || p.wrong >= 0; }, 10000, 50);
     if (started) Sleep(mRandom, std::min(250.0, 1.2 * p.meanMs[victim % kTargets]));
     Kill(host);
     ++mFigures.kills;
@@ -273,7 +273,7 @@ class CrashRun {
       p.meanMs[0] = 0.8 * p.meanMs[0] + 0.2 * Milliseconds(start);
       p.returned = 1;
     });
-    if (WaitFor([&] { return p.started == 1; }, 10000)) Sleep(mRandom, 1.2 * p.meanMs[0]);
+    if (WaitFor([&] { return p.started == 1; }, 10000, 50)) Sleep(mRandom, 1.2 * p.meanMs[0]);
     Kill(host);
     ++mFigures.recoveryKills;
     mFigures.recoveriesFinished += p.returned;

@@ -310,10 +310,10 @@ StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox) {
           sandbox.UserDataDir() + "/VantuUpdaterPrefs.dat"};
 }
 
-bool WaitFor(const std::function<bool()>& done, int timeoutMs) {
+bool WaitFor(const std::function<bool()>& done, int timeoutMs, int stepMicros) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   while (!done() && std::chrono::steady_clock::now() < end)
-    std::this_thread::sleep_for(std::chrono::microseconds(50));
+    std::this_thread::sleep_for(std::chrono::microseconds(stepMicros));
   return done();
 }
 

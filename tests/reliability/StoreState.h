@@ -120,8 +120,8 @@ StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox);
 bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,
                   unsigned long long& seed);
 
-// Waits up to `timeoutMs` for `done`; whether it came.
-bool WaitFor(const std::function<bool()>& done, int timeoutMs);
+// Waits up to `timeoutMs` for `done`, looking every `stepMicros`; whether it came.
+bool WaitFor(const std::function<bool()>& done, int timeoutMs, int stepMicros);
 
 // `count` value-initialised objects in memory that the processes forked afterwards share.
 template <class T>

@@ -43,27 +43,24 @@ constexpr double kLockTimeoutMs = 2000.0;
 constexpr int kAppsPerProcess = 6;
 constexpr int kMessagesPerProcess = 4;
 
-struct Timing {
-  unsigned long calls = 0, succeeded = 0;
-  double totalMs = 0, maxMs = 0;
-};
-
-// What a worker did, in memory it shares with the harness.
-struct Figures {
-  Timing timing[kOperations];
-  unsigned long failures = 0, timeouts = 0, manual = 0, scheduled = 0, launches = 0;
-  size_t lost = 0, checked = 0;
-  bool compared = false;
+// What the workers did, added up in memory they share with the harness.
+struct Totals {
+  struct {
+    std::atomic<unsigned long> calls, micros, maxMicros;
+  } timing[kOperations];
+  std::atomic<unsigned long> failures, timeouts, lost, checked, compared, launchProblems;
+  std::atomic<unsigned long> manual[3], scheduled[3];  // by user
 };
 
 // One worker process: random calls until the deadline, each checked against the model.
 class Worker {
  public:
-  Worker(size_t index, unsigned long long seed, Figures& figures)
+  Worker(size_t index, size_t user, unsigned long long seed, Totals& totals)
       : mIndex(index),
+        mUser(user),
         mPrefix("torture.p" + std::to_string(index) + "."),
         mRandom(seed * 1000003ULL + index),
-        mFigures(figures) {}
+        mTotals(totals) {}
 
   void Run(Clock::time_point deadline) {
     while (Clock::now() < deadline) {
@@ -79,7 +76,16 @@ class Worker {
 
   // Once every worker is done, whether the files hold what the model holds, leaving out what a
   // failed call touched: the model no longer knows what the files hold there.
-  void Compare(const StoreFiles& files) {
+  void Compare(const StoreFiles& files, size_t launches) {
+    // Every call that started the updater must have launched it once, and an unregistration
+    // may have (when it left the store empty, which depends on the others).
+    const unsigned long least = mSucceeded[kDownload] + mSucceeded[kTrigger];
+    const unsigned long most = least + mSucceeded[kUnregister];
+    if (launches < least || launches > most) {
+      ++mTotals.launchProblems;
+      std::cout << "worker " << mIndex << " started the updater " << launches << " times, expected "
+                << least << " to " << most << std::endl;
+    }
     const auto owned = [this](const std::string& key) {
       return key.compare(0, mPrefix.size(), mPrefix) == 0 && mTainted.count(key) == 0;
     };
@@ -91,12 +97,12 @@ class Worker {
     }
     const StoreState expected = mModel.Filter(owned);
     const std::string diff = expected.Diff(actual.Filter(owned));
-    mFigures.checked = expected.registered.size() + expected.missing.size() +
+    mTotals.checked += expected.registered.size() + expected.missing.size() +
                        expected.prefs.size() + expected.messages.size();
-    mFigures.lost = static_cast<size_t>(std::count(diff.begin(), diff.end(), '\n'));
+    mTotals.lost += static_cast<size_t>(std::count(diff.begin(), diff.end(), '\n'));
     if (!diff.empty())
       std::cout << "worker " << mIndex << ": the files do not hold what its calls did:\n" << diff;
-    mFigures.compared = true;
+    ++mTotals.compared;
   }
 
  private:
@@ -110,20 +116,23 @@ class Worker {
     const long expected = call.Apply(next);
     const Clock::time_point start = Clock::now();
     const long result = call.Make();
-    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-    Timing& timing = mFigures.timing[call.op];
+    const unsigned long micros = static_cast<unsigned long>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
+    auto& timing = mTotals.timing[call.op];
     ++timing.calls;
-    timing.totalMs += ms;
-    timing.maxMs = std::max(timing.maxMs, ms);
+    timing.micros += micros;
+    for (unsigned long max = timing.maxMicros; micros > max;)
+      timing.maxMicros.compare_exchange_weak(max, micros);
     if (result == expected) {
-      ++timing.succeeded;
+      ++mSucceeded[call.op];
       mModel = std::move(next);
-      if (call.op == kTrigger) ++(call.appID.empty() ? mFigures.manual : mFigures.scheduled);
+      if (call.op == kTrigger) ++(call.appID.empty() ? mTotals.manual : mTotals.scheduled)[mUser];
       return;
     }
+    const double ms = micros / 1000.0;
     const bool timedOut = ms >= kLockTimeoutMs * 0.95;
-    ++mFigures.failures;
-    mFigures.timeouts += timedOut;
+    ++mTotals.failures;
+    mTotals.timeouts += timedOut;
     mTainted.insert(call.Item());
     std::cout << "worker " << mIndex << ": " << kOperationNames[call.op] << " " << call.Item()
               << " gave " << result << ", expected " << expected << " after " << ms << " ms"
@@ -187,10 +196,11 @@ class Worker {
     return call;
   }
 
-  const size_t mIndex;
+  const size_t mIndex, mUser;
   const std::string mPrefix;
   std::mt19937_64 mRandom;
-  Figures& mFigures;
+  Totals& mTotals;
+  unsigned long mSucceeded[kOperations] = {};
   StoreState mModel;
   std::set<std::string> mTainted;
   unsigned long mSequence = 0;
@@ -202,7 +212,6 @@ struct User {
   testing_support::UserIdentity identity;
   std::string home, runtime;
   StoreFiles files;
-  unsigned long manual = 0, scheduled = 0;
 };
 
 bool Chown(const std::string& path, uid_t uid, gid_t gid, mode_t mode) {
@@ -265,7 +274,7 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
     return 1;
   }
 
-  Figures* const figures = SharedArray<Figures>(processes);
+  Totals& totals = *SharedArray<Totals>(1);
   std::atomic<int>* const done = SharedArray<std::atomic<int>>(1);
   testing_support::Pipe go;
   std::vector<pid_t> workers;
@@ -273,12 +282,12 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
     const User& user = users[i % users.size()];
     const auto work = [&, i] {
       if (!go.Wait(60000)) return 3;
-      Worker worker(i, seed, figures[i]);
+      Worker worker(i, i % users.size(), seed, totals);
       worker.Run(Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                     std::chrono::duration<double>(seconds)));
-      figures[i].launches = sandbox.env().Launches().size();
       ++*done;
-      if (WaitFor([&] { return *done == processes; }, 60000)) worker.Compare(user.files);
+      if (WaitFor([&] { return *done == processes; }, 60000, 10000))
+        worker.Compare(user.files, sandbox.env().Launches().size());
       return 0;
     };
     UseFoldersOf(sandbox, user);
@@ -290,44 +299,18 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
   int crashed = 0;
   for (pid_t pid : workers) crashed += testing_support::WaitChild(pid) != 0;
   const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-
-  // Gather; every call that started the updater must have launched it once, and an
-  // unregistration may have (when it left the store empty, which depends on the others).
-  Figures total;
-  unsigned long launchProblems = 0;
-  size_t lost = 0, checked = 0;
-  for (int i = 0; i < processes; ++i) {
-    const Figures& f = figures[i];
-    if (!f.compared) {
-      std::cout << "worker " << i << " did not compare its model with the files\n";
-      ++crashed;
-    }
-    for (int op = 0; op < kOperations; ++op) {
-      total.timing[op].calls += f.timing[op].calls;
-      total.timing[op].totalMs += f.timing[op].totalMs;
-      total.timing[op].maxMs = std::max(total.timing[op].maxMs, f.timing[op].maxMs);
-    }
-    total.failures += f.failures;
-    total.timeouts += f.timeouts;
-    lost += f.lost;
-    checked += f.checked;
-    users[i % users.size()].manual += f.manual;
-    users[i % users.size()].scheduled += f.scheduled;
-    const unsigned long least = f.timing[kDownload].succeeded + f.timing[kTrigger].succeeded;
-    const unsigned long most = least + f.timing[kUnregister].succeeded;
-    if (f.launches < least || f.launches > most) {
-      ++launchProblems;
-      std::cout << "worker " << i << " started the updater " << f.launches << " times, expected "
-                << least << " to " << most << "\n";
-    }
+  if (totals.compared < static_cast<unsigned long>(processes)) {
+    std::cout << processes - totals.compared << " workers did not compare the files\n";
+    crashed = std::max<int>(crashed, processes - static_cast<int>(totals.compared));
   }
 
   // Every file parses, nothing is left over, and each user's "Launch" is what its triggers left.
   std::string error, atRest;
   bool loaded = true;
   Leftovers leftovers;
-  size_t registered = 0, missingEntries = 0, messages = 0;
-  for (User& user : users) {
+  size_t registered = 0, missingEntries = 0, messages = 0, lost = totals.lost;
+  for (size_t u = 0; u < users.size(); ++u) {
+    const User& user = users[u];
     UseFoldersOf(sandbox, user);
     StoreState actual;
     loaded = StoreState::Load(user.files, {"Launch"}, actual, error) && loaded;
@@ -335,7 +318,9 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
     registered = actual.registered.size();
     missingEntries += actual.missing.size();
     messages += actual.messages.size();
-    const std::string wanted = user.manual > 0 ? "Manual" : user.scheduled > 0 ? "Scheduled" : "";
+    const std::string wanted = totals.manual[u] > 0      ? "Manual"
+                               : totals.scheduled[u] > 0 ? "Scheduled"
+                                                         : "";
     if (actual.prefs["Launch"] != wanted) {
       ++lost;
       std::cout << "\"Launch\" is \"" << actual.prefs["Launch"] << "\", expected \"" << wanted
@@ -350,21 +335,21 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
               isolated ? "private" : "shared");
   std::printf("%-18s %9s %9s %9s\n", "operation", "calls", "mean ms", "max ms");
   for (int op = 0; op < kOperations; ++op) {
-    const Timing& t = total.timing[op];
+    const auto& t = totals.timing[op];
     calls += t.calls;
-    std::printf("%-18s %9lu %9.2f %9.1f\n", kOperationNames[op], t.calls,
-                t.calls ? t.totalMs / t.calls : 0.0, t.maxMs);
+    std::printf("%-18s %9lu %9.2f %9.1f\n", kOperationNames[op], t.calls.load(),
+                t.calls ? t.micros / 1000.0 / t.calls : 0.0, t.maxMicros / 1000.0);
   }
   std::printf("%-18s %9lu   (%.0f calls/s)\n", "all", calls, calls / elapsed);
   std::printf(
-      "failed calls %lu (on a lock time-out %lu), lost or wrong items %zu of %zu checked,"
+      "failed calls %lu (on a lock time-out %lu), lost or wrong items %zu of %lu checked,"
       " crashed workers %d\n",
-      total.failures, total.timeouts, lost, checked, crashed);
+      totals.failures.load(), totals.timeouts.load(), lost, totals.checked.load(), crashed);
   std::printf("files: %zu registered applications, %zu missing-components entries, %zu messages\n",
               registered, missingEntries, messages);
 
-  const bool ok = crashed == 0 && total.failures == 0 && loaded && lost == 0 && atRest.empty() &&
-                  launchProblems == 0 && leftovers.prefsTemporaries == 0 &&
+  const bool ok = crashed == 0 && totals.failures == 0 && loaded && lost == 0 && atRest.empty() &&
+                  totals.launchProblems == 0 && leftovers.prefsTemporaries == 0 &&
                   leftovers.partialJournals == 0 && calls > 0;
   std::cout << (ok ? "PASS" : "FAIL") << std::endl;
   return ok ? 0 : 1;
