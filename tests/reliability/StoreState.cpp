@@ -273,7 +273,8 @@ long Call::Apply(StoreState& model) const {
       if (registerFirst &&
           (!current || current->displayName != name || current->installPath != path))
         Register(model, appID, name, path);
-      // The entry takes the request's name, path and type; 9 when every component was known.
+      // The entry takes the request's name, path and type; "already requested" when every
+      // component was recorded before.
       bool anyNew = components.empty();
       for (const MissingComponent& component : components) {
         MissingApp& app = model.missing[appID];
@@ -282,7 +283,9 @@ long Call::Apply(StoreState& model) const {
           known.push_back(component);
           anyNew = true;
         }
-        app = MissingApp{name, path, type, known};
+        app.displayName = name;
+        app.installPath = path;
+        app.operationType = type;
       }
       return anyNew ? kROZResultOK : kROZResultAlreadyRequested;
     }
