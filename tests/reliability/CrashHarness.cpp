@@ -346,7 +346,7 @@ class CrashRun {
 int main(int argc, char** argv) {
   std::map<std::string, double> options = {{"kills", 1000}};
   unsigned long long seed = 0;
-  if (!ParseOptions(argc, argv, options, seed) || options["kills"] < 1) return 2;
+  if (!ParseOptions(argc, argv, options, seed, [&] { return options["kills"] >= 1; })) return 2;
   const long kills = static_cast<long>(options["kills"]);
   testing_support::UpdaterSandbox sandbox;
   const bool ok = CrashRun(PrepareSandbox(sandbox), seed).Run(kills);

@@ -321,7 +321,7 @@ bool WaitFor(const std::function<bool()>& done, int timeoutMs, int stepMicros) {
 }
 
 bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,
-                  unsigned long long& seed) {
+                  unsigned long long& seed, const std::function<bool()>& valid) {
   seed =
       static_cast<unsigned long long>(std::chrono::system_clock::now().time_since_epoch().count());
   bool ok = argc % 2 == 1;
@@ -334,7 +334,7 @@ bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,
       values[name.substr(2)] = std::strtod(argv[i + 1], &end);
     ok = end != nullptr && *end == '\0';
   }
-  if (!ok) {
+  if (!ok || !valid()) {
     std::cerr << "usage: " << argv[0];
     for (const auto& item : values) std::cerr << " [--" << item.first << " N]";
     std::cerr << " [--seed X]\n";

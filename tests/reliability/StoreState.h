@@ -116,9 +116,10 @@ struct Call {
 StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox);
 
 // Reads "--name value" pairs whose names `values` holds with their defaults, and "--seed"
-// (default: the clock), and prints the seed; prints the usage and returns false otherwise.
+// (default: the clock), and prints the seed; prints the usage and returns false when an option
+// is unknown or the values are not `valid`.
 bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,
-                  unsigned long long& seed);
+                  unsigned long long& seed, const std::function<bool()>& valid);
 
 // Waits up to `timeoutMs` for `done`, looking every `stepMicros`; whether it came.
 bool WaitFor(const std::function<bool()>& done, int timeoutMs, int stepMicros);

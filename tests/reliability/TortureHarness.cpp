@@ -360,9 +360,10 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
 int main(int argc, char** argv) {
   std::map<std::string, double> options = {{"processes", 16}, {"seconds", 30}, {"users", 1}};
   unsigned long long seed = 0;
-  if (!ParseOptions(argc, argv, options, seed) || options["processes"] < 1 ||
-      options["processes"] > 256 || options["seconds"] <= 0 || options["users"] < 1 ||
-      options["users"] > 3)
+  if (!ParseOptions(argc, argv, options, seed, [&] {
+        return options["processes"] >= 1 && options["processes"] <= 256 && options["seconds"] > 0 &&
+               options["users"] >= 1 && options["users"] <= 3;
+      }))
     return 2;
   return Run(static_cast<int>(options["processes"]), options["seconds"],
              static_cast<int>(options["users"]), seed);
