@@ -59,36 +59,28 @@ bool LoadRegistered(StoreState& out, std::string& error) {
   // The entries point into the store's tree: the store must outlive them.
   VantuUpdaterRegistrationManager store;
   std::list<VantuUpdaterRegisteredApp> apps;
-  if (!store.GetRegisteredApps(apps)) {
-    error = "the registered-applications store did not load";
-    return false;
-  }
+  bool ok = store.GetRegisteredApps(apps);
   for (const VantuUpdaterRegisteredApp& app : apps) {
     RegisteredApp entry;
-    if (!app.GetappID(entry.appID) || !app.GetDisplayName(entry.displayName) ||
-        !app.GetInstallPath(entry.installPath)) {
-      error = "a registered application lacks a field";
-      return false;
-    }
+    ok = ok && app.GetappID(entry.appID) && app.GetDisplayName(entry.displayName) &&
+         app.GetInstallPath(entry.installPath);
     out.registered.push_back(entry);
   }
-  return true;
+  if (!ok) error = "the registered-applications store did not load whole";
+  return ok;
 }
 
 bool LoadMissing(StoreState& out, std::string& error) {
   VantuUpdaterMissingCompsManager store;
   std::list<VantuUpdaterMissingCompsApp> apps;
-  if (!store.GetMissingCompsApps(apps)) {
-    error = "the missing-components store did not load";
-    return false;
-  }
+  bool ok = store.GetMissingCompsApps(apps);
   for (VantuUpdaterMissingCompsApp& app : apps) {
     std::string appID;
     MissingApp entry;
     std::list<VantuUpdaterAMissingComponent> components;
-    bool ok = app.GetAppID(appID) && app.GetDisplayName(entry.displayName) &&
-              app.GetInstallPath(entry.installPath) && app.GetOperationType(entry.operationType) &&
-              app.GetMissingComponents(components);
+    ok = ok && app.GetAppID(appID) && app.GetDisplayName(entry.displayName) &&
+         app.GetInstallPath(entry.installPath) && app.GetOperationType(entry.operationType) &&
+         app.GetMissingComponents(components);
     for (const VantuUpdaterAMissingComponent& component : components) {
       MissingComponent c;
       FileSystemVersion version("0");
@@ -97,12 +89,10 @@ bool LoadMissing(StoreState& out, std::string& error) {
       c.version = version.ToString();
       entry.components.push_back(c);
     }
-    if (!ok || !out.missing.emplace(appID, entry).second) {
-      error = "a missing-components entry lacks a field or repeats: " + appID;
-      return false;
-    }
+    ok = ok && out.missing.emplace(appID, entry).second;
   }
-  return true;
+  if (!ok) error = "the missing-components store did not load whole, or repeats an entry";
+  return ok;
 }
 
 bool LoadPrefs(const std::string& path, const std::set<std::string>& keys, StoreState& out,

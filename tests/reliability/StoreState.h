@@ -2,9 +2,8 @@
 #define TESTS_RELIABILITY_STORESTATE_H
 
 // What the torture and the crash harness share: the content of the three shared files as plain
-// values, the calls their hosts make, and reading the files back through the library. The same
-// state serves as the expected one (a model each successful call updates as the library does)
-// and as the actual one (loaded from the files), so a run ends in one comparison.
+// values, serving both as the model the successful calls update and as what the library loads
+// back from the files; the calls their hosts make; and the checks of the files at rest.
 
 #include <sys/mman.h>
 
@@ -62,9 +61,8 @@ struct StoreState {
   // The items expected (this) and not found in `actual`, and the reverse; empty when equal.
   std::string Diff(const StoreState& actual) const;
 
-  // Loads the three files through the library's own classes in the Env installed now, so a
-  // journal left by an interrupted save is recovered exactly as a host would. `prefKeys` are
-  // the scalar preferences to read. False with `error` set when something does not load.
+  // Loads the files through the library's own classes in the Env installed now, so that an
+  // interrupted save's journal is recovered as a host would; reads the preferences `prefKeys`.
   static bool Load(const StoreFiles& files, const std::set<std::string>& prefKeys, StoreState& out,
                    std::string& error);
 };
