@@ -101,7 +101,8 @@ class Worker {
                        expected.prefs.size() + expected.messages.size();
     mTotals.lost += static_cast<size_t>(std::count(diff.begin(), diff.end(), '\n'));
     if (!diff.empty())
-      std::cout << "worker " << mIndex << ": the files do not hold what its calls did:\n" << diff;
+      std::cout << "worker " << mIndex << ": the files do not hold what its calls did:\n"
+                << diff << std::flush;
     ++mTotals.compared;
   }
 
