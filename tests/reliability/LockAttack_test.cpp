@@ -2,6 +2,7 @@
 // users on a private machine: files planted at the lock names, squatting, a holder that dies.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -90,23 +91,14 @@ TEST(LockAttack, OnlyTheEntitledShareALockAndADeadHolderLeavesNone) {
         machine.AllUsersDataDir() + "/" + esd::ResourceLocker::GetLockFileName(Registry(machine));
     Pipe held;
     const pid_t holder = machine.StartHost(AdministratorA(), [&] {
+      // Ends with this machine's process, however the test leaves it.
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
       esd::ResourceLocker store(Registry(machine), 0), prefs(kPrefsLock, 0);
       if (!store.Lock() || !prefs.Lock()) return 1;
       held.Signal();
       ::pause();
       return 0;
     });
-    // Ends the holder on every way out, so that a failure leaves no process behind.
-    struct Killer {
-      pid_t pid;
-      void Now() {
-        if (pid <= 0) return;
-        ::kill(pid, SIGKILL);
-        WaitChild(pid);
-        pid = -1;
-      }
-      ~Killer() { Now(); }
-    } killer{holder};
     if (!held.Wait()) return 2;
     struct stat info {};
     if (::stat(lockFile.c_str(), &info) != 0 || (info.st_mode & 07777) != 0660 ||
@@ -130,7 +122,8 @@ TEST(LockAttack, OnlyTheEntitledShareALockAndADeadHolderLeavesNone) {
       });
       if (refused != 0) return 20 + refused;
     }
-    killer.Now();
+    ::kill(holder, SIGKILL);
+    WaitChild(holder);
     return machine.RunHost(AdministratorB(), [&] {
       esd::ResourceLocker store(Registry(machine), 0);
       return store.Lock() ? 0 : 1;
