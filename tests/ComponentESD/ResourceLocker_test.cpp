@@ -18,6 +18,7 @@
 #include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
+#include "xplat/EnvWrapper.h"
 #include "xplat/ScopedEnv.h"
 
 namespace {
@@ -26,6 +27,11 @@ using namespace testing_support;
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+
+mode_t ModeOf(const std::string& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0 ? info.st_mode : 0;
+}
 
 // A relocated machine root and runtime folder, so lock files land in a temporary folder.
 class ResourceLockerTest : public ::testing::Test {
@@ -45,14 +51,37 @@ class ResourceLockerTest : public ::testing::Test {
   esd::ScopedEnv mScope;
 };
 
-mode_t ModeOf(const std::string& path) {
-  struct stat info {};
-  return ::lstat(path.c_str(), &info) == 0 ? info.st_mode : 0;
-}
+// Looks at the lock file at every file call the locker makes: another member of the group may
+// open it at any of those moments, and is refused while it has fewer bits than its own.
+class ModeWatch : public esd::EnvWrapper {
+ public:
+  ModeWatch(const std::string& path, mode_t mode)
+      : EnvWrapper(esd::Env::Default()), mPath(path), mMode(S_IFREG | mode), mScope(this) {}
+  int OpenFileAt(int folder, const std::string& name, int flags, mode_t mode) override {
+    const int fd = EnvWrapper::OpenFileAt(folder, name, flags, mode);
+    Look();
+    return fd;
+  }
+  int LockFileByte(int fd, short type, off_t offset) override {
+    Look();
+    return EnvWrapper::LockFileByte(fd, type, offset);
+  }
+  bool sawFewerBits = false;
+
+ private:
+  void Look() {
+    const mode_t now = ModeOf(mPath);
+    sawFewerBits = sawFewerBits || (now != 0 && now != mMode);
+  }
+  std::string mPath;
+  mode_t mMode;
+  esd::ScopedEnv mScope;
+};
 
 // The lock file's name is the name hash with "/" made "_"; a machine-wide store locks beside
 // itself and shares its lock with the folder's group, anything else locks privately in the
-// runtime folder. The bits are those whatever the umask, and the file stays after the release.
+// runtime folder. The bits are those whatever the umask, from the moment the file appears, and
+// the file stays after the release.
 TEST_F(ResourceLockerTest, LockFileNamePlaceAndMode) {
   EXPECT_EQ("MlvTMiyOLj_i+mGbuGxF2w==", esd::ResourceLocker::GetLockFileName("lock-5"));
   EXPECT_EQ("/MlvTMiyOLj_i+mGbuGxF2w==", esd::ResourceLocker::GetSemaphoreName("lock-5"));
@@ -71,7 +100,11 @@ TEST_F(ResourceLockerTest, LockFileNamePlaceAndMode) {
       const std::string path = c.folder + "/" + esd::ResourceLocker::GetLockFileName(c.resource);
       EXPECT_EQ(path, LockFilePath(c.resource));
       esd::ResourceLocker locker(c.resource, 0);
-      ASSERT_TRUE(locker.Lock()) << c.resource;
+      {
+        ModeWatch watch(path, c.mode);
+        ASSERT_TRUE(locker.Lock()) << c.resource;
+        EXPECT_FALSE(watch.sawFewerBits) << c.resource << " umask " << mask;
+      }
       EXPECT_TRUE(LockIsHeld(c.resource));
       EXPECT_EQ(S_IFREG | c.mode, ModeOf(path)) << c.resource << " umask " << mask;
       ASSERT_TRUE(locker.Unlock(false));

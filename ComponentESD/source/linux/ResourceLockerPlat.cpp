@@ -15,6 +15,7 @@
 #include "xplat/NameHash.h"
 #include "xplat/ResourceLocker.h"
 #include "xplat/ResourceLockerPlat.h"
+#include "linux/UniqueFd.h"
 
 namespace esd {
 
@@ -68,6 +69,21 @@ int OpenNoLinks(const std::string& path, int flags, mode_t mode) {
   return -1;
 }
 
+// Makes a missing lock file appear at its name with its whole mode: made unnamed in its folder,
+// given its bits on the descriptor, then linked in. Made by name, it would first carry only the
+// bits the umask left, and another member of the group opening it in that moment would be
+// refused and give up on the lock. -1 with errno set: EEXIST when another process linked one in
+// first; any other error when the file system cannot make unnamed files.
+int CreateLockFile(const std::string& path, mode_t mode) {
+  const size_t slash = path.rfind('/');
+  const std::string folder = slash == 0 ? "/" : path.substr(0, slash);
+  UniqueFd fd(OpenNoLinks(folder, O_TMPFILE | O_RDWR, mode));
+  if (!fd.valid() || fchmod(fd.get(), mode) != 0) return -1;
+  const std::string self = "/proc/self/fd/" + std::to_string(fd.get());
+  if (linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) return -1;
+  return fd.Release();
+}
+
 // Opens (creating when missing) the lock file, refusing links and anything but a regular file;
 // the O_NONBLOCK keeps a planted FIFO from stalling the open. A lock file this user owns gets
 // its mode on the descriptor, whatever the umask said. On a read-only file system an existing
@@ -77,7 +93,13 @@ int OpenNoLinks(const std::string& path, int flags, mode_t mode) {
 int OpenLockFile(const std::string& path, mode_t mode, short& lockType, dev_t& device,
                  ino_t& inode) {
   lockType = F_WRLCK;
-  int fd = OpenNoLinks(path, O_RDWR | O_CREAT, mode);
+  int fd = OpenNoLinks(path, O_RDWR, 0);
+  if (fd < 0 && errno == ENOENT) {
+    fd = CreateLockFile(path, mode);
+    if (fd < 0 && errno == EEXIST) fd = OpenNoLinks(path, O_RDWR, 0);
+    // Without unnamed files the bits follow the creation, as the fchmod below gives them.
+    else if (fd < 0) fd = OpenNoLinks(path, O_RDWR | O_CREAT, mode);
+  }
   if (fd < 0 && errno == EROFS) {
     lockType = F_RDLCK;
     fd = OpenNoLinks(path, O_RDONLY, 0);
