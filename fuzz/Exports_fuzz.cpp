@@ -377,7 +377,9 @@ bool IsResultCode(int32_t result) {
 const char* AsText(const unsigned char* text) { return reinterpret_cast<const char*>(text); }
 
 // A registration repeated with the same arguments on a store nobody changed since leaves the
-// file alone: same bytes, same inode.
+// file alone: same bytes, same inode. A call that answered 7 or 3 stopped before its
+// registration step (update checks disabled, or an argument refused), so the next one is the
+// first to register and may rightly replace an empty or damaged store.
 class RepeatedRegistration {
  public:
   void Before(const char* id, const unsigned char* name, const unsigned char* path) {
@@ -386,10 +388,12 @@ class RepeatedRegistration {
     mKey = {id, AsText(name), AsText(path)};
     mRepeat = mKey == mLast && Stamp() == mStamp;
   }
-  void After() {
+  void After(int32_t result) {
     if (!mKey) return;
     if (mRepeat) Check(Stamp() == mStamp, "a repeated registration leaves the store alone");
-    mLast = mKey;
+    const bool stoppedBefore =
+        result == kROZResultUpdateCheckDisabled || result == kROZResultInvalidArgument;
+    mLast = stoppedBefore ? std::nullopt : mKey;
     mStamp = Stamp();
   }
 
@@ -439,7 +443,7 @@ void CallOne(FuzzedDataProvider& input, Arguments& args, const Expected& expecte
       const unsigned char* path = args.Path();
       repeated.Before(id, name, path);
       result = ROZRegisterApplication(id, name, path);
-      repeated.After();
+      repeated.After(result);
       // Whatever the store held, a host with good arguments (the usual values, compared by
       // address) gets registered.
       if (expected.registryWritable && id == kAppID && AsText(name) == kGoodName &&
@@ -462,7 +466,7 @@ void CallOne(FuzzedDataProvider& input, Arguments& args, const Expected& expecte
       const bool registerFirst = input.ConsumeBool();
       repeated.Before(registerFirst ? id : nullptr, name, path);
       result = ROZIsUpdateAvailable(id, name, path, request, answer, registerFirst);
-      repeated.After();
+      repeated.After(result);
       break;
     }
     case 5: {
@@ -474,7 +478,7 @@ void CallOne(FuzzedDataProvider& input, Arguments& args, const Expected& expecte
       const bool registerFirst = input.ConsumeBool();
       repeated.Before(registerFirst ? id : nullptr, name, path);
       result = ROZTriggerUpdateCheck(id, name, path, language, type, registerFirst);
-      repeated.After();
+      repeated.After(result);
       break;
     }
     case 6:
@@ -490,7 +494,7 @@ void CallOne(FuzzedDataProvider& input, Arguments& args, const Expected& expecte
       const bool registerFirst = input.ConsumeBool();
       repeated.Before(registerFirst ? id : nullptr, name, path);
       result = ROZDownloadMissingComponents(id, name, path, language, list, type, registerFirst);
-      repeated.After();
+      repeated.After(result);
       break;
     }
   }
