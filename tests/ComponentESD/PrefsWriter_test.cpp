@@ -199,11 +199,8 @@ TEST_F(PrefsWriterTest, LoadErrorsAndForeignTopElement) {
 // follow each other faster than the file system clock ticks or the file's time lies ahead.
 TEST_F(PrefsWriterTest, LockedWritersSeeEachOthersSets) {
   const std::string resource = UniqueResourceName("prefs");
-  LockedWriter a(path, resource);
-  esd::ResourceLocker otherLock(resource, 2000);
-  esd::PrefsWriter b("", "Root");
-  b.SetLockPolicy(&otherLock);
-  b.SetPrefsPath(path);
+  LockedWriter a(path, resource), other(path, resource);
+  esd::PrefsWriter& b = other.writer;
   for (int i = 0; i < 200; ++i) {
     ASSERT_TRUE(((i % 2) ? a.writer : b).SetPref<int>("Counter", i));
     ASSERT_EQ(i, Read<int>((i % 2) ? b : a.writer, "Counter")) << "a set was missed";
@@ -271,18 +268,12 @@ TEST_F(PrefsWriterTest, LockHeldElsewhere) {
   EXPECT_NO_THROW(writer.SetPrefsPath(dir / "broken.dat"));
   EXPECT_NO_THROW(writer.SetPrefsPath(path));
   EXPECT_EQ(before, ReadFile(path));
-  esd::ResourceLocker lateLock(resource, 30);
-  esd::PrefsWriter late("", "Root");
-  late.SetLockPolicy(&lateLock);
-  late.SetPrefsPath(path);
-  esd::PrefsWriter lateNew("", "Root");
-  lateNew.SetLockPolicy(&lateLock);
-  lateNew.SetPrefsPath(dir / "new.dat");
+  LockedWriter late(path, resource, 30), lateNew(dir / "new.dat", resource, 30);
   done.Signal();
   ASSERT_EQ(0, testing_support::WaitChild(child));
 
-  EXPECT_EQ(1, Read<int>(late, "N"));
-  EXPECT_TRUE(lateNew.SetPref<int>("M", 9));
+  EXPECT_EQ(1, Read<int>(late.writer, "N"));
+  EXPECT_TRUE(lateNew.writer.SetPref<int>("M", 9));
   EXPECT_EQ(kDecl + "<Root>\n<M>9</M>\n</Root>\n", ReadFile(dir / "new.dat"));
   ASSERT_TRUE(writer.LockPrefs());
   EXPECT_TRUE(writer.SetPref<int>("N", 3));
