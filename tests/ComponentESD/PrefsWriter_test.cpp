@@ -57,14 +57,19 @@ std::optional<T> Read(esd::PrefsWriter& writer, const std::string& key, T missin
   return writer.GetPref<T>(key, value, missing) ? std::optional<T>(value) : std::nullopt;
 }
 
+// A preference file in a fresh folder.
+class PrefsWriterTest : public ::testing::Test {
+ protected:
+  TempDir dir;
+  const std::string path = dir / "prefs.dat";
+};
+
 }  // namespace
 
 // A missing file reads as defaults and is not created by reading; a set writes the whole file in
 // the one text form other processes parse. Values read back only from text that converts whole,
 // and an empty string reads as the default ("not set").
-TEST(PrefsWriter, FileFormatAndValueConversions) {
-  TempDir dir;
-  const std::string path = dir / "prefs.dat";
+TEST_F(PrefsWriterTest, FileFormatAndValueConversions) {
   esd::PrefsWriter writer(path, "Root");
   EXPECT_EQ(42, Read<int>(writer, "Count", 42));
   EXPECT_FALSE(FileSystemUtils::DoesPathExist(path));
@@ -97,9 +102,7 @@ TEST(PrefsWriter, FileFormatAndValueConversions) {
 // Maps are stored as entries in ascending key order and replaced whole; one entry without its key,
 // or a bool entry that is not "1"/"0", fails the whole read with an empty map; a repeated key
 // reads as its last entry.
-TEST(PrefsWriter, MapsRoundTripAndRejectBrokenEntries) {
-  TempDir dir;
-  const std::string path = dir / "prefs.dat";
+TEST_F(PrefsWriterTest, MapsRoundTripAndRejectBrokenEntries) {
   esd::PrefsWriter writer(path, "Root");
   esd::MapPref<std::string, std::string> messages("Messages");
   esd::MapPref<std::string, bool> enabled("Enabled");
@@ -150,23 +153,20 @@ TEST(PrefsWriter, MapsRoundTripAndRejectBrokenEntries) {
 
 // Keys and values the file cannot hold are refused before anything changes, so one bad value can
 // never make the whole file unreadable for every process.
-TEST(PrefsWriter, RefusesWhatTheFileCannotHold) {
-  TempDir dir;
-  const std::string path = dir / "prefs.dat";
+TEST_F(PrefsWriterTest, RefusesWhatTheFileCannotHold) {
   esd::PrefsWriter writer(path, "Root");
   ASSERT_TRUE(writer.SetPref<std::string>("Path", "/home/u/Docs"));
   const std::string before = ReadFile(path);
-  EXPECT_FALSE(writer.SetPref<std::string>("Path", "/home/u/D\xE9j\xE0"));  // Latin-1 bytes
-  EXPECT_FALSE(writer.SetPref<std::string>("Path", std::string("a\0b", 3)));
-  EXPECT_FALSE(writer.SetPref<std::string>("Path", "bell\x07"));
-  EXPECT_FALSE(writer.SetPref<int>("two words", 1));
-  EXPECT_FALSE(writer.SetPref<int>("", 1));
-  EXPECT_FALSE(writer.SetPref<int>("1st", 1));
   esd::MapPref<std::string, std::string> map("Map");
   map.SetPrefsFile(&writer);
-  EXPECT_FALSE(map.Set({{"say \"hi\"", "x"}}));
-  EXPECT_FALSE(map.Set({{"a<b", "x"}}));
-  EXPECT_FALSE(map.Set({{"ok", "\xFF"}}));
+  const std::pair<std::string, std::string> kRefused[] = {
+      {"Path", "/home/u/D\xE9j\xE0"},  // Latin-1 bytes
+      {"Path", std::string("a\0b", 3)}, {"Path", "bell\x07"}, {"two words", "1"}, {"", "1"},
+      {"1st", "1"}};
+  for (const auto& [key, value] : kRefused) EXPECT_FALSE(writer.SetPref<std::string>(key, value));
+  const std::pair<std::string, std::string> kRefusedEntries[] = {
+      {"say \"hi\"", "x"}, {"a<b", "x"}, {"ok", "\xFF"}};
+  for (const auto& entry : kRefusedEntries) EXPECT_FALSE(map.Set({entry})) << entry.first;
   EXPECT_EQ(before, ReadFile(path));
   EXPECT_EQ("/home/u/Docs", ReadString(writer, "Path"));
 
@@ -180,9 +180,7 @@ TEST(PrefsWriter, RefusesWhatTheFileCannotHold) {
 
 // An empty path raises its fixed error (a file that does not parse is the fuzzer's); a file whose
 // top element is another program's gets our settings element.
-TEST(PrefsWriter, LoadErrorsAndForeignTopElement) {
-  TempDir dir;
-  const std::string path = dir / "prefs.dat";
+TEST_F(PrefsWriterTest, LoadErrorsAndForeignTopElement) {
   esd::PrefsWriter writer("", "Root");
   try {
     writer.SetPrefsPath("");
@@ -199,15 +197,10 @@ TEST(PrefsWriter, LoadErrorsAndForeignTopElement) {
 
 // Two writers with locks on one file: each operation sees the other's last set, even when sets
 // follow each other faster than the file system clock ticks or the file's time lies ahead.
-TEST(PrefsWriter, LockedWritersSeeEachOthersSets) {
-  TempDir dir;
-  const std::string path = dir / "prefs.dat";
+TEST_F(PrefsWriterTest, LockedWritersSeeEachOthersSets) {
   const std::string resource = UniqueResourceName("prefs");
-  LockedWriter a(path, resource);
-  esd::ResourceLocker otherLock(resource, 2000);
-  esd::PrefsWriter b("", "Root");
-  b.SetLockPolicy(&otherLock);
-  b.SetPrefsPath(path);
+  LockedWriter a(path, resource), other(path, resource);
+  esd::PrefsWriter& b = other.writer;
   for (int i = 0; i < 200; ++i) {
     ASSERT_TRUE(((i % 2) ? a.writer : b).SetPref<int>("Counter", i));
     ASSERT_EQ(i, Read<int>((i % 2) ? b : a.writer, "Counter")) << "a set was missed";
@@ -222,19 +215,12 @@ TEST(PrefsWriter, LockedWritersSeeEachOthersSets) {
   EXPECT_FALSE(LockIsHeld(resource));
 }
 
-// Behind a locked writer's back: a deleted file empties the document; one that no longer parses
-// reads as defaults (no exception) and is replaced whole by the next set.
-TEST(PrefsWriter, FileChangedBehindTheWritersBack) {
-  TempDir dir;
-  const std::string path = dir / "prefs.dat";
+// Behind a locked writer's back, a file that no longer parses reads as defaults (no exception)
+// and is replaced whole by the next set. (A deleted file is the lock-held test's case.)
+TEST_F(PrefsWriterTest, FileChangedBehindTheWritersBack) {
   LockedWriter locked(path, UniqueResourceName("prefs"));
   esd::PrefsWriter& writer = locked.writer;
-  ASSERT_TRUE(writer.SetPref<std::string>("A", "one"));
-  ASSERT_EQ(0, unlink(path.c_str()));
-  EXPECT_EQ("default", ReadString(writer, "A"));
-  ASSERT_TRUE(writer.SetPref<std::string>("B", "again"));
-  EXPECT_EQ(kDecl + "<Root>\n<B>again</B>\n</Root>\n", ReadFile(path));
-
+  ASSERT_TRUE(writer.SetPref<std::string>("B", "one"));
   WriteFile(path, "garbage <<<");
   EXPECT_EQ("default", ReadString(writer, "B"));
   ASSERT_TRUE(writer.SetPref<std::string>("A", "fresh"));
@@ -248,9 +234,7 @@ TEST(PrefsWriter, FileChangedBehindTheWritersBack) {
 // While another process holds the lock every operation fails without effect (outputs and file
 // untouched, no exception); writers set up meanwhile catch up once it is free. A caller holding
 // the lock itself runs several operations under it and they leave it held.
-TEST(PrefsWriter, LockHeldElsewhere) {
-  TempDir dir;
-  const std::string path = dir / "prefs.dat";
+TEST_F(PrefsWriterTest, LockHeldElsewhere) {
   const std::string resource = UniqueResourceName("prefs");
   LockedWriter locked(path, resource, 30);
   esd::PrefsWriter& writer = locked.writer;
@@ -279,18 +263,12 @@ TEST(PrefsWriter, LockHeldElsewhere) {
   EXPECT_NO_THROW(writer.SetPrefsPath(dir / "broken.dat"));
   EXPECT_NO_THROW(writer.SetPrefsPath(path));
   EXPECT_EQ(before, ReadFile(path));
-  esd::ResourceLocker lateLock(resource, 30);
-  esd::PrefsWriter late("", "Root");
-  late.SetLockPolicy(&lateLock);
-  late.SetPrefsPath(path);
-  esd::PrefsWriter lateNew("", "Root");
-  lateNew.SetLockPolicy(&lateLock);
-  lateNew.SetPrefsPath(dir / "new.dat");
+  LockedWriter late(path, resource, 30), lateNew(dir / "new.dat", resource, 30);
   done.Signal();
   ASSERT_EQ(0, testing_support::WaitChild(child));
 
-  EXPECT_EQ(1, Read<int>(late, "N"));
-  EXPECT_TRUE(lateNew.SetPref<int>("M", 9));
+  EXPECT_EQ(1, Read<int>(late.writer, "N"));
+  EXPECT_TRUE(lateNew.writer.SetPref<int>("M", 9));
   EXPECT_EQ(kDecl + "<Root>\n<M>9</M>\n</Root>\n", ReadFile(dir / "new.dat"));
   ASSERT_TRUE(writer.LockPrefs());
   EXPECT_TRUE(writer.SetPref<int>("N", 3));

@@ -1,6 +1,7 @@
 #ifndef TESTS_SUPPORT_FAULTYENV_H
 #define TESTS_SUPPORT_FAULTYENV_H
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <functional>
@@ -14,13 +15,14 @@
 namespace testing_support {
 
 // The file operations a save is made of, as the fault rule sees them.
-enum class FileOp { kExchange, kRename, kWrite, kSync, kRemove };
+enum class FileOp { kCreate, kExchange, kRename, kWrite, kSync, kRemove };
 
 // Makes file operations fail the way a full, failing or foreign file system would, in front of
 // whatever Env was current when it was made, and is itself current while it lives. The rule sees
 // each operation, how many of its kind came before, and the path it works on (the first name of a
-// rename; for writes and syncs the descriptor's file); a non-zero answer is the errno the operation
-// fails with, without being performed.
+// rename; for writes and syncs the descriptor's file; for creations the name in its folder); a
+// non-zero answer is the errno the operation fails with, without being performed. Creations are
+// the write-only ones of data files; lock files open read-write and pass.
 class FaultyEnv : public esd::EnvWrapper {
  public:
   using Rule = std::function<int(FileOp op, int before, const std::string& path)>;
@@ -33,6 +35,16 @@ class FaultyEnv : public esd::EnvWrapper {
     return [=](FileOp o, int before, const std::string&) { return o == op && before + 1 == n ? err : 0; };
   }
 
+  // Fails every operation of kind `op` with `err`.
+  static Rule Always(FileOp op, int err) {
+    return [=](FileOp o, int, const std::string&) { return o == op ? err : 0; };
+  }
+
+  int OpenFileAt(int folder, const std::string& name, int flags, mode_t mode) override {
+    const bool creates = (flags & O_CREAT) != 0 && (flags & O_ACCMODE) == O_WRONLY;
+    const int err = creates ? Fault(FileOp::kCreate, name) : 0;
+    return err != 0 ? -err : EnvWrapper::OpenFileAt(folder, name, flags, mode);
+  }
   int WriteFile(int fd, const char* data, size_t size) override {
     const int err = Fault(FileOp::kWrite, PathOf(fd));
     return err != 0 ? err : EnvWrapper::WriteFile(fd, data, size);
