@@ -2,9 +2,7 @@
 // the conventional system folders under the Env's root machine-wide.
 #include "xplat/FolderFinder.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <sstream>

@@ -4,7 +4,6 @@
 #include <sstream>
 
 #include "xplat/ESDAssert.h"
-#include "xplat/ESDIOFileStream.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/XMLWriteCheck.h"
 
