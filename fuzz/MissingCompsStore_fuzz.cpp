@@ -4,12 +4,13 @@
 //
 // Checked for every input: the store loads exactly when the journal or, failing that, the file is
 // well-formed, and lists what a plain reading of that text finds (entries without a display name
-// or an install path dropped); once the lister is gone the file exists exactly when it loaded and
-// held an entry (an empty or broken request list is deleted); a request that reports success can
-// be read back and keeps every other entry (as the text form reads it back: a value the file
-// spelled with character references for a tab, a line feed or a carriage return comes back with
-// blanks). No input may end the process: entries and components lacking what identifies them are
-// dropped on load, and another program's top element gives way to an empty store.
+// or an install path dropped, from the file too); once the lister is gone the file exists exactly
+// when it loaded and held an entry (an empty or broken request list is deleted); a request that
+// reports success can be read back and keeps every other entry (as the text form reads it back:
+// a value the file spelled with character references for a tab, a line feed or a carriage return
+// comes back with blanks). No input may end the process: entries and components lacking what
+// identifies them are dropped on load, and another program's top element gives way to an empty
+// store.
 
 #include <cstddef>
 #include <cstdint>
@@ -55,8 +56,9 @@ std::string UniqueChildText(const esd::XMLDocumentNode* node, const std::string&
 }
 
 // The entries a plain reading of the store text says the manager keeps: those with an identifier,
-// a readable operation type, a display name and an install path.
-EntryList ReadStoreText(const std::string& bytes) {
+// a readable operation type, a display name and an install path. `unusable` tells whether it
+// holds others.
+EntryList ReadStoreText(const std::string& bytes, bool* unusable = nullptr) {
   EntryList kept;
   Builder builder;
   if (!fuzzing::ParseBytes(builder, bytes)) return kept;
@@ -72,6 +74,8 @@ EntryList ReadStoreText(const std::string& bytes) {
           child->GetAttrValue("OperationType", type) && esd::ChangeType(type, opType) &&
           !name.empty() && !path.empty())
         kept.emplace_back(id, name, path);
+      else if (unusable)
+        *unusable = true;
     }
   }
   return kept;
@@ -127,6 +131,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Check(FileSystemUtils::DoesPathExist(path) == (loaded && !before.empty()),
         "an empty or broken request list does not outlive its reader");
   const std::optional<std::string> afterList = fuzzing::ReadIfPresent(path);
+  // The updater reads the file itself: what a load dropped must be gone from it too.
 
   unsigned result;
   {
@@ -139,6 +144,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
                                             kFuzzOpType, &compName[0], &category[0], &version[0]);
   }
   Check(result <= 2, "a request result is one of the three codes");
+  // The updater reads the file itself: what a load dropped must be gone from it too, unless the
+  // store holds text that cannot be written back (then the request fails as well).
+  bool unusable = false;
+  if (afterList) ReadStoreText(*afterList, &unusable);
+  Check(result == 2 || !unusable, "a load drops unusable entries from the file");
   if (result == 2) {
     // Refused, for a tree the writer cannot save (an attribute holding markup): nothing may have
     // been written.

@@ -3,14 +3,14 @@
 // short), then listed, registered into and unregistered from.
 //
 // Checked for every input: the store loads exactly when the journal or, failing that, the file is
-// well-formed, and lists what a plain reading of that text finds (entries without an install path
-// dropped); a file that does not load is never overwritten; a registration that reports success
-// can be read back and keeps every entry the file held before (as the text form reads it back: a
-// value the file spelled with character references for a tab, a line feed or a carriage return
-// comes back with blanks); an unregistration removes only its own entry. No input may end the
-// process: entries without an identifier are dropped on load like those without an install path,
-// an identifier listed twice becomes one entry when it registers, and another program's top
-// element gives way to an empty store.
+// well-formed, and lists what a plain reading of that text finds (entries without an identifier
+// or an install path dropped, from the file too); a file that does not load is never overwritten;
+// another program's top element gives way to an empty store at the next registration; a
+// registration that reports success can be read back and keeps every entry the file held before
+// (as the text form reads it back: a value the file spelled with character references for a tab,
+// a line feed or a carriage return comes back with blanks); an unregistration removes only its
+// own entry, and the file goes exactly when no entry and no element of another kind is left. No
+// input may end the process; an identifier listed twice becomes one entry when it registers.
 
 #include <cstddef>
 #include <cstdint>
@@ -55,20 +55,35 @@ std::string UniqueChildText(const esd::XMLDocumentNode* node, const std::string&
   return found ? found->GetData() : std::string();
 }
 
-// The entries a plain reading of the store text says the manager keeps: those with an identifier
-// and an install path.
-EntryList ReadStoreText(const std::string& bytes) {
-  EntryList kept;
+// What a plain reading of the store text says the manager keeps.
+struct StoreText {
+  EntryList entries;        // those with an identifier and an install path
+  bool foreignTop = false;  // the top element is another program's
+  bool otherKinds = false;  // the store's own top element holds elements of other kinds
+  bool unusable = false;    // it holds entries a load drops
+};
+
+StoreText ReadStoreText(const std::string& bytes) {
+  StoreText kept;
   Builder builder;
   if (!fuzzing::ParseBytes(builder, bytes)) return kept;
   for (esd::XMLDocumentNode* top : builder.GetDocumentNode()->GetChildNodes()) {
-    if (top->GetElementName() != VantuUpdaterRegistrationManager::GetNodeRootName()) continue;
+    if (top->GetElementName() != VantuUpdaterRegistrationManager::GetNodeRootName()) {
+      kept.foreignTop = true;
+      continue;
+    }
     for (esd::XMLDocumentNode* child : top->GetChildNodes()) {
-      if (child->GetElementName() != VantuUpdaterRegisteredApp::GetNodeRootName()) continue;
+      if (child->GetElementName() != VantuUpdaterRegisteredApp::GetNodeRootName()) {
+        kept.otherKinds = true;
+        continue;
+      }
       std::string id;
       const std::string path = UniqueChildText(child, "InstallPath");
-      if (!child->GetAttrValue("appID", id) || id.empty() || path.empty()) continue;
-      kept.emplace_back(id, UniqueChildText(child, "DisplayName"), path);
+      if (!child->GetAttrValue("appID", id) || id.empty() || path.empty()) {
+        kept.unusable = true;
+        continue;
+      }
+      kept.entries.emplace_back(id, UniqueChildText(child, "DisplayName"), path);
     }
   }
   return kept;
@@ -114,7 +129,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   static testing_support::LockFileGuard lockCleanup(path);
 
   const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path);
-  const EntryList expected = ReadStoreText(input.effective);
+  const StoreText expected = ReadStoreText(input.effective);
 
   Entries before;
   EntryList listed;
@@ -123,7 +138,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         "the store loads exactly when the text in effect is well-formed");
   if (!loaded)
     Check(fuzzing::ReadIfPresent(path) == input.file, "a file that fails to load is kept");
-  if (loaded) Check(listed == expected, "the store lists what its text holds");
+  if (loaded) Check(listed == expected.entries, "the store lists what its text holds");
   const std::optional<std::string> afterLoad = fuzzing::ReadIfPresent(path);
 
   unsigned inserted;
@@ -137,6 +152,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   }
   Check(inserted <= 3, "a registration result is one of the four codes");
   if (!loaded) Check(inserted == 3, "a store that cannot be loaded refuses registrations");
+  if (loaded && expected.foreignTop)
+    Check(inserted == 0, "another program's top element gives way to an empty store");
+  // The updater reads the file itself: what a load dropped must be gone from it too, unless the
+  // store holds text that cannot be written back (then the registration is refused as well).
+  if (inserted != 3 && afterLoad && !expected.foreignTop)
+    Check(!ReadStoreText(*afterLoad).unusable, "a load drops unusable entries from the file");
   if (inserted == 3 || inserted == 2) {
     // Refused (a tree the writer cannot save, such as an attribute holding markup) or already
     // there: nothing may have been written.
@@ -174,10 +195,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Check(removed == 0, "a registered application can be unregistered");
   after.erase(kFuzzAppID);
   Entries last;
+  const bool otherKinds = loaded && !expected.foreignTop && expected.otherKinds;
   if (!FileSystemUtils::DoesPathExist(path)) {
-    // Deleted: right only when nothing else was left (elements of other kinds keep the file).
-    Check(after.empty(), "the file goes only with its last entry");
+    Check(after.empty() && !otherKinds, "the file goes only with its last entry");
   } else {
+    Check(!after.empty() || otherKinds, "the file goes with its last entry");
     Check(List(last), "a store saved after a removal loads again");
     Check(last.size() == after.size() && last.count(kFuzzAppID) == 0,
           "an unregistration removes exactly its own entry");
