@@ -79,7 +79,7 @@ class NotifyTest : public UpdaterUtilsTest {
 
 // New per-user product folders, down to the cache folder, are the user's alone (0700) whatever
 // the umask or the parent's bits; the standard folders above them take their parent's bits, and
-// existing folders keep theirs.
+// existing folders keep theirs. A file where a folder belongs stays, and gives no folder.
 TEST_F(UpdaterDirsTest, UserFoldersAreTheUsersAlone) {
   chmod(home().c_str(), 0755);
   const mode_t oldMask = umask(0);
@@ -99,45 +99,20 @@ TEST_F(UpdaterDirsTest, UserFoldersAreTheUsersAlone) {
   ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
   EXPECT_EQ(ModeOf(vantu), 0751u);
   EXPECT_EQ(ModeOf(path), 0700u);
+
+  fs::remove_all(vantu);
+  testing_support::WriteFile(vantu, "not a folder");
+  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
+  EXPECT_EQ(testing_support::ReadFile(vantu), "not a folder");
 }
 
-// Only root makes the missing all-users folders, and then as installed: the product folder
-// root:root 0755, the data folder root and the update group (here "wheel") 2775.
-TEST_F(UpdaterDirsTest, OnlyRootMakesTheAllUsersFoldersAsInstalled) {
+// Only root makes the missing all-users folders (how: the multi-user tests).
+TEST_F(UpdaterDirsTest, OnlyRootMakesTheAllUsersFolders) {
   if (geteuid() != 0) GTEST_SKIP() << "giving folders away needs root";
-  chmod(root().c_str(), 0700);
-  mEnv.SetGroups({"users", "wheel"});
-  std::string path;
   mEnv.SetEffectiveUserId(1000);
+  std::string path;
   EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(path));
   EXPECT_FALSE(fs::exists(root() + "/var/lib/Vantu"));
-  mEnv.SetEffectiveUserId(0);
-  ASSERT_TRUE(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(path));
-  EXPECT_EQ(path, root() + "/var/lib/Vantu/Updater5");
-  struct stat info {};
-  gid_t wheel = 0;
-  ASSERT_TRUE(stat(path.c_str(), &info) == 0 && mEnv.GetGroupId("wheel", wheel));
-  EXPECT_EQ(info.st_gid, wheel);
-  for (const auto& [level, mode] : {std::pair<const char*, mode_t>{"/var/lib", 0700},
-                                    {"/var/lib/Vantu", 0755},
-                                    {"/var/lib/Vantu/Updater5", 02775}})
-    EXPECT_EQ(ModeOf(root() + level), mode) << level;
-}
-
-// Without a home folder, or with a file where a folder belongs, there is no data folder and
-// nothing is created anywhere else.
-TEST_F(UpdaterDirsTest, UnusableLocationsGiveNoFolder) {
-  mEnv.SetHome("");
-  std::string path;
-  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
-  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(path));
-  EXPECT_TRUE(fs::is_empty(home()));
-  mEnv.SetHome(home());
-  fs::create_directories(home() + "/.local/share");
-  testing_support::WriteFile(home() + "/.local/share/Vantu", "not a folder");
-  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
-  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterCacheDataDir(path));
-  EXPECT_EQ(testing_support::ReadFile(home() + "/.local/share/Vantu"), "not a folder");
 }
 
 // The reference form of the location needs the installed bundle; the path form alone is the
