@@ -131,7 +131,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Check(FileSystemUtils::DoesPathExist(path) == (loaded && !before.empty()),
         "an empty or broken request list does not outlive its reader");
   const std::optional<std::string> afterList = fuzzing::ReadIfPresent(path);
-  // The updater reads the file itself: what a load dropped must be gone from it too.
 
   unsigned result;
   {
