@@ -5,12 +5,14 @@
 // Checked for every input: the store loads exactly when the journal or, failing that, the file is
 // well-formed, and lists what a plain reading of that text finds (entries without a display name
 // or an install path dropped, from the file too); once the lister is gone the file exists exactly
-// when it loaded and held an entry (an empty or broken request list is deleted); a request that
-// reports success can be read back and keeps every other entry (as the text form reads it back:
-// a value the file spelled with character references for a tab, a line feed or a carriage return
-// comes back with blanks). No input may end the process: entries and components lacking what
-// identifies them are dropped on load, and another program's top element gives way to an empty
-// store.
+// when it loaded and held an entry (an empty or broken request list is deleted); a request is
+// "already listed" exactly when the first entry of its identifier (compared exactly) holds a
+// component of its category and version named as asked or "*" (odd-sized inputs ask for "*");
+// a request that reports success records its type, keeps the entry's other components, can be
+// read back and keeps every other entry (as the text form reads it back: a value the file spelled
+// with character references for a tab, a line feed or a carriage return comes back with blanks).
+// No input may end the process: entries and components lacking what identifies them are dropped
+// on load, and another program's top element gives way to an empty store.
 
 #include <cstddef>
 #include <cstdint>
@@ -38,6 +40,7 @@ const char kFuzzName[] = "Fuzz & <Co>";
 const char kFuzzPath[] = "/opt/Fuzz Pro";
 const char kFuzzVersion[] = "1.2.3.4";
 const int kFuzzOpType = 1;
+const char kFuzzCategory[] = "Fuzz Category";
 
 // Identifier to (display name, install path) of every entry, first entry of an identifier wins.
 using Entries = std::map<std::string, std::pair<std::string, std::string>>;
@@ -81,15 +84,31 @@ EntryList ReadStoreText(const std::string& bytes, bool* unusable = nullptr) {
   return kept;
 }
 
-bool List(VantuUpdaterMissingCompsManager& store, Entries& out, EntryList* order = nullptr) {
+// Lists the store; `listsComp`, when given, tells whether the first entry of kFuzzAppID holds a
+// component the request for `compName` matches: the same category and version, and the same
+// name or "*" on either side; `compCount` counts that entry's components.
+bool List(VantuUpdaterMissingCompsManager& store, Entries& out, EntryList* order = nullptr,
+          const std::string& compName = "", bool* listsComp = nullptr,
+          size_t* compCount = nullptr) {
   std::list<VantuUpdaterMissingCompsApp> apps;
   if (!store.GetMissingCompsApps(apps)) return false;
   out.clear();
-  for (const VantuUpdaterMissingCompsApp& app : apps) {
+  for (VantuUpdaterMissingCompsApp& app : apps) {
     std::string id, name, path;
     Check(app.GetAppID(id) && !id.empty() && app.GetDisplayName(name) && !name.empty() &&
               app.GetInstallPath(path) && !path.empty(),
           "entries without an identifier, a name or a path are dropped on load");
+    std::list<VantuUpdaterAMissingComponent> comps;
+    if (listsComp && id == kFuzzAppID && !out.count(id) && app.GetMissingComponents(comps)) {
+      *compCount = comps.size();
+      for (const VantuUpdaterAMissingComponent& comp : comps) {
+        std::string n, c;
+        FileSystemVersion v(FileSystemVersion::kInvalidVersion);
+        *listsComp |= comp.Getname(n) && comp.Getcategory(c) && comp.Getversion(v) &&
+                      c == kFuzzCategory && v == FileSystemVersion(kFuzzVersion) &&
+                      (n == compName || n == "*" || compName == "*");
+      }
+    }
     out.emplace(id, std::make_pair(name, path));
     if (order) order->emplace_back(id, name, path);
   }
@@ -116,13 +135,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   static testing_support::LockFileGuard lockCleanup(path);
   const fuzzing::StoreInput input = fuzzing::PlantStore(data, size, path);
 
+  // Inputs of odd size ask for any component of the category.
+  const std::string compName = size % 2 ? "*" : "Fuzz Component";
   Entries before;
   EntryList listed;
-  bool loaded;
+  bool loaded, listsComp = false;
+  size_t compCount = 0;
   {
     VantuUpdaterMissingCompsManager store;
     store.SetDurableSaves(false);
-    loaded = List(store, before, &listed);
+    loaded = List(store, before, &listed, compName, &listsComp, &compCount);
   }
   Check(loaded == Builder::IsWellFormed(input.effective.data(), input.effective.size()),
         "the store loads exactly when the text in effect is well-formed");
@@ -136,13 +158,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   {
     VantuUpdaterMissingCompsManager store;
     store.SetDurableSaves(false);
-    std::string compName = "Fuzz Component", category = "Fuzz Category", version = kFuzzVersion;
+    std::string name = compName, category = kFuzzCategory, version = kFuzzVersion;
     result = store.UpdateWithAppAndCompData(kFuzzAppID,
                                             reinterpret_cast<const unsigned char*>(kFuzzName),
                                             reinterpret_cast<const unsigned char*>(kFuzzPath),
-                                            kFuzzOpType, &compName[0], &category[0], &version[0]);
+                                            kFuzzOpType, &name[0], &category[0], &version[0]);
   }
   Check(result <= 2, "a request result is one of the three codes");
+  if (result != 2) Check(result == (listsComp ? 1u : 0u), "a component is added unless listed");
   // The updater reads the file itself: what a load dropped must be gone from it too, unless the
   // store holds text that cannot be written back (then the request fails as well).
   bool unusable = false;
@@ -165,9 +188,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         "a request reported as saved reads back");
   std::unique_ptr<VantuUpdaterMissingCompsApp> app;
   Check(store.GetMissingCompsAppByAppID(kFuzzAppID, app), "the requesting entry can be found");
+  int opType = -1;
+  Check(app->GetOperationType(opType) && opType == kFuzzOpType, "a request records its type");
+  std::list<VantuUpdaterAMissingComponent> comps;
+  Check(app->GetMissingComponents(comps) && comps.size() == compCount + (result == 0 ? 1 : 0),
+        "a request keeps the entry's other components");
   std::unique_ptr<VantuUpdaterAMissingComponent> comp;
-  Check(app->GetAMatchingMIssingComponent("Fuzz Component", "Fuzz Category",
-                                          FileSystemVersion(kFuzzVersion), comp),
+  Check(app->GetAMatchingMIssingComponent(compName, kFuzzCategory, FileSystemVersion(kFuzzVersion),
+                                          comp),
         "the requested component is listed");
   for (const auto& entry : AsSaved(before)) {
     const auto kept = after.find(entry.first);
