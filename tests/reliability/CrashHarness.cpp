@@ -74,9 +74,10 @@ Step Plan(long n, const StoreState& before) {
     c.components = {{"cat" + std::to_string(k % 2), "c" + std::to_string(k),
                      "1." + std::to_string(k % 4) + ".0.0"}};
   } else {
-    c = Call::Pref(i % 2 == 0 ? kSetPref : kSetMessage,
-                   i % 2 == 0 ? "crash.k" + std::to_string(i % 4) : "crash.m" + std::to_string(i % 3),
-                   "v" + std::to_string(i));
+    c = Call::Pref(
+        i % 2 == 0 ? kSetPref : kSetMessage,
+        i % 2 == 0 ? "crash.k" + std::to_string(i % 4) : "crash.m" + std::to_string(i % 3),
+        "v" + std::to_string(i));
   }
   s.after = before;
   s.expected = c.Apply(s.after);
@@ -111,7 +112,7 @@ void Sleep(std::mt19937_64& random, double maxMs) {
 }
 
 struct Figures {
-  long kills = 0, betweenCalls = 0, callsReturned = 0;
+  long kills = 0;
   long inFlight[kTargets] = {}, inFlightApplied[kTargets] = {};
   long journalsComplete = 0, journalsPartial = 0, recoveryKills = 0, recoveriesFinished = 0;
   long resets = 0, losses = 0, wrongResults = 0, unparsableFiles = 0, locksLeftHeld = 0;
@@ -133,17 +134,19 @@ class CrashRun {
     std::string ignored;
     const Leftovers left = Inspect(mFiles, true, ignored);
     const Figures& f = mFigures;
-    std::printf("\n%ld kills in %.1f s after %ld returned calls; %ld fell between calls\n", f.kills,
-                seconds, f.callsReturned, f.betweenCalls);
+    std::printf("\n%ld kills in %.1f s\n", f.kills, seconds);
     for (int t = 0; t < kTargets; ++t)
       std::printf("  during a call on the %-30s %5ld (its change found applied %ld times)\n",
                   kTargetNames[t], f.inFlight[t], f.inFlightApplied[t]);
-    std::printf("journals after a kill: %ld complete, %ld partial; recoveries killed %ld (%ld ended"
-                " first); store resets %ld\n", f.journalsComplete, f.journalsPartial,
-                f.recoveryKills, f.recoveriesFinished, f.resets);
-    std::printf("left: %zu preference temporaries, %zu partial journals; losses %ld, wrong results"
-                " %ld, unparsable files %ld, locks held after a kill %ld\n", left.prefsTemporaries,
-                left.partialJournals, f.losses, f.wrongResults, f.unparsableFiles, f.locksLeftHeld);
+    std::printf(
+        "journals after a kill: %ld complete, %ld partial; recoveries killed %ld (%ld ended"
+        " first); store resets %ld\n",
+        f.journalsComplete, f.journalsPartial, f.recoveryKills, f.recoveriesFinished, f.resets);
+    std::printf(
+        "left: %zu preference temporaries, %zu partial journals; losses %ld, wrong results"
+        " %ld, unparsable files %ld, locks held after a kill %ld\n",
+        left.prefsTemporaries, left.partialJournals, f.losses, f.wrongResults, f.unparsableFiles,
+        f.locksLeftHeld);
     // The last kill may have left one temporary that no later save has swept yet.
     return completed && f.losses == 0 && f.wrongResults == 0 && f.unparsableFiles == 0 &&
            f.locksLeftHeld == 0 && left.prefsTemporaries <= 1;
@@ -176,11 +179,11 @@ class CrashRun {
     // the three files take turns, whatever their calls cost (on a disk the syncs dominate, on
     // tmpfs the CPU).
     const long victim = mNextCall + static_cast<long>(mRandom() % 3);
-    const bool started = testing_support::WaitUntil([&] { return p.started >= victim || p.wrong >= 0; }, 10000, 50);
+    const bool started =
+        testing_support::WaitUntil([&] { return p.started >= victim || p.wrong >= 0; }, 10000, 50);
     if (started) Sleep(mRandom, std::min(250.0, 1.2 * p.meanMs[victim % kTargets]));
     Kill(host);
     ++mFigures.kills;
-    mFigures.callsReturned += p.returned - mNextCall + 1;
 
     ExpectLocksFree();
     InspectJournals();
@@ -241,7 +244,8 @@ class CrashRun {
       p.returned = 1;
       return 0;
     });
-    if (testing_support::WaitUntil([&] { return p.started == 1; }, 10000, 50)) Sleep(mRandom, 1.2 * p.meanMs[0]);
+    if (testing_support::WaitUntil([&] { return p.started == 1; }, 10000, 50))
+      Sleep(mRandom, 1.2 * p.meanMs[0]);
     Kill(host);
     ++mFigures.recoveryKills;
     mFigures.recoveriesFinished += p.returned;
@@ -268,7 +272,6 @@ class CrashRun {
     mNextCall = lastReturned + 1;
     const bool during = lastStarted > lastReturned;
     const Step inFlight = Plan(lastStarted, returned);
-    mFigures.betweenCalls += !during;
     if (during) ++mFigures.inFlight[inFlight.target];
     if (during && actual != returned && actual == inFlight.after) {
       ++mFigures.inFlightApplied[inFlight.target];

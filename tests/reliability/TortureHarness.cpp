@@ -44,7 +44,7 @@ constexpr int kMessagesPerProcess = 4;
 // What the workers did, added up in memory they share with the harness.
 struct Totals {
   struct {
-    std::atomic<unsigned long> calls, micros, maxMicros;
+    std::atomic<unsigned long> calls, micros;
   } timing[kOperations];
   std::atomic<unsigned long> failures, timeouts, lost, checked, compared, launchProblems;
   std::atomic<unsigned long> manual[3], scheduled[3];  // by user
@@ -115,11 +115,8 @@ class Worker {
     const long result = call.Make();
     const unsigned long micros = static_cast<unsigned long>(
         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
-    auto& timing = mTotals.timing[call.op];
-    ++timing.calls;
-    timing.micros += micros;
-    for (unsigned long max = timing.maxMicros; micros > max;)
-      timing.maxMicros.compare_exchange_weak(max, micros);
+    ++mTotals.timing[call.op].calls;
+    mTotals.timing[call.op].micros += micros;
     if (result == expected) {
       ++mSucceeded[call.op];
       mModel = std::move(next);
@@ -139,7 +136,8 @@ class Worker {
   Call Register() {
     const std::string appID = AppID();
     const std::string name = "Torture " + appID + " #" + Serial();
-    return Call(kRegister, appID, name, "/opt/torture/" + appID + "/r" + std::to_string(mSequence % 4));
+    return Call(kRegister, appID, name,
+                "/opt/torture/" + appID + "/r" + std::to_string(mSequence % 4));
   }
 
   Call Unregister() {
@@ -183,7 +181,8 @@ class Worker {
   // scheduled one "Scheduled" unless a manual launch is pending.
   Call Trigger() {
     const std::string appID = Draw(2) == 0 ? std::string() : AppID();
-    return Call(kTrigger, appID, "Torture", appID.empty() ? "/opt/torture" : "/opt/torture/" + appID);
+    return Call(kTrigger, appID, "Torture",
+                appID.empty() ? "/opt/torture" : "/opt/torture/" + appID);
   }
 
   const size_t mIndex, mUser;
@@ -317,12 +316,12 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
   unsigned long calls = 0;
   std::printf("\n%d processes as %d user(s), %.1f s (%s locks)\n", processes, userCount, elapsed,
               isolated ? "private" : "shared");
-  std::printf("%-18s %9s %9s %9s\n", "operation", "calls", "mean ms", "max ms");
+  std::printf("%-18s %9s %9s\n", "operation", "calls", "mean ms");
   for (int op = 0; op < kOperations; ++op) {
     const auto& t = totals.timing[op];
     calls += t.calls;
-    std::printf("%-18s %9lu %9.2f %9.1f\n", kOperationNames[op], t.calls.load(),
-                t.calls ? t.micros / 1000.0 / t.calls : 0.0, t.maxMicros / 1000.0);
+    std::printf("%-18s %9lu %9.2f\n", kOperationNames[op], t.calls.load(),
+                t.calls ? t.micros / 1000.0 / t.calls : 0.0);
   }
   std::printf("%-18s %9lu   (%.0f calls/s)\n", "all", calls, calls / elapsed);
   std::printf(

@@ -15,9 +15,7 @@ TestEnv::TestEnv() : esd::EnvWrapper(esd::Env::Platform()) {
     mViewedNames.insert(name);
 }
 
-std::string TestEnv::GetRootDirectory() {
-  return mRoot ? *mRoot : EnvWrapper::GetRootDirectory();
-}
+std::string TestEnv::GetRootDirectory() { return mRoot ? *mRoot : EnvWrapper::GetRootDirectory(); }
 
 bool TestEnv::GetHomeDirectory(std::string& path) {
   if (!mHome) return EnvWrapper::GetHomeDirectory(path);
@@ -107,9 +105,9 @@ int TestEnv::RunShellCommand(const std::string& command, const EnvironmentList& 
 }
 
 bool TestEnv::GetKernelRelease(std::string& release) {
-  if (!mKernelReleaseSet) return EnvWrapper::GetKernelRelease(release);
-  if (!mKernelRelease) return false;
-  release = *mKernelRelease;
+  if (!mKernelRelease) return EnvWrapper::GetKernelRelease(release);
+  if (!*mKernelRelease) return false;
+  release = **mKernelRelease;
   return true;
 }
 

@@ -41,8 +41,7 @@ class TestEnv : public esd::EnvWrapper {
   void SetEffectiveUserId(uid_t user) { mUser = user; }
   // nullopt: the kernel release cannot be read.
   void SetKernelRelease(const std::optional<std::string>& release) {
-    mKernelRelease = release;
-    mKernelReleaseSet = true;
+    mKernelRelease.emplace(release);
   }
   void SetToday(const boost::gregorian::date& day) { mToday = day; }
   void DenyAccess(const std::string& path) { mDenied.insert(path); }
@@ -83,8 +82,7 @@ class TestEnv : public esd::EnvWrapper {
   std::map<std::string, std::string> mVariables;
   std::optional<std::vector<std::string>> mGroups;
   std::optional<uid_t> mUser;
-  bool mKernelReleaseSet = false;
-  std::optional<std::string> mKernelRelease;
+  std::optional<std::optional<std::string>> mKernelRelease;  // unset: the real one
   std::optional<boost::gregorian::date> mToday;
   std::set<std::string> mDenied;
   bool mOwnProcessesOnly = false;
