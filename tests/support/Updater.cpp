@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <stdexcept>
 
 #include "support/ChildProcess.h"
@@ -106,16 +107,14 @@ std::string FakeUpdaterBundle::programPath() const {
 }
 
 std::vector<FakeUpdaterReport> FakeUpdaterBundle::Reports() const {
-  std::vector<std::pair<fs::file_time_type, FakeUpdaterReport>> found;
+  std::multimap<fs::file_time_type, FakeUpdaterReport> found;  // oldest first
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator(mContents + "/reports", ignored)) {
     if (entry.path().extension() != ".report") continue;
     FakeUpdaterReport report;
     if (ParseReport(entry.path().string(), report))
-      found.emplace_back(fs::last_write_time(entry.path(), ignored), report);
+      found.emplace(fs::last_write_time(entry.path(), ignored), report);
   }
-  std::stable_sort(found.begin(), found.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
   std::vector<FakeUpdaterReport> reports;
   for (auto& item : found) reports.push_back(item.second);
   return reports;
