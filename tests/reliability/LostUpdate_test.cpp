@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "VantuUpdater/VantuUpdater.h"
+#include "reliability/StoreState.h"
 #include "support/ChildProcess.h"
 #include "support/LockFiles.h"
 #include "support/TempDir.h"
@@ -20,39 +21,27 @@
 
 namespace {
 
-const unsigned char* U(const char* text) { return reinterpret_cast<const unsigned char*>(text); }
-
-int32_t Register(const char* appID) {
-  return ROZRegisterApplication(appID, U("Name"), U("/opt/app"));
-}
-
-int32_t Request(const char* appID) {
-  std::string category = "Dictionary", name = "Spelling", version = "1.0";
-  ROZMissingComponent component{&category[0], &name[0], &version[0]};
-  ROZMissingComponent* components[] = {&component};
-  ROZMissingComptList list{1, components};
-  return ROZDownloadMissingComponents(appID, U("Name"), U("/opt/app"), "en_US", &list,
-                                      kROZDownloadMissingCompTypeDefault, false);
-}
-
 // A call that cannot have the store's lock tells the host so. It must not take a store it never
 // managed to read for an unusable one (and rebuild it), nor for an empty one (and delete it once
 // the lock frees): either would throw away every other host's entries.
 TEST(LostUpdate, ACallThatTimesOutOnTheStoreLockKeepsEveryOtherEntry) {
+  using reliability::Call;
   const struct {
-    bool registry;
-    int32_t (*call)(const char*);
+    reliability::Operation op;
     int32_t refused;
-  } cases[] = {{true, Register, kROZResultRegistryUnusable},
-               {false, Request, kROZResultMissingCompsStoreFailed}};
+  } cases[] = {{reliability::kRegister, kROZResultRegistryUnusable},
+               {reliability::kDownload, kROZResultMissingCompsStoreFailed}};
   for (const auto& c : cases) {
+    const auto call = [&c](const char* appID) {
+      Call call(c.op, appID, "Name", "/opt/app");
+      call.components = {{"Dictionary", "Spelling", "1.0"}};
+      return call.Make();
+    };
     testing_support::UpdaterSandbox sandbox;
-    sandbox.env().SetGroups({"admin"});
-    sandbox.env().RecordLaunches(true, 0);
-    sandbox.InstallUpdater();
-    const std::string store = c.registry ? sandbox.RegistryFile() : sandbox.MissingCompsFile();
+    const reliability::StoreFiles files = reliability::PrepareSandbox(sandbox);
+    const std::string store = c.op == reliability::kRegister ? files.registry : files.missingComps;
     testing_support::LockFileGuard guard(store);
-    for (const char* id : {"org.example.A", "org.example.B"}) ASSERT_EQ(kROZResultOK, c.call(id));
+    for (const char* id : {"org.example.A", "org.example.B"}) ASSERT_EQ(kROZResultOK, call(id));
     const std::string before = testing_support::ReadFile(store);
 
     // Another host holds the lock for 5 s: long enough for two of the store's two-second waits
@@ -66,7 +55,7 @@ TEST(LostUpdate, ACallThatTimesOutOnTheStoreLockKeepsEveryOtherEntry) {
       return lock.Unlock(false) ? 0 : 2;
     });
     ASSERT_TRUE(locked.Wait());
-    EXPECT_EQ(c.refused, c.call("org.example.C")) << store;
+    EXPECT_EQ(c.refused, call("org.example.C")) << store;
     EXPECT_EQ(0, testing_support::WaitChild(holder));
     EXPECT_EQ(before, testing_support::ReadFile(store)) << store;
   }
