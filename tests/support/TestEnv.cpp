@@ -64,23 +64,19 @@ bool TestEnv::IsAccessible(const std::string& path, int mode) {
 bool TestEnv::ListProcessIds(std::vector<pid_t>& pids) {
   if (!EnvWrapper::ListProcessIds(pids)) return false;
   if (!mOwnProcessesOnly) return true;
+  // This process's ancestors and descendants, through the parent links (0 ends a chain).
+  const auto parent = [this](pid_t pid) {
+    ProcessInfo info;
+    return EnvWrapper::GetProcessInfo(pid, info) ? info.parentPid : 0;
+  };
   const pid_t self = getpid();
   std::set<pid_t> ancestors;
-  for (pid_t pid = self; pid > 0 && ancestors.size() < 256;) {
-    ancestors.insert(pid);
-    ProcessInfo info;
-    if (!EnvWrapper::GetProcessInfo(pid, info)) break;
-    pid = info.parentPid;
-  }
+  for (pid_t pid = self; pid > 0 && ancestors.size() < 256; pid = parent(pid)) ancestors.insert(pid);
   std::vector<pid_t> own;
   for (pid_t pid : pids) {
-    bool keep = ancestors.count(pid) > 0;
-    ProcessInfo info;
-    for (pid_t at = pid; !keep && at > 1 && EnvWrapper::GetProcessInfo(at, info);
-         at = info.parentPid) {
-      keep = info.parentPid == self;
-    }
-    if (keep) own.push_back(pid);
+    pid_t at = pid;
+    while (at > 1 && at != self) at = parent(at);
+    if (at == self || ancestors.count(pid)) own.push_back(pid);
   }
   pids = own;
   return true;
