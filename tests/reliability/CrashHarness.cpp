@@ -174,10 +174,8 @@ class CrashRun {
         p.returned = n;
       }
     });
-    // The host gets through zero to two calls, then the kill falls at a uniform moment of the
-    // next one, over a little more than such calls have taken lately. So the plan moves on and
-    // the three files take turns, whatever their calls cost (on a disk the syncs dominate, on
-    // tmpfs the CPU).
+    // The kill falls at a uniform moment of the first to third call, over a little more than
+    // such calls took lately, whatever they cost (on a disk the syncs dominate, on tmpfs the CPU).
     const long victim = mNextCall + static_cast<long>(mRandom() % 3);
     const bool started =
         testing_support::WaitUntil([&] { return p.started >= victim || p.wrong >= 0; }, 10000, 50);
@@ -215,11 +213,10 @@ class CrashRun {
     }
   }
 
-  // Looks at what the kill left before the library recovers it: the files are only ever
-  // replaced whole, so they must parse as they are; a journal may be partial. A complete journal
-  // is put in place by the next load, which is itself killed at a random moment of the recovery:
-  // a kill between the exchange and the journal's removal leaves the older text as a complete
-  // journal, so the states the check accepts stay the same two.
+  // What the kill left before any recovery: files are only replaced whole, so they parse; a
+  // journal may be partial. A complete one is put in place by the next load, itself killed at
+  // random (between the exchange and the journal's removal it leaves the older text as a
+  // complete journal, so the acceptable states stay the same two).
   void InspectJournals() {
     std::string problems;
     const Leftovers found = Inspect(mFiles, false, problems);
