@@ -292,7 +292,7 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
   // Every file parses, nothing is left over, and each user's "Launch" is what its triggers left.
   std::string error, atRest;
   bool loaded = true;
-  size_t items = 0, lost = totals.lost, leftovers = 0;
+  size_t lost = totals.lost, leftovers = 0;
   for (size_t u = 0; u < users.size(); ++u) {
     const User& user = users[u];
     UseFoldersOf(sandbox, user);
@@ -300,7 +300,6 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
     loaded = StoreState::Load(user.files, {"Launch"}, actual, error) && loaded;
     const Leftovers left = Inspect(user.files, true, atRest);
     leftovers += left.partialJournals + left.prefsTemporaries;
-    items += actual.size();
     const std::string wanted = totals.manual[u] > 0      ? "Manual"
                                : totals.scheduled[u] > 0 ? "Scheduled"
                                                          : "";
@@ -329,7 +328,6 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
       " crashed workers %d, leftovers %zu\n",
       totals.failures.load(), totals.timeouts.load(), lost, totals.checked.load(), crashed,
       leftovers);
-  std::printf("items in the files at the end: %zu\n", items);
 
   const bool ok = crashed == 0 && totals.failures == 0 && loaded && lost == 0 && atRest.empty() &&
                   totals.launchProblems == 0 && leftovers == 0 && calls > 0;
