@@ -1,20 +1,15 @@
-// Crash safety: a host process is killed (SIGKILL) at random moments while it saves the
-// registered-applications store, the missing-components store and the preferences file; after
-// each kill no lock may still be held (the kernel drops a dead holder's locks, nothing is
-// repaired) and the files, loaded through the library (so an interrupted save's journal is
-// recovered as any host would), must hold every change whose call had returned.
+// Crash safety: a host process is killed (SIGKILL) at random moments while it saves the two
+// stores and the preferences file; after each kill no lock may still be held (the kernel drops a
+// dead holder's locks, nothing is repaired) and the files, loaded through the library (which
+// recovers an interrupted save's journal), must hold every change whose call had returned.
 //
 //   CrashHarness [--kills N] [--seed X]
 //
-// The host runs one planned sequence of calls that cycles through the three files and shares
-// with the harness the last call it started and the last that returned. After a kill the harness
-// knows the calls that returned (their changes must all be there) and at most one call in flight
-// (its change may or may not be there, but nothing else may differ). The plan is a function of the
-// call's number and the files' current content, so the harness computes both acceptable states
-// exactly and the next host carries on from the one it finds. When a kill leaves a complete
-// journal, the load that recovers it is killed too, at a random moment of the recovery.
-//
-// Exit status 0 when nothing was lost and no lock outlived its holder, 1 otherwise.
+// The host runs a planned sequence of calls, a function of the call's number and the files'
+// content, and shares the last call it started and the last that returned. So after a kill the
+// harness knows the two acceptable states exactly (with or without the call in flight), and the
+// next host carries on from the one it finds. A load that recovers a complete journal is killed
+// too, at a random moment. Exit status 0 when nothing was lost and no lock outlived its holder.
 
 #include <signal.h>
 #include <unistd.h>
@@ -63,29 +58,26 @@ Step Plan(long n, const StoreState& before) {
   Call& c = s.call;
   const long i = n / kTargets;
   if (s.target == kRegistry) {
-    c.appID = "crash.app" + std::to_string(i % 5);
+    c = Call(kRegister, "crash.app" + std::to_string(i % 5), "Crash app #" + std::to_string(i),
+             "/opt/crash/" + std::to_string(i % 3));
     const bool draining = (i / 30) % 3 == 2;
-    if (draining && !before.registered.empty()) c.appID = before.registered.front().appID;
-    if (before.FindRegistered(c.appID) != nullptr && (draining || i % 4 == 3)) {
+    if (draining && before.Count("reg") > 0) c.appID = before.Begin("reg")->first.substr(4);
+    if (before.count(StoreState::Key("reg", c.appID)) && (draining || i % 4 == 3))
       c.op = kUnregister;
-    } else {
-      c.name = "Crash app #" + std::to_string(i);
-      c.path = "/opt/crash/" + std::to_string(i % 3);
-    }
   } else if (s.target == kMissing) {
     c = Call(kDownload, "crash.mc" + std::to_string(i % 3),
              "Crash mc " + std::to_string((i / 7) % 2), "/opt/crash/mc");
     c.type = static_cast<int>((i / 5) % 3);
-    c.components = {{"cat" + std::to_string(i % 2), "c" + std::to_string(i),
-                     "1." + std::to_string(i % 4) + ".0.0"}};
-    // Now and then a component that is listed already: 9, though a changed name still saves.
-    auto known = before.missing.find(c.appID);
-    if (i % 5 == 4 && known != before.missing.end() && !known->second.components.empty())
-      c.components = {known->second.components.back()};
+    // Now and then the component of three rounds before, mostly listed already: 9, though a
+    // changed name still saves.
+    const long k = i % 5 == 4 ? i - 3 : i;
+    c.components = {{"cat" + std::to_string(k % 2), "c" + std::to_string(k),
+                     "1." + std::to_string(k % 4) + ".0.0"}};
   } else {
-    c.op = i % 2 == 0 ? kSetPref : kSetMessage;
-    c.key = (i % 2 == 0 ? "crash.k" + std::to_string(i % 4) : "crash.m" + std::to_string(i % 3));
-    c.value = "v" + std::to_string(i);
+    c = Call::Pref(
+        i % 2 == 0 ? kSetPref : kSetMessage,
+        i % 2 == 0 ? "crash.k" + std::to_string(i % 4) : "crash.m" + std::to_string(i % 3),
+        "v" + std::to_string(i));
   }
   s.after = before;
   s.expected = c.Apply(s.after);
@@ -105,14 +97,6 @@ struct Progress {
   std::atomic<double> meanMs[kTargets];
 };
 
-// Starts `body` in a host process and returns its id.
-pid_t StartHost(const std::function<void()>& body) {
-  return testing_support::StartChild([&body] {
-    body();
-    return 0;
-  });
-}
-
 void Kill(pid_t pid) {
   ::kill(pid, SIGKILL);
   testing_support::WaitChild(pid);
@@ -128,7 +112,7 @@ void Sleep(std::mt19937_64& random, double maxMs) {
 }
 
 struct Figures {
-  long kills = 0, betweenCalls = 0, callsReturned = 0;
+  long kills = 0;
   long inFlight[kTargets] = {}, inFlightApplied[kTargets] = {};
   long journalsComplete = 0, journalsPartial = 0, recoveryKills = 0, recoveriesFinished = 0;
   long resets = 0, losses = 0, wrongResults = 0, unparsableFiles = 0, locksLeftHeld = 0;
@@ -147,29 +131,22 @@ class CrashRun {
     bool completed = true;
     while (completed && mFigures.kills < kills) completed = OneKill();
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    Leftovers left;
-    CheckAtRest(mFiles, left);
+    std::string ignored;
+    const Leftovers left = Inspect(mFiles, true, ignored);
     const Figures& f = mFigures;
-    std::printf("\n%ld kills in %.1f s (%.1f ms per kill), %ld calls returned before them\n",
-                f.kills, seconds, f.kills ? seconds * 1000 / f.kills : 0.0, f.callsReturned);
+    std::printf("\n%ld kills in %.1f s\n", f.kills, seconds);
     for (int t = 0; t < kTargets; ++t)
       std::printf("  during a call on the %-30s %5ld (its change found applied %ld times)\n",
                   kTargetNames[t], f.inFlight[t], f.inFlightApplied[t]);
-    std::printf("  between calls                                %5ld\n", f.betweenCalls);
     std::printf(
-        "journals found after a kill: %ld complete (put in place by the next load), "
-        "%ld partial (ignored)\n",
-        f.journalsComplete, f.journalsPartial);
-    std::printf("hosts killed while they recovered a journal: %ld (%ld finished first)\n",
-                f.recoveryKills, f.recoveriesFinished);
-    std::printf("missing-components store reset %ld times to keep its size\n", f.resets);
+        "journals after a kill: %ld complete, %ld partial; recoveries killed %ld (%ld ended"
+        " first); store resets %ld\n",
+        f.journalsComplete, f.journalsPartial, f.recoveryKills, f.recoveriesFinished, f.resets);
     std::printf(
-        "left at the end: %zu temporaries beside the preferences file, %zu partial "
-        "journals\n",
-        left.prefsTemporaries, left.partialJournals);
-    std::printf(
-        "losses %ld, wrong results %ld, unparsable files %ld, locks held after a kill %ld\n",
-        f.losses, f.wrongResults, f.unparsableFiles, f.locksLeftHeld);
+        "left: %zu preference temporaries, %zu partial journals; losses %ld, wrong results"
+        " %ld, unparsable files %ld, locks held after a kill %ld\n",
+        left.prefsTemporaries, left.partialJournals, f.losses, f.wrongResults, f.unparsableFiles,
+        f.locksLeftHeld);
     // The last kill may have left one temporary that no later save has swept yet.
     return completed && f.losses == 0 && f.wrongResults == 0 && f.unparsableFiles == 0 &&
            f.locksLeftHeld == 0 && left.prefsTemporaries <= 1;
@@ -181,7 +158,7 @@ class CrashRun {
     Progress& p = mProgress[0];
     p.started = p.returned = mNextCall - 1;
     p.wrong = -1;
-    const pid_t host = StartHost([&] {
+    const pid_t host = testing_support::StartChild([&]() -> int {
       StoreState state = mModel;
       for (long n = mNextCall;; ++n) {
         const Step step = Plan(n, state);
@@ -197,16 +174,14 @@ class CrashRun {
         p.returned = n;
       }
     });
-    // The host gets through zero to two calls, then the kill falls at a uniform moment of the
-    // next one, over a little more than such calls have taken lately. So the plan moves on and
-    // the three files take turns, whatever their calls cost (on a disk the syncs dominate, on
-    // tmpfs the CPU).
+    // The kill falls at a uniform moment of the first to third call, over a little more than
+    // such calls took lately, whatever they cost (on a disk the syncs dominate, on tmpfs the CPU).
     const long victim = mNextCall + static_cast<long>(mRandom() % 3);
-    const bool started = WaitFor([&] { return p.started >= victim || p.wrong >= 0; }, 10000, 50);
+    const bool started =
+        testing_support::WaitUntil([&] { return p.started >= victim || p.wrong >= 0; }, 10000, 50);
     if (started) Sleep(mRandom, std::min(250.0, 1.2 * p.meanMs[victim % kTargets]));
     Kill(host);
     ++mFigures.kills;
-    mFigures.callsReturned += p.returned - mNextCall + 1;
 
     ExpectLocksFree();
     InspectJournals();
@@ -238,33 +213,25 @@ class CrashRun {
     }
   }
 
-  // Looks at what the kill left before the library recovers it: the files are only ever
-  // replaced whole, so they must parse as they are; a journal may be partial. A complete journal
-  // is put in place by the next load, which is itself killed at a random moment of the recovery:
-  // a kill between the exchange and the journal's removal leaves the older text as a complete
-  // journal, so the states the check accepts stay the same two.
+  // What the kill left before any recovery: files are only replaced whole, so they parse; a
+  // journal may be partial. A complete one is put in place by the next load, itself killed at
+  // random (between the exchange and the journal's removal it leaves the older text as a
+  // complete journal, so the acceptable states stay the same two).
   void InspectJournals() {
-    for (const std::string& file : {mFiles.registry, mFiles.missingComps, mFiles.prefs}) {
-      if (::access(file.c_str(), F_OK) == 0 && !Parses(file)) {
-        ++mFigures.unparsableFiles;
-        std::cout << file << " does not parse before recovery\n";
-      }
-    }
-    bool complete = false;
-    for (const std::string& store : {mFiles.registry, mFiles.missingComps}) {
-      const Journal journal = JournalBeside(store);
-      mFigures.journalsPartial += journal == Journal::kPartial;
-      mFigures.journalsComplete += journal == Journal::kComplete;
-      complete = complete || journal == Journal::kComplete;
-    }
-    if (complete) KillDuringRecovery();
+    std::string problems;
+    const Leftovers found = Inspect(mFiles, false, problems);
+    mFigures.unparsableFiles += !problems.empty();
+    std::cout << problems;
+    mFigures.journalsPartial += found.partialJournals;
+    mFigures.journalsComplete += found.completeJournals;
+    if (found.completeJournals > 0) KillDuringRecovery();
   }
 
   // A host that loads the files, killed at a random moment of the load.
   void KillDuringRecovery() {
     Progress& p = mProgress[1];
     p.started = p.returned = 0;
-    const pid_t host = StartHost([&] {
+    const pid_t host = testing_support::StartChild([&] {
       p.started = 1;
       const Clock::time_point start = Clock::now();
       StoreState state;
@@ -272,8 +239,10 @@ class CrashRun {
       StoreState::Load(mFiles, {}, state, error);
       p.meanMs[0] = 0.8 * p.meanMs[0] + 0.2 * Milliseconds(start);
       p.returned = 1;
+      return 0;
     });
-    if (WaitFor([&] { return p.started == 1; }, 10000, 50)) Sleep(mRandom, 1.2 * p.meanMs[0]);
+    if (testing_support::WaitUntil([&] { return p.started == 1; }, 10000, 50))
+      Sleep(mRandom, 1.2 * p.meanMs[0]);
     Kill(host);
     ++mFigures.recoveryKills;
     mFigures.recoveriesFinished += p.returned;
@@ -290,8 +259,8 @@ class CrashRun {
       ++mFigures.unparsableFiles;
       return Fail(kill + ": " + error);
     }
-    Leftovers ignored;
-    const std::string atRest = CheckAtRest(mFiles, ignored);
+    std::string atRest;
+    Inspect(mFiles, true, atRest);
     if (!atRest.empty()) {
       ++mFigures.unparsableFiles;
       std::cout << kill << ":\n" << atRest;
@@ -300,7 +269,6 @@ class CrashRun {
     mNextCall = lastReturned + 1;
     const bool during = lastStarted > lastReturned;
     const Step inFlight = Plan(lastStarted, returned);
-    mFigures.betweenCalls += !during;
     if (during) ++mFigures.inFlight[inFlight.target];
     if (during && actual != returned && actual == inFlight.after) {
       ++mFigures.inFlightApplied[inFlight.target];
@@ -316,12 +284,10 @@ class CrashRun {
   }
 
   bool ResetIfLarge() {
-    size_t components = 0;
-    for (const auto& item : mModel.missing) components += item.second.components.size();
-    if (components < kMaxComponents) return true;
+    if (mModel.Count("comp") < kMaxComponents) return true;
     if (!VantuUpdaterMissingCompsManager().Delete())
       return Fail("the missing-components store could not be reset");
-    mModel.missing.clear();
+    for (const char* kind : {"comp", "mc"}) mModel.erase(mModel.Begin(kind), mModel.End(kind));
     ++mFigures.resets;
     return true;
   }
@@ -346,7 +312,10 @@ class CrashRun {
 int main(int argc, char** argv) {
   std::map<std::string, double> options = {{"kills", 1000}};
   unsigned long long seed = 0;
-  if (!ParseOptions(argc, argv, options, seed, [&] { return options["kills"] >= 1; })) return 2;
+  if (!ParseOptions(argc, argv, options, seed) || options["kills"] < 1) {
+    std::cerr << "usage: " << argv[0] << " [--kills N] [--seed X]\n";
+    return 2;
+  }
   const long kills = static_cast<long>(options["kills"]);
   testing_support::UpdaterSandbox sandbox;
   const bool ok = CrashRun(PrepareSandbox(sandbox), seed).Run(kills);

@@ -1,62 +1,87 @@
-// A store whose lock stays busy must not be taken for an empty or unusable one: the caller
-// fails, and every other host's entries stay. (Concurrent read-modify-writes losing nothing is
-// the torture's to prove.)
+// What a busy lock and a killed saver leave must not cost other hosts' changes: a store whose
+// lock stays busy is not taken for an empty or unusable one, and a killed preference save's
+// temporary is removed by the right save only. (That concurrent read-modify-writes and killed
+// saves lose nothing is the torture's and the crash harness's to prove.)
 
+#include <unistd.h>
+
+#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "VantuUpdater/VantuUpdater.h"
+#include "reliability/StoreState.h"
+#include "support/ChildProcess.h"
 #include "support/LockFiles.h"
-#include "support/LockHolder.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
+#include "xplat/PrefsWriter.h"
+#include "xplat/ResourceLocker.h"
 
 namespace {
-
-const unsigned char* U(const char* text) { return reinterpret_cast<const unsigned char*>(text); }
-
-int32_t Register(const char* appID) {
-  return ROZRegisterApplication(appID, U("Name"), U("/opt/app"));
-}
-
-int32_t Request(const char* appID) {
-  std::string category = "Dictionary", name = "Spelling", version = "1.0";
-  ROZMissingComponent component{&category[0], &name[0], &version[0]};
-  ROZMissingComponent* components[] = {&component};
-  ROZMissingComptList list{1, components};
-  return ROZDownloadMissingComponents(appID, U("Name"), U("/opt/app"), "en_US", &list,
-                                      kROZDownloadMissingCompTypeDefault, false);
-}
 
 // A call that cannot have the store's lock tells the host so. It must not take a store it never
 // managed to read for an unusable one (and rebuild it), nor for an empty one (and delete it once
 // the lock frees): either would throw away every other host's entries.
 TEST(LostUpdate, ACallThatTimesOutOnTheStoreLockKeepsEveryOtherEntry) {
+  using reliability::Call;
   const struct {
-    bool registry;
-    int32_t (*call)(const char*);
+    reliability::Operation op;
     int32_t refused;
-  } cases[] = {{true, Register, kROZResultRegistryUnusable},
-               {false, Request, kROZResultMissingCompsStoreFailed}};
+  } cases[] = {{reliability::kRegister, kROZResultRegistryUnusable},
+               {reliability::kDownload, kROZResultMissingCompsStoreFailed}};
   for (const auto& c : cases) {
+    const auto call = [&c](const char* appID) {
+      Call call(c.op, appID, "Name", "/opt/app");
+      call.components = {{"Dictionary", "Spelling", "1.0"}};
+      return call.Make();
+    };
     testing_support::UpdaterSandbox sandbox;
-    sandbox.env().SetGroups({"admin"});
-    sandbox.env().RecordLaunches(true, 0);
-    sandbox.InstallUpdater();
-    const std::string store = c.registry ? sandbox.RegistryFile() : sandbox.MissingCompsFile();
+    const reliability::StoreFiles files = reliability::PrepareSandbox(sandbox);
+    const std::string store = c.op == reliability::kRegister ? files.registry : files.missingComps;
     testing_support::LockFileGuard guard(store);
-    for (const char* id : {"org.example.A", "org.example.B"}) ASSERT_EQ(kROZResultOK, c.call(id));
+    for (const char* id : {"org.example.A", "org.example.B"}) ASSERT_EQ(kROZResultOK, call(id));
     const std::string before = testing_support::ReadFile(store);
 
-    // Held for 5 s: long enough for two of the store's two-second waits to run out, and
-    // released while a third wait is under way.
-    testing_support::LockHolder holder(store, 5000);
-    ASSERT_TRUE(holder.Locked());
-    EXPECT_EQ(c.refused, c.call("org.example.C")) << store;
-    EXPECT_EQ(0, holder.Wait());
+    // Another host holds the lock for 5 s: long enough for two of the store's two-second waits
+    // to run out, and released while a third wait is under way.
+    testing_support::Pipe locked;
+    const pid_t holder = testing_support::StartChild([&] {
+      esd::ResourceLocker lock(store, 0);
+      if (!lock.Lock()) return 1;
+      locked.Signal();
+      ::usleep(5000000);
+      return lock.Unlock(false) ? 0 : 2;
+    });
+    ASSERT_TRUE(locked.Wait());
+    EXPECT_EQ(c.refused, call("org.example.C")) << store;
+    EXPECT_EQ(0, testing_support::WaitChild(holder));
     EXPECT_EQ(before, testing_support::ReadFile(store)) << store;
   }
+}
+
+// A preference save killed between writing its temporary and renaming it leaves the temporary
+// behind. Only a save made under the lock may remove such files (without it, one may be another
+// host's save under way), and only files of that pattern.
+TEST(CrashSafety, LockedPreferenceSaveRemovesTemporariesOfKilledSaves) {
+  testing_support::TempDir temp;
+  const std::string path = temp / "Prefs.dat";
+  const std::string stale = path + ".new1f2e3d4c5b6a7980", unrelated = path + ".newer";
+  testing_support::WriteFile(stale, "<VantuUpdater><A>1</A>");
+  testing_support::WriteFile(unrelated, "not ours");
+  ASSERT_TRUE(esd::PrefsWriter(path, "VantuUpdater").SetPref<std::string>("A", "1"));
+  EXPECT_TRUE(std::filesystem::exists(stale)) << "a save without the lock removed a temporary";
+
+  const std::string resource = testing_support::UniqueResourceName("prefs");
+  testing_support::LockFileGuard guard(resource);
+  esd::ResourceLocker lock(resource, 1000);
+  esd::PrefsWriter writer("", "VantuUpdater");
+  writer.SetLockPolicy(&lock);
+  writer.SetPrefsPath(path);
+  ASSERT_TRUE(writer.SetPref<std::string>("A", "2"));
+  EXPECT_FALSE(std::filesystem::exists(stale));
+  EXPECT_TRUE(std::filesystem::exists(unrelated));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <iterator>
@@ -11,7 +10,6 @@
 #include <iostream>
 #include <list>
 #include <sstream>
-#include <thread>
 
 #include "VantuUpdater/VantuUpdater.h"
 #include "support/TempDir.h"
@@ -46,122 +44,89 @@ const unsigned char* U(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.c_str());
 }
 
-void Register(StoreState& model, const std::string& appID, const std::string& name,
-              const std::string& path) {
-  auto& apps = model.registered;
-  apps.erase(std::remove_if(apps.begin(), apps.end(),
-                            [&](const RegisteredApp& app) { return app.appID == appID; }),
-             apps.end());
-  apps.push_back(RegisteredApp{appID, name, path});
+std::string ComponentKey(const std::string& appID, const MissingComponent& c) {
+  return StoreState::Key("comp", appID) + "\t" + c.category + "\t" + c.name + "\t" + c.version;
 }
 
-bool LoadRegistered(StoreState& out, std::string& error) {
+bool LoadRegistered(StoreState& out) {
   // The entries point into the store's tree: the store must outlive them.
   VantuUpdaterRegistrationManager store;
   std::list<VantuUpdaterRegisteredApp> apps;
   bool ok = store.GetRegisteredApps(apps);
   for (const VantuUpdaterRegisteredApp& app : apps) {
-    RegisteredApp entry;
-    ok = ok && app.GetappID(entry.appID) && app.GetDisplayName(entry.displayName) &&
-         app.GetInstallPath(entry.installPath);
-    out.registered.push_back(entry);
+    std::string appID, name, path;
+    ok = ok && app.GetappID(appID) && app.GetDisplayName(name) && app.GetInstallPath(path) &&
+         out.emplace(StoreState::Key("reg", appID), name + "\t" + path).second;
   }
-  if (!ok) error = "the registered-applications store did not load whole";
   return ok;
 }
 
-bool LoadMissing(StoreState& out, std::string& error) {
+bool LoadMissing(StoreState& out) {
   VantuUpdaterMissingCompsManager store;
   std::list<VantuUpdaterMissingCompsApp> apps;
   bool ok = store.GetMissingCompsApps(apps);
   for (VantuUpdaterMissingCompsApp& app : apps) {
-    std::string appID;
-    MissingApp entry;
+    std::string appID, name, path;
+    int type = 0;
     std::list<VantuUpdaterAMissingComponent> components;
-    ok = ok && app.GetAppID(appID) && app.GetDisplayName(entry.displayName) &&
-         app.GetInstallPath(entry.installPath) && app.GetOperationType(entry.operationType) &&
-         app.GetMissingComponents(components);
+    ok = ok && app.GetAppID(appID) && app.GetDisplayName(name) && app.GetInstallPath(path) &&
+         app.GetOperationType(type) && app.GetMissingComponents(components) &&
+         out.emplace(StoreState::Key("mc", appID), name + "\t" + path + "\t" + std::to_string(type))
+             .second;
     for (const VantuUpdaterAMissingComponent& component : components) {
       MissingComponent c;
       FileSystemVersion version("0");
       ok = ok && component.Getcategory(c.category) && component.Getname(c.name) &&
            component.Getversion(version);
       c.version = version.ToString();
-      entry.components.push_back(c);
+      ok = ok && out.emplace(ComponentKey(appID, c), "").second;
     }
-    ok = ok && out.missing.emplace(appID, entry).second;
   }
-  if (!ok) error = "the missing-components store did not load whole, or repeats an entry";
   return ok;
 }
 
-bool LoadPrefs(const std::string& path, const std::set<std::string>& keys, StoreState& out,
-               std::string& error) {
+bool LoadPrefs(const std::string& path, const std::set<std::string>& keys, StoreState& out) {
   // No lock installed: the file is read once, which is all a reader at rest needs.
   esd::PrefsWriter reader(path, "VantuUpdater");
   for (const std::string& key : keys) {
     std::string value;
-    if (!reader.GetPref<std::string>(key, value, std::string())) {
-      error = "preference " + key + " did not read";
-      return false;
-    }
-    if (!value.empty()) out.prefs[key] = value;
+    if (!reader.GetPref<std::string>(key, value, std::string())) return false;
+    if (!value.empty()) out[StoreState::Key("pref", key)] = value;
   }
   esd::MapPref<std::string, std::string> messages("NotificationMessage");
   messages.SetPrefsFile(&reader);
-  if (!messages.Get(out.messages)) error = "the map preference did not read";
-  return error.empty();
+  std::map<std::string, std::string> entries;
+  if (!messages.Get(entries)) return false;
+  for (const auto& [key, value] : entries) out[StoreState::Key("msg", key)] = value;
+  return true;
 }
 
 }  // namespace
 
-const RegisteredApp* StoreState::FindRegistered(const std::string& appID) const {
-  auto found = std::find_if(registered.begin(), registered.end(),
-                            [&](const RegisteredApp& app) { return app.appID == appID; });
-  return found == registered.end() ? nullptr : &*found;
-}
-
-std::string StoreState::Text() const {
-  std::ostringstream out;
-  for (const RegisteredApp& app : registered)
-    out << "reg\t" << app.appID << "\t" << app.displayName << "\t" << app.installPath << "\n";
-  for (const auto& [appID, app] : missing) {
-    out << "mc\t" << appID << "\t" << app.displayName << "\t" << app.installPath << "\t"
-        << app.operationType << "\n";
-    for (const MissingComponent& c : app.components)
-      out << "comp\t" << appID << "\t" << c.category << "\t" << c.name << "\t" << c.version << "\n";
-  }
-  for (const auto& [key, value] : prefs) out << "pref\t" << key << "\t" << value << "\n";
-  for (const auto& [key, value] : messages) out << "msg\t" << key << "\t" << value << "\n";
-  return out.str();
+size_t StoreState::Count(const std::string& kind) const {
+  return static_cast<size_t>(std::distance(Begin(kind), End(kind)));
 }
 
 StoreState StoreState::Filter(const std::function<bool(const std::string&)>& keep) const {
   StoreState kept;
-  std::copy_if(registered.begin(), registered.end(), std::back_inserter(kept.registered),
-               [&](const RegisteredApp& app) { return keep(app.appID); });
-  const auto copy = [&keep](const auto& from, auto& to) {
-    for (const auto& item : from) {
-      if (keep(item.first)) to.insert(item);
-    }
-  };
-  copy(missing, kept.missing);
-  copy(prefs, kept.prefs);
-  copy(messages, kept.messages);
+  for (const auto& item : *this) {
+    const size_t start = item.first.find('\t') + 1;
+    if (keep(item.first.substr(start, item.first.find('\t', start) - start))) kept.insert(item);
+  }
   return kept;
 }
 
 std::string StoreState::Diff(const StoreState& actual) const {
   std::ostringstream text;
-  std::istringstream want(Text()), got(actual.Text());
-  std::set<std::string> wanted, found;
-  for (std::string line; std::getline(want, line);) wanted.insert(line);
-  for (std::string line; std::getline(got, line);) found.insert(line);
-  for (const std::string& line : wanted)
-    if (!found.count(line)) text << "  expected, not found: " << line << "\n";
-  for (const std::string& line : found)
-    if (!wanted.count(line)) text << "  found, not expected: " << line << "\n";
-  if (text.str().empty() && *this != actual) text << "  the same items in another order\n";
+  const auto missing = [&text](const StoreState& from, const StoreState& in, const char* what) {
+    for (const auto& [key, value] : from) {
+      const auto found = in.find(key);
+      if (found == in.end() || found->second != value)
+        text << "  " << what << ": " << key << "\t" << value << "\n";
+    }
+  };
+  missing(*this, actual, "expected, not found");
+  missing(actual, *this, "found, not expected");
   return text.str();
 }
 
@@ -170,12 +135,13 @@ bool StoreState::Load(const StoreFiles& files, const std::set<std::string>& pref
   out = StoreState();
   error.clear();
   try {
-    return LoadRegistered(out, error) && LoadMissing(out, error) &&
-           LoadPrefs(files.prefs, prefKeys, out, error);
+    if (!LoadRegistered(out)) error = "the registered-applications store did not load whole";
+    if (error.empty() && !LoadMissing(out)) error = "the missing-components store did not load";
+    if (error.empty() && !LoadPrefs(files.prefs, prefKeys, out)) error = "preferences unread";
   } catch (const std::exception& e) {
     error = std::string("loading threw: ") + e.what();
-    return false;
   }
+  return error.empty();
 }
 
 bool Parses(const std::string& path) {
@@ -183,35 +149,30 @@ bool Parses(const std::string& path) {
   return esd::ExpatDOMBuilder<esd::XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size());
 }
 
-Journal JournalBeside(const std::string& store) {
-  const std::string journal = store + "_";
-  if (::access(journal.c_str(), F_OK) != 0) return Journal::kNone;
-  return Parses(journal) ? Journal::kComplete : Journal::kPartial;
-}
-
-std::string CheckAtRest(const StoreFiles& files, Leftovers& leftovers) {
-  std::ostringstream problems;
+Leftovers Inspect(const StoreFiles& files, bool atRest, std::string& problems) {
+  Leftovers found;
   std::set<fs::path> folders;
   for (const std::string& path : {files.registry, files.missingComps, files.prefs}) {
-    if (::access(path.c_str(), F_OK) == 0 && !Parses(path)) problems << path << " does not parse\n";
+    if (::access(path.c_str(), F_OK) == 0 && !Parses(path)) problems += path + " does not parse\n";
     folders.insert(fs::path(path).parent_path());
   }
   for (const std::string& store : {files.registry, files.missingComps}) {
-    const Journal journal = JournalBeside(store);
-    if (journal == Journal::kComplete)
-      problems << "a complete journal is left beside " << store << "\n";
-    leftovers.partialJournals += journal == Journal::kPartial;
+    const std::string journal = store + "_";
+    if (::access(journal.c_str(), F_OK) == 0)
+      ++(Parses(journal) ? found.completeJournals : found.partialJournals);
   }
   const std::string temporary = fs::path(files.prefs).filename().string() + ".new";
   for (const fs::path& folder : folders) {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(folder, ignored)) {
       const std::string name = entry.path().filename().string();
-      if (StartsWith(name, "TempSwap.")) problems << "left over: " << entry.path() << "\n";
-      leftovers.prefsTemporaries += StartsWith(name, temporary);
+      found.swapObjects += StartsWith(name, "TempSwap.");
+      found.prefsTemporaries += StartsWith(name, temporary);
     }
   }
-  return problems.str();
+  if (atRest && found.completeJournals + found.swapObjects > 0)
+    problems += "a complete journal or a \"TempSwap.\" object is left beside the stores\n";
+  return found;
 }
 
 long Call::Make() const {
@@ -250,40 +211,28 @@ long Call::Make() const {
 }
 
 long Call::Apply(StoreState& model) const {
+  const std::string registration = StoreState::Key("reg", appID);
   switch (op) {
     case kRegister:
-      Register(model, appID, name, path);
+      model[registration] = name + "\t" + path;
       return kROZResultOK;
     case kUnregister:
-      model.registered.erase(model.registered.begin() +
-                             (model.FindRegistered(appID) - model.registered.data()));
+      model.erase(registration);
       return kROZResultOK;
     case kDownload: {
-      const RegisteredApp* current = model.FindRegistered(appID);
-      if (registerFirst &&
-          (!current || current->displayName != name || current->installPath != path))
-        Register(model, appID, name, path);
+      if (registerFirst) model[registration] = name + "\t" + path;
       // The entry takes the request's name, path and type; "already requested" when every
       // component was recorded before.
       bool anyNew = components.empty();
       for (const MissingComponent& component : components) {
-        MissingApp& app = model.missing[appID];
-        std::vector<MissingComponent>& known = app.components;
-        if (std::find(known.begin(), known.end(), component) == known.end()) {
-          known.push_back(component);
-          anyNew = true;
-        }
-        app.displayName = name;
-        app.installPath = path;
-        app.operationType = type;
+        anyNew = model.emplace(ComponentKey(appID, component), "").second || anyNew;
+        model[StoreState::Key("mc", appID)] = name + "\t" + path + "\t" + std::to_string(type);
       }
       return anyNew ? kROZResultOK : kROZResultAlreadyRequested;
     }
     case kSetPref:
-      model.prefs[key] = value;
-      return 1;
     case kSetMessage:
-      model.messages[key] = value;
+      model[StoreState::Key(op == kSetPref ? "pref" : "msg", key)] = value;
       return 1;
     default:
       return kROZResultOK;
@@ -303,32 +252,18 @@ StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox) {
           sandbox.UserDataDir() + "/VantuUpdaterPrefs.dat"};
 }
 
-bool WaitFor(const std::function<bool()>& done, int timeoutMs, int stepMicros) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!done() && std::chrono::steady_clock::now() < end)
-    std::this_thread::sleep_for(std::chrono::microseconds(stepMicros));
-  return done();
-}
-
 bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,
-                  unsigned long long& seed, const std::function<bool()>& valid) {
+                  unsigned long long& seed) {
   seed =
       static_cast<unsigned long long>(std::chrono::system_clock::now().time_since_epoch().count());
-  bool ok = argc % 2 == 1;
-  for (int i = 1; ok && i + 1 < argc; i += 2) {
+  for (int i = 1; i < argc; i += 2) {
     const std::string name = argv[i];
     char* end = nullptr;
-    if (name == "--seed")
+    if (i + 1 < argc && name == "--seed")
       seed = std::strtoull(argv[i + 1], &end, 10);
-    else if (StartsWith(name, "--") && values.count(name.substr(2)))
+    else if (i + 1 < argc && StartsWith(name, "--") && values.count(name.substr(2)))
       values[name.substr(2)] = std::strtod(argv[i + 1], &end);
-    ok = end != nullptr && *end == '\0';
-  }
-  if (!ok || !valid()) {
-    std::cerr << "usage: " << argv[0];
-    for (const auto& item : values) std::cerr << " [--" << item.first << " N]";
-    std::cerr << " [--seed X]\n";
-    return false;
+    if (end == nullptr || *end != '\0') return false;
   }
   std::cout << "seed " << seed << std::endl;
   return true;

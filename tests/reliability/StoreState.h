@@ -21,22 +21,9 @@ class UpdaterSandbox;
 
 namespace reliability {
 
-struct RegisteredApp {
-  std::string appID, displayName, installPath;
-};
-
 struct MissingComponent {
   std::string category, name;
   std::string version;  // four parts, as the store writes it ("1.2.0.0")
-  bool operator==(const MissingComponent& o) const {
-    return category == o.category && name == o.name && version == o.version;
-  }
-};
-
-struct MissingApp {
-  std::string displayName, installPath;
-  int operationType = 0;
-  std::vector<MissingComponent> components;  // in the order they were recorded
 };
 
 // Where the three files of one sandboxed machine lie.
@@ -44,56 +31,57 @@ struct StoreFiles {
   std::string registry, missingComps, prefs;
 };
 
-struct StoreState {
-  std::vector<RegisteredApp> registered;  // in file order
-  std::map<std::string, MissingApp> missing;
-  std::map<std::string, std::string> prefs;     // scalar preferences; absent means never set
-  std::map<std::string, std::string> messages;  // the "NotificationMessage" map preference
-
-  const RegisteredApp* FindRegistered(const std::string& appID) const;
-
-  // One tab-separated line per item, as differences are shown.
-  std::string Text() const;
-  bool operator==(const StoreState& o) const { return Text() == o.Text(); }
-  bool operator!=(const StoreState& o) const { return Text() != o.Text(); }
-  // The items whose key `keep` accepts.
+// One entry per item, keyed "<kind>\t<owner>[\t...]": "reg" (display name and install path) and
+// "mc" (display name, install path, operation type) by application identifier, "comp" by
+// identifier, category, name and version (no value), "pref" (a scalar preference) and "msg" (an
+// entry of the "NotificationMessage" map preference) by key. Values are tab-separated.
+struct StoreState : std::map<std::string, std::string> {
+  static std::string Key(const std::string& kind, const std::string& owner) {
+    return kind + "\t" + owner;
+  }
+  // The items of one kind, whose keys all sort between "<kind>\t" and "<kind>\n".
+  const_iterator Begin(const std::string& kind) const { return lower_bound(kind + "\t"); }
+  const_iterator End(const std::string& kind) const { return lower_bound(kind + "\n"); }
+  size_t Count(const std::string& kind) const;
+  // The items whose owner `keep` accepts.
   StoreState Filter(const std::function<bool(const std::string&)>& keep) const;
   // The items expected (this) and not found in `actual`, and the reverse; empty when equal.
   std::string Diff(const StoreState& actual) const;
 
   // Loads the files through the library's own classes in the Env installed now, so that an
   // interrupted save's journal is recovered as a host would; reads the preferences `prefKeys`.
+  // Fails on an item the files hold twice.
   static bool Load(const StoreFiles& files, const std::set<std::string>& prefKeys, StoreState& out,
                    std::string& error);
 };
 
 bool Parses(const std::string& path);
 
-// A journal beside a store: none, one that does not parse (every load ignores it and the next
-// save replaces it), or a complete one (the next load takes it for an interrupted save).
-enum class Journal { kNone, kPartial, kComplete };
-Journal JournalBeside(const std::string& store);
-
-// What interrupted saves may leave without harm: partial journals and, until the next locked
-// save sweeps them, temporaries beside the preferences file.
+// What interrupted saves leave beside the files: journals that do not parse (every load ignores
+// them) or do (the next load takes them for an interrupted save), temporaries of the preferences
+// file (the next locked save sweeps them) and "TempSwap." objects of an exchange.
 struct Leftovers {
-  size_t partialJournals = 0, prefsTemporaries = 0;
+  size_t partialJournals = 0, completeJournals = 0, prefsTemporaries = 0, swapObjects = 0;
 };
 
-// Checks what any reader finds on disk once the stores were loaded: every file parses, no
-// complete journal and no "TempSwap." object is left. Returns the problems (empty when none)
-// and adds the harmless leftovers to `leftovers`.
-std::string CheckAtRest(const StoreFiles& files, Leftovers& leftovers);
+// What lies beside the files; appends to `problems` a file that does not parse and, once the
+// stores were loaded (`atRest`), a complete journal or a "TempSwap." object left.
+Leftovers Inspect(const StoreFiles& files, bool atRest, std::string& problems);
 
 enum Operation { kRegister, kUnregister, kDownload, kSetPref, kSetMessage, kTrigger, kOperations };
 extern const char* const kOperationNames[kOperations];
 
-// One call a host makes, as data, to plan, make and apply to a model. Preferences are set through
-// the settings object every export uses; a message is a read-modify-write of the shared map under
-// the preference lock.
+// One call a host makes, as data. Preferences are set through the settings object every export
+// uses; a message is a read-modify-write of the shared map under the preference lock.
 struct Call {
   explicit Call(Operation op, std::string appID = {}, std::string name = {}, std::string path = {})
       : op(op), appID(std::move(appID)), name(std::move(name)), path(std::move(path)) {}
+  static Call Pref(Operation op, std::string key, std::string value) {
+    Call call(op);
+    call.key = std::move(key);
+    call.value = std::move(value);
+    return call;
+  }
 
   Operation op;
   std::string appID, name, path;  // a trigger without an application is a manual one
@@ -105,7 +93,7 @@ struct Call {
   long Make() const;
   // Updates `model` as the call does when it succeeds; returns the result it must give.
   long Apply(StoreState& model) const;
-  // The item the call changes.
+  // The owner of the items the call changes.
   std::string Item() const;
 };
 
@@ -113,14 +101,10 @@ struct Call {
 // run); returns where its files lie.
 StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox);
 
-// Reads "--name value" pairs whose names `values` holds with their defaults, and "--seed"
-// (default: the clock), and prints the seed; prints the usage and returns false when an option
-// is unknown or the values are not `valid`.
+// Reads "--name value" pairs whose names `values` holds, and "--seed" (default: the clock), and
+// prints the seed; false on anything else.
 bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,
-                  unsigned long long& seed, const std::function<bool()>& valid);
-
-// Waits up to `timeoutMs` for `done`, looking every `stepMicros`; whether it came.
-bool WaitFor(const std::function<bool()>& done, int timeoutMs, int stepMicros);
+                  unsigned long long& seed);
 
 // `count` value-initialised objects in memory that the processes forked afterwards share.
 template <class T>

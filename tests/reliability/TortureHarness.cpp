@@ -3,17 +3,15 @@
 //
 //   TortureHarness [--processes N] [--seconds S] [--seed X] [--users U]
 //
-// With --users 2 or 3 (as root) the processes run as that many administrators in turn, each
-// with a home and runtime folder of their own, sharing the machine-wide store in a folder
-// provisioned as installed (root:<administrators' group> 2775); 77 when not root.
+// With --users 2 or 3 (as root; 77 otherwise) the processes run as that many administrators in
+// turn, each with folders of their own, sharing the machine-wide store in a folder made as an
+// installation makes it (root:<administrators' group> 2775).
 //
-// Each process owns its application identifiers ("torture.p<N>.a<K>") and preference keys, and
-// keeps a model of what its successful calls must have left in the files. The others change the
-// same files all the time, so any save made from a stale tree, any lock that fails to exclude,
-// or any reload that is skipped shows up as a difference between a model and the files, which
-// each process compares once all are done. Exit
-// status 0 when every call gave its expected result, no call ran into a lock time-out and every
-// model matches the files; 1 otherwise.
+// Each process owns its application identifiers and preference keys and keeps a model of what
+// its successful calls must have left in the files, which the others change all the time: a
+// save from a stale tree, a lock that fails to exclude or a skipped reload shows as a difference
+// between a model and the files once all are done. Exit status 0 when every call gave its
+// expected result (none ran into a lock time-out) and every model matches the files.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,7 +44,7 @@ constexpr int kMessagesPerProcess = 4;
 // What the workers did, added up in memory they share with the harness.
 struct Totals {
   struct {
-    std::atomic<unsigned long> calls, micros, maxMicros;
+    std::atomic<unsigned long> calls, micros;
   } timing[kOperations];
   std::atomic<unsigned long> failures, timeouts, lost, checked, compared, launchProblems;
   std::atomic<unsigned long> manual[3], scheduled[3];  // by user
@@ -75,10 +73,9 @@ class Worker {
   }
 
   // Once every worker is done, whether the files hold what the model holds, leaving out what a
-  // failed call touched: the model no longer knows what the files hold there.
+  // failed call touched. Every call that started the updater must have launched it once, and an
+  // unregistration may have (when it left the store empty, which depends on the others).
   void Compare(const StoreFiles& files, size_t launches) {
-    // Every call that started the updater must have launched it once, and an unregistration
-    // may have (when it left the store empty, which depends on the others).
     const unsigned long least = mSucceeded[kDownload] + mSucceeded[kTrigger];
     const unsigned long most = least + mSucceeded[kUnregister];
     if (launches < least || launches > most) {
@@ -97,8 +94,7 @@ class Worker {
     }
     const StoreState expected = mModel.Filter(owned);
     const std::string diff = expected.Diff(actual.Filter(owned));
-    mTotals.checked += expected.registered.size() + expected.missing.size() +
-                       expected.prefs.size() + expected.messages.size();
+    mTotals.checked += expected.size();
     mTotals.lost += static_cast<size_t>(std::count(diff.begin(), diff.end(), '\n'));
     if (!diff.empty())
       std::cout << "worker " << mIndex << ": the files do not hold what its calls did:\n"
@@ -119,11 +115,8 @@ class Worker {
     const long result = call.Make();
     const unsigned long micros = static_cast<unsigned long>(
         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
-    auto& timing = mTotals.timing[call.op];
-    ++timing.calls;
-    timing.micros += micros;
-    for (unsigned long max = timing.maxMicros; micros > max;)
-      timing.maxMicros.compare_exchange_weak(max, micros);
+    ++mTotals.timing[call.op].calls;
+    mTotals.timing[call.op].micros += micros;
     if (result == expected) {
       ++mSucceeded[call.op];
       mModel = std::move(next);
@@ -141,28 +134,30 @@ class Worker {
   }
 
   Call Register() {
-    Call call{kRegister, AppID()};
-    call.name = "Torture " + call.appID + " #" + Serial();
-    call.path = "/opt/torture/" + call.appID + "/r" + std::to_string(mSequence % 4);
-    return call;
+    const std::string appID = AppID();
+    const std::string name = "Torture " + appID + " #" + Serial();
+    return Call(kRegister, appID, name,
+                "/opt/torture/" + appID + "/r" + std::to_string(mSequence % 4));
   }
 
   Call Unregister() {
-    const std::vector<RegisteredApp>& registered = mModel.registered;
-    if (registered.empty()) return Register();
-    return Call{kUnregister, registered[Draw(registered.size())].appID};
+    const size_t registered = mModel.Count("reg");
+    if (registered == 0) return Register();
+    const std::string key = std::next(mModel.Begin("reg"), Draw(registered))->first;
+    return Call(kUnregister, key.substr(4));
   }
 
   // A missing-components request, sometimes registering first, sometimes under the registered
   // name and path (no re-registration) and sometimes under new ones (a replaced registration).
   Call Download() {
-    Call call{kDownload, AppID()};
+    Call call(kDownload, AppID());
     call.name = "Torture " + call.appID + " dl#" + Serial();
     call.path = "/opt/torture/" + call.appID + "/d" + std::to_string(mSequence % 4);
-    const RegisteredApp* registered = mModel.FindRegistered(call.appID);
-    if (registered != nullptr && Draw(2) == 0) {
-      call.name = registered->displayName;
-      call.path = registered->installPath;
+    const auto registered = mModel.find(StoreState::Key("reg", call.appID));
+    if (registered != mModel.end() && Draw(2) == 0) {
+      const std::string& value = registered->second;
+      call.name = value.substr(0, value.find('\t'));
+      call.path = value.substr(call.name.size() + 1);
     }
     call.registerFirst = Draw(4) == 0;
     call.type = static_cast<int>(Draw(3));
@@ -174,27 +169,20 @@ class Worker {
     return call;
   }
 
-  Call Preference() {
-    Call call{kSetPref};
-    call.key = mPrefix + "value";
-    call.value = Serial();
-    return call;
-  }
+  Call Preference() { return Call::Pref(kSetPref, mPrefix + "value", Serial()); }
 
   // Without working exclusion or reloads, the other processes' entries of the map would vanish.
   Call Message() {
-    Call call{kSetMessage};
-    call.key = mPrefix + "m" + std::to_string(Draw(kMessagesPerProcess));
-    call.value = "message " + Serial();
-    return call;
+    const std::string key = mPrefix + "m" + std::to_string(Draw(kMessagesPerProcess));
+    return Call::Pref(kSetMessage, key, "message " + Serial());
   }
 
   // The preference writes the exports make themselves: a manual trigger records "Manual", a
   // scheduled one "Scheduled" unless a manual launch is pending.
   Call Trigger() {
-    Call call{kTrigger, Draw(2) == 0 ? std::string() : AppID(), "Torture"};
-    call.path = call.appID.empty() ? "/opt/torture" : "/opt/torture/" + call.appID;
-    return call;
+    const std::string appID = Draw(2) == 0 ? std::string() : AppID();
+    return Call(kTrigger, appID, "Torture",
+                appID.empty() ? "/opt/torture" : "/opt/torture/" + appID);
   }
 
   const size_t mIndex, mUser;
@@ -207,8 +195,7 @@ class Worker {
   unsigned long mSequence = 0;
 };
 
-// The users of a run and where each keeps its own files. A run as one user is the harness's own
-// identity in the sandbox's home.
+// The users of a run and their files; a run as one user is the harness's own in the sandbox.
 struct User {
   testing_support::UserIdentity identity;
   std::string home, runtime;
@@ -225,15 +212,12 @@ bool MakeUsers(testing_support::UpdaterSandbox& sandbox, int count, std::vector<
   using namespace testing_support;
   const UserIdentity third{1003, 1003, {AdministratorsGroup()}};
   const UserIdentity* identities[] = {&AdministratorA(), &AdministratorB(), &third};
-  const auto parent = [](const std::string& path) {
-    return std::filesystem::path(path).parent_path().string();
-  };
-  const std::string base = parent(sandbox.root());
+  const std::string base = std::filesystem::path(sandbox.root()).parent_path();
   const std::string folder = sandbox.AllUsersDataDir();
   std::error_code error;
   std::filesystem::create_directories(folder, error);
   bool ok = !error && Chown(base, 0, 0, 0755) && Chown(sandbox.root(), 0, 0, 0755) &&
-            Chown(parent(folder), 0, 0, 0755) && Chown(folder, 0, AdministratorsGroup(), 02775);
+            Chown(folder + "/..", 0, 0, 0755) && Chown(folder, 0, AdministratorsGroup(), 02775);
   for (int u = 0; ok && u < count; ++u) {
     const std::string uid = std::to_string(identities[u]->uid);
     User user{*identities[u], base + "/home-" + uid, base + "/runtime-" + uid, {}};
@@ -287,7 +271,7 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
       worker.Run(Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                     std::chrono::duration<double>(seconds)));
       ++*done;
-      if (WaitFor([&] { return *done == processes; }, 60000, 10000))
+      if (testing_support::WaitUntil([&] { return *done == processes; }, 60000, 10000))
         worker.Compare(user.files, sandbox.env().Launches().size());
       return 0;
     };
@@ -308,24 +292,21 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
   // Every file parses, nothing is left over, and each user's "Launch" is what its triggers left.
   std::string error, atRest;
   bool loaded = true;
-  Leftovers leftovers;
-  size_t registered = 0, missingEntries = 0, messages = 0, lost = totals.lost;
+  size_t lost = totals.lost, leftovers = 0;
   for (size_t u = 0; u < users.size(); ++u) {
     const User& user = users[u];
     UseFoldersOf(sandbox, user);
     StoreState actual;
     loaded = StoreState::Load(user.files, {"Launch"}, actual, error) && loaded;
-    atRest += CheckAtRest(user.files, leftovers);
-    registered = actual.registered.size();
-    missingEntries += actual.missing.size();
-    messages += actual.messages.size();
+    const Leftovers left = Inspect(user.files, true, atRest);
+    leftovers += left.partialJournals + left.prefsTemporaries;
     const std::string wanted = totals.manual[u] > 0      ? "Manual"
                                : totals.scheduled[u] > 0 ? "Scheduled"
                                                          : "";
-    if (actual.prefs["Launch"] != wanted) {
+    const std::string launch = actual[StoreState::Key("pref", "Launch")];
+    if (launch != wanted) {
       ++lost;
-      std::cout << "\"Launch\" is \"" << actual.prefs["Launch"] << "\", expected \"" << wanted
-                << "\"\n";
+      std::cout << "\"Launch\" is \"" << launch << "\", expected \"" << wanted << "\"\n";
     }
   }
   if (!loaded) std::cout << "loading the files failed: " << error << "\n";
@@ -334,24 +315,22 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
   unsigned long calls = 0;
   std::printf("\n%d processes as %d user(s), %.1f s (%s locks)\n", processes, userCount, elapsed,
               isolated ? "private" : "shared");
-  std::printf("%-18s %9s %9s %9s\n", "operation", "calls", "mean ms", "max ms");
+  std::printf("%-18s %9s %9s\n", "operation", "calls", "mean ms");
   for (int op = 0; op < kOperations; ++op) {
     const auto& t = totals.timing[op];
     calls += t.calls;
-    std::printf("%-18s %9lu %9.2f %9.1f\n", kOperationNames[op], t.calls.load(),
-                t.calls ? t.micros / 1000.0 / t.calls : 0.0, t.maxMicros / 1000.0);
+    std::printf("%-18s %9lu %9.2f\n", kOperationNames[op], t.calls.load(),
+                t.calls ? t.micros / 1000.0 / t.calls : 0.0);
   }
   std::printf("%-18s %9lu   (%.0f calls/s)\n", "all", calls, calls / elapsed);
   std::printf(
       "failed calls %lu (on a lock time-out %lu), lost or wrong items %zu of %lu checked,"
-      " crashed workers %d\n",
-      totals.failures.load(), totals.timeouts.load(), lost, totals.checked.load(), crashed);
-  std::printf("files: %zu registered applications, %zu missing-components entries, %zu messages\n",
-              registered, missingEntries, messages);
+      " crashed workers %d, leftovers %zu\n",
+      totals.failures.load(), totals.timeouts.load(), lost, totals.checked.load(), crashed,
+      leftovers);
 
   const bool ok = crashed == 0 && totals.failures == 0 && loaded && lost == 0 && atRest.empty() &&
-                  totals.launchProblems == 0 && leftovers.prefsTemporaries == 0 &&
-                  leftovers.partialJournals == 0 && calls > 0;
+                  totals.launchProblems == 0 && leftovers == 0 && calls > 0;
   std::cout << (ok ? "PASS" : "FAIL") << std::endl;
   return ok ? 0 : 1;
 }
@@ -361,11 +340,13 @@ int Run(int processes, double seconds, int userCount, unsigned long long seed) {
 int main(int argc, char** argv) {
   std::map<std::string, double> options = {{"processes", 16}, {"seconds", 30}, {"users", 1}};
   unsigned long long seed = 0;
-  if (!ParseOptions(argc, argv, options, seed, [&] {
-        return options["processes"] >= 1 && options["processes"] <= 256 && options["seconds"] > 0 &&
-               options["users"] >= 1 && options["users"] <= 3;
-      }))
+  if (!ParseOptions(argc, argv, options, seed) || options["processes"] < 1 ||
+      options["processes"] > 256 || options["seconds"] <= 0 || options["users"] < 1 ||
+      options["users"] > 3) {
+    std::cerr << "usage: " << argv[0] << " [--processes 1-256] [--seconds S] [--users 1-3]"
+              << " [--seed X]\n";
     return 2;
+  }
   return Run(static_cast<int>(options["processes"]), options["seconds"],
              static_cast<int>(options["users"]), seed);
 }

@@ -14,6 +14,9 @@ pid_t StartChild(const std::function<int()>& body);
 // Waits for the child: its exit status, or -1 when it did not exit normally.
 int WaitChild(pid_t pid);
 
+// Whether `done` came true within timeoutMs, looking every stepMicros.
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs, int stepMicros = 3000);
+
 // A one-shot signal from one process to another ("I hold the lock now").
 class Pipe {
  public:

@@ -24,8 +24,6 @@ struct FakeUpdaterReport {
 class FakeUpdaterBundle {
  public:
   struct Options {
-    std::string packageType = "APPL";
-    std::string signature = "ROZ5";
     std::string programName = "Vantu Updater";
     bool binaryInfoPlist = false;
   };

@@ -19,17 +19,13 @@ namespace testing_support {
 
 namespace {
 
-// Fills `why` from errno and fails.
-bool Fail(std::string& why, const std::string& what) {
-  why = what + ": " + std::strerror(errno);
-  return false;
-}
-
 // mkdir, then chown and chmod: the umask must not decide the mode.
 bool MakeFolder(const std::string& path, uid_t uid, gid_t gid, mode_t mode, std::string& why) {
-  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return Fail(why, "mkdir " + path);
-  if (::chown(path.c_str(), uid, gid) != 0 || ::chmod(path.c_str(), mode) != 0)
-    return Fail(why, "owner and mode of " + path);
+  if ((::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) ||
+      ::chown(path.c_str(), uid, gid) != 0 || ::chmod(path.c_str(), mode) != 0) {
+    why = "folder " + path + ": " + std::strerror(errno);
+    return false;
+  }
   return true;
 }
 
@@ -77,8 +73,7 @@ int RunUnprivileged(const std::function<int()>& body) {
   return CanRunAsOtherUsers() ? RunAs(Attacker(), body) : WaitChild(StartChild(body));
 }
 
-pid_t MultiUserMachine::StartHost(const UserIdentity& who,
-                                  const std::function<int()>& body) const {
+pid_t MultiUserMachine::StartHost(const UserIdentity& who, const std::function<int()>& body) const {
   return StartAs(who, [&] {
     TestEnv env;
     env.SetRoot(Root());

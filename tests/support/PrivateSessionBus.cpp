@@ -49,19 +49,11 @@ PrivateSessionBus::PrivateSessionBus() {
     ::waitpid(mDaemon, nullptr, 0);
     throw std::runtime_error("dbus-daemon did not start");
   }
-
-  if (const char* previous = std::getenv(kAddressVariable)) {
-    mHadAddress = true;
-    mPreviousAddress = previous;
-  }
   ::setenv(kAddressVariable, mAddress.c_str(), 1);
 }
 
 PrivateSessionBus::~PrivateSessionBus() {
-  if (mHadAddress)
-    ::setenv(kAddressVariable, mPreviousAddress.c_str(), 1);
-  else
-    ::unsetenv(kAddressVariable);
+  ::unsetenv(kAddressVariable);
   ::kill(mDaemon, SIGTERM);
   while (::waitpid(mDaemon, nullptr, 0) < 0 && errno == EINTR) {
   }

@@ -10,7 +10,8 @@
 namespace testing_support {
 
 // A dbus-daemon of the test's own on a socket in a temporary folder; DBUS_SESSION_BUS_ADDRESS
-// points at it while the object lives. Throws std::runtime_error when it cannot start.
+// points at it while the object lives, and is unset after. Throws std::runtime_error when it
+// cannot start.
 class PrivateSessionBus {
  public:
   PrivateSessionBus();
@@ -24,8 +25,6 @@ class PrivateSessionBus {
   TempDir mTemp;
   pid_t mDaemon = -1;
   std::string mAddress;
-  bool mHadAddress = false;
-  std::string mPreviousAddress;
 };
 
 }  // namespace testing_support

@@ -13,10 +13,8 @@
 #include <thread>
 
 #include "support/ChildProcess.h"
-#include "support/LockHolder.h"
 #include "support/RunProgram.h"
 #include "support/TempDir.h"
-#include "xplat/ResourceLocker.h"
 
 namespace testing_support {
 
@@ -41,6 +39,15 @@ int WaitChild(pid_t pid) {
     if (errno != EINTR) return -1;
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs, int stepMicros) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::microseconds(stepMicros));
+  }
+  return true;
 }
 
 Pipe::Pipe() {
@@ -87,54 +94,18 @@ ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions&
     return 127;
   });
   ProgramResult result;
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(options.timeoutMs);
   int status = 0;
-  bool ended = false;
-  for (pid_t got = 0; got == 0 || (got < 0 && errno == EINTR);) {
-    got = waitpid(pid, &status, WNOHANG);
-    ended = got == pid;
-    if (got == 0 && std::chrono::steady_clock::now() > deadline) {
-      kill(pid, SIGKILL);
-      WaitChild(pid);
-      break;
-    }
-    if (got == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  if (WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, options.timeoutMs, 2000)) {
+    if (WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
+  } else {
+    kill(pid, SIGKILL);
+    WaitChild(pid);
   }
-  if (ended && WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
   result.out = ReadFile(outputs / "out");
   result.err = ReadFile(outputs / "err");
   return result;
 }
 
 bool CanChooseGroups() { return geteuid() == 0; }
-
-LockHolder::LockHolder(const std::string& resource, int holdMs) {
-  Pipe locked;
-  mPid = StartChild([&]() {
-    esd::ResourceLocker locker(resource, 0);
-    if (!locker.Lock()) return 91;
-    locked.Signal();
-    mRelease.Wait(holdMs);
-    return locker.Unlock(false) ? 0 : 92;
-  });
-  mLocked = locked.Wait();
-}
-
-LockHolder::~LockHolder() {
-  Release();
-  Wait();
-}
-
-void LockHolder::Release() {
-  if (mPid > 0 && !mReleased) mRelease.Signal();
-  mReleased = true;
-}
-
-int LockHolder::Wait() {
-  if (mPid > 0) mStatus = WaitChild(mPid);
-  mPid = -1;
-  return mStatus;
-}
 
 }  // namespace testing_support

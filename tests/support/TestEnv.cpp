@@ -15,42 +15,7 @@ TestEnv::TestEnv() : esd::EnvWrapper(esd::Env::Platform()) {
     mViewedNames.insert(name);
 }
 
-void TestEnv::SetVariable(const std::string& name, const std::string& value) {
-  std::lock_guard<std::mutex> lock(mMutex);
-  mViewedNames.insert(name);
-  mVariables[name] = value;
-}
-
-void TestEnv::SetGroups(const std::vector<std::string>& names) {
-  std::lock_guard<std::mutex> lock(mMutex);
-  mGroups = names;
-}
-
-void TestEnv::RecordLaunches(bool startResult, int shellResult) {
-  std::lock_guard<std::mutex> lock(mMutex);
-  mRecording = true;
-  mStartResult = startResult;
-  mShellResult = shellResult;
-}
-
-std::vector<TestEnv::Launch> TestEnv::Launches() const {
-  std::lock_guard<std::mutex> lock(mMutex);
-  return mLaunches;
-}
-
-std::vector<std::string> TestEnv::ShellCommands() const {
-  std::lock_guard<std::mutex> lock(mMutex);
-  return mShellCommands;
-}
-
-std::vector<pid_t> TestEnv::BroughtToFront() const {
-  std::lock_guard<std::mutex> lock(mMutex);
-  return mBroughtToFront;
-}
-
-std::string TestEnv::GetRootDirectory() {
-  return mRoot ? *mRoot : EnvWrapper::GetRootDirectory();
-}
+std::string TestEnv::GetRootDirectory() { return mRoot ? *mRoot : EnvWrapper::GetRootDirectory(); }
 
 bool TestEnv::GetHomeDirectory(std::string& path) {
   if (!mHome) return EnvWrapper::GetHomeDirectory(path);
@@ -60,21 +25,16 @@ bool TestEnv::GetHomeDirectory(std::string& path) {
 }
 
 bool TestEnv::GetEnvironmentVariable(const std::string& name, std::string& value) {
-  std::unique_lock<std::mutex> lock(mMutex);
-  if (mViewedNames.count(name)) {
-    auto found = mVariables.find(name);
-    if (found == mVariables.end()) return false;
-    value = found->second;
-    return true;
-  }
-  lock.unlock();
-  return EnvWrapper::GetEnvironmentVariable(name, value);
+  if (mViewedNames.count(name) == 0) return EnvWrapper::GetEnvironmentVariable(name, value);
+  auto found = mVariables.find(name);
+  if (found == mVariables.end()) return false;
+  value = found->second;
+  return true;
 }
 
 uid_t TestEnv::GetEffectiveUserId() { return mUser ? *mUser : EnvWrapper::GetEffectiveUserId(); }
 
 bool TestEnv::GetSupplementaryGroups(std::vector<gid_t>& groups) {
-  std::lock_guard<std::mutex> lock(mMutex);
   if (!mGroups) return EnvWrapper::GetSupplementaryGroups(groups);
   groups.clear();
   for (size_t i = 0; i < mGroups->size(); ++i)
@@ -83,91 +43,67 @@ bool TestEnv::GetSupplementaryGroups(std::vector<gid_t>& groups) {
 }
 
 bool TestEnv::GetGroupName(gid_t group, std::string& name) {
-  std::unique_lock<std::mutex> lock(mMutex);
-  if (mGroups) {
-    const size_t index = group - kFirstFakeGroup;
-    if (group < kFirstFakeGroup || index >= mGroups->size()) return false;
-    name = (*mGroups)[index];
-    return true;
-  }
-  lock.unlock();
-  return EnvWrapper::GetGroupName(group, name);
+  if (!mGroups) return EnvWrapper::GetGroupName(group, name);
+  const size_t index = group - kFirstFakeGroup;
+  if (group < kFirstFakeGroup || index >= mGroups->size()) return false;
+  name = (*mGroups)[index];
+  return true;
 }
 
 bool TestEnv::GetGroupId(const std::string& name, gid_t& group) {
-  std::unique_lock<std::mutex> lock(mMutex);
-  if (mGroups) {
-    const auto found = std::find(mGroups->begin(), mGroups->end(), name);
-    group = kFirstFakeGroup + static_cast<gid_t>(found - mGroups->begin());
-    return found != mGroups->end();
-  }
-  lock.unlock();
-  return EnvWrapper::GetGroupId(name, group);
+  if (!mGroups) return EnvWrapper::GetGroupId(name, group);
+  const auto found = std::find(mGroups->begin(), mGroups->end(), name);
+  group = kFirstFakeGroup + static_cast<gid_t>(found - mGroups->begin());
+  return found != mGroups->end();
 }
 
 bool TestEnv::IsAccessible(const std::string& path, int mode) {
-  std::unique_lock<std::mutex> lock(mMutex);
-  if (mDenied.count(path)) return false;
-  lock.unlock();
-  return EnvWrapper::IsAccessible(path, mode);
+  return mDenied.count(path) == 0 && EnvWrapper::IsAccessible(path, mode);
 }
 
 bool TestEnv::ListProcessIds(std::vector<pid_t>& pids) {
   if (!EnvWrapper::ListProcessIds(pids)) return false;
   if (!mOwnProcessesOnly) return true;
+  // This process's ancestors and descendants, through the parent links (0 ends a chain).
+  const auto parent = [this](pid_t pid) {
+    ProcessInfo info;
+    return EnvWrapper::GetProcessInfo(pid, info) ? info.parentPid : 0;
+  };
   const pid_t self = getpid();
   std::set<pid_t> ancestors;
-  for (pid_t pid = self; pid > 0 && ancestors.size() < 256;) {
-    ancestors.insert(pid);
-    ProcessInfo info;
-    if (!EnvWrapper::GetProcessInfo(pid, info)) break;
-    pid = info.parentPid;
-  }
+  for (pid_t pid = self; pid > 0 && ancestors.size() < 256; pid = parent(pid)) ancestors.insert(pid);
   std::vector<pid_t> own;
   for (pid_t pid : pids) {
-    bool keep = ancestors.count(pid) > 0;
-    ProcessInfo info;
-    for (pid_t at = pid; !keep && at > 1 && EnvWrapper::GetProcessInfo(at, info);
-         at = info.parentPid) {
-      keep = info.parentPid == self;
-    }
-    if (keep) own.push_back(pid);
+    pid_t at = pid;
+    while (at > 1 && at != self) at = parent(at);
+    if (at == self || ancestors.count(pid)) own.push_back(pid);
   }
   pids = own;
   return true;
 }
 
 bool TestEnv::BringProcessToFront(pid_t pid) {
-  std::unique_lock<std::mutex> lock(mMutex);
   mBroughtToFront.push_back(pid);
-  lock.unlock();
   return EnvWrapper::BringProcessToFront(pid);
 }
 
 bool TestEnv::StartDetachedProcess(const std::string& program,
                                    const std::vector<std::string>& arguments,
                                    const EnvironmentList& environment) {
-  std::unique_lock<std::mutex> lock(mMutex);
-  if (mRecording) {
-    mLaunches.push_back({program, arguments, environment});
-    return mStartResult;
-  }
-  lock.unlock();
-  return EnvWrapper::StartDetachedProcess(program, arguments, environment);
+  if (!mRecording) return EnvWrapper::StartDetachedProcess(program, arguments, environment);
+  mLaunches.push_back({program, arguments, environment});
+  return mStartResult;
 }
 
 int TestEnv::RunShellCommand(const std::string& command, const EnvironmentList& environment) {
-  std::unique_lock<std::mutex> lock(mMutex);
   mShellCommands.push_back(command);
-  if (mRecording) return mShellResult;
-  lock.unlock();
-  return EnvWrapper::RunShellCommand(command, environment);
+  return mRecording ? mShellResult : EnvWrapper::RunShellCommand(command, environment);
 }
 
 bool TestEnv::GetKernelRelease(std::string& release) {
-  if (!mKernelReleaseSet) return EnvWrapper::GetKernelRelease(release);
-  if (!mKernelRelease) return false;
-  release = *mKernelRelease;
+  if (!mKernelRelease) return EnvWrapper::GetKernelRelease(release);
+  if (!*mKernelRelease) return false;
+  release = **mKernelRelease;
   return true;
 }
 

@@ -4,7 +4,6 @@
 #include <sys/types.h>
 
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -34,24 +33,30 @@ class TestEnv : public esd::EnvWrapper {
   void SetRoot(const std::string& root) { mRoot = root; }
   // Empty: no home folder can be found.
   void SetHome(const std::string& home) { mHome = home; }
-  void SetVariable(const std::string& name, const std::string& value);
-  void SetGroups(const std::vector<std::string>& names);
+  void SetVariable(const std::string& name, const std::string& value) {
+    mViewedNames.insert(name);
+    mVariables[name] = value;
+  }
+  void SetGroups(const std::vector<std::string>& names) { mGroups = names; }
   void SetEffectiveUserId(uid_t user) { mUser = user; }
   // nullopt: the kernel release cannot be read.
   void SetKernelRelease(const std::optional<std::string>& release) {
-    mKernelRelease = release;
-    mKernelReleaseSet = true;
+    mKernelRelease.emplace(release);
   }
   void SetToday(const boost::gregorian::date& day) { mToday = day; }
   void DenyAccess(const std::string& path) { mDenied.insert(path); }
   void ShowOnlyOwnProcesses() { mOwnProcessesOnly = true; }
 
-  void RecordLaunches(bool startResult, int shellResult);
+  void RecordLaunches(bool startResult, int shellResult) {
+    mRecording = true;
+    mStartResult = startResult;
+    mShellResult = shellResult;
+  }
 
-  std::vector<Launch> Launches() const;  // those not run
+  const std::vector<Launch>& Launches() const { return mLaunches; }  // those not run
   // Every shell command, also those run for real.
-  std::vector<std::string> ShellCommands() const;
-  std::vector<pid_t> BroughtToFront() const;
+  const std::vector<std::string>& ShellCommands() const { return mShellCommands; }
+  const std::vector<pid_t>& BroughtToFront() const { return mBroughtToFront; }
 
   // --- Env ---
   std::string GetRootDirectory() override;
@@ -71,15 +76,13 @@ class TestEnv : public esd::EnvWrapper {
   boost::gregorian::date GetLocalDay() override;
 
  private:
-  mutable std::mutex mMutex;
   std::optional<std::string> mRoot;
   std::optional<std::string> mHome;
   std::set<std::string> mViewedNames;
   std::map<std::string, std::string> mVariables;
   std::optional<std::vector<std::string>> mGroups;
   std::optional<uid_t> mUser;
-  bool mKernelReleaseSet = false;
-  std::optional<std::string> mKernelRelease;
+  std::optional<std::optional<std::string>> mKernelRelease;  // unset: the real one
   std::optional<boost::gregorian::date> mToday;
   std::set<std::string> mDenied;
   bool mOwnProcessesOnly = false;

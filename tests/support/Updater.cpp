@@ -9,15 +9,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
+#include <map>
 #include <stdexcept>
-#include <thread>
 
+#include "support/ChildProcess.h"
 #include "support/TempDir.h"
 
 namespace fs = std::filesystem;
@@ -35,23 +33,13 @@ const std::string& ProcessBaseFolder() {
   return folder.path();
 }
 
-// Polls `done` every few milliseconds; false when it is still false after timeoutMs.
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(3));
-  }
-  return true;
-}
-
 // Info.plist in the form the options ask for (XML or binary), made by the same library that
 // reads it.
 std::string InfoPlist(const FakeUpdaterBundle::Options& options) {
   plist_t dict = plist_new_dict();
   plist_dict_set_item(dict, "CFBundleExecutable", plist_new_string(options.programName.c_str()));
-  plist_dict_set_item(dict, "CFBundlePackageType", plist_new_string(options.packageType.c_str()));
-  plist_dict_set_item(dict, "CFBundleSignature", plist_new_string(options.signature.c_str()));
+  plist_dict_set_item(dict, "CFBundlePackageType", plist_new_string("APPL"));
+  plist_dict_set_item(dict, "CFBundleSignature", plist_new_string("ROZ5"));
   char* bytes = nullptr;
   uint32_t length = 0;
   (options.binaryInfoPlist ? plist_to_bin : plist_to_xml)(dict, &bytes, &length);
@@ -119,16 +107,14 @@ std::string FakeUpdaterBundle::programPath() const {
 }
 
 std::vector<FakeUpdaterReport> FakeUpdaterBundle::Reports() const {
-  std::vector<std::pair<fs::file_time_type, FakeUpdaterReport>> found;
+  std::multimap<fs::file_time_type, FakeUpdaterReport> found;  // oldest first
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator(mContents + "/reports", ignored)) {
     if (entry.path().extension() != ".report") continue;
     FakeUpdaterReport report;
     if (ParseReport(entry.path().string(), report))
-      found.emplace_back(fs::last_write_time(entry.path(), ignored), report);
+      found.emplace(fs::last_write_time(entry.path(), ignored), report);
   }
-  std::stable_sort(found.begin(), found.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
   std::vector<FakeUpdaterReport> reports;
   for (auto& item : found) reports.push_back(item.second);
   return reports;
@@ -215,8 +201,6 @@ void UpdaterSandbox::KeepUpdaterRunning(bool keep) {
     ::setenv(kExitVariable, "0", 1);
 }
 
-bool UpdaterSandbox::StopUpdaters() { return !mUpdater || mUpdater->Stop(); }
-
 bool UpdaterSandbox::StartRunningUpdater() {
   if (!mUpdater) return false;
   const size_t before = Launches().size();
@@ -224,11 +208,8 @@ bool UpdaterSandbox::StartRunningUpdater() {
   const std::string program = mUpdater->programPath();
   const bool started = mEnv.StartDetachedProcess(program, {program}, {});
   KeepUpdaterRunning(false);
-  return started && WaitForLaunches(before + 1).size() > before && WaitFor(true);
-}
-
-bool UpdaterSandbox::WaitFor(bool running, int timeoutMs) {
-  return WaitUntil([&] { return IsUpdaterRunning() == running; }, timeoutMs);
+  return started && WaitForLaunches(before + 1).size() > before &&
+         WaitUntil([&] { return IsUpdaterRunning(); }, 10000);
 }
 
 bool UpdaterSandbox::IsUpdaterRunning() {
@@ -252,7 +233,9 @@ std::vector<FakeUpdaterReport> UpdaterSandbox::WaitForLaunches(size_t count, int
   return mUpdater ? mUpdater->WaitForReports(count, timeoutMs) : std::vector<FakeUpdaterReport>();
 }
 
-bool UpdaterSandbox::WaitUntilUpdatersEnd(int timeoutMs) { return WaitFor(false, timeoutMs); }
+bool UpdaterSandbox::WaitUntilUpdatersEnd(int timeoutMs) {
+  return WaitUntil([&] { return !IsUpdaterRunning(); }, timeoutMs);
+}
 
 std::vector<std::string> UpdaterSandbox::Snapshot() const {
   std::vector<std::string> paths;

@@ -44,7 +44,6 @@ class UpdaterSandbox {
   void InstallUpdater();
   void RemoveUpdater();  // stops its copies too
   void KeepUpdaterRunning(bool keep);  // for copies started from now on
-  bool StopUpdaters();  // false when a copy did not end in time
   // Starts a copy that keeps running (not through the library) and waits until the process
   // table shows it.
   bool StartRunningUpdater();
@@ -61,7 +60,6 @@ class UpdaterSandbox {
 
  private:
   bool IsUpdaterRunning();
-  bool WaitFor(bool running, int timeoutMs = 10000);
 
   std::string mBase;
   std::string mRoot;
