@@ -204,7 +204,8 @@ bool CEsdUpdate::ROZIsUpdateCheckEnabled() {
       }))
     policyEnabled = answer;
 
-  const bool isAdmin = Contained(false, [] { return VantuUpdaterUtils::DoesUserHaveAdminPrivileges(); });
+  const bool isAdmin =
+      Contained(false, [] { return VantuUpdaterUtils::DoesUserHaveAdminPrivileges(); });
   bool platformAllows = false;
   if (!isAdmin) {
     // Only a platform whose ordinary users may update by themselves enables non-administrators;
@@ -238,9 +239,15 @@ int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned cha
     // for.
     if (!VantuUpdaterUtils::CanChangeAllUserData()) return kROZResultRegistryUnusable;
 
+    using Manager = VantuUpdaterRegistrationManager;
+    const auto stored = [](unsigned r) {
+      return r == Manager::kInserted || r == Manager::kReplaced;
+    };
     unsigned result = store->InsertOrUpdateRegisteredApp(app);
-    if (result == VantuUpdaterRegistrationManager::kInserted || result == VantuUpdaterRegistrationManager::kReplaced) return kROZResultOK;
-    if (result == VantuUpdaterRegistrationManager::kUnchanged || result == VantuUpdaterRegistrationManager::kRefused) return kROZResultRegistryNotUpdated;
+    if (stored(result)) return kROZResultOK;
+    if (result == Manager::kUnchanged || result == Manager::kRefused) {
+      return kROZResultRegistryNotUpdated;
+    }
 
     // The store failed. Only a file the store cannot read is rebuilt: when it still loads, the
     // fault lay with this entry or the save (a name the UTF-8 check lets through but XML cannot
@@ -256,9 +263,8 @@ int32_t CEsdUpdate::ROZRegisterApplication(const char* appID, const unsigned cha
     // Rebuilding from this one entry loses the other registrations, but they re-register on
     // their next request, whereas a store that stays broken would refuse every host for good.
     if (!store->Delete()) return kROZResultRegistryUnusable;
-    result = store->InsertOrUpdateRegisteredApp(app);
-    return (result == VantuUpdaterRegistrationManager::kInserted || result == VantuUpdaterRegistrationManager::kReplaced) ? kROZResultOK
-                                                                       : kROZResultRegistryUnusable;
+    return stored(store->InsertOrUpdateRegisteredApp(app)) ? kROZResultOK
+                                                           : kROZResultRegistryUnusable;
   });
 }
 
@@ -297,7 +303,8 @@ int32_t CEsdUpdate::ROZUnRegisterApplication(const char* appID) {
     if (!VantuUpdaterUtils::CanChangeAllUserData()) return kROZResultRegistryUnusable;
     const unsigned removed = store->UnregisterApp(std::string(appID));
     if (removed == VantuUpdaterRegistrationManager::kNotFound) return kROZResultNotRegistered;
-    return removed == VantuUpdaterRegistrationManager::kRemoved ? kROZResultOK : kROZResultRegistryUnusable;
+    return removed == VantuUpdaterRegistrationManager::kRemoved ? kROZResultOK
+                                                                : kROZResultRegistryUnusable;
   });
   if (removal != kROZResultOK) return removal;
 
@@ -514,16 +521,17 @@ int32_t CEsdUpdate::ROZDownloadMissingComponents(
 
   // The store is held until the request is recorded and the updater signalled or started.
   return Contained(kROZResultMissingCompsStoreFailed, [&]() -> int32_t {
-    std::optional<VantuUpdaterMissingCompsManager> store;
+    using Manager = VantuUpdaterMissingCompsManager;
+    std::optional<Manager> store;
     if (!OpenStore(store)) return kROZResultMissingCompsStoreFailed;
 
     // The first failing entry ends the request; entries before it stay recorded, so the host may
     // simply ask again with the whole list.
     bool allAlreadyKnown = true;
-    unsigned last = VantuUpdaterMissingCompsManager::kAdded;
+    unsigned last = Manager::kAdded;
     const uint32_t count = list != nullptr ? list->count : 0;
     for (uint32_t i = 0; i < count; ++i) {
-      if (last == VantuUpdaterMissingCompsManager::kUpdateFailed) return kROZResultMissingCompsStoreFailed;
+      if (last == Manager::kUpdateFailed) return kROZResultMissingCompsStoreFailed;
       const ROZMissingComponent* entry =
           list->components != nullptr ? list->components[i] : nullptr;
       // A missing entry is recorded as nothing at all, which the store reports as a failure.
@@ -531,11 +539,11 @@ int32_t CEsdUpdate::ROZDownloadMissingComponents(
           appID, displayName, installPath, static_cast<int>(type),
           entry != nullptr ? entry->name : nullptr, entry != nullptr ? entry->category : nullptr,
           entry != nullptr ? entry->version : nullptr);
-      if (last == VantuUpdaterMissingCompsManager::kAdded) allAlreadyKnown = false;
+      if (last == Manager::kAdded) allAlreadyKnown = false;
     }
-    if (last == VantuUpdaterMissingCompsManager::kUpdateFailed) return kROZResultMissingCompsStoreFailed;
+    if (last == Manager::kUpdateFailed) return kROZResultMissingCompsStoreFailed;
     int32_t recorded = result;
-    if (last == VantuUpdaterMissingCompsManager::kAlreadyListed && allAlreadyKnown) recorded = kROZResultAlreadyRequested;
+    if (last == Manager::kAlreadyListed && allAlreadyKnown) recorded = kROZResultAlreadyRequested;
 
     // The request stays recorded either way; without an updater nobody will act on it yet.
     std::string updater;
