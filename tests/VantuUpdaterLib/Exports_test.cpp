@@ -1,20 +1,65 @@
-// The exported functions' own rules: who may check for updates, and the argument checks that
-// every export makes before it touches a file.
+// The exports end to end, called as a host calls them in a sandboxed machine: the shared
+// library's symbol table, who may check for updates, the argument checks every export makes
+// before it touches a file, registering and unregistering, and the requests that drive the
+// updater (the availability exchange itself is the reference updater's end-to-end test). The C
+// host is built and run against the installed copy by InstallCheck.sh.
 
 #include <sys/stat.h>
 
+#include <boost/date_time/gregorian/gregorian.hpp>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <optional>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "CEsdUpdate.h"
 #include "VantuUpdaterLib/LibraryTestFixture.h"
+#include "support/FileStamp.h"
+#include "xplat/VantuUpdaterPrefs.h"
 
 namespace vantu_test {
 namespace {
 
+using testing_support::WriteFile;
+
 using ExportsTest = LibraryTest;
+
+// The standard output of a shell command; `status` gets its exit status.
+std::string RunCommand(const std::string& command, int& status) {
+  std::string output;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  for (int c; pipe != nullptr && (c = std::fgetc(pipe)) != EOF;) output += static_cast<char>(c);
+  status = pipe != nullptr ? ::pclose(pipe) : -1;
+  return output;
+}
+
+// Nothing but the eight functions may be visible to hosts: any other symbol would become part
+// of the interface (and could clash with a host's own).
+TEST(SharedLibrary, ExportsExactlyTheEightFunctionsUnderAVersionedSoname) {
+  int status = -1;
+  const std::string library = std::string("'") + VANTU_SHARED_LIBRARY + "'";
+  const std::string table = RunCommand("nm -D --defined-only -P " + library + " 2>&1", status);
+  ASSERT_EQ(0, status) << table;
+  std::set<std::string> names;
+  std::istringstream lines(table);
+  for (std::string name, type, rest; lines >> name >> type && std::getline(lines, rest);) {
+    names.insert(name);
+    EXPECT_EQ("T", type) << name;
+  }
+  EXPECT_EQ(std::set<std::string>({"ROZGetVersion", "ROZIsUpdateCheckEnabled",
+                                   "ROZRegisterApplication", "ROZUnRegisterApplication",
+                                   "ROZIsUpdateAvailable", "ROZTriggerUpdateCheck",
+                                   "ROZDoPluginAction", "ROZDownloadMissingComponents"}),
+            names)
+      << table;
+  const std::string dynamic = RunCommand("readelf -d " + library, status);
+  ASSERT_EQ(0, status);
+  EXPECT_NE(std::string::npos, dynamic.find("Library soname: [libVantuUpdater.so.5]")) << dynamic;
+}
 
 // Without a policy only members of an administrator group, compared by exact name, may check.
 // The policy, read afresh each time, can only switch checks off.
@@ -41,9 +86,8 @@ TEST_F(ExportsTest, ChecksAreForAdministratorsUnlessThePolicySwitchesThemOff) {
     sandbox.env().SetGroups(c.groups);
     std::remove(sandbox.PolicyFile().c_str());
     if (c.disable != nullptr)
-      testing_support::WriteFile(sandbox.PolicyFile(),
-                                 "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>"
-                                 "Disable.Update</key>" + std::string(c.disable) + "</dict></plist>");
+      WriteFile(sandbox.PolicyFile(),
+                std::string("<plist><dict><key>Disable.Update</key>") + c.disable + "</dict></plist>");
     EXPECT_EQ(c.enabled, ROZIsUpdateCheckEnabled())
         << ::testing::PrintToString(c.groups) << (c.disable ? c.disable : "");
   }
@@ -122,6 +166,329 @@ TEST_F(ExportsTest, EachExportChecksItsArguments) {
       EXPECT_EQ(before, sandbox.Snapshot()) << "left something on disk";
     }
   }
+}
+
+
+class HostRequestsTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    BecomeAdministrator();
+    sandbox.InstallUpdater();
+    sandbox.env().SetToday(boost::gregorian::date(2026, 3, 10));
+  }
+
+  std::string RequestFolder() const { return sandbox.CacheDataDir() + "/UpdateAvailable/" + appID; }
+
+  int32_t AskAvailable(unsigned long request, bool& available) {
+    return ROZIsUpdateAvailable(appID.c_str(), U(displayName), U(installPath), request, &available,
+                                false);
+  }
+
+  int32_t Trigger(ROZTriggerType type, const char* language = "en_US") {
+    return ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), language, type,
+                                 false);
+  }
+
+  int32_t Download(const Components& request, const char* language = "fr_FR") {
+    return ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), language,
+                                        &request.list, static_cast<ROZDownloadMissingCompType>(2),
+                                        false);
+  }
+
+  static VantuUpdaterPrefs* Prefs() { return VantuUpdaterPrefs::GetVantuUpdaterPrefs(); }
+
+  static std::string Launch() {
+    std::string launch;
+    Prefs()->Launch.Get(launch);
+    return launch;
+  }
+
+  static bool Flag(esd::BasicPref<bool>& preference) {
+    bool flag = false;
+    EXPECT_TRUE(preference.Get(flag));
+    return flag;
+  }
+};
+
+// A result file that says nothing usable is consumed as "no update". An active workflow answers
+// "pending" and starts nothing; without an installed updater the marker is taken back, so the
+// next request may try again.
+TEST_F(HostRequestsTest, AvailabilityOddCases) {
+  bool available = true;
+  for (const char* content :
+       {"<UpdateInfo><Result>1</Result>", "<UpdateInfo><Result>yes</Result></UpdateInfo>",
+        "<UpdateInfo><Result>1</Result><Result>1</Result></UpdateInfo>", "<Other/>", ""}) {
+    std::filesystem::create_directories(RequestFolder());
+    WriteFile(RequestFolder() + "/7.xml", content);
+    EXPECT_EQ(kROZResultOK, AskAvailable(7, available)) << content;
+    EXPECT_FALSE(available) << content;
+    EXPECT_FALSE(Exists(RequestFolder())) << content;
+  }
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+
+  std::filesystem::create_directories(sandbox.runtimeDir() + "/Updater5/locked");
+  WriteFile(sandbox.MarkerFile(appID), "lock");
+  EXPECT_EQ(kROZResultAnswerPending, AskAvailable(1, available));
+  EXPECT_FALSE(Exists(RequestFolder()));
+  std::filesystem::remove(sandbox.MarkerFile(appID));
+  sandbox.RemoveUpdater();
+  EXPECT_EQ(kROZResultUpdaterUnavailable, AskAvailable(1, available));
+  EXPECT_FALSE(Exists(sandbox.MarkerFile(appID)));
+  EXPECT_EQ(0u, LaunchesAfterAWhile(0));
+}
+
+// A manual check always starts the updater, automatic checks off or not, and marks the launch as
+// the user's; with registerFirst it registers the application. Without an application the
+// updater checks everything: nothing is registered even when asked to, and the launch counts as
+// the user's whatever its type.
+TEST_F(HostRequestsTest, ManualAndGeneralChecksAlwaysStartTheUpdater) {
+  ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerManual, "EN-us"));
+  EXPECT_EQ("0", Launched(1, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ(appID, Launched(1, "RZ_LAUNCH_APPID"));
+  EXPECT_EQ("en-US", Launched(1, "RZ_DISPLAY_LANG"));
+  EXPECT_EQ("Manual", Launch());
+  ASSERT_TRUE(Prefs()->Launch.Set(std::string()));
+  EXPECT_EQ(kROZResultOK, ROZTriggerUpdateCheck(nullptr, U(displayName), U(installPath), nullptr,
+                                                kROZTriggerScheduled, true));
+  EXPECT_EQ("1", Launched(2, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ("<unset>", Launched(2, "RZ_LAUNCH_APPID"));
+  EXPECT_EQ("Manual", Launch());
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+  EXPECT_EQ(kROZResultOK, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath),
+                                                nullptr, kROZTriggerManual, true));
+  EXPECT_TRUE(Has(FileText(sandbox.RegistryFile()), appID));
+  sandbox.RemoveUpdater();
+  EXPECT_EQ(kROZResultUpdaterUnavailable,
+            ROZTriggerUpdateCheck(nullptr, U(displayName), U(installPath), nullptr,
+                                  kROZTriggerManual, false));
+}
+
+// A scheduled check starts nothing (and still succeeds) when automatic checks are off or the
+// last check is recent. On the first run it is shown to the user; afterwards it runs in the
+// background, in the tray only for the default check type. A manual launch still pending is
+// never turned into a scheduled one.
+TEST_F(HostRequestsTest, ScheduledTriggerHonoursTheUsersSettings) {
+  ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
+  ASSERT_TRUE(Prefs()->AutoCheck.Set(true));
+  ASSERT_TRUE(Prefs()->AutoCheckFreq.Set(1));
+  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-04")));  // six days ago
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
+  EXPECT_EQ(0u, LaunchesAfterAWhile(0));
+  EXPECT_EQ("", Launch());
+
+  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-03")));  // a week ago
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled, "de"));
+  EXPECT_EQ("1", Launched(1, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ("<unset>", Launched(1, "RZ_DISPLAY_LANG"));
+  EXPECT_EQ("Scheduled", Launch());
+  EXPECT_FALSE(Flag(Prefs()->InBackground));
+
+  ASSERT_TRUE(Prefs()->IsFirstRun.Set(false));
+  ASSERT_TRUE(Prefs()->Launch.Set(std::string("Manual")));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
+  EXPECT_TRUE(Flag(Prefs()->InBackground));
+  EXPECT_TRUE(Flag(Prefs()->InTrayIcon));
+  EXPECT_EQ("Manual", Launch());
+  ASSERT_TRUE(Prefs()->AutoCheckType.Set(2));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
+  EXPECT_FALSE(Flag(Prefs()->InTrayIcon));
+  EXPECT_EQ(3u, sandbox.WaitForLaunches(3).size());
+}
+
+// The action runs only when a check is due, and a running updater refuses it before the
+// identifier is even looked at. (That it runs for a registered application is the reference
+// updater's end-to-end test.)
+TEST_F(HostRequestsTest, PluginActionWaitsForItsPeriodAndAnIdleUpdater) {
+  ASSERT_EQ(kROZResultOK, Register(appID));
+  ASSERT_TRUE(Prefs()->AutoCheckFreq.Set(1));
+  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-09")));
+  EXPECT_EQ(kROZResultOK, ROZDoPluginAction(appID.c_str()));
+  EXPECT_EQ(0u, LaunchesAfterAWhile(0));
+
+  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-02-01")));
+  ASSERT_TRUE(sandbox.StartRunningUpdater());
+  const size_t started = sandbox.Launches().size();
+  EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(appID.c_str()));
+  EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(""));
+  EXPECT_EQ(started, LaunchesAfterAWhile(started)) << "a second updater";
+}
+
+// A missing-components request is recorded (what the store then holds is the torture harness's
+// to check) and starts the updater in download mode with the host's language; an empty list
+// records nothing but still wakes it. The first failing entry ends a request: entries before it
+// stay recorded, those after it are not, and nothing starts. Without an installed updater the
+// request is still recorded. (A running updater is signalled instead: the reference updater's
+// end-to-end test sees that.)
+TEST_F(HostRequestsTest, MissingComponentRequests) {
+  EXPECT_EQ(kROZResultOK, Download({{"fonts", "Serif", "1.0"}, {"fonts", "Mono", "2.1"}}, "fr_fr"));
+  const std::string store = FileText(sandbox.MissingCompsFile());
+  EXPECT_EQ("3", Launched(1, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ("fr_FR", Launched(1, "RZ_DISPLAY_LANG"));
+
+  // Each request below must find the updater gone, or it would signal instead of starting it.
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
+  EXPECT_EQ(kROZResultOK, Download({}, "en"));
+  EXPECT_EQ(store, FileText(sandbox.MissingCompsFile()));
+  EXPECT_EQ("<unset>", Launched(2, "RZ_DISPLAY_LANG")) << "a short code is no language";
+
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
+  EXPECT_EQ(kROZResultMissingCompsStoreFailed,
+            Download({{"fonts", "Sans", "1.0"}, {nullptr, "Bold", "1.0"}, {"fonts", "Thin", "1"}}));
+  ROZMissingComponent* holes[] = {nullptr};
+  const ROZMissingComptList withHole = {1, holes};
+  EXPECT_EQ(kROZResultMissingCompsStoreFailed,
+            ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), nullptr,
+                                         &withHole, kROZDownloadMissingCompTypeDefault, false));
+  for (const auto& [name, recorded] : {std::pair<std::string, bool>{"Sans", true}, {"Bold", false},
+                                       {"Thin", false}})
+    EXPECT_EQ(recorded, Has(FileText(sandbox.MissingCompsFile()), "name=\"" + name + "\""));
+  EXPECT_EQ(2u, LaunchesAfterAWhile(2));
+
+  sandbox.RemoveUpdater();
+  EXPECT_EQ(kROZResultUpdaterUnavailable, Download({{"fonts", "Thin", "1.0"}}));
+  EXPECT_TRUE(Has(FileText(sandbox.MissingCompsFile()), "name=\"Thin\""));
+}
+
+// The store's answers reach the host as result codes. An entry the store will not write (an
+// encoded surrogate passes the UTF-8 check, XML cannot carry it) fails alone: the other entries
+// stay.
+TEST_F(HostRequestsTest, StoreAnswersBecomeResultCodes) {
+  ASSERT_EQ(kROZResultOK, Register(appID));
+  ASSERT_EQ(kROZResultOK, ROZRegisterApplication(otherAppID.c_str(), U("Other"), U("/opt/O")));
+  const std::string text = FileText(sandbox.RegistryFile());
+  EXPECT_EQ(kROZResultRegistryNotUpdated, Register(appID));
+  EXPECT_EQ(kROZResultRegistryUnusable,
+            ROZRegisterApplication(appID.c_str(), U("Host \xED\xA0\x80"), U(installPath)));
+  EXPECT_EQ(text, FileText(sandbox.RegistryFile()));
+}
+
+// A store whose folder cannot be had (a machine folder the user may not create, no home) is an
+// ordinary failure for a host: a result code, never an exception unwinding into C code.
+TEST_F(HostRequestsTest, StoreWithoutItsFolderIsAFailureNotAnException) {
+  WriteFile(sandbox.root() + "/var", "a file where the machine folders should be");
+  EXPECT_EQ(kROZResultRegistryUnusable, Register(appID));
+  EXPECT_EQ(kROZResultRegistryUnusable, ROZUnRegisterApplication(appID.c_str()));
+  EXPECT_EQ(kROZResultNotRegistered,
+            CEsdUpdate().AddOrUpdateRegistration(appID.c_str(), U(displayName), U(installPath)));
+  sandbox.env().SetHome("");
+  ROZMissingComptList empty = {0, nullptr};
+  EXPECT_EQ(kROZResultMissingCompsStoreFailed,
+            ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), nullptr,
+                                         &empty, kROZDownloadMissingCompTypeDefault, false));
+}
+
+// Unregistering removes the entry and its cached result; an unknown application changes nothing.
+// The last application to leave starts the updater in clean-up mode, unless it already runs.
+TEST_F(HostRequestsTest, UnregisteringAndTheLastApplicationLeaving) {
+  ASSERT_EQ(kROZResultOK, Register(appID));
+  ASSERT_EQ(kROZResultOK, Register(otherAppID));
+  const auto cached = [&](const std::string& id) {
+    return sandbox.CacheDataDir() + "/" + id + ".rzp.xml";
+  };
+  std::filesystem::create_directories(sandbox.CacheDataDir());
+  for (const std::string& id : {appID, otherAppID}) WriteFile(cached(id), "<UpdateInfo/>");
+
+  const auto before = sandbox.Snapshot();
+  EXPECT_EQ(kROZResultNotRegistered, ROZUnRegisterApplication("org.example.Unknown"));
+  EXPECT_EQ(before, sandbox.Snapshot());
+
+  EXPECT_EQ(kROZResultOK, ROZUnRegisterApplication(appID.c_str()));
+  EXPECT_FALSE(Has(FileText(sandbox.RegistryFile()), appID));
+  EXPECT_FALSE(Exists(cached(appID)));
+  EXPECT_TRUE(Exists(cached(otherAppID)));
+  EXPECT_EQ(kROZResultNotRegistered, ROZUnRegisterApplication(appID.c_str()));
+  EXPECT_EQ(0u, LaunchesAfterAWhile(0));
+
+  ASSERT_EQ(kROZResultOK, ROZUnRegisterApplication(otherAppID.c_str()));
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+  EXPECT_EQ("5", Launched(1, "RZ_LAUNCH_MODE"));
+  // With no store left at all, unregistering is a store failure.
+  EXPECT_EQ(kROZResultRegistryUnusable, ROZUnRegisterApplication(appID.c_str()));
+
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
+  ASSERT_TRUE(sandbox.StartRunningUpdater());
+  const size_t started = sandbox.Launches().size();
+  ASSERT_EQ(kROZResultOK, Register(appID));
+  ASSERT_EQ(kROZResultOK, ROZUnRegisterApplication(appID.c_str()));
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+  EXPECT_EQ(started, LaunchesAfterAWhile(started)) << "a second updater";
+}
+
+// The facade's registration step: without a display name the application is registered under
+// its identifier; an entry that is up to date, also when a carriage return reads back as a line
+// feed, is success without a write; its own checks are only for null; any failure is "not
+// registered".
+TEST_F(HostRequestsTest, AddOrUpdateRegistration) {
+  CEsdUpdate facade;
+  const std::string moved = "/opt/Line\rBreak";
+  const struct {
+    const char* id;
+    const char* name;
+    const char* path;
+    int32_t result;
+    std::string stored;  // a part of the store afterwards
+  } steps[] = {
+      {appID.c_str(), nullptr, "/opt/a", kROZResultOK, "<DisplayName>" + appID + "</DisplayName>"},
+      {appID.c_str(), "Example Host", "/opt/a", kROZResultOK, "<DisplayName>Example Host<"},
+      {appID.c_str(), "Example Host", moved.c_str(), kROZResultOK, "/opt/Line"},
+      {appID.c_str(), nullptr, moved.c_str(), kROZResultOK, "<DisplayName>Example Host<"},
+      {appID.c_str(), "Example Host", moved.c_str(), kROZResultOK, "/opt/Line"},
+      {nullptr, "Example Host", "/opt/a", kROZResultInvalidArgument, "/opt/Line"},
+      {appID.c_str(), "Example Host", nullptr, kROZResultInvalidArgument, "/opt/Line"},
+      {appID.c_str(), "Example Host", "", kROZResultNotRegistered, "/opt/Line"},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(std::string(step.name ? step.name : "null") + ", " + (step.path ? step.path : ""));
+    const testing_support::FileStamp stamp = testing_support::StampOf(sandbox.RegistryFile());
+    EXPECT_EQ(step.result, facade.AddOrUpdateRegistration(
+                               step.id, step.name ? U(step.name) : nullptr,
+                               step.path ? U(step.path) : nullptr));
+    EXPECT_TRUE(Has(FileText(sandbox.RegistryFile()), step.stored));
+    EXPECT_TRUE(&step < &steps[3] || stamp == testing_support::StampOf(sandbox.RegistryFile()))
+        << "an up-to-date entry was written";
+  }
+}
+
+// The workflows reach one another through the object, so a facade that answers differently
+// changes them all.
+class RecordingFacade : public CEsdUpdate {
+ public:
+  int32_t ROZRegisterApplication(const char* appID, const unsigned char* displayName,
+                                 const unsigned char* installPath) override {
+    registered.push_back(std::string(appID) + "|" + reinterpret_cast<const char*>(displayName) +
+                         "|" + reinterpret_cast<const char*>(installPath));
+    return kROZResultRegistryNotUpdated;
+  }
+  bool ROZIsUpdateCheckEnabled() override { return enabled; }
+
+  std::vector<std::string> registered;
+  bool enabled = true;
+};
+
+TEST_F(HostRequestsTest, WorkflowsCallOneAnotherThroughTheObject) {
+  sandbox.env().SetGroups({"users"});  // the real answer would be "disabled"
+  RecordingFacade facade;
+  EXPECT_EQ(kROZResultNotRegistered,
+            facade.AddOrUpdateRegistration(appID.c_str(), nullptr, U(installPath)));
+  EXPECT_EQ(std::vector<std::string>{appID + "|" + appID + "|" + installPath}, facade.registered);
+
+  // The download asks the overridden question and registers through the override, whose
+  // failure it reports before recording anything.
+  ROZMissingComptList empty = {0, nullptr};
+  EXPECT_EQ(kROZResultNotRegistered, facade.ROZDownloadMissingComponents(
+                                         appID.c_str(), U(displayName), U(installPath), nullptr,
+                                         &empty, kROZDownloadMissingCompTypeDefault, true));
+  EXPECT_EQ(2u, facade.registered.size());
+  EXPECT_FALSE(Exists(sandbox.MissingCompsFile()));
+
+  facade.enabled = false;
+  EXPECT_EQ(kROZResultUpdateCheckDisabled, facade.ROZDoPluginAction(appID.c_str()));
+  EXPECT_EQ(kROZResultUpdateCheckDisabled,
+            facade.ROZTriggerUpdateCheck(nullptr, U(displayName), U(installPath), nullptr,
+                                         kROZTriggerManual, false));
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
 }
 
 }  // namespace

@@ -65,12 +65,6 @@ class LibraryTest : public ::testing::Test {
     return ROZRegisterApplication(id.c_str(), U(displayName), U(installPath));
   }
 
-  // Starts an updater that keeps running; the number of launches so far.
-  size_t StartRunningUpdater() {
-    EXPECT_TRUE(sandbox.StartRunningUpdater());
-    return sandbox.Launches().size();
-  }
-
   // The environment entry `name` of the updater's launch number `count` (waited for), or
   // "<unset>".
   std::string Launched(size_t count, const std::string& name) {
