@@ -392,6 +392,7 @@ TEST_F(HostRequestsTest, UnregisteringAndTheLastApplicationLeaving) {
 
   const auto before = sandbox.Snapshot();
   EXPECT_EQ(kROZResultNotRegistered, ROZUnRegisterApplication("org.example.Unknown"));
+  EXPECT_EQ(kROZResultNotRegistered, ROZUnRegisterApplication(appID.substr(1).c_str()));
   EXPECT_EQ(before, sandbox.Snapshot());
 
   EXPECT_EQ(kROZResultOK, ROZUnRegisterApplication(appID.c_str()));
