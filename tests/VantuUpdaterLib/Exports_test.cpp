@@ -86,8 +86,8 @@ TEST_F(ExportsTest, ChecksAreForAdministratorsUnlessThePolicySwitchesThemOff) {
     sandbox.env().SetGroups(c.groups);
     std::remove(sandbox.PolicyFile().c_str());
     if (c.disable != nullptr)
-      WriteFile(sandbox.PolicyFile(),
-                std::string("<plist><dict><key>Disable.Update</key>") + c.disable + "</dict></plist>");
+      WriteFile(sandbox.PolicyFile(), std::string("<plist><dict><key>Disable.Update</key>") +
+                                          c.disable + "</dict></plist>");
     EXPECT_EQ(c.enabled, ROZIsUpdateCheckEnabled())
         << ::testing::PrintToString(c.groups) << (c.disable ? c.disable : "");
   }
@@ -149,7 +149,9 @@ TEST_F(ExportsTest, EachExportChecksItsArguments) {
         {'r', [&] { return ROZRegisterApplication(a, n, p); }},
         {'u', [&] { return ROZUnRegisterApplication(a); }},
         {'a', [&] { return ROZIsUpdateAvailable(a, n, p, 7, &available, true); }},
-        {'t', [&] { return ROZTriggerUpdateCheck(a, n, p, row.language, kROZTriggerManual, true); }},
+        {'t', [&] {
+           return ROZTriggerUpdateCheck(a, n, p, row.language, kROZTriggerManual, true);
+         }},
         {'p', [&] { return ROZDoPluginAction(a); }},
         {'d', [&] {
            return ROZDownloadMissingComponents(a, n, p, row.language, &components.list,

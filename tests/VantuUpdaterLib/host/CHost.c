@@ -47,7 +47,8 @@ int main(void) {
          gated);
   /* The plug-in action asks whether the updater runs before it checks its argument. */
   action = ROZDoPluginAction("");
-  Expect("ROZDoPluginAction", enabled && action == kROZResultUpdaterRunning ? gated : action, gated);
+  Expect("ROZDoPluginAction", enabled && action == kROZResultUpdaterRunning ? gated : action,
+         gated);
 
   if (failures == 0) printf("C host: every export answered as documented\n");
   return failures == 0 ? 0 : 1;
