@@ -1,218 +1,494 @@
-// The exported functions' own rules: the version, who may check for updates, and the argument
-// checks that every export makes before it touches a file.
+// The exports end to end, called as a host calls them in a sandboxed machine: the shared
+// library's symbol table, who may check for updates, the argument checks every export makes
+// before it touches a file, registering and unregistering, and the requests that drive the
+// updater (the availability exchange itself is the reference updater's end-to-end test). The C
+// host is built and run against the installed copy by InstallCheck.sh.
 
 #include <sys/stat.h>
 
+#include <boost/date_time/gregorian/gregorian.hpp>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <optional>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "CEsdUpdate.h"
 #include "VantuUpdaterLib/LibraryTestFixture.h"
+#include "support/FileStamp.h"
+#include "xplat/VantuUpdaterPrefs.h"
 
 namespace vantu_test {
 namespace {
 
 using testing_support::WriteFile;
 
-const std::string kPolicyHead =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-    "<key>Disable.Update</key>";
-const std::string kPolicyTail = "\n</dict>\n</plist>\n";
+using ExportsTest = LibraryTest;
 
-class ExportsTest : public LibraryTest {
+// The standard output of a shell command; `status` gets its exit status.
+std::string RunCommand(const std::string& command, int& status) {
+  std::string output;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  for (int c; pipe != nullptr && (c = std::fgetc(pipe)) != EOF;) output += static_cast<char>(c);
+  status = pipe != nullptr ? ::pclose(pipe) : -1;
+  return output;
+}
+
+// Nothing but the eight functions may be visible to hosts: any other symbol would become part
+// of the interface (and could clash with a host's own).
+TEST(SharedLibrary, ExportsExactlyTheEightFunctionsUnderAVersionedSoname) {
+  int status = -1;
+  const std::string library = std::string("'") + VANTU_SHARED_LIBRARY + "'";
+  const std::string table = RunCommand("nm -D --defined-only -P " + library + " 2>&1", status);
+  ASSERT_EQ(0, status) << table;
+  std::set<std::string> names;
+  std::istringstream lines(table);
+  for (std::string name, type, rest; lines >> name >> type && std::getline(lines, rest);) {
+    names.insert(name);
+    EXPECT_EQ("T", type) << name;
+  }
+  EXPECT_EQ(std::set<std::string>({"ROZGetVersion", "ROZIsUpdateCheckEnabled",
+                                   "ROZRegisterApplication", "ROZUnRegisterApplication",
+                                   "ROZIsUpdateAvailable", "ROZTriggerUpdateCheck",
+                                   "ROZDoPluginAction", "ROZDownloadMissingComponents"}),
+            names)
+      << table;
+  const std::string dynamic = RunCommand("readelf -d " + library, status);
+  ASSERT_EQ(0, status);
+  EXPECT_NE(std::string::npos, dynamic.find("Library soname: [libVantuUpdater.so.5]")) << dynamic;
+}
+
+// Without a policy only members of an administrator group, compared by exact name, may check.
+// The policy, read afresh each time, can only switch checks off.
+TEST_F(ExportsTest, ChecksAreForAdministratorsUnlessThePolicySwitchesThemOff) {
+  const struct {
+    std::vector<std::string> groups;
+    const char* disable;  // the policy's "Disable.Update"; null: no policy
+    int32_t enabled;
+  } cases[] = {
+      {{"admin"}, nullptr, 1},
+      {{"sudo"}, nullptr, 1},
+      {{"wheel"}, nullptr, 1},
+      {{"users", "root"}, nullptr, 1},
+      {{"x", "admin2", "sudo"}, nullptr, 1},
+      {{}, nullptr, 0},
+      {{"users"}, nullptr, 0},
+      {{"admin2", "sudoers", "Admin", "wheel ", "adm"}, nullptr, 0},
+      {{"admin"}, "<true/>", 0},
+      {{"admin"}, "<false/>", 1},
+      {{"users"}, "<false/>", 0},
+  };
+  ::mkdir((sandbox.root() + "/etc").c_str(), 0755);
+  for (const auto& c : cases) {
+    sandbox.env().SetGroups(c.groups);
+    std::remove(sandbox.PolicyFile().c_str());
+    if (c.disable != nullptr)
+      WriteFile(sandbox.PolicyFile(), std::string("<plist><dict><key>Disable.Update</key>") +
+                                          c.disable + "</dict></plist>");
+    EXPECT_EQ(c.enabled, ROZIsUpdateCheckEnabled())
+        << ::testing::PrintToString(c.groups) << (c.disable ? c.disable : "");
+  }
+}
+
+// Arguments one byte over their limit, identifiers that are not one plain 7-bit file-name
+// component (they name folders, files and locks) and text that is not UTF-8 give 3 and leave the
+// machine as it was. The limits are inclusive, an encoded surrogate passes, the download has no
+// path limit and the language is never a reason to refuse; without an application the trigger
+// checks only the name and that there is a path.
+TEST_F(ExportsTest, EachExportChecksItsArguments) {
+  BecomeAdministrator();
+  using Text = std::optional<std::string>;
+  const Text id = appID, name = displayName, path = installPath, null;
+  const std::string all = "ruatpd";  // register, unregister, available, trigger, plug-in, download
+  const struct {
+    const char* what;
+    Text id, name, path;
+    std::string refusedBy;
+    const char* language = "en_US";
+  } rows[] = {
+      {"empty identifier", "", name, path, all},
+      {"identifier of 257 bytes", std::string(257, 'a'), name, path, all},
+      {"identifier of 256 bytes", std::string(256, 'a'), name, path, ""},
+      {"identifier not 7-bit", "org.example.caf\xC3\xA9", name, path, all},
+      {"identifier .", ".", name, path, all},
+      {"identifier ..", "..", name, path, all},
+      {"identifier with /", "org/example", name, path, all},
+      {"identifier climbing out", "../../../../esc", name, path, all},
+      {"identifier with a tab", "org.example\tA", name, path, all},
+      {"identifier with DEL", "org.example\x7F", name, path, all},
+      {"null identifier", null, name, path, "ruapd"},
+      {"null name", id, null, path, "ratd"},
+      {"empty name", id, "", path, "ratd"},
+      {"name of 513 bytes", id, std::string(513, 'n'), path, "ratd"},
+      {"name of 512 bytes", id, std::string(512, 'n'), path, ""},
+      {"overlong name", id, "Host \xC0\x80", path, "ratd"},
+      {"encoded surrogate in the name", id, "Host \xED\xA0\x80", path, ""},
+      {"null path", id, name, null, "ratd"},
+      {"empty path", id, name, "", "ratd"},
+      {"truncated path", id, name, "/opt/\xE2\x82", "ratd"},
+      {"path of 255 bytes", id, name, "/" + std::string(254, 'p'), ""},
+      {"path of 256 bytes", id, name, "/" + std::string(255, 'p'), "rat"},
+      {"no language code", id, name, path, "", "\xFF"},
+      {"no application, null name", null, null, path, all},
+      {"no application, empty name", null, "", path, all},
+      {"no application, name of 513 bytes", null, std::string(513, 'n'), path, all},
+      {"no application, null path", null, name, null, all},
+      {"no application, empty path", null, name, "", all},
+      {"no application, overlong path", null, name, "/opt/\xC0\x80", "ruapd"},
+  };
+  const Components components = {{"fonts", "Serif", "1.0.0.0"}};
+  for (const auto& row : rows) {
+    const char* a = row.id ? row.id->c_str() : nullptr;
+    const unsigned char* n = row.name ? U(*row.name) : nullptr;
+    const unsigned char* p = row.path ? U(*row.path) : nullptr;
+    bool available = false;
+    const std::pair<char, std::function<int32_t()>> exports[] = {
+        {'r', [&] { return ROZRegisterApplication(a, n, p); }},
+        {'u', [&] { return ROZUnRegisterApplication(a); }},
+        {'a', [&] { return ROZIsUpdateAvailable(a, n, p, 7, &available, true); }},
+        {'t', [&] {
+           return ROZTriggerUpdateCheck(a, n, p, row.language, kROZTriggerManual, true);
+         }},
+        {'p', [&] { return ROZDoPluginAction(a); }},
+        {'d', [&] {
+           return ROZDownloadMissingComponents(a, n, p, row.language, &components.list,
+                                               kROZDownloadMissingCompTypeDefault, true);
+         }}};
+    for (const auto& [letter, call] : exports) {
+      SCOPED_TRACE(std::string(1, letter) + ": " + row.what);
+      const auto before = sandbox.Snapshot();
+      if (row.refusedBy.find(letter) == std::string::npos) {
+        EXPECT_NE(kROZResultInvalidArgument, call());
+        continue;
+      }
+      EXPECT_EQ(kROZResultInvalidArgument, call());
+      EXPECT_EQ(before, sandbox.Snapshot()) << "left something on disk";
+    }
+  }
+}
+
+
+class HostRequestsTest : public LibraryTest {
  protected:
-  void WritePolicy(const std::string& value) {
-    ::mkdir((sandbox.root() + "/etc").c_str(), 0755);
-    WriteFile(sandbox.PolicyFile(), kPolicyHead + value + kPolicyTail);
+  void SetUp() override {
+    BecomeAdministrator();
+    sandbox.InstallUpdater();
+    sandbox.env().SetToday(boost::gregorian::date(2026, 3, 10));
+  }
+
+  std::string RequestFolder() const { return sandbox.CacheDataDir() + "/UpdateAvailable/" + appID; }
+
+  int32_t AskAvailable(unsigned long request, bool& available) {
+    return ROZIsUpdateAvailable(appID.c_str(), U(displayName), U(installPath), request, &available,
+                                false);
+  }
+
+  int32_t Trigger(ROZTriggerType type, const char* language = "en_US") {
+    return ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), language, type,
+                                 false);
+  }
+
+  int32_t Download(const Components& request, const char* language = "fr_FR") {
+    return ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), language,
+                                        &request.list, static_cast<ROZDownloadMissingCompType>(2),
+                                        false);
+  }
+
+  static VantuUpdaterPrefs* Prefs() { return VantuUpdaterPrefs::GetVantuUpdaterPrefs(); }
+
+  static std::string Launch() {
+    std::string launch;
+    Prefs()->Launch.Get(launch);
+    return launch;
+  }
+
+  static bool Flag(esd::BasicPref<bool>& preference) {
+    bool flag = false;
+    EXPECT_TRUE(preference.Get(flag));
+    return flag;
   }
 };
 
-// Without a policy only administrators may check: members of an administrator group, compared
-// by exact name.
-TEST_F(ExportsTest, EnabledOnlyForAdministratorGroups) {
-  struct Case {
-    std::vector<std::string> groups;
-    int32_t enabled;
-  };
-  const std::vector<Case> cases = {{{"admin"}, 1},
-                                   {{"sudo"}, 1},
-                                   {{"wheel"}, 1},
-                                   {{"users", "root"}, 1},
-                                   {{"x", "admin2", "sudo"}, 1},
-                                   {{}, 0},
-                                   {{"users"}, 0},
-                                   {{"admin2", "sudoers", "Admin", "wheel ", "adm"}, 0}};
-  for (const Case& c : cases) {
-    sandbox.env().SetGroups(c.groups);
-    EXPECT_EQ(c.enabled, ROZIsUpdateCheckEnabled()) << ::testing::PrintToString(c.groups);
-  }
-}
-
-// The policy can only switch checks off; an answer of the wrong type is no answer.
-TEST_F(ExportsTest, PolicyDisablesEvenForAdministratorsAndIsReadAfresh) {
-  BecomeAdministrator();
-  WritePolicy("<true/>");
-  EXPECT_EQ(0, ROZIsUpdateCheckEnabled());
-  WritePolicy("<false/>");
-  EXPECT_EQ(1, ROZIsUpdateCheckEnabled());
-  WritePolicy("<string>true</string>");
-  EXPECT_EQ(1, ROZIsUpdateCheckEnabled());
-
-  BecomeOrdinaryUser();
-  WritePolicy("<false/>");
-  EXPECT_EQ(0, ROZIsUpdateCheckEnabled());
-}
-
-// Every request that needs checks enabled answers 7 first, even for arguments it would reject,
-// and leaves no trace.
-TEST_F(ExportsTest, DisabledRequestsAnswerSevenBeforeAnyCheck) {
-  BecomeAdministrator();
-  WritePolicy("<true/>");
-  InstallUpdater();
-  const auto before = sandbox.Snapshot();
+// A result file that says nothing usable is consumed as "no update". An active workflow answers
+// "pending" and starts nothing; without an installed updater the marker is taken back, so the
+// next request may try again.
+TEST_F(HostRequestsTest, AvailabilityOddCases) {
   bool available = true;
-  ROZMissingComptList empty = {0, nullptr};
+  for (const char* content :
+       {"<UpdateInfo><Result>1</Result>", "<UpdateInfo><Result>yes</Result></UpdateInfo>",
+        "<UpdateInfo><Result>1</Result><Result>1</Result></UpdateInfo>", "<Other/>", ""}) {
+    std::filesystem::create_directories(RequestFolder());
+    WriteFile(RequestFolder() + "/7.xml", content);
+    EXPECT_EQ(kROZResultOK, AskAvailable(7, available)) << content;
+    EXPECT_FALSE(available) << content;
+    EXPECT_FALSE(Exists(RequestFolder())) << content;
+  }
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
 
-  for (const int32_t result :
-       {ROZIsUpdateAvailable(nullptr, nullptr, nullptr, 1, &available, true),
-        ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath), "en_US",
-                              kROZTriggerManual, true),
-        ROZDoPluginAction(""),
-        ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), "en_US", &empty,
-                                     kROZDownloadMissingCompTypeDefault, true)})
-    EXPECT_EQ(kROZResultUpdateCheckDisabled, result);
-  EXPECT_TRUE(available);
-  EXPECT_EQ(before, sandbox.Snapshot());
-  EXPECT_TRUE(sandbox.Launches().empty());
+  std::filesystem::create_directories(sandbox.runtimeDir() + "/Updater5/locked");
+  WriteFile(sandbox.MarkerFile(appID), "lock");
+  EXPECT_EQ(kROZResultAnswerPending, AskAvailable(1, available));
+  EXPECT_FALSE(Exists(RequestFolder()));
+  std::filesystem::remove(sandbox.MarkerFile(appID));
+  sandbox.RemoveUpdater();
+  EXPECT_EQ(kROZResultUpdaterUnavailable, AskAvailable(1, available));
+  EXPECT_FALSE(Exists(sandbox.MarkerFile(appID)));
+  EXPECT_EQ(0u, LaunchesAfterAWhile(0));
 }
 
-// Each export's invalid arguments give 3 and create, change or start nothing: the limits one
-// byte over, identifiers that are not one plain 7-bit file-name component (they name folders,
-// files and locks), and the UTF-8 faults the check knows. Other applications' files, planted
-// where a bad identifier would lead, stay as they were.
-TEST_F(ExportsTest, InvalidArgumentsAreRejectedBeforeAnythingIsTouched) {
-  BecomeAdministrator();
-  InstallUpdater();
+// A manual check always starts the updater, automatic checks off or not (what it passes on is
+// the reference updater's end-to-end test); with registerFirst it registers the application.
+// Without an application the updater checks everything: nothing is registered even when asked
+// to, and the launch counts as the user's whatever its type.
+TEST_F(HostRequestsTest, ManualAndGeneralChecksAlwaysStartTheUpdater) {
+  ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerManual, "EN-us"));
+  EXPECT_EQ("en-US", Launched(1, "RZ_DISPLAY_LANG"));
+  ASSERT_TRUE(Prefs()->Launch.Set(std::string()));
+  EXPECT_EQ(kROZResultOK, ROZTriggerUpdateCheck(nullptr, U(displayName), U(installPath), nullptr,
+                                                kROZTriggerScheduled, true));
+  EXPECT_EQ("1", Launched(2, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ("<unset>", Launched(2, "RZ_LAUNCH_APPID"));
+  EXPECT_EQ("Manual", Launch());
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+  EXPECT_EQ(kROZResultOK, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(installPath),
+                                                nullptr, kROZTriggerManual, true));
+  EXPECT_TRUE(Has(FileText(sandbox.RegistryFile()), appID));
+  sandbox.RemoveUpdater();
+  EXPECT_EQ(kROZResultUpdaterUnavailable,
+            ROZTriggerUpdateCheck(nullptr, U(displayName), U(installPath), nullptr,
+                                  kROZTriggerManual, false));
+}
+
+// A scheduled check starts nothing (and still succeeds) when automatic checks are off or the
+// last check is recent. On the first run it is shown to the user; afterwards it runs in the
+// background, in the tray only for the default check type. A manual launch still pending is
+// never turned into a scheduled one.
+TEST_F(HostRequestsTest, ScheduledTriggerHonoursTheUsersSettings) {
+  ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
+  ASSERT_TRUE(Prefs()->AutoCheck.Set(true));
+  ASSERT_TRUE(Prefs()->AutoCheckFreq.Set(1));
+  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-04")));  // six days ago
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
+  EXPECT_EQ(0u, LaunchesAfterAWhile(0));
+  EXPECT_EQ("", Launch());
+
+  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-03")));  // a week ago
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled, "de"));
+  EXPECT_EQ("1", Launched(1, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ("<unset>", Launched(1, "RZ_DISPLAY_LANG"));
+  EXPECT_EQ("Scheduled", Launch());
+  EXPECT_FALSE(Flag(Prefs()->InBackground));
+
+  ASSERT_TRUE(Prefs()->IsFirstRun.Set(false));
+  ASSERT_TRUE(Prefs()->Launch.Set(std::string("Manual")));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
+  EXPECT_TRUE(Flag(Prefs()->InBackground));
+  EXPECT_TRUE(Flag(Prefs()->InTrayIcon));
+  EXPECT_EQ("Manual", Launch());
+  ASSERT_TRUE(Prefs()->AutoCheckType.Set(2));
+  EXPECT_EQ(kROZResultOK, Trigger(kROZTriggerScheduled));
+  EXPECT_FALSE(Flag(Prefs()->InTrayIcon));
+  EXPECT_EQ(3u, sandbox.WaitForLaunches(3).size());
+}
+
+// The action runs only when a check is due, and a running updater refuses it before the
+// identifier is even looked at. (That it runs for a registered application is the reference
+// updater's end-to-end test.)
+TEST_F(HostRequestsTest, PluginActionWaitsForItsPeriodAndAnIdleUpdater) {
+  ASSERT_EQ(kROZResultOK, Register(appID));
+  ASSERT_TRUE(Prefs()->AutoCheckFreq.Set(1));
+  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-09")));
+  EXPECT_EQ(kROZResultOK, ROZDoPluginAction(appID.c_str()));
+  EXPECT_EQ(0u, LaunchesAfterAWhile(0));
+
+  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-02-01")));
+  ASSERT_TRUE(sandbox.StartRunningUpdater());
+  const size_t started = sandbox.Launches().size();
+  EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(appID.c_str()));
+  EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(""));
+  EXPECT_EQ(started, LaunchesAfterAWhile(started)) << "a second updater";
+}
+
+// A missing-components request is recorded (what the store then holds is the torture harness's
+// to check) and starts the updater in download mode with the host's language; an empty list
+// records nothing but still wakes it. The first failing entry ends a request: entries before it
+// stay recorded, those after it are not, and nothing starts. Without an installed updater the
+// request is still recorded. (A running updater is signalled instead: the reference updater's
+// end-to-end test sees that.)
+TEST_F(HostRequestsTest, MissingComponentRequests) {
+  EXPECT_EQ(kROZResultOK, Download({{"fonts", "Serif", "1.0"}, {"fonts", "Mono", "2.1"}}, "fr_fr"));
+  const std::string store = FileText(sandbox.MissingCompsFile());
+  EXPECT_EQ("3", Launched(1, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ("fr_FR", Launched(1, "RZ_DISPLAY_LANG"));
+
+  // Each request below must find the updater gone, or it would signal instead of starting it.
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
+  EXPECT_EQ(kROZResultOK, Download({}, "en"));
+  EXPECT_EQ(store, FileText(sandbox.MissingCompsFile()));
+  EXPECT_EQ("<unset>", Launched(2, "RZ_DISPLAY_LANG")) << "a short code is no language";
+
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
+  EXPECT_EQ(kROZResultMissingCompsStoreFailed,
+            Download({{"fonts", "Sans", "1.0"}, {nullptr, "Bold", "1.0"}, {"fonts", "Thin", "1"}}));
+  ROZMissingComponent* holes[] = {nullptr};
+  const ROZMissingComptList withHole = {1, holes};
+  EXPECT_EQ(kROZResultMissingCompsStoreFailed,
+            ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), nullptr,
+                                         &withHole, kROZDownloadMissingCompTypeDefault, false));
+  for (const auto& [name, recorded] : {std::pair<std::string, bool>{"Sans", true}, {"Bold", false},
+                                       {"Thin", false}})
+    EXPECT_EQ(recorded, Has(FileText(sandbox.MissingCompsFile()), "name=\"" + name + "\""));
+  EXPECT_EQ(2u, LaunchesAfterAWhile(2));
+
+  sandbox.RemoveUpdater();
+  EXPECT_EQ(kROZResultUpdaterUnavailable, Download({{"fonts", "Thin", "1.0"}}));
+  EXPECT_TRUE(Has(FileText(sandbox.MissingCompsFile()), "name=\"Thin\""));
+}
+
+// The store's answers reach the host as result codes. An entry the store will not write (an
+// encoded surrogate passes the UTF-8 check, XML cannot carry it) fails alone: the other entries
+// stay.
+TEST_F(HostRequestsTest, StoreAnswersBecomeResultCodes) {
+  ASSERT_EQ(kROZResultOK, Register(appID));
+  ASSERT_EQ(kROZResultOK, ROZRegisterApplication(otherAppID.c_str(), U("Other"), U("/opt/O")));
+  const std::string text = FileText(sandbox.RegistryFile());
+  EXPECT_EQ(kROZResultRegistryNotUpdated, Register(appID));
+  EXPECT_EQ(kROZResultRegistryUnusable,
+            ROZRegisterApplication(appID.c_str(), U("Host \xED\xA0\x80"), U(installPath)));
+  EXPECT_EQ(text, FileText(sandbox.RegistryFile()));
+}
+
+// A store whose folder cannot be had (a machine folder the user may not create, no home) is an
+// ordinary failure for a host: a result code, never an exception unwinding into C code.
+TEST_F(HostRequestsTest, StoreWithoutItsFolderIsAFailureNotAnException) {
+  WriteFile(sandbox.root() + "/var", "a file where the machine folders should be");
+  EXPECT_EQ(kROZResultRegistryUnusable, Register(appID));
+  EXPECT_EQ(kROZResultRegistryUnusable, ROZUnRegisterApplication(appID.c_str()));
+  EXPECT_EQ(kROZResultNotRegistered,
+            CEsdUpdate().AddOrUpdateRegistration(appID.c_str(), U(displayName), U(installPath)));
+  sandbox.env().SetHome("");
+  ROZMissingComptList empty = {0, nullptr};
+  EXPECT_EQ(kROZResultMissingCompsStoreFailed,
+            ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), nullptr,
+                                         &empty, kROZDownloadMissingCompTypeDefault, false));
+}
+
+// Unregistering removes the entry and its cached result; an unknown application changes nothing.
+// The last application to leave starts the updater in clean-up mode, unless it already runs.
+TEST_F(HostRequestsTest, UnregisteringAndTheLastApplicationLeaving) {
+  ASSERT_EQ(kROZResultOK, Register(appID));
   ASSERT_EQ(kROZResultOK, Register(otherAppID));
-  const std::string data = sandbox.CacheDataDir();
-  for (const std::string& file :
-       {data + "/UpdateAvailable/" + otherAppID + "/1.xml", data + "/" + otherAppID + ".rzp.xml",
-        sandbox.home() + "/.local/esc.rzp.xml"}) {
-    std::filesystem::create_directories(std::filesystem::path(file).parent_path());
-    WriteFile(file, "<UpdateInfo><Result>1</Result></UpdateInfo>");
-  }
-
-  // The third is valid UTF-8 but not 7-bit.
-  const std::vector<std::string> badIDs = {"",
-                                           std::string(257, 'a'),
-                                           "org.example.caf\xC3\xA9",
-                                           ".",
-                                           "..",
-                                           "org/example",
-                                           "../../../../esc",
-                                           "org.example\tA",
-                                           "org.example\x7F"};
-  const std::string name = displayName, path = installPath, id = appID;
-  const std::string name513(513, 'n'), path256 = "/" + std::string(255, 'p'), none;
-  const std::vector<std::string> badTexts = {
-      "Host \xC0\x80" /* overlong */, "Host \xEF\xBF\xBE" /* U+FFFE */,
-      "Host \xEF\xB7\x90" /* U+FDD0 */, "Host \xE2\x82" /* truncated */, "\x80Host"};
-  bool available = false;
-  const Components components = {{"fonts", "Serif", "1.0.0.0"}};
-  using Export = std::function<int32_t(const char*, const unsigned char*, const unsigned char*)>;
-  const std::vector<std::pair<std::string, Export>> exports = {
-      {"register", ROZRegisterApplication},
-      {"available",
-       [&](auto a, auto n, auto p) { return ROZIsUpdateAvailable(a, n, p, 7, &available, true); }},
-      {"trigger",
-       [](auto a, auto n, auto p) {
-         return ROZTriggerUpdateCheck(a, n, p, "en_US", kROZTriggerManual, true);
-       }},
-      {"download", [&](auto a, auto n, auto p) {
-         return ROZDownloadMissingComponents(a, n, p, "en_US", &components.list,
-                                             kROZDownloadMissingCompTypeDefault, true);
-       }}};
-
-  // (label, identifier or null, name, path); the trigger alone accepts a null identifier, which
-  // then means "every application".
-  struct Row {
-    std::string label;
-    const char* id;
-    const unsigned char* name;
-    const unsigned char* path;
+  const auto cached = [&](const std::string& id) {
+    return sandbox.CacheDataDir() + "/" + id + ".rzp.xml";
   };
-  std::vector<Row> rows;
-  for (const std::string& badID : badIDs)
-    rows.push_back({"appID", badID.c_str(), U(name), U(path)});
-  for (const char* a : {id.c_str(), static_cast<const char*>(nullptr)}) {
-    rows.push_back({"null name", a, nullptr, U(path)});
-    rows.push_back({"empty name", a, U(none), U(path)});
-    rows.push_back({"name of 513 bytes", a, U(name513), U(path)});
-    rows.push_back({"null path", a, U(name), nullptr});
-    rows.push_back({"empty path", a, U(name), U(none)});
-  }
-  for (const std::string& bad : badTexts) {
-    rows.push_back({"bad UTF-8 name", id.c_str(), U(bad), U(path)});
-    rows.push_back({"bad UTF-8 path", id.c_str(), U(name), U(bad)});
-  }
-  rows.push_back({"path of 256 bytes", id.c_str(), U(name), U(path256)});
-  rows.push_back({"null appID", nullptr, U(name), U(path)});
+  std::filesystem::create_directories(sandbox.CacheDataDir());
+  for (const std::string& id : {appID, otherAppID}) WriteFile(cached(id), "<UpdateInfo/>");
 
   const auto before = sandbox.Snapshot();
-  const auto rejected = [&](const std::string& label, int32_t result) {
-    EXPECT_EQ(kROZResultInvalidArgument, result) << label;
-    ASSERT_EQ(before, sandbox.Snapshot()) << label << " left something on disk";
-  };
-  for (const auto& [exportName, call] : exports) {
-    for (const Row& row : rows) {
-      if ((row.label == "path of 256 bytes" && exportName == "download") ||
-          (row.label == "null appID" && exportName == "trigger"))
-        continue;
-      rejected(exportName + ": " + row.label, call(row.id, row.name, row.path));
-    }
-  }
-  std::vector<const char*> ids = {nullptr};
-  for (const std::string& badID : badIDs) ids.push_back(badID.c_str());
-  for (const char* badID : ids) {
-    rejected("unregister", ROZUnRegisterApplication(badID));
-    rejected("plug-in", ROZDoPluginAction(badID));
-  }
-  EXPECT_TRUE(sandbox.Launches().empty());
+  EXPECT_EQ(kROZResultNotRegistered, ROZUnRegisterApplication("org.example.Unknown"));
+  EXPECT_EQ(kROZResultNotRegistered, ROZUnRegisterApplication(appID.substr(1).c_str()));
+  EXPECT_EQ(before, sandbox.Snapshot());
+
+  EXPECT_EQ(kROZResultOK, ROZUnRegisterApplication(appID.c_str()));
+  EXPECT_FALSE(Has(FileText(sandbox.RegistryFile()), appID));
+  EXPECT_FALSE(Exists(cached(appID)));
+  EXPECT_TRUE(Exists(cached(otherAppID)));
+  EXPECT_EQ(kROZResultNotRegistered, ROZUnRegisterApplication(appID.c_str()));
+  EXPECT_EQ(0u, LaunchesAfterAWhile(0));
+
+  ASSERT_EQ(kROZResultOK, ROZUnRegisterApplication(otherAppID.c_str()));
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+  EXPECT_EQ("5", Launched(1, "RZ_LAUNCH_MODE"));
+  // With no store left at all, unregistering is a store failure.
+  EXPECT_EQ(kROZResultRegistryUnusable, ROZUnRegisterApplication(appID.c_str()));
+
+  ASSERT_TRUE(sandbox.WaitUntilUpdatersEnd());
+  ASSERT_TRUE(sandbox.StartRunningUpdater());
+  const size_t started = sandbox.Launches().size();
+  ASSERT_EQ(kROZResultOK, Register(appID));
+  ASSERT_EQ(kROZResultOK, ROZUnRegisterApplication(appID.c_str()));
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+  EXPECT_EQ(started, LaunchesAfterAWhile(started)) << "a second updater";
 }
 
-// The limits are inclusive byte counts, and the UTF-8 check is no stricter than it says.
-TEST_F(ExportsTest, ArgumentsAtTheirLimitsAreAccepted) {
-  BecomeAdministrator();
-  const std::string id256(256, 'a');
-  const std::string name512(512, 'n');
-  const std::string path255 = "/" + std::string(254, 'p');
-  EXPECT_EQ(kROZResultOK, ROZRegisterApplication(id256.c_str(), U(name512), U(path255)));
-  const std::string registry = FileText(sandbox.RegistryFile());
-  EXPECT_NE(std::string::npos, registry.find("appID=\"" + id256 + "\""));
-  EXPECT_NE(std::string::npos, registry.find(name512));
-  EXPECT_NE(std::string::npos, registry.find(path255));
+// The facade's registration step: without a display name the application is registered under
+// its identifier; an entry that is up to date, also when a carriage return reads back as a line
+// feed, is success without a write; its own checks are only for null; any failure is "not
+// registered".
+TEST_F(HostRequestsTest, AddOrUpdateRegistration) {
+  CEsdUpdate facade;
+  const std::string moved = "/opt/Line\rBreak";
+  const struct {
+    const char* id;
+    const char* name;
+    const char* path;
+    int32_t result;
+    std::string stored;  // a part of the store afterwards
+  } steps[] = {
+      {appID.c_str(), nullptr, "/opt/a", kROZResultOK, "<DisplayName>" + appID + "</DisplayName>"},
+      {appID.c_str(), "Example Host", "/opt/a", kROZResultOK, "<DisplayName>Example Host<"},
+      {appID.c_str(), "Example Host", moved.c_str(), kROZResultOK, "/opt/Line"},
+      {appID.c_str(), nullptr, moved.c_str(), kROZResultOK, "<DisplayName>Example Host<"},
+      {appID.c_str(), "Example Host", moved.c_str(), kROZResultOK, "/opt/Line"},
+      {nullptr, "Example Host", "/opt/a", kROZResultInvalidArgument, "/opt/Line"},
+      {appID.c_str(), "Example Host", nullptr, kROZResultInvalidArgument, "/opt/Line"},
+      {appID.c_str(), "Example Host", "", kROZResultNotRegistered, "/opt/Line"},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(std::string(step.name ? step.name : "null") + ", " + (step.path ? step.path : ""));
+    const testing_support::FileStamp stamp = testing_support::StampOf(sandbox.RegistryFile());
+    EXPECT_EQ(step.result, facade.AddOrUpdateRegistration(
+                               step.id, step.name ? U(step.name) : nullptr,
+                               step.path ? U(step.path) : nullptr));
+    EXPECT_TRUE(Has(FileText(sandbox.RegistryFile()), step.stored));
+    EXPECT_TRUE(&step < &steps[3] || stamp == testing_support::StampOf(sandbox.RegistryFile()))
+        << "an up-to-date entry was written";
+  }
+}
 
-  // A four-byte character passes and is stored as given.
-  const std::string fourByteName = "Host \xF0\x9F\x8E\xB5";
-  EXPECT_EQ(kROZResultOK, ROZRegisterApplication(appID.c_str(), U(fourByteName), U(installPath)));
-  EXPECT_NE(std::string::npos, FileText(sandbox.RegistryFile()).find(fourByteName));
+// The workflows reach one another through the object, so a facade that answers differently
+// changes them all.
+class RecordingFacade : public CEsdUpdate {
+ public:
+  int32_t ROZRegisterApplication(const char* appID, const unsigned char* displayName,
+                                 const unsigned char* installPath) override {
+    registered.push_back(std::string(appID) + "|" + reinterpret_cast<const char*>(displayName) +
+                         "|" + reinterpret_cast<const char*>(installPath));
+    return kROZResultRegistryNotUpdated;
+  }
+  bool ROZIsUpdateCheckEnabled() override { return enabled; }
 
-  // The identifier limit holds for the other exports too: 256 bytes pass the checks and reach
-  // the store, which does not know the application.
-  EXPECT_EQ(kROZResultNotRegistered, ROZUnRegisterApplication(std::string(256, 'b').c_str()));
-  EXPECT_EQ(kROZResultNotRegistered, ROZDoPluginAction(std::string(256, 'b').c_str()));
+  std::vector<std::string> registered;
+  bool enabled = true;
+};
 
-  // Without an updater installed, requests that pass every check end in 2, not 3: the download
-  // has no path limit, the language is never a reason to reject, and the UTF-8 check lets an
-  // encoded surrogate through (the empty list keeps it out of the store).
-  const std::string path300 = "/" + std::string(299, 'p');
-  const std::string surrogateName = "Host \xED\xA0\x80";
+TEST_F(HostRequestsTest, WorkflowsCallOneAnotherThroughTheObject) {
+  sandbox.env().SetGroups({"users"});  // the real answer would be "disabled"
+  RecordingFacade facade;
+  EXPECT_EQ(kROZResultNotRegistered,
+            facade.AddOrUpdateRegistration(appID.c_str(), nullptr, U(installPath)));
+  EXPECT_EQ(std::vector<std::string>{appID + "|" + appID + "|" + installPath}, facade.registered);
+
+  // The download asks the overridden question and registers through the override, whose
+  // failure it reports before recording anything.
   ROZMissingComptList empty = {0, nullptr};
-  EXPECT_EQ(2, ROZDownloadMissingComponents(appID.c_str(), U(surrogateName), U(path300), "\xFF",
-                                            &empty, kROZDownloadMissingCompTypeDefault, false));
-  EXPECT_EQ(2, ROZTriggerUpdateCheck(appID.c_str(), U(displayName), U(path255), "x",
-                                     kROZTriggerManual, false));
+  EXPECT_EQ(kROZResultNotRegistered, facade.ROZDownloadMissingComponents(
+                                         appID.c_str(), U(displayName), U(installPath), nullptr,
+                                         &empty, kROZDownloadMissingCompTypeDefault, true));
+  EXPECT_EQ(2u, facade.registered.size());
+  EXPECT_FALSE(Exists(sandbox.MissingCompsFile()));
+
+  facade.enabled = false;
+  EXPECT_EQ(kROZResultUpdateCheckDisabled, facade.ROZDoPluginAction(appID.c_str()));
+  EXPECT_EQ(kROZResultUpdateCheckDisabled,
+            facade.ROZTriggerUpdateCheck(nullptr, U(displayName), U(installPath), nullptr,
+                                         kROZTriggerManual, false));
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
 }
 
 }  // namespace

@@ -29,6 +29,10 @@ inline std::string FileText(const std::string& path) {
 
 inline bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
+inline bool Has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
 // A component list made of (category, name, version) triples; a null field stays null.
 struct Components {
   std::vector<ROZMissingComponent> components;
@@ -56,18 +60,9 @@ class LibraryTest : public ::testing::Test {
 
   // Administrators are the only users for whom update checks are enabled.
   void BecomeAdministrator() { sandbox.env().SetGroups({"admin"}); }
-  void BecomeOrdinaryUser() { sandbox.env().SetGroups({"users"}); }
-
-  void InstallUpdater() { sandbox.InstallUpdater(); }
 
   int32_t Register(const std::string& id) {
     return ROZRegisterApplication(id.c_str(), U(displayName), U(installPath));
-  }
-
-  // Starts an updater that keeps running; the number of launches so far.
-  size_t StartRunningUpdater() {
-    EXPECT_TRUE(sandbox.StartRunningUpdater());
-    return sandbox.Launches().size();
   }
 
   // The environment entry `name` of the updater's launch number `count` (waited for), or
@@ -78,6 +73,12 @@ class LibraryTest : public ::testing::Test {
     if (launches.size() < count) return "<no launch>";
     const auto found = launches[count - 1].environment.find(name);
     return found == launches[count - 1].environment.end() ? "<unset>" : found->second;
+  }
+
+  // The number of launches once one more than `expected` would have reported (a launch reports
+  // from its own process, after the call has returned).
+  size_t LaunchesAfterAWhile(size_t expected) {
+    return sandbox.WaitForLaunches(expected + 1, 500).size();
   }
 
   testing_support::UpdaterSandbox sandbox;
