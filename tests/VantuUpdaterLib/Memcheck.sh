@@ -1,8 +1,7 @@
 #!/bin/sh
 # Runs the end-to-end tests of the exports (the *_test programs of this folder) under valgrind's
-# memcheck, together with the processes they make: forked children, and the shell and env through
-# which the C host is started (so that the host, linked against the shared library, is checked
-# too). Three kinds of program run natively: the tools the tests only read output from (nm,
+# memcheck, together with the processes they make (forked children and the programs they start).
+# Three kinds of program run natively: the tools the tests only read output from (nm,
 # readelf), the private message bus (dbus-daemon), none of them ours; and the stand-in updater of
 # the test bundles (".../Contents/MacOS/..."), because the library recognises a running updater by
 # the path of its executable, which under valgrind would be valgrind's own.
