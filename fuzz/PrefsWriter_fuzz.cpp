@@ -5,7 +5,9 @@
 // load throws the prescribed std::invalid_argument); a set that reports success leaves a file
 // that loads again and reads back the new value and every other setting unchanged; a set that
 // fails leaves the file as it was. Settings are compared only where the text form promises a
-// faithful copy: a value holding a carriage return reads back with a line feed.
+// faithful copy: a value holding a carriage return reads back with a line feed. And on a fresh
+// file, a setting and a map entry named and valued from the input's last line ("key=value") are
+// either refused, leaving no file and nothing read, or read back by the next writer.
 
 #include <cstddef>
 #include <cstdint>
@@ -18,6 +20,8 @@
 
 #include "FuzzSandbox.h"
 #include "xplat/ExpatDOMBuilder.h"
+#include "xplat/FileSystemUtils.h"
+#include "xplat/MapPref.h"
 #include "xplat/PrefsWriter.h"
 
 namespace {
@@ -78,12 +82,41 @@ std::unique_ptr<esd::PrefsWriter> Load(const std::string& path) {
   }
 }
 
+// What a set refuses leaves nothing behind, in memory or on disk; what it accepts reads back.
+void CheckFreshSets(const std::string& input) {
+  static const std::string path = fuzzing::FuzzSandbox::Get().Home() + "/Fresh.dat";
+  const std::string line = input.substr(input.rfind('\n') + 1);
+  const std::size_t equals = line.find('=');
+  const std::string key = equals == std::string::npos ? kFuzzKey : line.substr(0, equals);
+  const std::string value = equals == std::string::npos ? line : line.substr(equals + 1);
+  for (const bool asMap : {false, true}) {
+    FileSystemUtils::DeleteLocalFile(path);
+    esd::PrefsWriter writer(path, kRootName);
+    esd::MapPref<std::string, std::string> map(kFuzzKey);
+    map.SetPrefsFile(&writer);
+    const bool set = asMap ? map.Set({{key, value}}) : writer.SetPref(key, value);
+    Check(set || !FileSystemUtils::DoesPathExist(path), "a refused set leaves no file");
+    std::unique_ptr<esd::PrefsWriter> reloaded = set ? Load(path) : nullptr;
+    Check(!set || reloaded, "a file the engine saved loads again");
+    esd::PrefsWriter& reader = set ? *reloaded : writer;
+    map.SetPrefsFile(&reader);
+    std::map<std::string, std::string> entries;
+    std::string text;
+    Check(asMap ? map.Get(entries) : reader.GetPref(key, text, std::string()), "a set reads");
+    const std::string want = set ? fuzzing::AsReadBackText(value) : std::string();
+    Check(asMap ? entries == (set ? decltype(entries){{key, want}} : decltype(entries){})
+                : text == want,
+          "a set reads back, a refused one leaves nothing");
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   static const std::string path = fuzzing::FuzzSandbox::Get().Home() + "/VantuUpdaterPrefs.dat";
   const std::string input = fuzzing::AsText(data, size);
   testing_support::WriteFile(path, input);
+  CheckFreshSets(input);
 
   std::unique_ptr<esd::PrefsWriter> prefs = Load(path);
   Check((prefs != nullptr) == (input.empty() || Builder::IsWellFormed(input.data(), input.size())),
