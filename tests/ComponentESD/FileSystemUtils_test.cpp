@@ -100,10 +100,6 @@ TEST(FileSystemUtils, CreateFileWith) {
   EXPECT_FALSE(CreateFileWith(dir / "thrown", 0664, false, [](std::ostream&) -> bool {
     throw std::bad_alloc();
   }));
-  {
-    FaultyEnv faults(FaultyEnv::FailNth(FileOp::kSync, 1, EIO));
-    EXPECT_FALSE(CreateFileWith(dir / "unsynced", 0664, true, writeText));
-  }
   EXPECT_EQ(before, Names(dir.path()));
 }
 
@@ -232,7 +228,8 @@ class ExchangeFilesTest : public ::testing::Test {
   const std::set<std::string> kBoth{"a.xml", "a.xml_"};
 };
 
-// The kernel exchange, and the renames where the kernel refuses it, swap with no leftovers.
+// The kernel exchange, and the renames where the kernel refuses it, swap with no leftovers; two
+// names of one file stay as they are.
 TEST_F(ExchangeFilesTest, SwapsAtomicallyAndByRenames) {
   EXPECT_TRUE(ExchangeFiles(a, b));
   ExpectSwapped();
@@ -245,16 +242,8 @@ TEST_F(ExchangeFilesTest, SwapsAtomicallyAndByRenames) {
   ASSERT_EQ(0, ::link(a.c_str(), (dir / "hard").c_str()));  // two names of one file
   EXPECT_TRUE(ExchangeFiles(a, dir / "hard"));
   EXPECT_EQ("content A", ReadFile(dir / "hard"));
-}
 
-TEST_F(ExchangeFilesTest, OneSidedMovesAndCreatesTheMissingFolder) {
-  ASSERT_EQ(0, ::unlink(b.c_str()));
-  EXPECT_TRUE(ExchangeFiles(a, b));
-  EXPECT_FALSE(DoesPathExist(a));
-  EXPECT_EQ("content A", ReadFile(b));
-  EXPECT_TRUE(ExchangeFiles(a, b));  // only the second present
-  EXPECT_EQ("content A", ReadFile(a));
-
+  // With one side missing, a move that makes the missing folders as its parent's.
   ASSERT_EQ(0, ::chmod(dir.path().c_str(), 0751));
   const std::string far = dir / "new/deeper/a.xml";
   EXPECT_TRUE(ExchangeFiles(far, a));
