@@ -17,7 +17,6 @@
 #include "support/TempDir.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/MapPref.h"
-#include "xplat/PrefsLockScope.h"
 #include "xplat/ResourceLocker.h"
 
 using testing_support::ReadFile;
@@ -43,12 +42,6 @@ struct LockedWriter {
   esd::ResourceLocker lock;
   esd::PrefsWriter writer;
 };
-
-std::string ReadString(esd::PrefsWriter& writer, const std::string& key) {
-  std::string value;
-  EXPECT_TRUE(writer.GetPref<std::string>(key, value, "default"));
-  return value;
-}
 
 // The value read for `key` (`missing` when the key is absent), or nothing when the read fails.
 template <class T>
@@ -93,7 +86,7 @@ TEST_F(PrefsWriterTest, FileFormatAndValueConversions) {
   esd::PrefsWriter reader(path, "Root");
   EXPECT_EQ(false, Read<bool>(reader, "Flag", true));
   EXPECT_EQ(4000000000UL, Read<unsigned long>(reader, "Big"));
-  EXPECT_EQ("default", ReadString(reader, "Empty"));
+  EXPECT_EQ("default", Read<std::string>(reader, "Empty", "default"));
 
   // Text written by hand: a bool only from "1"/"0", numbers from whole decimal text; a failed
   // read is false, not a silent default.
@@ -169,13 +162,13 @@ TEST_F(PrefsWriterTest, FileChangedBehindTheWritersBack) {
   esd::PrefsWriter& writer = locked.writer;
   ASSERT_TRUE(writer.SetPref<std::string>("B", "one"));
   WriteFile(path, "garbage <<<");
-  EXPECT_EQ("default", ReadString(writer, "B"));
+  EXPECT_EQ("default", Read<std::string>(writer, "B", "default"));
   ASSERT_TRUE(writer.SetPref<std::string>("A", "fresh"));
   EXPECT_EQ(kDecl + "<Root>\n<A>fresh</A>\n</Root>\n", ReadFile(path));
 
   ASSERT_TRUE(writer.DeleteAllPrefs());
   EXPECT_FALSE(FileSystemUtils::DoesPathExist(path));
-  EXPECT_EQ("default", ReadString(writer, "A"));
+  EXPECT_EQ("default", Read<std::string>(writer, "A", "default"));
 }
 
 // While another process holds the lock every operation fails without effect (outputs and file
@@ -221,11 +214,6 @@ TEST_F(PrefsWriterTest, LockHeldElsewhere) {
   ASSERT_TRUE(writer.LockPrefs());
   EXPECT_TRUE(writer.SetPref<int>("N", 3));
   EXPECT_EQ(3, Read<int>(writer, "N"));
-  {
-    esd::PrefsLockScope scope(writer);
-    EXPECT_TRUE(scope.IsHeld());
-    EXPECT_FALSE(scope.TookLock());
-  }
   EXPECT_TRUE(LockIsHeld(resource));
   EXPECT_TRUE(writer.UnlockPrefs());
   EXPECT_FALSE(LockIsHeld(resource));
