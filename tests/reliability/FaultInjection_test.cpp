@@ -144,44 +144,44 @@ TEST_F(FaultInjection, RefusedStepsKeepThePreviousFiles) {
       {"no inode free", FaultyEnv::Always(FileOp::kCreate, ENOSPC)},
       {"read-only folder", FaultyEnv::Always(FileOp::kCreate, EROFS)},
       {"disk full", FaultyEnv::Always(FileOp::kWrite, ENOSPC)},
-      {"exchange fails", FaultyEnv::FailNth(FileOp::kExchange, 1, EIO)},
+      {"exchange fails", FaultyEnv::Always(FileOp::kExchange, EIO)},
       {"fallback swap: first rename fails", fallbackRenameFails(0)},
       {"fallback swap: second rename fails", fallbackRenameFails(1)},
       {"fallback swap: third rename fails", fallbackRenameFails(2)},
-      {"sync of the new text fails", FaultyEnv::FailNth(FileOp::kSync, 1, EIO)},
+      {"sync of the new text fails", FaultyEnv::Always(FileOp::kSync, EIO)},
+  };
+  // Each call, every one under a fresh rule, with its answer under the fault.
+  const struct {
+    const char* what;
+    long want;
+    std::function<long()> call;
+  } calls[] = {
+      {"register", kROZResultRegistryUnusable, [] { return Register("org.fault.new"); }},
+      {"unregister", kROZResultRegistryUnusable,
+       [] { return ROZUnRegisterApplication("org.fault.app1"); }},
+      {"unchanged register", kROZResultRegistryNotUpdated, [] { return Register("org.fault.app2"); }},
+      {"download", kROZResultMissingCompsStoreFailed, [] { return Download("New"); }},
+      {"known component", kROZResultAlreadyRequested, [] { return Download("Component3"); }},
+      {"preference set", false, [] { return SetPref("Fault0", "changed"); }},
+      {"preference read", true,
+       [] {
+         std::string value;
+         return VantuUpdaterPrefs::GetVantuUpdaterPrefs()->GetPref<std::string>("Fault1", value,
+                                                                                "") &&
+                value == kFiller;
+       }},
   };
   RunInChild(false, [&](Findings& f) {
     Fill(f);
     for (const auto& [condition, rule] : faults) {
-      const auto under = [&rule = rule](auto call) {
+      const std::string files[] = {sandbox.RegistryFile(), sandbox.MissingCompsFile(), PrefsFile()};
+      std::string before[3];
+      for (int i = 0; i < 3; ++i) before[i] = Bytes(files[i]);
+      for (const auto& call : calls) {
         FaultyEnv env(rule);
-        return call();
-      };
-      const std::string registry = Bytes(sandbox.RegistryFile());
-      const std::string missing = Bytes(sandbox.MissingCompsFile());
-      const std::string prefs = Bytes(PrefsFile());
-      ExpectEq(f, kROZResultRegistryUnusable, under([] { return Register("org.fault.new"); }),
-               condition + ": register");
-      ExpectEq(f, kROZResultRegistryUnusable,
-               under([] { return ROZUnRegisterApplication("org.fault.app1"); }),
-               condition + ": unregister");
-      ExpectEq(f, kROZResultRegistryNotUpdated, under([] { return Register("org.fault.app2"); }),
-               condition + ": unchanged register");
-      ExpectIntact(f, sandbox.RegistryFile(), registry, condition + ": register");
-      ExpectEq(f, kROZResultMissingCompsStoreFailed, under([] { return Download("New"); }),
-               condition + ": download");
-      ExpectEq(f, kROZResultAlreadyRequested, under([] { return Download("Component3"); }),
-               condition + ": known component");
-      ExpectIntact(f, sandbox.MissingCompsFile(), missing, condition + ": download");
-      Expect(f, !under([&] { return SetPref("Fault0", condition); }),
-             condition + ": the preference set succeeded");
-      std::string value;
-      Expect(f, under([&] {
-               return VantuUpdaterPrefs::GetVantuUpdaterPrefs()->GetPref<std::string>(
-                          "Fault1", value, "") && value == kFiller;
-             }),
-             condition + ": a preference no longer reads");
-      ExpectIntact(f, PrefsFile(), prefs, condition + ": preference");
+        ExpectEq(f, call.want, call.call(), condition + ": " + call.what);
+      }
+      for (int i = 0; i < 3; ++i) ExpectIntact(f, files[i], before[i], condition + ": " + files[i]);
       ExpectEq(f, 30, static_cast<long>(RegisteredCount()), condition + ": registered applications");
     }
 

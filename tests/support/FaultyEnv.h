@@ -29,11 +29,6 @@ class FaultyEnv : public esd::EnvWrapper {
   explicit FaultyEnv(Rule rule)
       : esd::EnvWrapper(esd::Env::Default()), mRule(std::move(rule)), mScope(this) {}
 
-  // Fails the n-th (1-based) operation of kind `op` with `err`.
-  static Rule FailNth(FileOp op, int n, int err) {
-    return [=](FileOp o, int before, const std::string&) { return o == op && before + 1 == n ? err : 0; };
-  }
-
   // Fails every operation of kind `op` with `err`.
   static Rule Always(FileOp op, int err) {
     return [=](FileOp o, int, const std::string&) { return o == op ? err : 0; };
