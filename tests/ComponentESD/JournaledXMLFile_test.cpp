@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <set>
-#include <sstream>
 #include <string>
 
 #include "support/LockFiles.h"

@@ -1,8 +1,5 @@
 #include "xplat/PrefsWriter.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <filesystem>
 #include <map>
