@@ -137,10 +137,13 @@ TEST(FileSystemUtils, DeleteLocalFileAndFoldersOverFiles) {
   EXPECT_FALSE(CreateLocalDirectory(dir / "plain/below"));
 }
 
-// A stranger to the file needs its other-write bit, even in a world-writable folder.
-TEST(FileSystemUtils, DeleteLocalFileChecksTheOtherBitForStrangers) {
+// A stranger to a file needs its other-write bit to delete it, even in a world-writable folder.
+// Every folder level created takes the bits of the folder it was made in, whatever the umask;
+// root gives it the parent's owner and group too, and a user who cannot still gets the folders.
+TEST(FileSystemUtils, OtherUsersFilesAndFolders) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs files owned by another user";
   TempDir dir;
+  ScopedUmask umask(077);
   ASSERT_EQ(0, ::chmod(dir.path().c_str(), 0777));
   const std::string shared = dir / "shared", guarded = dir / "guarded";
   MakeFile(shared, "x", 0666);
@@ -149,15 +152,7 @@ TEST(FileSystemUtils, DeleteLocalFileChecksTheOtherBitForStrangers) {
     if (!DeleteLocalFile(shared) || DoesPathExist(shared)) return 1;
     return DeleteLocalFile(guarded) || !DoesPathExist(guarded) ? 2 : 0;
   }));
-}
 
-// Every level created takes the bits of the folder it was made in, whatever the umask; root gives
-// it the parent's owner and group too, and a user who cannot still gets the folders.
-TEST(FileSystemUtils, CreatedFoldersInheritOwnerAndGroup) {
-  if (::geteuid() != 0) GTEST_SKIP() << "changing owners needs root";
-  TempDir dir;
-  ScopedUmask umask(077);
-  ASSERT_EQ(0, ::chmod(dir.path().c_str(), 0755));
   const std::string top = dir / "owned", open = dir / "rootowned";
   ASSERT_EQ(0, ::mkdir(top.c_str(), 0700));
   ASSERT_EQ(0, ::chown(top.c_str(), kUnprivilegedUid, kUnprivilegedGid));
