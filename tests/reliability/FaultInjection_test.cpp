@@ -99,6 +99,12 @@ class FaultInjection : public ::testing::Test {
     return VantuUpdaterPrefs::GetVantuUpdaterPrefs()->SetPref<std::string>(key, value);
   }
 
+  static std::string ReadPref(const std::string& key) {
+    std::string value;
+    const bool read = VantuUpdaterPrefs::GetVantuUpdaterPrefs()->GetPref(key, value, std::string());
+    return read ? value : "<unread>";
+  }
+
   // Gives each store some thirty entries.
   static void Fill(Findings& f) {
     for (int i = 0; i < 30; ++i) {
@@ -163,13 +169,7 @@ TEST_F(FaultInjection, RefusedStepsKeepThePreviousFiles) {
       {"download", kROZResultMissingCompsStoreFailed, [] { return Download("New"); }},
       {"known component", kROZResultAlreadyRequested, [] { return Download("Component3"); }},
       {"preference set", false, [] { return SetPref("Fault0", "changed"); }},
-      {"preference read", true,
-       [] {
-         std::string value;
-         return VantuUpdaterPrefs::GetVantuUpdaterPrefs()->GetPref<std::string>("Fault1", value,
-                                                                                "") &&
-                value == kFiller;
-       }},
+      {"preference read", true, [] { return ReadPref("Fault1") == kFiller; }},
   };
   RunInChild(false, [&](Findings& f) {
     Fill(f);
