@@ -5,9 +5,7 @@
 // load throws the prescribed std::invalid_argument); a set that reports success leaves a file
 // that loads again and reads back the new value and every other setting unchanged; a set that
 // fails leaves the file as it was. Settings are compared only where the text form promises a
-// faithful copy: a value holding a carriage return reads back with a line feed. And on a fresh
-// file, a setting and a map entry named and valued from the input's last line ("key=value") are
-// either refused, leaving no file and nothing read, or read back by the next writer.
+// faithful copy: a value holding a carriage return reads back with a line feed.
 
 #include <cstddef>
 #include <cstdint>
@@ -60,16 +58,35 @@ std::map<std::string, std::string> PlainSettings(esd::PrefsWriter& prefs,
   return settings;
 }
 
-// Reads every setting as each kind of value; only the absence of crashes is of interest, and
-// that a failed conversion still reports a result.
+// Reads every setting as each kind of value, crashing on none. As a map of text or of flags the
+// read succeeds exactly when every entry has its "MapPrefKey" (and, for flags, converts), each
+// key taking its last entry's value; a failed read leaves the map empty.
 void ReadAsEveryType(esd::PrefsWriter& prefs, const std::vector<std::string>& names) {
   for (const std::string& name : names) {
-    bool flag = false;
+    bool flag = false, keyed = true, converts = true;
     int number = 0;
     unsigned long count = 0;
     prefs.GetPref(name, flag, true);
     prefs.GetPref(name, number, 7);
     prefs.GetPref(name, count, 7ul);
+    esd::XMLDocumentNode* node = nullptr;
+    Check(prefs.GetPref(name, node), "a setting is found");
+    std::map<std::string, std::string> want, text{{"stale", ""}};
+    std::map<std::string, bool> flags{{"stale", true}};
+    for (const esd::XMLDocumentNode* entry : node->GetChildNodes()) {
+      std::string key;
+      keyed = entry->GetAttrValue("MapPrefKey", key) && keyed;
+      converts = esd::ChangeType(entry->GetData(), flag) && converts;
+      want[key] = entry->GetData();
+    }
+    esd::MapPref<std::string, std::string> asText(name);
+    esd::MapPref<std::string, bool> asFlags(name);
+    asText.SetPrefsFile(&prefs);
+    asFlags.SetPrefsFile(&prefs);
+    Check(asText.Get(text) == keyed && text == (keyed ? want : decltype(want)()) &&
+              asFlags.Get(flags) == (keyed && converts) &&
+              flags.size() == (keyed && converts ? want.size() : 0),
+          "a map reads its entries, or fails and is empty");
   }
 }
 
@@ -82,7 +99,8 @@ std::unique_ptr<esd::PrefsWriter> Load(const std::string& path) {
   }
 }
 
-// What a set refuses leaves nothing behind, in memory or on disk; what it accepts reads back.
+// On a fresh file, a setting and a map entry named by the input's last line ("key=value") are
+// either refused, leaving nothing in memory or on disk, or read back by the next writer.
 void CheckFreshSets(const std::string& input) {
   static const std::string path = fuzzing::FuzzSandbox::Get().Home() + "/Fresh.dat";
   const std::string line = input.substr(input.rfind('\n') + 1);

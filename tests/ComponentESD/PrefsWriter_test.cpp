@@ -22,7 +22,6 @@ using testing_support::LockFileGuard;
 using testing_support::TempDir;
 using testing_support::UniqueResourceName;
 using testing_support::WriteFile;
-using TextMap = std::map<std::string, std::string>;
 
 namespace {
 
@@ -59,8 +58,8 @@ class PrefsWriterTest : public ::testing::Test {
 // A missing file reads as defaults and is not created by reading; a set writes the whole file in
 // the one text form other processes parse. Values read back only from text that converts whole
 // (whose rules are the conversion tests'), and an empty string reads as the default. An empty
-// path raises its fixed error. (Text and map entries that round-trip, or that the file cannot
-// hold, are the fuzzer's.)
+// path raises its fixed error. (Text and map entries that round-trip, that the file cannot hold,
+// and broken map entries are the fuzzer's.)
 TEST_F(PrefsWriterTest, FileFormatAndValueConversions) {
   esd::PrefsWriter writer(path, "Root");
   EXPECT_EQ(42, Read<int>(writer, "Count", 42));
@@ -102,31 +101,6 @@ TEST_F(PrefsWriterTest, FileFormatAndValueConversions) {
   EXPECT_EQ(0, Read<int>(handWritten, "Num"));
   ASSERT_TRUE(handWritten.SetPref<int>("Mine", 1));
   EXPECT_EQ(kDecl + "<Root>\n<Mine>1</Mine>\n</Root>\n", ReadFile(path));
-}
-
-// A map entry without its key, or a bool entry that is not "1"/"0", fails the whole read with an
-// empty map; a repeated key reads as its last entry.
-TEST_F(PrefsWriterTest, MapsRejectBrokenEntries) {
-  WriteFile(path, kDecl + "<Root>\n<Messages>\n<MapPrefEntry MapPrefKey=\"a\">1</MapPrefEntry>\n"
-                          "<MapPrefEntry>no key</MapPrefEntry>\n</Messages>\n"
-                          "<Enabled>\n<MapPrefEntry MapPrefKey=\"a\">1</MapPrefEntry>\n"
-                          "<MapPrefEntry MapPrefKey=\"b\">yes</MapPrefEntry>\n</Enabled>\n"
-                          "<Dup>\n<Item MapPrefKey=\"k\">old</Item>\n"
-                          "<Item MapPrefKey=\"k\">new</Item>\n</Dup>\n</Root>\n");
-  esd::PrefsWriter broken(path, "Root");
-  esd::MapPref<std::string, std::string> messages("Messages"), dup("Dup");
-  esd::MapPref<std::string, bool> enabled("Enabled");
-  messages.SetPrefsFile(&broken);
-  enabled.SetPrefsFile(&broken);
-  dup.SetPrefsFile(&broken);
-  TextMap read{{"stale", "x"}};
-  std::map<std::string, bool> readFlags{{"stale", true}};
-  EXPECT_FALSE(messages.Get(read));
-  EXPECT_TRUE(read.empty());
-  EXPECT_FALSE(enabled.Get(readFlags));
-  EXPECT_TRUE(readFlags.empty());
-  EXPECT_TRUE(dup.Get(read));
-  EXPECT_EQ((TextMap{{"k", "new"}}), read);
 }
 
 // Two writers with locks on one file: each operation sees the other's last set, even when sets
