@@ -17,23 +17,17 @@ namespace testing_support {
 // The file operations a save is made of, as the fault rule sees them.
 enum class FileOp { kCreate, kExchange, kRename, kWrite, kSync, kRemove };
 
-// Makes file operations fail the way a full, failing or foreign file system would, in front of
-// whatever Env was current when it was made, and is itself current while it lives. The rule sees
-// each operation, how many of its kind came before, and the path it works on (the first name of a
-// rename; for writes and syncs the descriptor's file; for creations the name in its folder); a
-// non-zero answer is the errno the operation fails with, without being performed. Creations are
-// the write-only ones of data files; lock files open read-write and pass.
+// Makes file operations fail as a full, failing or foreign file system would, in front of the
+// Env current when made, and is itself current while it lives. The rule sees each operation, how
+// many of its kind came before, and its path (a rename's first name, a descriptor's file, a
+// creation's name in its folder); a non-zero answer is the errno it fails with, unperformed.
+// Creations are the write-only ones of data files; lock files open read-write and pass.
 class FaultyEnv : public esd::EnvWrapper {
  public:
   using Rule = std::function<int(FileOp op, int before, const std::string& path)>;
 
   explicit FaultyEnv(Rule rule)
       : esd::EnvWrapper(esd::Env::Default()), mRule(std::move(rule)), mScope(this) {}
-
-  // Fails the n-th (1-based) operation of kind `op` with `err`.
-  static Rule FailNth(FileOp op, int n, int err) {
-    return [=](FileOp o, int before, const std::string&) { return o == op && before + 1 == n ? err : 0; };
-  }
 
   // Fails every operation of kind `op` with `err`.
   static Rule Always(FileOp op, int err) {
