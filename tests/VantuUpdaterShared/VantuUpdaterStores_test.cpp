@@ -1,7 +1,6 @@
 // The two record stores through their managers: the machine's registered applications and the
 // user's missing-component requests, each in a sandboxed machine.
 #include <array>
-#include <filesystem>
 #include <list>
 #include <memory>
 #include <stdexcept>
@@ -97,21 +96,12 @@ TEST_F(RegistrationStore, InsertAndUnregisterResults) {
   EXPECT_THROW(Reg(), std::runtime_error);
 }
 
-// The updater's record comes from its running location, never from the file.
-TEST_F(RegistrationStore, UpdaterRecordIsMadeUpOnTheSpot) {
-  const std::string programDir = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-  Reg store;
-  WriteFile(mStorePath, Text(Entry("VantuUpdater", "Impostor", "/tmp/evil")));
-  std::unique_ptr<VantuUpdaterRegisteredApp> record;
-  ASSERT_TRUE(store.GetRegisteredApplicationByAppID("VantuUpdater", record));
-  std::string id, name, path;
-  EXPECT_TRUE(record->GetappID(id) && record->GetDisplayName(name) && record->GetInstallPath(path));
-  EXPECT_EQ("VantuUpdater|Vantu Updater|" + programDir, id + "|" + name + "|" + path);
-}
-
 // Records handed out are private copies: they outlive the manager's tree, and a caller's change
-// never reaches the file. A failed lookup leaves the caller's pointer alone.
-TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
+// never reaches the file; a failed lookup leaves the caller's pointer alone. Markup or a blank
+// that would read back as a space in an identifier is refused (the entry, not the store), and
+// nothing is written. An unparsable file is refused by every operation and kept, also after an
+// earlier good load (whose tree the manager must let go).
+TEST_F(RegistrationStore, RecordsAreCopiesAndUnwritableTextIsRefused) {
   ASSERT_EQ(Reg::kInserted, Insert("A", "Alpha", "/opt/a"));
   std::list<VantuUpdaterRegisteredApp> all;
   std::unique_ptr<VantuUpdaterRegisteredApp> found;
@@ -121,6 +111,8 @@ TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
   }
   all.front().SetDisplayName("Changed by caller");
   found->SetInstallPath("/changed/by/caller");
+  for (const char* id : {"a\"b", "a<b", "a&b", "a\tb", "a\nb", "a\rb"})
+    EXPECT_EQ(Reg::kRefused, Insert(id, "Name", "/opt/x")) << id;
   Reg store;
   VantuUpdaterRegisteredApp b = MakeApp("B", "Beta", "/opt/b");
   ASSERT_EQ(Reg::kInserted, store.InsertOrUpdateRegisteredApp(b));
@@ -129,26 +121,12 @@ TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
   VantuUpdaterRegisteredApp* previous = found.get();
   EXPECT_FALSE(store.GetRegisteredApplicationByAppID("Unknown", found));
   EXPECT_EQ(previous, found.get());
-}
 
-// An unparsable file is refused by every operation and kept, also after an earlier good load
-// (whose tree the manager must let go). Markup or a blank that would read back as a space in an
-// identifier is refused (the entry, not the store), and nothing is written.
-TEST_F(RegistrationStore, TextThatWouldNotLoadIsRefusedAndNeverWritten) {
-  Reg store;
-  WriteFile(mStorePath, Text(Entry("A", "Alpha", "/opt/a")));
-  std::list<VantuUpdaterRegisteredApp> all;
-  ASSERT_TRUE(store.GetRegisteredApps(all));
-  for (const char* id : {"a\"b", "a<b", "a&b", "a\tb", "a\nb", "a\rb"})
-    EXPECT_EQ(Reg::kRefused, Insert(id, "Name", "/opt/x")) << id;
-  EXPECT_EQ(Text(Entry("A", "Alpha", "/opt/a")), ReadFile(mStorePath));
   const std::string damaged = "<?xml version=\"1.0\"?>\n<VantuUpdaterRegistrationManager>\n<Ap";
   WriteFile(mStorePath, damaged);
-  VantuUpdaterRegisteredApp app = MakeApp("B", "Beta", "/opt/b");
-  EXPECT_EQ(Reg::kInsertFailed, store.InsertOrUpdateRegisteredApp(app));
+  EXPECT_EQ(Reg::kInsertFailed, store.InsertOrUpdateRegisteredApp(b));
   EXPECT_EQ(Reg::kUnregisterFailed, store.UnregisterApp("A"));
   EXPECT_FALSE(store.GetRegisteredApps(all));
-  std::unique_ptr<VantuUpdaterRegisteredApp> found;
   EXPECT_FALSE(store.GetRegisteredApplicationByAppID("A", found));
   EXPECT_EQ(0u, store.DeleteVantuUpdaterRegisteredAppIf(Reg::RegisteredAppMatcher("A")));
   EXPECT_EQ(damaged, ReadFile(mStorePath));
