@@ -132,40 +132,38 @@ TEST_F(RegistrationStore, RecordsAreCopiesAndUnwritableTextIsRefused) {
   EXPECT_EQ(damaged, ReadFile(mStorePath));
 }
 
-// One request through a manager of its own, as the download workflow makes it; a null text
-// argument is passed on as null.
-unsigned Request(const char* id, const char* name, const char* path, int opType, const char* comp,
-                 const char* category, const char* version) {
-  std::string c(comp ? comp : ""), k(category ? category : ""), v(version ? version : "");
-  return Manager().UpdateWithAppAndCompData(
-      id, reinterpret_cast<const unsigned char*>(name),
-      reinterpret_cast<const unsigned char*>(path), opType, comp ? &c[0] : nullptr,
-      category ? &k[0] : nullptr, version ? &v[0] : nullptr);
-}
-
-unsigned RequestA(const char* comp, const char* category, const char* version,
-                  const char* name = "Alpha") {
-  return Request("A", name, "/opt/a", 1, comp, category, version);
+// One request (identifier, name, path, component, category, version) through a manager of its
+// own, as the download workflow makes it; a null text argument is passed on as null.
+using Args = std::array<const char*, 6>;
+unsigned Request(const Args& a) {
+  std::string c(a[3] ? a[3] : ""), k(a[4] ? a[4] : ""), v(a[5] ? a[5] : "");
+  const auto text = [](const char* p) { return reinterpret_cast<const unsigned char*>(p); };
+  return Manager().UpdateWithAppAndCompData(a[0], text(a[1]), text(a[2]), 1,
+                                            a[3] ? &c[0] : nullptr, a[4] ? &k[0] : nullptr,
+                                            a[5] ? &v[0] : nullptr);
 }
 
 // Null arguments, markup or blanks in (unescaped) attributes, incomplete entries, an unparsable
 // version or store: failure, and nothing written.
 TEST_F(MissingCompsStore, BadRequestsFailAndWriteNothing) {
-  ASSERT_EQ(kAdded, RequestA("Spelling", "Dictionary", "1.0"));
+  const Args good = {"A", "Alpha", "/opt/a", "Spelling", "Dictionary", "1.0"};
+  ASSERT_EQ(kAdded, Request(good));
   const std::string before = ReadFile(mStorePath);
-  for (int i = 0; i < 6; ++i) {
-    std::array<const char*, 6> args = {"A", "Alpha", "/opt/a", "Fonts", "Extras", "1.0"};
+  for (size_t i = 0; i < good.size(); ++i) {
+    Args args = {"A", "Alpha", "/opt/a", "Fonts", "Extras", "1.0"};
     args[i] = nullptr;
-    EXPECT_EQ(kFailed, Request(args[0], args[1], args[2], 1, args[3], args[4], args[5])) << i;
+    EXPECT_EQ(kFailed, Request(args)) << i;
   }
   // A tab, line feed or carriage return in an attribute would read back as a blank: the entry or
   // component would never be found again, and every request would add it once more.
   for (const char* bad : {"B\"", "B<", "B&", "B\tb", "B\nb", "B\rb"}) {
-    EXPECT_EQ(kFailed, Request(bad, "Beta", "/opt/b", 1, "Spelling", "Dictionary", "1.0")) << bad;
-    EXPECT_EQ(kFailed, RequestA(bad, "Dictionary", "1.0")) << bad;
-    EXPECT_EQ(kFailed, RequestA("Spelling", bad, "1.0")) << bad;
+    for (const size_t i : {0, 3, 4}) {
+      Args args = good;
+      args[i] = bad;
+      EXPECT_EQ(kFailed, Request(args)) << bad << " as argument " << i;
+    }
   }
-  EXPECT_EQ(kFailed, RequestA("Spelling", "Dictionary", ".1", "Renamed"));
+  EXPECT_EQ(kFailed, Request({"A", "Renamed", "/opt/a", "Spelling", "Dictionary", ".1"}));
   VantuUpdaterMissingCompsApp complete("A", 1), noName("A", 1), noPath("A", 1), noID("", 1);
   for (auto* entry : {&complete, &noPath, &noID}) entry->SetDisplayName("Alpha");
   for (auto* entry : {&complete, &noName, &noID}) entry->SetInstallPath("/opt/a");

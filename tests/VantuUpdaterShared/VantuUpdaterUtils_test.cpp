@@ -281,10 +281,8 @@ TEST_F(NotifyTest, MarkerOrLockMakesTheWorkflowActive) {
   ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID)) << "an existing marker is rewritten";
   umask(oldMask);
   EXPECT_EQ(testing_support::ReadFile(path), "lock");
-  struct stat marker {}, folder {};
-  ASSERT_EQ(stat(path.c_str(), &marker) | stat((runtime() + "/Updater5").c_str(), &folder), 0);
-  EXPECT_EQ(marker.st_mode & 07777, 0600u);
-  EXPECT_EQ(folder.st_mode & 07777, 0700u);
+  EXPECT_EQ(ModeOf(path), 0600u);
+  EXPECT_EQ(ModeOf(runtime() + "/Updater5"), 0700u);
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_TRUE(Locker::DeleteIPCLockFile(mAppID));
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
