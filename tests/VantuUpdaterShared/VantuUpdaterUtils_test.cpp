@@ -86,7 +86,6 @@ class UpdaterUtilsTest : public ::testing::Test {
   EnvironmentList mNone;
 };
 
-class UpdaterLaunchTest : public UpdaterUtilsTest {};
 class NotifyTest : public UpdaterUtilsTest {
  protected:
   const std::string mAppID = "NotifyTest" + std::to_string(getpid());
@@ -139,7 +138,14 @@ TEST_F(UpdaterUtilsTest, FoldersAndTheUpdatersLocation) {
 // Both ways of starting the updater hand it the parameters (a later pair wins) on top of the
 // host's environment, and nothing else of the host: no descriptor beyond the standard three,
 // even one without close-on-exec, and the host's own environment stays exactly as it was.
-TEST_F(UpdaterLaunchTest, UpdaterGetsTheParametersAndNothingElseOfTheHost) {
+// Only the installed updater's own program counts, once installed: a copy of its bundle
+// elsewhere, the genuine Info.plist included, is not the updater, nor is a running bundle whose
+// Info.plist no longer parses or is a named pipe. Only a request brings the first one in the
+// table to the front. In the foreground the updater's exit status decides. A program started by
+// the updater is told that the updater is not running; others see it. A script updater is
+// recognised by the script's path among the interpreter's arguments. A missing program fails
+// without a shell.
+TEST_F(UpdaterUtilsTest, StartingAndFindingTheUpdater) {
   const std::function<bool(EnvironmentList&)> launches[] = {
       [](EnvironmentList& p) { return VantuUpdaterUtils::LaunchUpdater(p); },
       [](EnvironmentList& p) { return VantuUpdaterUtils::ForkUpdater(p, true); },
@@ -169,16 +175,8 @@ TEST_F(UpdaterLaunchTest, UpdaterGetsTheParametersAndNothingElseOfTheHost) {
   }
   close(held);
   unsetenv("VU_TEST_SET");
-}
+  fs::remove_all(installed());
 
-// Only the installed updater's own program counts, once installed: a copy of its bundle
-// elsewhere, the genuine Info.plist included, is not the updater. Only a request brings the
-// first one in the table to the front, and a running bundle whose Info.plist no longer parses or
-// is a named pipe is not the updater. In the foreground the updater's exit status decides. A
-// program started by the updater is told that the updater is not running; others see it. A
-// script updater is recognised by the script's path among the interpreter's arguments. A
-// missing program fails without a shell.
-TEST_F(UpdaterLaunchTest, WhichProcessIsTheUpdater) {
   FakeUpdaterBundle copy(mBase / "Copy.app");
   ASSERT_TRUE(esd::SystemUtils::LaunchPath(copy.path(), mNone));
   ASSERT_EQ(copy.WaitForReports(1).size(), 1u);
