@@ -8,8 +8,8 @@
 #include <sys/stat.h>
 
 #include <boost/date_time/gregorian/parsers.hpp>
-#include <filesystem>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <string>
