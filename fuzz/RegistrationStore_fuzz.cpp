@@ -9,13 +9,15 @@
 // registration that reports success can be read back and keeps every entry the file held before
 // (as the text form reads it back: a value the file spelled with character references for a tab,
 // a line feed or a carriage return comes back with blanks); an unregistration removes only its
-// own entry, and the file goes exactly when no entry and no element of another kind is left. No
+// own entry, and the file goes exactly when no entry and no element of another kind is left. The
+// updater's own record is made up from where it runs, whatever the file holds under its name. No
 // input may end the process; an identifier listed twice becomes one entry when it registers.
 
 #include <cstddef>
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -25,6 +27,7 @@
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/VantuUpdaterRegistrationManager.h"
+#include "xplat/VantuUpdaterUtils.h"
 
 namespace {
 
@@ -135,6 +138,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     Check(fuzzing::ReadIfPresent(path) == input.file, "a file that fails to load is kept");
   if (loaded) Check(listed == expected.entries, "the store lists what its text holds");
   const std::optional<std::string> afterLoad = fuzzing::ReadIfPresent(path);
+  {
+    VantuUpdaterRegistrationManager store;
+    std::unique_ptr<VantuUpdaterRegisteredApp> updater;
+    std::string name, where, expectedWhere;
+    Check(store.GetRegisteredApplicationByAppID(VantuUpdaterUtils::kVantuUpdaterName, updater) &&
+              updater->GetDisplayName(name) && updater->GetInstallPath(where) &&
+              VantuUpdaterUtils::GetVantuUpdaterDirectory(expectedWhere) &&
+              name == "Vantu Updater" && where == expectedWhere,
+          "the updater's own record comes from where it runs, never from the file");
+  }
 
   unsigned inserted;
   {

@@ -1,7 +1,6 @@
 // The two record stores through their managers: the machine's registered applications and the
 // user's missing-component requests, each in a sandboxed machine.
 #include <array>
-#include <filesystem>
 #include <list>
 #include <memory>
 #include <stdexcept>
@@ -97,21 +96,12 @@ TEST_F(RegistrationStore, InsertAndUnregisterResults) {
   EXPECT_THROW(Reg(), std::runtime_error);
 }
 
-// The updater's record comes from its running location, never from the file.
-TEST_F(RegistrationStore, UpdaterRecordIsMadeUpOnTheSpot) {
-  const std::string programDir = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-  Reg store;
-  WriteFile(mStorePath, Text(Entry("VantuUpdater", "Impostor", "/tmp/evil")));
-  std::unique_ptr<VantuUpdaterRegisteredApp> record;
-  ASSERT_TRUE(store.GetRegisteredApplicationByAppID("VantuUpdater", record));
-  std::string id, name, path;
-  EXPECT_TRUE(record->GetappID(id) && record->GetDisplayName(name) && record->GetInstallPath(path));
-  EXPECT_EQ("VantuUpdater|Vantu Updater|" + programDir, id + "|" + name + "|" + path);
-}
-
 // Records handed out are private copies: they outlive the manager's tree, and a caller's change
-// never reaches the file. A failed lookup leaves the caller's pointer alone.
-TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
+// never reaches the file; a failed lookup leaves the caller's pointer alone. Markup or a blank
+// that would read back as a space in an identifier is refused (the entry, not the store), and
+// nothing is written. An unparsable file is refused by every operation and kept, also after an
+// earlier good load (whose tree the manager must let go).
+TEST_F(RegistrationStore, RecordsAreCopiesAndUnwritableTextIsRefused) {
   ASSERT_EQ(Reg::kInserted, Insert("A", "Alpha", "/opt/a"));
   std::list<VantuUpdaterRegisteredApp> all;
   std::unique_ptr<VantuUpdaterRegisteredApp> found;
@@ -121,6 +111,8 @@ TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
   }
   all.front().SetDisplayName("Changed by caller");
   found->SetInstallPath("/changed/by/caller");
+  for (const char* id : {"a\"b", "a<b", "a&b", "a\tb", "a\nb", "a\rb"})
+    EXPECT_EQ(Reg::kRefused, Insert(id, "Name", "/opt/x")) << id;
   Reg store;
   VantuUpdaterRegisteredApp b = MakeApp("B", "Beta", "/opt/b");
   ASSERT_EQ(Reg::kInserted, store.InsertOrUpdateRegisteredApp(b));
@@ -129,65 +121,49 @@ TEST_F(RegistrationStore, RecordsHandedOutAreDetached) {
   VantuUpdaterRegisteredApp* previous = found.get();
   EXPECT_FALSE(store.GetRegisteredApplicationByAppID("Unknown", found));
   EXPECT_EQ(previous, found.get());
-}
 
-// An unparsable file is refused by every operation and kept, also after an earlier good load
-// (whose tree the manager must let go). Markup or a blank that would read back as a space in an
-// identifier is refused (the entry, not the store), and nothing is written.
-TEST_F(RegistrationStore, TextThatWouldNotLoadIsRefusedAndNeverWritten) {
-  Reg store;
-  WriteFile(mStorePath, Text(Entry("A", "Alpha", "/opt/a")));
-  std::list<VantuUpdaterRegisteredApp> all;
-  ASSERT_TRUE(store.GetRegisteredApps(all));
-  for (const char* id : {"a\"b", "a<b", "a&b", "a\tb", "a\nb", "a\rb"})
-    EXPECT_EQ(Reg::kRefused, Insert(id, "Name", "/opt/x")) << id;
-  EXPECT_EQ(Text(Entry("A", "Alpha", "/opt/a")), ReadFile(mStorePath));
   const std::string damaged = "<?xml version=\"1.0\"?>\n<VantuUpdaterRegistrationManager>\n<Ap";
   WriteFile(mStorePath, damaged);
-  VantuUpdaterRegisteredApp app = MakeApp("B", "Beta", "/opt/b");
-  EXPECT_EQ(Reg::kInsertFailed, store.InsertOrUpdateRegisteredApp(app));
+  EXPECT_EQ(Reg::kInsertFailed, store.InsertOrUpdateRegisteredApp(b));
   EXPECT_EQ(Reg::kUnregisterFailed, store.UnregisterApp("A"));
   EXPECT_FALSE(store.GetRegisteredApps(all));
-  std::unique_ptr<VantuUpdaterRegisteredApp> found;
   EXPECT_FALSE(store.GetRegisteredApplicationByAppID("A", found));
   EXPECT_EQ(0u, store.DeleteVantuUpdaterRegisteredAppIf(Reg::RegisteredAppMatcher("A")));
   EXPECT_EQ(damaged, ReadFile(mStorePath));
 }
 
-// One request through a manager of its own, as the download workflow makes it; a null text
-// argument is passed on as null.
-unsigned Request(const char* id, const char* name, const char* path, int opType, const char* comp,
-                 const char* category, const char* version) {
-  std::string c(comp ? comp : ""), k(category ? category : ""), v(version ? version : "");
-  return Manager().UpdateWithAppAndCompData(
-      id, reinterpret_cast<const unsigned char*>(name),
-      reinterpret_cast<const unsigned char*>(path), opType, comp ? &c[0] : nullptr,
-      category ? &k[0] : nullptr, version ? &v[0] : nullptr);
-}
-
-unsigned RequestA(const char* comp, const char* category, const char* version,
-                  const char* name = "Alpha") {
-  return Request("A", name, "/opt/a", 1, comp, category, version);
+// One request (identifier, name, path, component, category, version) through a manager of its
+// own, as the download workflow makes it; a null text argument is passed on as null.
+using Args = std::array<const char*, 6>;
+unsigned Request(const Args& a) {
+  std::string c(a[3] ? a[3] : ""), k(a[4] ? a[4] : ""), v(a[5] ? a[5] : "");
+  const auto text = [](const char* p) { return reinterpret_cast<const unsigned char*>(p); };
+  return Manager().UpdateWithAppAndCompData(a[0], text(a[1]), text(a[2]), 1,
+                                            a[3] ? &c[0] : nullptr, a[4] ? &k[0] : nullptr,
+                                            a[5] ? &v[0] : nullptr);
 }
 
 // Null arguments, markup or blanks in (unescaped) attributes, incomplete entries, an unparsable
 // version or store: failure, and nothing written.
 TEST_F(MissingCompsStore, BadRequestsFailAndWriteNothing) {
-  ASSERT_EQ(kAdded, RequestA("Spelling", "Dictionary", "1.0"));
+  const Args good = {"A", "Alpha", "/opt/a", "Spelling", "Dictionary", "1.0"};
+  ASSERT_EQ(kAdded, Request(good));
   const std::string before = ReadFile(mStorePath);
-  for (int i = 0; i < 6; ++i) {
-    std::array<const char*, 6> args = {"A", "Alpha", "/opt/a", "Fonts", "Extras", "1.0"};
+  for (size_t i = 0; i < good.size(); ++i) {
+    Args args = {"A", "Alpha", "/opt/a", "Fonts", "Extras", "1.0"};
     args[i] = nullptr;
-    EXPECT_EQ(kFailed, Request(args[0], args[1], args[2], 1, args[3], args[4], args[5])) << i;
+    EXPECT_EQ(kFailed, Request(args)) << i;
   }
   // A tab, line feed or carriage return in an attribute would read back as a blank: the entry or
   // component would never be found again, and every request would add it once more.
   for (const char* bad : {"B\"", "B<", "B&", "B\tb", "B\nb", "B\rb"}) {
-    EXPECT_EQ(kFailed, Request(bad, "Beta", "/opt/b", 1, "Spelling", "Dictionary", "1.0")) << bad;
-    EXPECT_EQ(kFailed, RequestA(bad, "Dictionary", "1.0")) << bad;
-    EXPECT_EQ(kFailed, RequestA("Spelling", bad, "1.0")) << bad;
+    for (const size_t i : {0, 3, 4}) {
+      Args args = good;
+      args[i] = bad;
+      EXPECT_EQ(kFailed, Request(args)) << bad << " as argument " << i;
+    }
   }
-  EXPECT_EQ(kFailed, RequestA("Spelling", "Dictionary", ".1", "Renamed"));
+  EXPECT_EQ(kFailed, Request({"A", "Renamed", "/opt/a", "Spelling", "Dictionary", ".1"}));
   VantuUpdaterMissingCompsApp complete("A", 1), noName("A", 1), noPath("A", 1), noID("", 1);
   for (auto* entry : {&complete, &noPath, &noID}) entry->SetDisplayName("Alpha");
   for (auto* entry : {&complete, &noName, &noID}) entry->SetInstallPath("/opt/a");

@@ -41,10 +41,33 @@ mode_t ModeOf(const std::string& path) {
   return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
 }
 
+// The test's own processes through an odd table, which the search for the updater passes over: a
+// process that ended during the walk, and a caller without a parent in sight (the first process
+// of a container).
+class OddTableEnv : public TestEnv {
+ public:
+  OddTableEnv() { testing_support::WaitChild(mGone); }
+  bool ListProcessIds(std::vector<pid_t>& pids) override {
+    if (!TestEnv::ListProcessIds(pids)) return false;
+    pids.insert(pids.begin(), mGone);
+    return true;
+  }
+  bool GetProcessInfo(pid_t pid, ProcessInfo& info) override {
+    if (!TestEnv::GetProcessInfo(pid, info)) return false;
+    if (pid == getpid()) info.parentPid = 0;
+    return true;
+  }
+
+ private:
+  const pid_t mGone = testing_support::StartChild([] { return 0; });
+};
+
 class UpdaterUtilsTest : public ::testing::Test {
  protected:
   UpdaterUtilsTest() {
-    Install(mEnv);
+    mEnv.SetRoot(root());
+    mEnv.ShowOnlyOwnProcesses();
+    fs::create_directories(root() + "/opt");
     mEnv.SetHome(home());
     mEnv.SetVariable("XDG_RUNTIME_DIR", runtime());
     mEnv.SetVariable("TMPDIR", mBase / "tmp");
@@ -52,25 +75,17 @@ class UpdaterUtilsTest : public ::testing::Test {
     fs::create_directories(runtime());
     fs::permissions(runtime(), fs::perms::owner_all);
   }
-  // Makes `env` see the relocated root and only this test's processes.
-  void Install(TestEnv& env) {
-    env.SetRoot(root());
-    env.ShowOnlyOwnProcesses();
-    fs::create_directories(root() + "/opt");
-  }
   std::string root() const { return mBase / "it's the root"; }
   std::string home() const { return mBase / "home"; }
   std::string runtime() const { return mBase / "run"; }
   std::string installed() const { return FakeUpdaterBundle::InstalledPath(root()); }
 
   testing_support::TempDir mBase;
-  TestEnv mEnv;
+  OddTableEnv mEnv;
   esd::ScopedEnv mScope{&mEnv};
   EnvironmentList mNone;
 };
 
-class UpdaterDirsTest : public UpdaterUtilsTest {};
-class UpdaterLaunchTest : public UpdaterUtilsTest {};
 class NotifyTest : public UpdaterUtilsTest {
  protected:
   const std::string mAppID = "NotifyTest" + std::to_string(getpid());
@@ -79,8 +94,10 @@ class NotifyTest : public UpdaterUtilsTest {
 
 // New per-user product folders, down to the cache folder, are the user's alone (0700) whatever
 // the umask or the parent's bits; the standard folders above them take their parent's bits, and
-// existing folders keep theirs. A file where a folder belongs stays, and gives no folder.
-TEST_F(UpdaterDirsTest, UserFoldersAreTheUsersAlone) {
+// existing folders keep theirs. A file where a folder belongs stays, and gives no folder. Only
+// root makes the missing all-users folders (how: the multi-user tests). The reference form of
+// the updater's location needs the installed bundle.
+TEST_F(UpdaterUtilsTest, FoldersAndTheUpdatersLocation) {
   chmod(home().c_str(), 0755);
   const mode_t oldMask = umask(0);
   std::string path;
@@ -104,33 +121,31 @@ TEST_F(UpdaterDirsTest, UserFoldersAreTheUsersAlone) {
   testing_support::WriteFile(vantu, "not a folder");
   EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterDataDir(path));
   EXPECT_EQ(testing_support::ReadFile(vantu), "not a folder");
-}
 
-// Only root makes the missing all-users folders (how: the multi-user tests).
-TEST_F(UpdaterDirsTest, OnlyRootMakesTheAllUsersFolders) {
-  if (geteuid() != 0) GTEST_SKIP() << "giving folders away needs root";
-  mEnv.SetEffectiveUserId(1000);
-  std::string path;
-  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(path));
-  EXPECT_FALSE(fs::exists(root() + "/var/lib/Vantu"));
-}
-
-// The reference form of the location needs the installed bundle; the path form alone is the
-// launch tests' business.
-TEST_F(UpdaterDirsTest, UpdaterReferenceNeedsTheInstalledBundle) {
-  std::string path;
   esd::FSRef ref;
   ASSERT_TRUE(VantuUpdaterUtils::GetUpdaterLocation(path));
   EXPECT_FALSE(VantuUpdaterUtils::GetUpdaterLocation(ref));
   testing_support::FakeUpdaterBundle bundle(path);
   ASSERT_TRUE(VantuUpdaterUtils::GetUpdaterLocation(ref));
   EXPECT_EQ(ref.path, fs::canonical(path).string());
+
+  if (geteuid() != 0) return;  // giving folders away needs root
+  mEnv.SetEffectiveUserId(1000);
+  EXPECT_FALSE(VantuUpdaterUtils::GetVantuUpdaterAllUserDataDir(path));
+  EXPECT_FALSE(fs::exists(root() + "/var/lib/Vantu"));
 }
 
 // Both ways of starting the updater hand it the parameters (a later pair wins) on top of the
 // host's environment, and nothing else of the host: no descriptor beyond the standard three,
 // even one without close-on-exec, and the host's own environment stays exactly as it was.
-TEST_F(UpdaterLaunchTest, UpdaterGetsTheParametersAndNothingElseOfTheHost) {
+// Only the installed updater's own program counts, once installed: a copy of its bundle
+// elsewhere, the genuine Info.plist included, is not the updater, nor is a running bundle whose
+// Info.plist no longer parses or is a named pipe. Only a request brings the first one in the
+// table to the front. In the foreground the updater's exit status decides. A program started by
+// the updater is told that the updater is not running; others see it. A script updater is
+// recognised by the script's path among the interpreter's arguments. A missing program fails
+// without a shell.
+TEST_F(UpdaterUtilsTest, StartingAndFindingTheUpdater) {
   const std::function<bool(EnvironmentList&)> launches[] = {
       [](EnvironmentList& p) { return VantuUpdaterUtils::LaunchUpdater(p); },
       [](EnvironmentList& p) { return VantuUpdaterUtils::ForkUpdater(p, true); },
@@ -160,27 +175,8 @@ TEST_F(UpdaterLaunchTest, UpdaterGetsTheParametersAndNothingElseOfTheHost) {
   }
   close(held);
   unsetenv("VU_TEST_SET");
-}
+  fs::remove_all(installed());
 
-// In the foreground the updater's exit status decides; a missing program fails without a shell.
-TEST_F(UpdaterLaunchTest, ForegroundForkWaitsForTheUpdater) {
-  FakeUpdaterBundle bundle(installed());
-  EnvironmentList succeed = {{"FAKE_UPDATER_EXIT", "0"}}, fail = {{"FAKE_UPDATER_EXIT", "3"}};
-  EXPECT_TRUE(VantuUpdaterUtils::ForkUpdater(succeed, false));
-  EXPECT_EQ(bundle.Reports().size(), 1u) << "the updater ran before ForkUpdater returned";
-  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(fail, false));
-  EXPECT_EQ(bundle.Reports().size(), 2u);
-  EXPECT_EQ(mEnv.ShellCommands().size(), 2u);
-  fs::remove(bundle.programPath());
-  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(succeed, true));
-  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(succeed, false));
-  EXPECT_EQ(mEnv.ShellCommands().size(), 2u) << "no shell for a missing program";
-}
-
-// Only the installed updater's own program counts, once installed: a copy of its bundle
-// elsewhere, the genuine Info.plist included, is not the updater. Only a request brings the
-// first one in the table to the front.
-TEST_F(UpdaterLaunchTest, OnlyTheInstalledProgramIsTheUpdater) {
   FakeUpdaterBundle copy(mBase / "Copy.app");
   ASSERT_TRUE(esd::SystemUtils::LaunchPath(copy.path(), mNone));
   ASSERT_EQ(copy.WaitForReports(1).size(), 1u);
@@ -197,17 +193,28 @@ TEST_F(UpdaterLaunchTest, OnlyTheInstalledProgramIsTheUpdater) {
   EXPECT_TRUE(mEnv.BroughtToFront().empty());
   EXPECT_TRUE(VantuUpdaterUtils::IsUpdaterRunning(true));
   EXPECT_EQ(mEnv.BroughtToFront(), std::vector<pid_t>{std::min(reports[0].pid, reports[1].pid)});
+  const std::string infoPlist = installed() + "/Contents/Info.plist";
+  const std::string info = testing_support::ReadFile(infoPlist);
+  testing_support::WriteFile(infoPlist, "<?xml version=\"1.0\"?><plist");
+  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false)) << "a broken Info.plist";
+  fs::remove(infoPlist);
+  ASSERT_EQ(mkfifo(infoPlist.c_str(), 0600), 0);
+  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false)) << "a named pipe is not read";
+  fs::remove(infoPlist);
+  testing_support::WriteFile(infoPlist, info);
   ASSERT_TRUE(bundle.Stop() && copy.Stop());
   EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false));
-}
 
-// A program started by the updater is told that the updater is not running; others see it.
-TEST_F(UpdaterLaunchTest, UpdatersOwnChildSeesNoRunningUpdater) {
-  FakeUpdaterBundle bundle(installed());
+  EnvironmentList succeed = {{"FAKE_UPDATER_EXIT", "0"}}, fail = {{"FAKE_UPDATER_EXIT", "3"}};
+  EXPECT_TRUE(VantuUpdaterUtils::ForkUpdater(succeed, false));
+  EXPECT_EQ(bundle.Reports().size(), 3u) << "the updater ran before ForkUpdater returned";
+  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(fail, false));
+  EXPECT_EQ(bundle.Reports().size(), 4u);
+
   EnvironmentList params = {{"FAKE_UPDATER_CHILD", testing_support::UpdaterProbeProgram()},
                             {"FAKE_UPDATER_CHILD_ARG", root()}};
   ASSERT_TRUE(VantuUpdaterUtils::LaunchUpdater(params));
-  const pid_t updater = bundle.WaitForReports(1).at(0).pid;
+  const pid_t updater = bundle.WaitForReports(5).at(4).pid;
   EXPECT_EQ(bundle.WaitForChildStatus(updater), 0) << "the probe under the updater saw it";
   const pid_t probe = testing_support::StartChild([&] {
     execl(testing_support::UpdaterProbeProgram().c_str(), "UpdaterProbe", root().c_str(),
@@ -215,12 +222,8 @@ TEST_F(UpdaterLaunchTest, UpdatersOwnChildSeesNoRunningUpdater) {
     return 127;
   });
   EXPECT_EQ(testing_support::WaitChild(probe), 1) << "a probe of the test's own missed it";
-}
+  ASSERT_TRUE(bundle.Stop());
 
-// An updater whose program is a script is recognised by the script's path among the
-// interpreter's arguments.
-TEST_F(UpdaterLaunchTest, ScriptUpdaterIsFoundThroughItsArguments) {
-  FakeUpdaterBundle bundle(installed());
   const std::string stopFile = mBase / "script.stop";
   testing_support::WriteFile(bundle.programPath(),
                              "#!/bin/sh\nwhile [ ! -e '" + stopFile + "' ]; do sleep 0.01; done\n");
@@ -233,47 +236,20 @@ TEST_F(UpdaterLaunchTest, ScriptUpdaterIsFoundThroughItsArguments) {
   testing_support::WriteFile(stopFile, "");
   ASSERT_TRUE(testing_support::WaitForProcessEnd(script));
   EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false));
-}
 
-// Odd process tables are passed over: a process that ended during the walk, a caller without a
-// parent in sight (the first process of a container), and a running bundle whose Info.plist no
-// longer parses or is a named pipe.
-TEST_F(UpdaterLaunchTest, OddProcessTablesAndBrokenBundlesArePassedOver) {
-  class OddTable : public TestEnv {
-   public:
-    bool ListProcessIds(std::vector<pid_t>& pids) override {
-      if (!TestEnv::ListProcessIds(pids)) return false;
-      pids.insert(pids.begin(), mGone);
-      return true;
-    }
-    bool GetProcessInfo(pid_t pid, ProcessInfo& info) override {
-      if (!TestEnv::GetProcessInfo(pid, info)) return false;
-      if (pid == getpid()) info.parentPid = 0;
-      return true;
-    }
-    pid_t mGone = testing_support::StartChild([] { return 0; });
-  } env;
-  testing_support::WaitChild(env.mGone);
-  Install(env);
-  esd::ScopedEnv scope(&env);
-  FakeUpdaterBundle bundle(installed());
-  ASSERT_TRUE(VantuUpdaterUtils::LaunchUpdater(mNone));
-  ASSERT_EQ(bundle.WaitForReports(1).size(), 1u);
-  EXPECT_TRUE(VantuUpdaterUtils::IsUpdaterRunning(false));
-
-  const std::string infoPlist = installed() + "/Contents/Info.plist";
-  testing_support::WriteFile(infoPlist, "<?xml version=\"1.0\"?><plist");
-  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false));
-  fs::remove(infoPlist);
-  ASSERT_EQ(mkfifo(infoPlist.c_str(), 0600), 0);
-  EXPECT_FALSE(VantuUpdaterUtils::IsUpdaterRunning(false)) << "a named pipe is not read";
+  const size_t shells = mEnv.ShellCommands().size();
+  fs::remove(bundle.programPath());
+  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(succeed, true));
+  EXPECT_FALSE(VantuUpdaterUtils::ForkUpdater(succeed, false));
+  EXPECT_EQ(mEnv.ShellCommands().size(), shells) << "no shell for a missing program";
 }
 
 // The marker <temporary items>/Updater5/locked/lock.ID holds "lock" and makes the workflow
 // active until deleted, even when stale; deleting a missing marker succeeds. Marker and folders
 // are the user's alone whatever the umask. An identifier leading out of the lock folder, or no
-// usable temporary folder, reads as active and creates nothing.
-TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
+// usable temporary folder, reads as active and creates nothing. Without a marker the workflow is
+// active exactly while another process holds the lock.
+TEST_F(NotifyTest, MarkerOrLockMakesTheWorkflowActive) {
   std::string path;
   ASSERT_TRUE(Locker::GetIPCLockFileParentFolder(path));
   EXPECT_EQ(path, runtime() + "/Updater5");
@@ -283,15 +259,28 @@ TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
 
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_FALSE(testing_support::LockIsHeld(mAppID)) << "the test took the lock only briefly";
+  testing_support::Pipe locked, release;
+  const pid_t holder = testing_support::StartChild([&] {
+    esd::ResourceLocker locker(mAppID, 0);
+    if (!locker.Lock()) return 1;
+    locked.Signal();
+    release.Wait();
+    return 0;
+  });
+  ASSERT_TRUE(locked.Wait());
+  EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
+  EXPECT_TRUE(testing_support::LockIsHeld(mAppID)) << "the holder's lock was not broken";
+  release.Signal();
+  EXPECT_EQ(testing_support::WaitChild(holder), 0);
+  EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
+
   const mode_t oldMask = umask(0);
   ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID));
   ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID)) << "an existing marker is rewritten";
   umask(oldMask);
   EXPECT_EQ(testing_support::ReadFile(path), "lock");
-  struct stat marker {}, folder {};
-  ASSERT_EQ(stat(path.c_str(), &marker) | stat((runtime() + "/Updater5").c_str(), &folder), 0);
-  EXPECT_EQ(marker.st_mode & 07777, 0600u);
-  EXPECT_EQ(folder.st_mode & 07777, 0700u);
+  EXPECT_EQ(ModeOf(path), 0600u);
+  EXPECT_EQ(ModeOf(runtime() + "/Updater5"), 0700u);
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_TRUE(Locker::DeleteIPCLockFile(mAppID));
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
@@ -311,24 +300,6 @@ TEST_F(NotifyTest, MarkerFileMakesTheWorkflowActiveUntilDeleted) {
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_FALSE(Locker::CreateIPCLockFile(mAppID));
   EXPECT_FALSE(testing_support::LockIsHeld(mAppID));
-}
-
-// Without a marker the workflow is active exactly while another process holds the lock.
-TEST_F(NotifyTest, LockHeldByAnotherProcessMakesTheWorkflowActive) {
-  testing_support::Pipe locked, release;
-  const pid_t holder = testing_support::StartChild([&] {
-    esd::ResourceLocker locker(mAppID, 0);
-    if (!locker.Lock()) return 1;
-    locked.Signal();
-    release.Wait();
-    return 0;
-  });
-  ASSERT_TRUE(locked.Wait());
-  EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
-  EXPECT_TRUE(testing_support::LockIsHeld(mAppID)) << "the holder's lock was not broken";
-  release.Signal();
-  EXPECT_EQ(testing_support::WaitChild(holder), 0);
-  EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
 }
 
 // A ROOT/Applications folder the user cannot write makes an administrator group count for
