@@ -12,6 +12,11 @@
 // not, so a name holding them is read from such a file but not from what the writer made of it.
 // Every tree, within the promise or not, must be written and re-read without a crash, a leak or
 // undefined behaviour.
+//
+// The check a save makes before writing (XMLWriteCheck) must vouch for exactly the trees whose
+// text parses and that have ASCII names, no '<', '&' or '"' in attribute values and no DEL or C1
+// control (valid, but left to a parse). It judges sixteen bytes at a time, so a short input is
+// also judged at every place of padded texts around those edges, and its bytes in names.
 
 #include <cstddef>
 #include <cstdint>
@@ -23,10 +28,12 @@
 #include "FuzzSandbox.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/XMLDocumentNode.h"
+#include "xplat/XMLWriteCheck.h"
 
 namespace {
 
 using Builder = esd::ExpatDOMBuilder<esd::XMLDocumentNode>;
+using esd::XMLWriteCheck::WritesWellFormed;
 using fuzzing::Check;
 
 std::string Write(const esd::XMLDocumentNode& node) {
@@ -91,6 +98,65 @@ bool SameTree(const std::vector<const esd::XMLDocumentNode*>& first,
   return true;
 }
 
+bool IsAsciiName(const std::string& name) {
+  const std::string kStart = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_:";
+  return !name.empty() && kStart.find(name[0]) != std::string::npos &&
+         name.find_first_not_of(kStart + "0123456789-.") == std::string::npos;
+}
+
+bool IsVouchableText(const std::string& text, bool value) {
+  if (value && text.find_first_of("<&\"") != std::string::npos) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+    if (text[i] == '\x7F' || (text[i] == '\xC2' && next >= 0x80 && next <= 0x9F)) return false;
+  }
+  return true;
+}
+
+// What the check must say of a parsed tree, which holds only characters XML allows.
+bool IsVouchable(const std::vector<const esd::XMLDocumentNode*>& nodes) {
+  bool vouchable = nodes[0]->GetVersion() == "1.0";
+  for (std::size_t i = 1; i < nodes.size(); ++i) {
+    vouchable = vouchable && IsAsciiName(nodes[i]->GetElementName()) &&
+                IsVouchableText(nodes[i]->GetData(), false);
+    for (const auto& [name, value] : nodes[i]->GetAttributeMap())
+      vouchable = vouchable && IsAsciiName(name) && IsVouchableText(value, true);
+  }
+  return vouchable;
+}
+
+// `piece` as element text, as attribute value and byte by byte in names, at every place.
+void ProbeWriteCheck(const std::string& piece, bool names) {
+  for (std::size_t before = 0; before <= 33; ++before) {
+    for (std::size_t after : {0, 1, 16}) {
+      const std::string text = std::string(before, 'a') + piece + std::string(after, 'a');
+      esd::XMLDocumentNode document, *element = new esd::XMLDocumentNode("e");
+      document.SetAttributeData("version", "1.0");
+      document.AddChildNode(element);
+      element->SetElementData(text);
+      std::ostringstream out;
+      const bool vouched = esd::XMLWriteCheck::WriteVouched(out, document);
+      Check(vouched == (Builder::IsWellFormed(out.str().data(), out.str().size()) &&
+                        IsVouchableText(text, false)),
+            "the check judges element text");
+      element->SetElementData("");
+      for (std::size_t i = 0; names && i < piece.size(); ++i) {
+        const std::string name = std::string(before, 'n') + piece[i] + std::string(after, 'n');
+        auto* named = new esd::XMLDocumentNode(name);
+        element->AddChildNode(named);
+        Check(WritesWellFormed(document) == IsAsciiName(name), "the check judges names");
+        element->DeleteChildNode(named);
+      }
+      element->SetAttributeData("v", text);
+      const std::string withValue = Write(document);
+      Check(WritesWellFormed(document) ==
+                (Builder::IsWellFormed(withValue.data(), withValue.size()) &&
+                 IsVouchableText(text, true)),
+            "the check judges attribute values");
+    }
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
@@ -101,6 +167,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   // file it cannot load (or refuse one it could).
   Check(parsed == Builder::IsWellFormed(input.data(), input.size()),
         "IsWellFormed agrees with the builder");
+  if (input.size() <= 16) ProbeWriteCheck(input, input.size() <= 4);
   if (!parsed) return 0;
 
   const esd::XMLDocumentNode* document = first.GetDocumentNode();
@@ -111,6 +178,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Check(Write(*copy) == written, "a duplicate writes the same text as its original");
 
   const std::vector<const esd::XMLDocumentNode*> nodes = Flatten(document);
+  std::ostringstream vouchedOut;
+  const bool vouched = esd::XMLWriteCheck::WriteVouched(vouchedOut, *document);
+  Check(vouchedOut.str() == written && vouched == WritesWellFormed(*document),
+        "the writer's check writes what operator<< writes and agrees with the check");
+  Check(vouched == IsVouchable(nodes), "the check judges the parsed tree");
   Builder second;
   const bool reparsed = fuzzing::ParseBytes(second, written);
   Check(reparsed == Builder::IsWellFormed(written.data(), written.size()),
