@@ -202,12 +202,13 @@ TEST(XMLDocumentNodeDeathTest, ProgrammingErrorsNameTheCondition) {
   EXPECT_DEATH(none.GetFirst(), "failed assertion `!mResultSet.empty\\(\\)'");
 }
 
-// What a parse never makes (the fuzzer judges the rest): no root, a second root, a document node
-// inside the tree, another declaration attribute, an element in place of the document. The
-// writer's check agrees, and writes the bytes of operator<<.
+// What the fuzzer does not make: another version or declaration attribute, a bad attribute name,
+// no root, a second root, a document node inside the tree, an element in place of the document.
+// The writer's check agrees, and writes the bytes of operator<<.
 TEST(XMLWriteCheck, VouchesOnlyForAPlainDocumentWithOneRoot) {
   const std::function<void(XMLDocumentNode&)> kChanges[] = {
       [](XMLDocumentNode& document) { document.SetAttributeData("version", "1.1"); },
+      [](XMLDocumentNode& document) { document.GetChildNodes()[0]->SetAttributeData("1", "v"); },
       [](XMLDocumentNode& document) { document.SetAttributeData("standalone", "yes"); },
       [](XMLDocumentNode& document) { document.DeleteChildNode(document.GetChildNodes()[0]); },
       [](XMLDocumentNode& document) { document.AddChildNode(new XMLDocumentNode("Other")); },
