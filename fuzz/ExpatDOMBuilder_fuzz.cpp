@@ -12,6 +12,11 @@
 // not, so a name holding them is read from such a file but not from what the writer made of it.
 // Every tree, within the promise or not, must be written and re-read without a crash, a leak or
 // undefined behaviour.
+//
+// The write check (XMLWriteCheck) must vouch exactly when the text parses, names are ASCII, values
+// hold no '<', '&' or '"' and nothing holds DEL or a C1 control (valid, but left to a parse). An
+// input of up to four bytes is judged and escaped at every place of padded texts, values and
+// names around the sixteen-byte blocks the check and the writer take, as it is alone.
 
 #include <cstddef>
 #include <cstdint>
@@ -23,10 +28,12 @@
 #include "FuzzSandbox.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/XMLDocumentNode.h"
+#include "xplat/XMLWriteCheck.h"
 
 namespace {
 
 using Builder = esd::ExpatDOMBuilder<esd::XMLDocumentNode>;
+using esd::XMLWriteCheck::WritesWellFormed;
 using fuzzing::Check;
 
 std::string Write(const esd::XMLDocumentNode& node) {
@@ -91,6 +98,57 @@ bool SameTree(const std::vector<const esd::XMLDocumentNode*>& first,
   return true;
 }
 
+bool IsAsciiName(const std::string& name) {
+  const std::string kStart = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_:";
+  return !name.empty() && kStart.find(name[0]) != std::string::npos &&
+         name.find_first_not_of(kStart + "0123456789-.") == std::string::npos;
+}
+
+bool IsVouchableText(const std::string& text, bool value) {
+  if (value && text.find_first_of("<&\"") != std::string::npos) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+    if (text[i] == '\x7F' || (text[i] == '\xC2' && next >= 0x80 && next <= 0x9F)) return false;
+  }
+  return true;
+}
+
+// `piece` as element text, value and (byte by byte) element name; first alone, then padded.
+void ProbeWriteCheck(const std::string& piece) {
+  bool alone[2];
+  std::string aloneText;
+  for (std::size_t before = 0; before <= 33; ++before) {
+    for (std::size_t after : {0, 16}) {
+      const std::string text = std::string(before, 'a') + piece + std::string(after, 'a');
+      esd::XMLDocumentNode document, *element = new esd::XMLDocumentNode("e");
+      document.SetAttributeData("version", "1.0");
+      document.AddChildNode(element);
+      for (std::size_t i = 0; i < piece.size(); ++i) {
+        const std::string name = std::string(before, 'n') + piece[i] + std::string(after, 'n');
+        element->AddChildNode(new esd::XMLDocumentNode(name));
+        Check(WritesWellFormed(document) == IsAsciiName(name), "the check judges names");
+        element->DeleteChildNode(element->GetChildNodes().back());
+      }
+      for (const bool value : {false, true}) {
+        value ? element->SetAttributeData("v", text) : element->SetElementData(text);
+        std::ostringstream out;
+        const bool vouched = esd::XMLWriteCheck::WriteVouched(out, document);
+        if (before + after == 0) {
+          alone[value] = Builder::IsWellFormed(out.str().data(), out.str().size()) &&
+                         IsVouchableText(text, value);
+          if (!value) aloneText = out.str();
+        }
+        Check(vouched == alone[value] && vouched == WritesWellFormed(document),
+              "the check judges texts and values, and the writer's check agrees");
+        std::string padded = aloneText;
+        padded.insert(padded.rfind("</e>"), after, 'a').insert(padded.find("<e>") + 3, before, 'a');
+        Check(value || out.str() == padded, "element text is written alike at every place");
+        element->SetElementData("");
+      }
+    }
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
@@ -101,6 +159,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   // file it cannot load (or refuse one it could).
   Check(parsed == Builder::IsWellFormed(input.data(), input.size()),
         "IsWellFormed agrees with the builder");
+  if (input.size() <= 4) ProbeWriteCheck(input);
   if (!parsed) return 0;
 
   const esd::XMLDocumentNode* document = first.GetDocumentNode();

@@ -1,7 +1,5 @@
-// The real Env where no other test reaches it: detached starts and the shell, the session bus,
-// the home folder and the substitution machinery (the process table, groups and access are used
-// for real by the launch and multi-user tests); starting programs by path (bundle, executable,
-// shell fallbacks and their quoting) and the system's name and version.
+// The real Env where no other test reaches it (detached starts, the shell, the session bus, the
+// home folder), starting programs by path, and the system's name and version.
 #include "xplat/Env.h"
 
 #include <gtest/gtest.h>
@@ -74,20 +72,6 @@ void WriteShellFragment(const std::string& path, const std::string& marker) {
 
 bool PostSignal(const std::vector<std::string>& arguments = {}, const char* path = kBusPath) {
   return Env::Platform()->PostSessionBusSignal(path, kBusInterface, "Notification", arguments);
-}
-
-// Scopes nest, each end restoring the Env before it; a wrapper forwards what it does not override.
-TEST(EnvTest, ScopesNestAndWrappersForwardTheRest) {
-  TestEnv outer, inner;
-  outer.SetRoot("/outer");
-  inner.SetRoot("/inner");
-  {
-    esd::ScopedEnv outerScope(&outer);
-    EXPECT_EQ(Env::Default()->GetCurrentProcessId(), getpid());
-    { esd::ScopedEnv innerScope(&inner); }
-    EXPECT_EQ(Env::Default()->GetRootDirectory(), "/outer");
-  }
-  EXPECT_EQ(Env::Default(), Env::Platform());
 }
 
 // A detached start runs the program outside the caller's session; the shell gets the caller's
