@@ -5,6 +5,7 @@
 #include "support/MultiUser.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,9 +20,10 @@
 #include <string>
 #include <thread>
 
-#include "LibraryTestFixture.h"
+#include "VantuUpdater/VantuUpdater.h"
 #include "support/ChildProcess.h"
 #include "support/FakeUpdaterBundle.h"
+#include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "xplat/ResourceLocker.h"
 #include "xplat/ScopedEnv.h"
@@ -35,6 +37,8 @@ namespace fs = std::filesystem;
 using namespace testing_support;
 
 const char kAppID[] = "com.example.Victim";
+
+const unsigned char* U(const char* text) { return reinterpret_cast<const unsigned char*>(text); }
 
 // Runs `body` as root on a fresh machine; skips where none can be made.
 void OnMachine(const std::function<int(const MultiUserMachine&)>& body) {
@@ -101,9 +105,11 @@ std::string NestedBinaryPlist(uint32_t depth) {
 }
 
 int32_t RequestComponent() {
-  const Components request = {{"Spelling", "Dictionary", "1.0"}};
-  return ROZDownloadMissingComponents(kAppID, U("Victim"), U("/opt/Victim"), nullptr,
-                                      &request.list, kROZDownloadMissingCompTypeDefault, false);
+  char category[] = "Spelling", name[] = "Dictionary", version[] = "1.0";
+  ROZMissingComponent component = {category, name, version}, *components[] = {&component};
+  const ROZMissingComptList request = {1, components};
+  return ROZDownloadMissingComponents(kAppID, U("Victim"), U("/opt/Victim"), nullptr, &request,
+                                      kROZDownloadMissingCompTypeDefault, false);
 }
 
 int Register(const MultiUserMachine& machine, const UserIdentity& who, const char* appID) {
