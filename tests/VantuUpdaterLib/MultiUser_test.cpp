@@ -87,23 +87,6 @@ void AgainstAHost(const std::function<void(const MultiUserMachine&, FakeUpdaterB
   });
 }
 
-// A binary property list of `depth` arrays, each holding the next.
-std::string NestedBinaryPlist(uint32_t depth) {
-  const auto bigEndian = [](uint64_t value, int bytes) {
-    std::string out;
-    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
-      out += static_cast<char>(value >> shift);
-    return out;
-  };
-  std::string objects, offsets;
-  for (uint32_t i = 0; i < depth; ++i) {
-    offsets += bigEndian(8 + objects.size(), 4);
-    objects += i + 1 < depth ? "\xA1" + bigEndian(i + 1, 4) : std::string("\xA0");
-  }
-  return "bplist00" + objects + offsets + std::string(6, '\0') + "\x04\x04" +
-         bigEndian(depth, 8) + bigEndian(0, 8) + bigEndian(8 + objects.size(), 8);
-}
-
 int32_t RequestComponent() {
   char category[] = "Spelling", name[] = "Dictionary", version[] = "1.0";
   ROZMissingComponent component = {category, name, version}, *components[] = {&component};
@@ -151,18 +134,17 @@ std::string Installed(const char* mode, const std::string& owner = "0") {
   return owner + ":" + std::to_string(AdministratorsGroup()) + " " + mode;
 }
 
-// A bundle of the attacker's making whose program runs as the attacker is not the updater, and
-// its Info.plist (too deep for any parser) is never read: the plug-in action runs, a download
-// starts the updater, the last unregistration starts the clean-up. (A copy with the genuine
-// Info.plist is the single-user launch tests'.)
+// A bundle of the attacker's making, with the genuine Info.plist, whose program runs as the
+// attacker is not the updater: the plug-in action runs, a download starts the updater, the last
+// unregistration starts the clean-up.
 TEST(LocalUsersTest, BundlePosingAsTheUpdaterIsNotTheUpdater) {
   AgainstAHost([&](const MultiUserMachine& machine, FakeUpdaterBundle& updater) {
     Host host(machine, RootUser());
     const std::string bundle = machine.HomeOf(Attacker()) + "/Vantu Updater.app";
     const std::string program = bundle + "/Contents/MacOS/Vantu Updater";
     ASSERT_EQ(0, RunAs(Attacker(), [&] {
-                fs::create_directories(bundle + "/Contents/MacOS");
-                WriteFile(bundle + "/Contents/Info.plist", NestedBinaryPlist(1000000));
+                fs::copy(updater.path(), bundle, fs::copy_options::recursive);
+                fs::remove(program);
                 return fs::copy_file("/bin/sleep", program) ? 0 : 1;
               }));
     const pid_t poser = StartAs(Attacker(), [&] {
