@@ -1,8 +1,5 @@
-// The exports end to end, called as a host calls them in a sandboxed machine: the shared
-// library's symbol table, who may check for updates, the argument checks every export makes
-// before it touches a file, registering and unregistering, and the requests that drive the
-// updater (the availability exchange itself is the reference updater's end-to-end test). The C
-// host is built and run against the installed copy by InstallCheck.sh.
+// The exports end to end, called as a host calls them in a sandboxed machine. (The availability
+// exchange is the reference updater's end-to-end test; InstallCheck.sh runs a C host.)
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -84,8 +81,7 @@ class ExportsTest : public ::testing::Test {
     return ROZRegisterApplication(id.c_str(), U(displayName), U(installPath));
   }
 
-  // The environment entry `name` of the updater's launch number `count` (waited for), or
-  // "<unset>".
+  // The entry `name` of the environment of launch number `count` (waited for), or "<unset>".
   std::string Launched(size_t count, const std::string& name) {
     const auto launches = sandbox.WaitForLaunches(count);
     EXPECT_EQ(count, launches.size());
@@ -147,11 +143,10 @@ TEST_F(ExportsTest, ChecksAreForAdministratorsUnlessThePolicySwitchesThemOff) {
   }
 }
 
-// Arguments one byte over their limit, identifiers that are not one plain 7-bit file-name
-// component (they name folders, files and locks) and text that is not UTF-8 give 3 and leave the
-// machine as it was. The limits are inclusive, an encoded surrogate passes, the download has no
-// path limit and the language is never a reason to refuse; without an application the trigger
-// checks only the name and that there is a path.
+// Arguments over their (inclusive) limit, identifiers that are not one plain 7-bit file-name
+// component and text that is not UTF-8 give 3 and leave the machine as it was. The download has
+// no path limit, the language is never refused; without an application the trigger checks only
+// the name and that there is a path.
 TEST_F(ExportsTest, EachExportChecksItsArguments) {
   BecomeAdministrator();
   using Text = std::optional<std::string>;
@@ -291,10 +286,8 @@ TEST_F(HostRequestsTest, AvailabilityOddCases) {
   EXPECT_EQ(0u, LaunchesAfterAWhile(0));
 }
 
-// A manual check always starts the updater, automatic checks off or not (what it passes on is
-// the reference updater's end-to-end test); with registerFirst it registers the application.
-// Without an application the updater checks everything: nothing is registered even when asked
-// to, and the launch counts as the user's whatever its type.
+// A manual check always starts the updater and registers when asked to. Without an application
+// nothing is registered even when asked to, and the launch counts as the user's whatever its type.
 TEST_F(HostRequestsTest, ManualAndGeneralChecksAlwaysStartTheUpdater) {
   ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
   EXPECT_EQ(kROZResultOK, Trigger(app, kROZTriggerManual, "EN-us"));
@@ -311,10 +304,9 @@ TEST_F(HostRequestsTest, ManualAndGeneralChecksAlwaysStartTheUpdater) {
   EXPECT_EQ(kROZResultUpdaterUnavailable, Trigger(nullptr, kROZTriggerManual, nullptr));
 }
 
-// A scheduled check starts nothing (and still succeeds) when automatic checks are off or the
-// last check is recent. On the first run it is shown to the user; afterwards it runs in the
-// background, in the tray only for the default check type. A manual launch still pending is
-// never turned into a scheduled one.
+// A scheduled check starts nothing (and succeeds) when automatic checks are off or the last is
+// recent. A first run is shown to the user, later ones run in the background, in the tray only
+// for the default check type. A pending manual launch stays manual.
 TEST_F(HostRequestsTest, ScheduledTriggerHonoursTheUsersSettings) {
   ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
   EXPECT_EQ(kROZResultOK, Trigger(app, kROZTriggerScheduled));
@@ -344,9 +336,8 @@ TEST_F(HostRequestsTest, ScheduledTriggerHonoursTheUsersSettings) {
   EXPECT_EQ(3u, sandbox.WaitForLaunches(3).size());
 }
 
-// The action runs only when a check is due, and a running updater refuses it before the
-// identifier is even looked at. (That it runs for a registered application is the reference
-// updater's end-to-end test.)
+// The action runs only when a check is due; a running updater refuses it before the identifier
+// is even looked at.
 TEST_F(HostRequestsTest, PluginActionWaitsForItsPeriodAndAnIdleUpdater) {
   ASSERT_EQ(kROZResultOK, Register(appID));
   ASSERT_TRUE(Prefs()->AutoCheckFreq.Set(1));
@@ -362,12 +353,9 @@ TEST_F(HostRequestsTest, PluginActionWaitsForItsPeriodAndAnIdleUpdater) {
   EXPECT_EQ(started, LaunchesAfterAWhile(started)) << "a second updater";
 }
 
-// A missing-components request is recorded (what the store then holds is the torture harness's
-// to check) and starts the updater in download mode with the host's language; an empty list
-// records nothing but still wakes it. The first failing entry ends a request: entries before it
-// stay recorded, those after it are not, and nothing starts. Without an installed updater the
-// request is still recorded. (A running updater is signalled instead: the reference updater's
-// end-to-end test sees that.)
+// A missing-components request is recorded and starts the updater in download mode with the
+// host's language; an empty list records nothing but still wakes it. The first failing entry
+// ends a request and nothing starts. Without an installed updater the request is still recorded.
 TEST_F(HostRequestsTest, MissingComponentRequests) {
   EXPECT_EQ(kROZResultOK, Download({{"fonts", "Serif", "1.0"}, {"fonts", "Mono", "2.1"}}, "fr_fr"));
   const std::string store = FileText(sandbox.MissingCompsFile());
@@ -396,10 +384,9 @@ TEST_F(HostRequestsTest, MissingComponentRequests) {
   EXPECT_TRUE(Has(FileText(sandbox.MissingCompsFile()), "name=\"Thin\""));
 }
 
-// The store's answers reach the host as result codes. An entry the store will not write (an
-// encoded surrogate passes the UTF-8 check, XML cannot carry it) fails alone: the other entries
-// stay. A store whose folder cannot be had (a machine folder the user may not create, no home)
-// is an ordinary failure for a host: a result code, never an exception unwinding into C code.
+// The store's answers reach the host as result codes. An entry XML cannot carry (an encoded
+// surrogate) fails alone. A store without its folder (a file in the way, no home) is a result
+// code, never an exception unwinding into C code.
 TEST_F(HostRequestsTest, StoreAnswersBecomeResultCodes) {
   ASSERT_EQ(kROZResultOK, Register(appID));
   ASSERT_EQ(kROZResultOK, ROZRegisterApplication(otherAppID.c_str(), U("Other"), U("/opt/O")));
@@ -457,10 +444,9 @@ TEST_F(HostRequestsTest, UnregisteringAndTheLastApplicationLeaving) {
   EXPECT_EQ(started, LaunchesAfterAWhile(started)) << "a second updater";
 }
 
-// The facade's registration step: without a display name the application is registered under
-// its identifier; an entry that is up to date, also when a carriage return reads back as a line
-// feed, is success without a write; its own checks are only for null; any failure is "not
-// registered".
+// The facade's registration step: no display name means the identifier; an up-to-date entry
+// (also when a carriage return reads back as a line feed) is success without a write; it checks
+// only for null; any failure is "not registered".
 TEST_F(HostRequestsTest, AddOrUpdateRegistration) {
   CEsdUpdate facade;
   const std::string moved = "/opt/Line\rBreak";
@@ -512,8 +498,7 @@ TEST_F(HostRequestsTest, WorkflowsCallOneAnotherThroughTheObject) {
   EXPECT_EQ(kROZResultNotRegistered, facade.AddOrUpdateRegistration(app, nullptr, U(installPath)));
   EXPECT_EQ(1u, facade.registered);
 
-  // The download asks the overridden question and registers through the override, whose
-  // failure it reports before recording anything.
+  // The download asks and registers through the overrides and reports the failure first.
   ROZMissingComptList empty = {0, nullptr};
   EXPECT_EQ(kROZResultNotRegistered,
             facade.ROZDownloadMissingComponents(app, U(displayName), U(installPath), nullptr,

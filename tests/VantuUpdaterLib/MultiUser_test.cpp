@@ -268,7 +268,8 @@ TEST(MultiUserTest, WhoMayChangeTheMachineWideStore) {
       if (c.folderAfter != "missing" && Described(product) != "0:0 755") return 14;
       const std::string store = folder + "/VantuESDGlobalApps.xml";
       const std::string mode = Described(store);
-      if (c.result == kROZResultOK && mode.substr(mode.find(':')) != Installed("664", "")) return 15;
+      if (c.result == kROZResultOK && mode.substr(mode.find(':')) != Installed("664", ""))
+        return 15;
       // B's entry stays; C's is there exactly when its registration succeeded.
       std::ifstream in(store);
       const std::string apps{std::istreambuf_iterator<char>(in), {}};
