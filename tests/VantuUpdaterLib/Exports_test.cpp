@@ -336,23 +336,6 @@ TEST_F(HostRequestsTest, ScheduledTriggerHonoursTheUsersSettings) {
   EXPECT_EQ(3u, sandbox.WaitForLaunches(3).size());
 }
 
-// The action runs only when a check is due; a running updater refuses it before the identifier
-// is even looked at.
-TEST_F(HostRequestsTest, PluginActionWaitsForItsPeriodAndAnIdleUpdater) {
-  ASSERT_EQ(kROZResultOK, Register(appID));
-  ASSERT_TRUE(Prefs()->AutoCheckFreq.Set(1));
-  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-09")));
-  EXPECT_EQ(kROZResultOK, ROZDoPluginAction(app));
-  EXPECT_EQ(0u, LaunchesAfterAWhile(0));
-
-  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-02-01")));
-  ASSERT_TRUE(sandbox.StartRunningUpdater());
-  const size_t started = sandbox.Launches().size();
-  EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(app));
-  EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(""));
-  EXPECT_EQ(started, LaunchesAfterAWhile(started)) << "a second updater";
-}
-
 // A missing-components request is recorded and starts the updater in download mode with the
 // host's language; an empty list records nothing but still wakes it. The first failing entry
 // ends a request and nothing starts. Without an installed updater the request is still recorded.
@@ -407,10 +390,15 @@ TEST_F(HostRequestsTest, StoreAnswersBecomeResultCodes) {
 }
 
 // Unregistering removes the entry and its cached result; an unknown application changes nothing.
-// The last application to leave starts the updater in clean-up mode, unless it already runs.
-TEST_F(HostRequestsTest, UnregisteringAndTheLastApplicationLeaving) {
+// The last application to leave starts the updater in clean-up mode, unless it already runs. The
+// plug-in action starts nothing until a check is due, and a running updater refuses it before
+// the identifier is even looked at.
+TEST_F(HostRequestsTest, UnregisteringPluginActionAndTheLastApplicationLeaving) {
   ASSERT_EQ(kROZResultOK, Register(appID));
   ASSERT_EQ(kROZResultOK, Register(otherAppID));
+  ASSERT_TRUE(Prefs()->AutoCheckFreq.Set(1));
+  ASSERT_TRUE(Prefs()->LastDateCheck.Set(std::string("2026-03-09")));
+  EXPECT_EQ(kROZResultOK, ROZDoPluginAction(app));
   const auto cached = [&](const std::string& id) {
     return sandbox.CacheDataDir() + "/" + id + ".rzp.xml";
   };
@@ -439,6 +427,8 @@ TEST_F(HostRequestsTest, UnregisteringAndTheLastApplicationLeaving) {
   ASSERT_TRUE(sandbox.StartRunningUpdater());
   const size_t started = sandbox.Launches().size();
   ASSERT_EQ(kROZResultOK, Register(appID));
+  EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(app));
+  EXPECT_EQ(kROZResultUpdaterRunning, ROZDoPluginAction(""));
   ASSERT_EQ(kROZResultOK, ROZUnRegisterApplication(app));
   EXPECT_FALSE(Exists(sandbox.RegistryFile()));
   EXPECT_EQ(started, LaunchesAfterAWhile(started)) << "a second updater";
