@@ -126,8 +126,9 @@ std::string Installed(const char* mode, const std::string& owner = "0") {
 
 // A bundle of the attacker's making, with the genuine Info.plist, whose program runs as the
 // attacker is not the updater: the plug-in action runs, a download starts the updater, the last
-// unregistration starts the clean-up.
-TEST(LocalUsersTest, BundlePosingAsTheUpdaterIsNotTheUpdater) {
+// unregistration starts the clean-up. A user's missing-components store and its folder are that
+// user's alone, whatever the umask and the home's bits.
+TEST(LocalUsersTest, BundlePosingAsTheUpdaterAndPerUserStore) {
   AgainstAHost([&](const MultiUserMachine& machine, FakeUpdaterBundle& updater) {
     Host host(machine, RootUser());
     const std::string bundle = machine.HomeOf(Attacker()) + "/Vantu Updater.app";
@@ -164,6 +165,18 @@ TEST(LocalUsersTest, BundlePosingAsTheUpdaterIsNotTheUpdater) {
     EXPECT_EQ(1u, launched(3).count("RZ_LAUNCH_MODE"));
     ::kill(poser, SIGKILL);
     WaitChild(poser);
+
+    const UserIdentity& user = AdministratorA();
+    ::chmod(machine.HomeOf(user).c_str(), 0755);
+    const std::string data = machine.HomeOf(user) + "/.local/share/Vantu/Updater5";
+    EXPECT_EQ(0, RunAs(user, [&] {
+                ::umask(0);
+                Host host(machine, user);
+                return RequestComponent();
+              }));
+    const std::string owner = std::to_string(user.uid) + ":" + std::to_string(user.gid);
+    EXPECT_EQ(owner + " 600", Described(data + "/VantuMissingComps.xml"));
+    EXPECT_EQ(owner + " 700", Described(data));
   });
 }
 
@@ -207,25 +220,6 @@ TEST(LocalUsersTest, MarkersStayOutOfFoldersAnotherUserControls) {
                 fs::exists(fallback + "/Updater5/locked/lock." + std::string(kAppID)));
     });
   }
-}
-
-// A user's missing-components store and its folder are that user's alone (no other user may
-// rewrite the store or put a file beside it), whatever the umask and the home's bits.
-TEST(LocalUsersTest, PerUserStoreIsTheUsersAlone) {
-  AgainstAHost([&](const MultiUserMachine& machine, FakeUpdaterBundle&) {
-    const UserIdentity& user = AdministratorA();
-    ::chmod(machine.HomeOf(user).c_str(), 0755);
-    const std::string data = machine.HomeOf(user) + "/.local/share/Vantu/Updater5";
-    const std::string store = data + "/VantuMissingComps.xml";
-    EXPECT_EQ(0, RunAs(user, [&] {
-                ::umask(0);
-                Host host(machine, user);
-                return RequestComponent();
-              }));
-    const std::string owner = std::to_string(user.uid) + ":" + std::to_string(user.gid);
-    EXPECT_EQ(owner + " 600", Described(store));
-    EXPECT_EQ(owner + " 700", Described(data));
-  });
 }
 
 // After administrator B registered in the provisioned folder, each caller gets its result:
