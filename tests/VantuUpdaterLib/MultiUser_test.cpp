@@ -1,7 +1,6 @@
 // Real users on one machine (a private mount namespace, real distinct ids): who may change the
-// machine-wide store the installed tmpfiles snippet provides for, that one user's locks hold up
-// no other, and what another local user can do against a host. The checks run in the machine's
-// process; its exit status is the verdict.
+// machine-wide store, that one user's locks hold up no other, and what another local user can do
+// against a host. The checks run in the machine's process; its exit status is the verdict.
 #include "support/MultiUser.h"
 
 #include <gtest/gtest.h>
@@ -180,10 +179,9 @@ TEST(LocalUsersTest, BundlePosingAsTheUpdaterAndPerUserStore) {
   });
 }
 
-// The workflow markers live only in folders of the host's own. A runtime folder of another user
-// (a root host started with a user's environment) is refused, so a link planted there leads
-// nowhere; when the private temporary folder is taken by another user too, the request cannot
-// be marked and says so instead of reporting a pending answer for ever.
+// The workflow markers live only in folders of the host's own: a runtime folder of another user
+// is refused, so a link planted there leads nowhere; when the private temporary folder is taken
+// too, the request says it cannot be marked instead of reporting a pending answer for ever.
 TEST(LocalUsersTest, MarkersStayOutOfFoldersAnotherUserControls) {
   const struct {
     const char* name;
@@ -276,8 +274,7 @@ TEST(MultiUserTest, WhoMayChangeTheMachineWideStore) {
 
 // While an administrator holds the store's lock and an application's workflow lock, a user
 // outside the group can neither write, replace nor delete the store, nor break its lock, and
-// another administrator is not held up by the per-user lock, even for the same application. (Who
-// shares the store's and the preferences' locks is the lock-attack test's.)
+// another administrator is not held up by the per-user lock, even for the same application.
 TEST(MultiUserTest, LocksOfOneUserAgainstTheOthers) {
   if (!HasTmpfiles()) GTEST_SKIP() << "no systemd-tmpfiles";
   OnMachine([](const MultiUserMachine& machine) {
