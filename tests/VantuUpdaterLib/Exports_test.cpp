@@ -225,21 +225,18 @@ class HostRequestsTest : public ExportsTest {
   std::string RequestFolder() const { return sandbox.CacheDataDir() + "/UpdateAvailable/" + appID; }
 
   int32_t AskAvailable(unsigned long request, bool& available) {
-    return ROZIsUpdateAvailable(appID.c_str(), U(displayName), U(installPath), request, &available,
-                                false);
+    return ROZIsUpdateAvailable(app, U(displayName), U(installPath), request, &available, false);
   }
 
   // Null `id`: a check of every application.
   int32_t Trigger(const char* id, ROZTriggerType type, const char* language = "en_US",
                   bool registerFirst = false) {
-    return ROZTriggerUpdateCheck(id, U(displayName), U(installPath), language, type,
-                                 registerFirst);
+    return ROZTriggerUpdateCheck(id, U(displayName), U(installPath), language, type, registerFirst);
   }
 
   int32_t Download(const Components& request, const char* language = "fr_FR") {
-    return ROZDownloadMissingComponents(appID.c_str(), U(displayName), U(installPath), language,
-                                        &request.list, static_cast<ROZDownloadMissingCompType>(2),
-                                        false);
+    return ROZDownloadMissingComponents(app, U(displayName), U(installPath), language,
+                                        &request.list, ROZDownloadMissingCompType(2), false);
   }
 
   static VantuUpdaterPrefs* Prefs() { return VantuUpdaterPrefs::GetVantuUpdaterPrefs(); }
