@@ -21,7 +21,6 @@
 #include "VantuUpdater/VantuUpdater.h"
 #include "support/ChildProcess.h"
 #include "support/FakeUpdaterBundle.h"
-#include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "xplat/ResourceLocker.h"
 #include "xplat/ScopedEnv.h"
