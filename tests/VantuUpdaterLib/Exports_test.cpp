@@ -283,28 +283,12 @@ TEST_F(HostRequestsTest, AvailabilityOddCases) {
   EXPECT_EQ(0u, LaunchesAfterAWhile(0));
 }
 
-// A manual check always starts the updater and registers when asked to. Without an application
-// nothing is registered even when asked to, and the launch counts as the user's whatever its type.
-TEST_F(HostRequestsTest, ManualAndGeneralChecksAlwaysStartTheUpdater) {
-  ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
-  EXPECT_EQ(kROZResultOK, Trigger(app, kROZTriggerManual, "EN-us"));
-  EXPECT_EQ("en-US", Launched(1, "RZ_DISPLAY_LANG"));
-  ASSERT_TRUE(Prefs()->Launch.Set(std::string()));
-  EXPECT_EQ(kROZResultOK, Trigger(nullptr, kROZTriggerScheduled, nullptr, true));
-  EXPECT_EQ("1", Launched(2, "RZ_LAUNCH_MODE"));
-  EXPECT_EQ("<unset>", Launched(2, "RZ_LAUNCH_APPID"));
-  EXPECT_EQ("Manual", Launch());
-  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
-  EXPECT_EQ(kROZResultOK, Trigger(app, kROZTriggerManual, nullptr, true));
-  EXPECT_TRUE(Has(FileText(sandbox.RegistryFile()), appID));
-  sandbox.RemoveUpdater();
-  EXPECT_EQ(kROZResultUpdaterUnavailable, Trigger(nullptr, kROZTriggerManual, nullptr));
-}
-
 // A scheduled check starts nothing (and succeeds) when automatic checks are off or the last is
 // recent. A first run is shown to the user, later ones run in the background, in the tray only
-// for the default check type. A pending manual launch stays manual.
-TEST_F(HostRequestsTest, ScheduledTriggerHonoursTheUsersSettings) {
+// for the default check type. A pending manual launch stays manual. A manual check always starts
+// the updater and registers when asked to. Without an application nothing is registered even
+// when asked to, and the launch counts as the user's whatever its type.
+TEST_F(HostRequestsTest, TriggersHonourTheUsersSettings) {
   ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
   EXPECT_EQ(kROZResultOK, Trigger(app, kROZTriggerScheduled));
   ASSERT_TRUE(Prefs()->AutoCheck.Set(true));
@@ -331,6 +315,20 @@ TEST_F(HostRequestsTest, ScheduledTriggerHonoursTheUsersSettings) {
   EXPECT_EQ(kROZResultOK, Trigger(app, kROZTriggerScheduled));
   EXPECT_FALSE(Flag(Prefs()->InTrayIcon));
   EXPECT_EQ(3u, sandbox.WaitForLaunches(3).size());
+
+  ASSERT_TRUE(Prefs()->AutoCheck.Set(false));
+  EXPECT_EQ(kROZResultOK, Trigger(app, kROZTriggerManual, "EN-us"));
+  EXPECT_EQ("en-US", Launched(4, "RZ_DISPLAY_LANG"));
+  ASSERT_TRUE(Prefs()->Launch.Set(std::string()));
+  EXPECT_EQ(kROZResultOK, Trigger(nullptr, kROZTriggerScheduled, nullptr, true));
+  EXPECT_EQ("1", Launched(5, "RZ_LAUNCH_MODE"));
+  EXPECT_EQ("<unset>", Launched(5, "RZ_LAUNCH_APPID"));
+  EXPECT_EQ("Manual", Launch());
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+  EXPECT_EQ(kROZResultOK, Trigger(app, kROZTriggerManual, nullptr, true));
+  EXPECT_TRUE(Has(FileText(sandbox.RegistryFile()), appID));
+  sandbox.RemoveUpdater();
+  EXPECT_EQ(kROZResultUpdaterUnavailable, Trigger(nullptr, kROZTriggerManual, nullptr));
 }
 
 // A missing-components request is recorded and starts the updater in download mode with the
