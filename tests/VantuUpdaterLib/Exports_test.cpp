@@ -188,6 +188,8 @@ TEST_F(ExportsTest, EachExportChecksItsArguments) {
       {"no application, overlong path", null, name, "/opt/\xC0\x80", "ruapd"},
   };
   const Components components = {{"fonts", "Serif", "1.0.0.0"}};
+  const ROZMissingComptList* list = &components.list;
+  const auto type = kROZDownloadMissingCompTypeDefault;
   for (const auto& row : rows) {
     const char* a = row.id ? row.id->c_str() : nullptr;
     const unsigned char* n = row.name ? U(*row.name) : nullptr;
@@ -200,10 +202,7 @@ TEST_F(ExportsTest, EachExportChecksItsArguments) {
         {'a', [&] { return ROZIsUpdateAvailable(a, n, p, 7, &available, true); }},
         {'t', [&] { return ROZTriggerUpdateCheck(a, n, p, l, kROZTriggerManual, true); }},
         {'p', [&] { return ROZDoPluginAction(a); }},
-        {'d', [&] {
-           return ROZDownloadMissingComponents(a, n, p, l, &components.list,
-                                               kROZDownloadMissingCompTypeDefault, true);
-         }}};
+        {'d', [&] { return ROZDownloadMissingComponents(a, n, p, l, list, type, true); }}};
     for (const auto& [letter, call] : exports) {
       SCOPED_TRACE(std::string(1, letter) + ": " + row.what);
       const auto before = sandbox.Snapshot();
