@@ -19,7 +19,7 @@ rm -rf "$logs"
 mkdir -p "$logs"
 
 leaks=definite,indirect,possible
-native='*/Contents/MacOS/*,*/dbus-daemon,*/dbus-broker*,*/nm,*/readelf'
+native='*/Contents/MacOS/*,*/dbus-daemon,*/dbus-broker*,*/nm,*/readelf,*/cut,*/grep'
 failed=0
 total_tests=0
 total_processes=0
