@@ -16,7 +16,6 @@
 #include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/Unprivileged.h"
-#include "xplat/DOMUtils.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/JournaledXMLLockedFile.h"
@@ -62,10 +61,12 @@ void MakeFile(const std::string& path, const std::string& bytes, mode_t mode = 0
   ASSERT_EQ(0, ::chmod(path.c_str(), mode));
 }
 
-struct ScopedUmask {
-  explicit ScopedUmask(mode_t mask) : old(::umask(mask)) {}
-  ~ScopedUmask() { ::umask(old); }
-  mode_t old;
+// A fresh folder, under a umask that would show any bits a function forgets to set.
+class FileSystemUtilsTest : public ::testing::Test {
+ protected:
+  ~FileSystemUtilsTest() override { ::umask(oldMask); }
+  const mode_t oldMask = ::umask(077);
+  TempDir dir;
 };
 
 // The kernel's exchange refused, as on file systems without it: the swap goes by renames.
@@ -84,8 +85,7 @@ TEST(FileSystemUtilsPaths, SplitAndJoinAtTheEdges) {
 }
 
 // SetFilePermission only adds bits, never takes any away.
-TEST(FileSystemUtils, PermissionsAreOnlyAdded) {
-  TempDir dir;
+TEST_F(FileSystemUtilsTest, PermissionsAreOnlyAdded) {
   MakeFile(dir / "f", "x", 0640);
   EXPECT_TRUE(SetFilePermission(dir / "f", 0004));
   EXPECT_EQ(0644u, ModeOf(dir / "f"));
@@ -96,9 +96,7 @@ TEST(FileSystemUtils, PermissionsAreOnlyAdded) {
 
 // A new file gets exactly its bits whatever the umask; a name already taken (a link included)
 // is never written through; every failure leaves no file behind.
-TEST(FileSystemUtils, CreateFileWith) {
-  TempDir dir;
-  ScopedUmask mask(077);
+TEST_F(FileSystemUtilsTest, CreateFileWith) {
   const auto writeText = [](std::ostream& out) { return static_cast<bool>(out << "text"); };
   ASSERT_TRUE(CreateFileWith(dir / "new", 0664, true, writeText));
   EXPECT_EQ("text", ReadFile(dir / "new"));
@@ -122,8 +120,7 @@ TEST(FileSystemUtils, CreateFileWith) {
   EXPECT_EQ(before, ListFolder(dir.path()));
 }
 
-TEST(FileSystemUtils, DeleteLocalFileAndFoldersOverFiles) {
-  TempDir dir;
+TEST_F(FileSystemUtilsTest, DeleteLocalFileAndFoldersOverFiles) {
   EXPECT_TRUE(DeleteLocalFile(dir / "missing"));
   MakeFile(dir / "plain", "x");
   EXPECT_TRUE(DeleteLocalFile(dir / "plain"));
@@ -159,10 +156,8 @@ TEST(FileSystemUtils, DeleteLocalFileAndFoldersOverFiles) {
 // A stranger to a file needs its other-write bit to delete it, even in a world-writable folder.
 // Every folder level created takes the bits of the folder it was made in, whatever the umask;
 // root gives it the parent's owner and group too, and a user who cannot still gets the folders.
-TEST(FileSystemUtils, OtherUsersFilesAndFolders) {
+TEST_F(FileSystemUtilsTest, OtherUsersFilesAndFolders) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs files owned by another user";
-  TempDir dir;
-  ScopedUmask umask(077);
   ASSERT_EQ(0, ::chmod(dir.path().c_str(), 0777));
   const std::string shared = dir / "shared", guarded = dir / "guarded";
   MakeFile(shared, "x", 0666);
@@ -187,15 +182,11 @@ TEST(FileSystemUtils, OtherUsersFilesAndFolders) {
     ASSERT_EQ(0, ::lstat(sub.c_str(), &st)) << sub;
     EXPECT_EQ(kUnprivilegedUid, st.st_uid) << sub;
     EXPECT_EQ(bits, st.st_mode & 07777) << sub;
-    if (bits == 02750) {
-      EXPECT_EQ(kUnprivilegedGid, st.st_gid) << sub;
-    }
+    EXPECT_TRUE(bits != 02750 || st.st_gid == kUnprivilegedGid) << sub;
   }
 }
 
-TEST(FileSystemUtils, CopyLocalFile) {
-  TempDir dir;
-  ScopedUmask umask(077);
+TEST_F(FileSystemUtilsTest, CopyLocalFile) {
   std::string big(300 * 1024, '\0');
   for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>(i * 7919 % 251);
   MakeFile(dir / "src", big, 0640);
@@ -208,12 +199,11 @@ TEST(FileSystemUtils, CopyLocalFile) {
   EXPECT_TRUE(CopyLocalFile(dir / "src", dir / "old"));
   EXPECT_EQ(big, ReadFile(dir / "old"));
   MakeFile(dir / "locked", "locked", 0444);
-  EXPECT_FALSE(CopyLocalFile(dir / "src", dir / "locked"));
-  EXPECT_EQ("locked", ReadFile(dir / "locked"));
   ASSERT_TRUE(CreateLocalDirectory(dir / "folder"));
-  const std::pair<const char*, const char*> kRefused[] = {
-      {"src", "folder"}, {"src", "nofolder/dst"}, {"missing", "dst2"}, {"folder", "dst2"}};
+  const std::pair<const char*, const char*> kRefused[] = {{"src", "locked"}, {"src", "folder"},
+      {"src", "nofolder/dst"}, {"missing", "dst2"}, {"folder", "dst2"}};
   for (const auto& [from, to] : kRefused) EXPECT_FALSE(CopyLocalFile(dir / from, dir / to)) << to;
+  EXPECT_EQ("locked", ReadFile(dir / "locked"));
   EXPECT_FALSE(DoesPathExist(dir / "nofolder"));
 
   // A read that fails midway (this file cannot be read at offset 0) leaves nothing behind.
@@ -224,7 +214,7 @@ TEST(FileSystemUtils, CopyLocalFile) {
   EXPECT_EQ(before, ListFolder(dir.path()));
 }
 
-class ExchangeFilesTest : public ::testing::Test {
+class ExchangeFilesTest : public FileSystemUtilsTest {
  protected:
   void SetUp() override {
     MakeFile(a, "content A");
@@ -234,7 +224,6 @@ class ExchangeFilesTest : public ::testing::Test {
     EXPECT_EQ(swapped ? "content B" : "content A", ReadFile(a));
     EXPECT_EQ(swapped ? "content A" : "content B", ReadFile(b));
   }
-  TempDir dir;
   const std::string a = dir / "a.xml";
   const std::string b = dir / "a.xml_";
   const Names kBoth{"a.xml", "a.xml_"};
@@ -326,20 +315,16 @@ class TestStore : public JournaledXMLLockedFile {
     return JournaledXMLFile::OnLoadSuccess(root, context);
   }
   std::string Value() {
-    XMLDocumentNode* root = nullptr;
     std::string value;
-    if (esd::DOMUtils::FindUniqueChildByName(mBuilder.GetDocumentNode(), "Store", root))
+    for (const XMLDocumentNode* root : mBuilder.GetDocumentNode()->GetChildNodes())
       root->GetAttrValue("value", value);
     return value;
   }
   // Makes the store root when the file had none.
   void SetValue(const std::string& value) {
-    XMLDocumentNode* root = nullptr;
-    if (!esd::DOMUtils::FindUniqueChildByName(mBuilder.GetDocumentNode(), "Store", root)) {
-      mBuilder.GetDocumentNode()->AddChildNode(root = new XMLDocumentNode("Store"));
-      esd::DOMUtils::SetChildValue(root, "Entry", std::string("text"));
-    }
-    root->SetAttributeData("value", value);
+    XMLDocumentNode* document = mBuilder.GetDocumentNode();
+    if (document->GetChildNodes().empty()) document->AddChildNode(new XMLDocumentNode("Store"));
+    document->GetChildNodes().front()->SetAttributeData("value", value);
   }
 
   Builder mBuilder;
@@ -349,9 +334,8 @@ class TestStore : public JournaledXMLLockedFile {
 };
 
 // A store file in a fresh folder, its lock file removed afterwards.
-class JournaledStore : public ::testing::Test {
+class JournaledStore : public FileSystemUtilsTest {
  protected:
-  TempDir dir;
   const std::string path = dir / "Store.xml";
   LockFileGuard guard{path};
 };
@@ -485,9 +469,8 @@ std::optional<T> Read(esd::PrefsWriter& writer, const std::string& key, T missin
 }
 
 // A preference file in a fresh folder.
-class PrefsWriterTest : public ::testing::Test {
+class PrefsWriterTest : public FileSystemUtilsTest {
  protected:
-  TempDir dir;
   const std::string path = dir / "prefs.dat";
 };
 
