@@ -524,6 +524,8 @@ TEST_F(PrefsWriterTest, FileFormatAndValueConversions) {
 
 // Two writers with locks on one file: each operation sees the other's last set, even when sets
 // follow each other faster than the file system clock ticks or the file's time lies ahead.
+// Behind their backs, a file that no longer parses reads as defaults (no exception) and is
+// replaced whole by the next set. (A deleted file is the lock-held test's case.)
 TEST_F(PrefsWriterTest, LockedWritersSeeEachOthersSets) {
   const std::string resource = UniqueResourceName("prefs");
   LockedWriter a(path, resource), other(path, resource);
@@ -532,6 +534,10 @@ TEST_F(PrefsWriterTest, LockedWritersSeeEachOthersSets) {
     ASSERT_TRUE(((i % 2) ? a.writer : b).SetPref<int>("Counter", i));
     ASSERT_EQ(i, Read<int>((i % 2) ? b : a.writer, "Counter")) << "a set was missed";
   }
+  WriteFile(path, "garbage <<<");
+  EXPECT_EQ(-1, Read<int>(b, "Counter", -1));
+  ASSERT_TRUE(b.SetPref<int>("Counter", 199));
+  EXPECT_EQ(kDecl + "<Root>\n<Counter>199</Counter>\n</Root>\n", ReadFile(path));
 
   // After the clock was stepped back the file's time lies ahead of "now".
   std::filesystem::last_write_time(path,
@@ -540,18 +546,6 @@ TEST_F(PrefsWriterTest, LockedWritersSeeEachOthersSets) {
   ASSERT_TRUE(a.writer.SetPref<int>("Counter", 500));
   EXPECT_EQ(500, Read<int>(b, "Counter"));
   EXPECT_FALSE(LockIsHeld(resource));
-}
-
-// Behind a locked writer's back, a file that no longer parses reads as defaults (no exception)
-// and is replaced whole by the next set. (A deleted file is the lock-held test's case.)
-TEST_F(PrefsWriterTest, FileChangedBehindTheWritersBack) {
-  LockedWriter locked(path, UniqueResourceName("prefs"));
-  esd::PrefsWriter& writer = locked.writer;
-  ASSERT_TRUE(writer.SetPref<std::string>("B", "one"));
-  WriteFile(path, "garbage <<<");
-  EXPECT_EQ("default", Read<std::string>(writer, "B", "default"));
-  ASSERT_TRUE(writer.SetPref<std::string>("A", "fresh"));
-  EXPECT_EQ(kDecl + "<Root>\n<A>fresh</A>\n</Root>\n", ReadFile(path));
 }
 
 // While another holder has the lock every operation fails without effect (outputs and file
