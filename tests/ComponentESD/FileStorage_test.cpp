@@ -365,29 +365,6 @@ TEST_F(JournaledStore, WholeJournalsWinAndCutOnesLose) {
   }
 }
 
-// A tree from before a failed load is never saved over the file; unusual text goes through.
-// (Damaged files, and raw attribute text that would not load again, which would lock every user
-// out of the store, are the registration store fuzzer's.)
-TEST_F(JournaledStore, NeverWritesAStaleTree) {
-  WriteFile(path, StoreText("first"));
-  TestStore store(path, 20);
-  ASSERT_TRUE(store.Load(nullptr));
-  store.SetValue("stale");
-
-  WriteFile(path, StoreText("other"));
-  {
-    esd::ResourceLocker other(path, 0);
-    ASSERT_TRUE(other.Lock());
-    EXPECT_FALSE(store.Load(nullptr) || store.Save() || store.Delete());
-  }
-  EXPECT_FALSE(store.Save());  // the lock is free again, the tree still stale
-  EXPECT_EQ(StoreText("other"), ReadFile(path));
-  ASSERT_TRUE(store.Load(nullptr));
-  store.SetValue("a>b 'c'");
-  EXPECT_TRUE(store.Save());
-  EXPECT_EQ(StoreText("a>b 'c'"), ReadFile(path));
-}
-
 // A missing store loads empty and creates nothing, and an empty tree is not saved (a lone
 // declaration would never load again); Delete takes file and journal, but not a file whose own
 // write bit is missing (root included); a new path takes the file along (not the journal), and
@@ -423,25 +400,37 @@ TEST_F(JournaledStore, EmptyStoresDeletionAndMoves) {
 }
 
 // Operations on their own take the lock and give it back, and nest inside it (a save from inside
-// the load); a stale lock is broken with force; destroying the store releases it. (Callers that
-// hold the lock across load and save are the torture's.)
-TEST_F(JournaledStore, OperationsTakeNestAndBreakTheLock) {
+// the load); a stale lock is broken with force; destroying the store releases it. A tree from
+// before a failed load is never saved over the file; unusual text goes through. (Callers that
+// hold the lock across load and save are the torture's; damaged files, and raw attribute text
+// that would not load again, the registration store fuzzer's.)
+TEST_F(JournaledStore, LocksAndStaleTrees) {
+  WriteFile(path, StoreText("first"));
   TestStore store(path, 20);
-  WriteFile(path, StoreText("before"));
   int saveFlag = 1;
   ASSERT_TRUE(store.Load(&saveFlag));  // saves from inside the load, under the same lock
   EXPECT_TRUE(store.lockHeldDuringLoad);
   EXPECT_TRUE(store.saveInsideLoad);
   EXPECT_FALSE(store.HasLock());
   EXPECT_FALSE(LockIsHeld(path));
+  store.SetValue("stale");
 
-  esd::ResourceLocker crashed(path, 0);
-  ASSERT_TRUE(crashed.Lock());
-  TestStore fresh(path, 0);
-  EXPECT_FALSE(fresh.Unlock(false));  // no locker yet: nothing to release
-  EXPECT_FALSE(fresh.Load(nullptr));
-  EXPECT_TRUE(fresh.Unlock(true));
-  EXPECT_TRUE(fresh.Load(nullptr));
+  WriteFile(path, StoreText("other"));
+  {
+    esd::ResourceLocker crashed(path, 0);
+    ASSERT_TRUE(crashed.Lock());
+    EXPECT_FALSE(store.Load(nullptr) || store.Save() || store.Delete());
+    TestStore fresh(path, 0);
+    EXPECT_FALSE(fresh.Unlock(false));  // no locker yet: nothing to release, but one to break
+    EXPECT_TRUE(fresh.Unlock(true));
+    EXPECT_TRUE(fresh.Load(nullptr));
+  }
+  EXPECT_FALSE(store.Save());  // the lock is free again, the tree still stale
+  EXPECT_EQ(StoreText("other"), ReadFile(path));
+  ASSERT_TRUE(store.Load(nullptr));
+  store.SetValue("a>b 'c'");
+  EXPECT_TRUE(store.Save());
+  EXPECT_EQ(StoreText("a>b 'c'"), ReadFile(path));
   {
     TestStore holder(path);
     ASSERT_TRUE(holder.Lock());
