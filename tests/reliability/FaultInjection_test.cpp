@@ -1,8 +1,6 @@
-// Saves that fail at each step (the journal or temporary cannot be created, its writes or sync
-// fail, the exchange or a rename of the fallback swap is refused) give the failure the caller is
-// promised, leave the previous file byte for byte with nothing beside it, and still answer what
-// needs no write. Each case runs in a forked child: the preferences are a process-wide object,
-// and mounts and locks are made private to it.
+// Saves that fail at any step give the caller the promised failure, leave the previous file byte
+// for byte with nothing beside it, and still answer what needs no write. Each case runs in a
+// forked child: the preferences are process-wide, and mounts and locks are made private to it.
 
 #include <cerrno>
 #include <filesystem>
@@ -99,12 +97,6 @@ class FaultInjection : public ::testing::Test {
     return VantuUpdaterPrefs::GetVantuUpdaterPrefs()->SetPref<std::string>(key, value);
   }
 
-  static std::string ReadPref(const std::string& key) {
-    std::string value;
-    const bool read = VantuUpdaterPrefs::GetVantuUpdaterPrefs()->GetPref(key, value, std::string());
-    return read ? value : "<unread>";
-  }
-
   // Gives each store some thirty entries.
   static void Fill(Findings& f) {
     for (int i = 0; i < 30; ++i) {
@@ -169,7 +161,11 @@ TEST_F(FaultInjection, RefusedStepsKeepThePreviousFiles) {
       {"download", kROZResultMissingCompsStoreFailed, [] { return Download("New"); }},
       {"known component", kROZResultAlreadyRequested, [] { return Download("Component3"); }},
       {"preference set", false, [] { return SetPref("Fault0", "changed"); }},
-      {"preference read", true, [] { return ReadPref("Fault1") == kFiller; }},
+      {"preference read", true, [] {
+         std::string value;
+         return VantuUpdaterPrefs::GetVantuUpdaterPrefs()->GetPref("Fault1", value, value) &&
+                value == kFiller;
+       }},
   };
   RunInChild(false, [&](Findings& f) {
     Fill(f);
@@ -198,8 +194,9 @@ TEST_F(FaultInjection, RefusedStepsKeepThePreviousFiles) {
       Expect(f, RegisteredCount() >= 30, what + ": the store does not load whole");
       Expect(f, !fs::exists(sandbox.RegistryFile() + "_"), what + ": a journal outlived a load");
     };
-    afterwards("late", kROZResultOK, [](FileOp op, int, const std::string& path) {
-      return op == FileOp::kSync && fs::is_directory(path) ? EIO : 0;
+    afterwards("late", kROZResultOK, [late = false](FileOp op, int, const std::string&) mutable {
+      late = late || op == FileOp::kExchange;
+      return op == FileOp::kSync && late ? EIO : 0;
     });
     // Renames that keep failing, the undo of the first included, leave the store's text under a
     // temporary name and its own name empty: the save must keep its journal, so that the next
