@@ -87,10 +87,10 @@ TEST(FileSystemUtilsPaths, SplitAndJoinAtTheEdges) {
 // SetFilePermission only adds bits, never takes any away.
 TEST_F(FileSystemUtilsTest, PermissionsAreOnlyAdded) {
   MakeFile(dir / "f", "x", 0640);
-  EXPECT_TRUE(SetFilePermission(dir / "f", 0004));
-  EXPECT_EQ(0644u, ModeOf(dir / "f"));
-  EXPECT_TRUE(SetFilePermission(dir / "f", 0600));
-  EXPECT_EQ(0644u, ModeOf(dir / "f"));
+  for (const mode_t added : {0004, 0600}) {
+    EXPECT_TRUE(SetFilePermission(dir / "f", added));
+    EXPECT_EQ(0644u, ModeOf(dir / "f")) << added;
+  }
   EXPECT_FALSE(SetFilePermission(dir / "missing", 0666));
 }
 
@@ -121,8 +121,12 @@ TEST_F(FileSystemUtilsTest, CreateFileWith) {
 }
 
 TEST_F(FileSystemUtilsTest, DeleteLocalFileAndFoldersOverFiles) {
+  // A folder is not made over a file, nor below one.
   EXPECT_TRUE(DeleteLocalFile(dir / "missing"));
   MakeFile(dir / "plain", "x");
+  EXPECT_TRUE(CreateLocalDirectory(dir.path()));
+  EXPECT_FALSE(CreateLocalDirectory(dir / "plain"));
+  EXPECT_FALSE(CreateLocalDirectory(dir / "plain/below"));
   EXPECT_TRUE(DeleteLocalFile(dir / "plain"));
   EXPECT_FALSE(DoesPathExist(dir / "plain"));
 
@@ -145,12 +149,6 @@ TEST_F(FileSystemUtilsTest, DeleteLocalFileAndFoldersOverFiles) {
   EXPECT_EQ("x", ReadFile(dir / "target/f"));
   EXPECT_TRUE(DeleteLocalFile(dir / "dangling"));
   EXPECT_EQ(0u, ListFolder(dir.path()).count("dangling"));  // access() would follow the link
-
-  // A folder is not made over a file, nor below one.
-  MakeFile(dir / "plain", "x");
-  EXPECT_TRUE(CreateLocalDirectory(dir.path()));
-  EXPECT_FALSE(CreateLocalDirectory(dir / "plain"));
-  EXPECT_FALSE(CreateLocalDirectory(dir / "plain/below"));
 }
 
 // A stranger to a file needs its other-write bit to delete it, even in a world-writable folder.
