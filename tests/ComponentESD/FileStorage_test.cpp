@@ -1,3 +1,5 @@
+// The file layer: file-system utilities, the journaled store file and the preference file.
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -62,12 +64,13 @@ void MakeFile(const std::string& path, const std::string& bytes, mode_t mode = 0
 }
 
 // A fresh folder, under a umask that would show any bits a function forgets to set.
-class FileSystemUtilsTest : public ::testing::Test {
+class FreshFolder : public ::testing::Test {
  protected:
-  ~FileSystemUtilsTest() override { ::umask(oldMask); }
+  ~FreshFolder() override { ::umask(oldMask); }
   const mode_t oldMask = ::umask(077);
   TempDir dir;
 };
+class FileSystemUtilsTest : public FreshFolder {};
 
 // The kernel's exchange refused, as on file systems without it: the swap goes by renames.
 int NoExchange(FileOp op, int, const std::string&) { return op == FileOp::kExchange ? EINVAL : 0; }
@@ -212,7 +215,7 @@ TEST_F(FileSystemUtilsTest, CopyLocalFile) {
   EXPECT_EQ(before, ListFolder(dir.path()));
 }
 
-class ExchangeFilesTest : public FileSystemUtilsTest {
+class ExchangeFilesTest : public FreshFolder {
  protected:
   void SetUp() override {
     MakeFile(a, "content A");
@@ -332,7 +335,7 @@ class TestStore : public JournaledXMLLockedFile {
 };
 
 // A store file in a fresh folder, its lock file removed afterwards.
-class JournaledStore : public FileSystemUtilsTest {
+class JournaledStore : public FreshFolder {
  protected:
   const std::string path = dir / "Store.xml";
   LockFileGuard guard{path};
@@ -456,7 +459,7 @@ std::optional<T> Read(esd::PrefsWriter& writer, const std::string& key, T missin
 }
 
 // A preference file in a fresh folder.
-class PrefsWriterTest : public FileSystemUtilsTest {
+class PrefsWriterTest : public FreshFolder {
  protected:
   const std::string path = dir / "prefs.dat";
 };
