@@ -1,10 +1,9 @@
-// Saves that fail at each step (the journal or temporary cannot be created, its writes or sync
-// fail, the exchange or a rename of the fallback swap is refused) give the failure the caller is
-// promised, leave the previous file byte for byte with nothing beside it, and still answer what
-// needs no write. Each case runs in a forked child: the preferences are a process-wide object,
-// and mounts and locks are made private to it.
+// Saves that fail at any step give the caller the promised failure, leave the previous file byte
+// for byte with nothing beside it, and still answer what needs no write. Each case runs in a
+// forked child: the preferences are process-wide, and mounts and locks are made private to it.
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <list>
@@ -29,17 +28,6 @@ namespace fs = std::filesystem;
 using testing_support::FaultyEnv;
 using testing_support::FileOp;
 
-// What a child found wrong, one line each; the child has no GoogleTest of its own to report to.
-using Findings = std::string;
-
-void Expect(Findings& f, bool ok, const std::string& what) {
-  if (!ok) f += what + "\n";
-}
-
-void ExpectEq(Findings& f, long want, long got, const std::string& what) {
-  Expect(f, want == got, what + ": " + std::to_string(got) + ", expected " + std::to_string(want));
-}
-
 const unsigned char* U(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.c_str());
 }
@@ -57,27 +45,22 @@ class FaultInjection : public ::testing::Test {
     fs::create_directories(sandbox.AllUsersDataDir());
   }
 
-  // Runs `body` in a forked child and reports its findings; skips when it needs mounts that the
-  // kernel does not allow here.
-  void RunInChild(bool needsMounts, const std::function<void(Findings&)>& body) {
+  // Runs `body` in a forked child, which prints its own failures and reports them by its exit
+  // status; skips when it needs mounts that the kernel does not allow here.
+  void RunInChild(bool needsMounts, const std::function<void()>& body) {
     constexpr int kSkipped = 77;
-    testing_support::TempDir report;
-    const std::string path = report / "findings";
     const int status = testing_support::WaitChild(testing_support::StartChild([&] {
       std::string why;
       if (!(testing_support::EnterPrivateMountNamespace(why) &&
             testing_support::UsePrivateSemaphores(why)) && needsMounts) {
-        testing_support::WriteFile(path, why);
+        std::fprintf(stderr, "%s\n", why.c_str());
         return kSkipped;
       }
-      Findings findings;
-      body(findings);
-      testing_support::WriteFile(path, findings);
-      return 0;
+      body();
+      return ::testing::Test::HasFailure() ? 1 : 0;
     }));
-    if (status == kSkipped) GTEST_SKIP() << Bytes(path);
-    EXPECT_EQ(0, status);
-    EXPECT_EQ("", Bytes(path));
+    if (status == kSkipped) GTEST_SKIP() << "no private mounts here";
+    EXPECT_EQ(0, status) << "the child's failures are printed above";
   }
 
   std::string PrefsFile() const { return sandbox.UserDataDir() + "/VantuUpdaterPrefs.dat"; }
@@ -99,33 +82,27 @@ class FaultInjection : public ::testing::Test {
     return VantuUpdaterPrefs::GetVantuUpdaterPrefs()->SetPref<std::string>(key, value);
   }
 
-  static std::string ReadPref(const std::string& key) {
-    std::string value;
-    const bool read = VantuUpdaterPrefs::GetVantuUpdaterPrefs()->GetPref(key, value, std::string());
-    return read ? value : "<unread>";
-  }
-
   // Gives each store some thirty entries.
-  static void Fill(Findings& f) {
+  static void Fill() {
     for (int i = 0; i < 30; ++i) {
       const std::string n = std::to_string(i);
-      ExpectEq(f, kROZResultOK, Register("org.fault.app" + n), "fill registry");
-      ExpectEq(f, kROZResultOK, Download("Component" + n), "fill missing components");
-      Expect(f, SetPref("Fault" + n, kFiller), "fill preferences");
+      EXPECT_EQ(kROZResultOK, Register("org.fault.app" + n)) << "fill registry";
+      EXPECT_EQ(kROZResultOK, Download("Component" + n)) << "fill missing components";
+      EXPECT_TRUE(SetPref("Fault" + n, kFiller)) << "fill preferences";
     }
   }
 
   inline static const std::string kFiller = std::string(150, 'x');
 
   // The file is what it was, nothing is left beside it, and the next host can load it.
-  static void ExpectIntact(Findings& f, const std::string& path, const std::string& before,
+  static void ExpectIntact(const std::string& path, const std::string& before,
                            const std::string& what) {
-    Expect(f, Bytes(path) == before, what + ": the previous file changed");
-    Expect(f, !fs::exists(path + "_"), what + ": a journal was left");
+    EXPECT_TRUE(Bytes(path) == before) << what << ": the previous file changed";
+    EXPECT_FALSE(fs::exists(path + "_")) << what << ": a journal was left";
     for (const auto& entry : fs::directory_iterator(fs::path(path).parent_path())) {
       const std::string name = entry.path().filename().string();
-      Expect(f, name.compare(0, 9, "TempSwap.") != 0 && name.find(".dat.new") == std::string::npos,
-             what + ": left " + name);
+      EXPECT_TRUE(name.rfind("TempSwap.", 0) != 0 && name.find(".dat.new") == std::string::npos)
+          << what << ": left " << name;
     }
   }
 
@@ -169,20 +146,24 @@ TEST_F(FaultInjection, RefusedStepsKeepThePreviousFiles) {
       {"download", kROZResultMissingCompsStoreFailed, [] { return Download("New"); }},
       {"known component", kROZResultAlreadyRequested, [] { return Download("Component3"); }},
       {"preference set", false, [] { return SetPref("Fault0", "changed"); }},
-      {"preference read", true, [] { return ReadPref("Fault1") == kFiller; }},
+      {"preference read", true, [] {
+         std::string value;
+         return VantuUpdaterPrefs::GetVantuUpdaterPrefs()->GetPref("Fault1", value, value) &&
+                value == kFiller;
+       }},
   };
-  RunInChild(false, [&](Findings& f) {
-    Fill(f);
+  RunInChild(false, [&] {
+    Fill();
     for (const auto& [condition, rule] : faults) {
       const std::string files[] = {sandbox.RegistryFile(), sandbox.MissingCompsFile(), PrefsFile()};
       std::string before[3];
       for (int i = 0; i < 3; ++i) before[i] = Bytes(files[i]);
       for (const auto& call : calls) {
         FaultyEnv env(rule);
-        ExpectEq(f, call.want, call.call(), condition + ": " + call.what);
+        EXPECT_EQ(call.want, call.call()) << condition << ": " << call.what;
       }
-      for (int i = 0; i < 3; ++i) ExpectIntact(f, files[i], before[i], condition + ": " + files[i]);
-      ExpectEq(f, 30, static_cast<long>(RegisteredCount()), condition + ": registered applications");
+      for (int i = 0; i < 3; ++i) ExpectIntact(files[i], before[i], condition + ": " + files[i]);
+      EXPECT_EQ(30u, RegisteredCount()) << condition << ": registered applications";
     }
 
     // A folder sync that fails after the exchange comes too late to keep the previous text: the
@@ -193,13 +174,14 @@ TEST_F(FaultInjection, RefusedStepsKeepThePreviousFiles) {
         FaultyEnv env(std::move(rule));
         result = Register("org.fault." + what);
       }
-      Expect(f, result == kROZResultRegistryUnusable || result == orElse,
-             what + ": register gave " + std::to_string(result));
-      Expect(f, RegisteredCount() >= 30, what + ": the store does not load whole");
-      Expect(f, !fs::exists(sandbox.RegistryFile() + "_"), what + ": a journal outlived a load");
+      EXPECT_TRUE(result == kROZResultRegistryUnusable || result == orElse)
+          << what << ": register gave " << result;
+      EXPECT_GE(RegisteredCount(), 30u) << what << ": the store does not load whole";
+      EXPECT_FALSE(fs::exists(sandbox.RegistryFile() + "_")) << what << ": a journal outlived load";
     };
-    afterwards("late", kROZResultOK, [](FileOp op, int, const std::string& path) {
-      return op == FileOp::kSync && fs::is_directory(path) ? EIO : 0;
+    afterwards("late", kROZResultOK, [late = false](FileOp op, int, const std::string&) mutable {
+      late = late || op == FileOp::kExchange;
+      return op == FileOp::kSync && late ? EIO : 0;
     });
     // Renames that keep failing, the undo of the first included, leave the store's text under a
     // temporary name and its own name empty: the save must keep its journal, so that the next
@@ -209,10 +191,10 @@ TEST_F(FaultInjection, RefusedStepsKeepThePreviousFiles) {
     });
 
     // And with the faults gone, the same calls succeed.
-    ExpectEq(f, kROZResultOK, Register("org.fault.new"), "register afterwards");
-    ExpectEq(f, kROZResultOK, ROZUnRegisterApplication("org.fault.app1"), "unregister afterwards");
-    ExpectEq(f, kROZResultOK, Download("New"), "download afterwards");
-    Expect(f, SetPref("Fault0", "room"), "preference set afterwards");
+    EXPECT_EQ(kROZResultOK, Register("org.fault.new")) << "register afterwards";
+    EXPECT_EQ(kROZResultOK, ROZUnRegisterApplication("org.fault.app1")) << "unregister afterwards";
+    EXPECT_EQ(kROZResultOK, Download("New")) << "download afterwards";
+    EXPECT_TRUE(SetPref("Fault0", "room")) << "preference set afterwards";
   });
 }
 
@@ -222,17 +204,17 @@ TEST_F(FaultInjection, RefusedStepsKeepThePreviousFiles) {
 TEST_F(FaultInjection, ReadOnlyHomeCannotHoldThePreferences) {
   fs::remove_all(sandbox.home() + "/.local");
   fs::create_directories(sandbox.home() + "/Documents");
-  RunInChild(true, [this](Findings& f) {
+  RunInChild(true, [this] {
     std::string message;
-    if (!testing_support::MountReadOnly(sandbox.home(), message)) return Expect(f, false, message);
+    ASSERT_TRUE(testing_support::MountReadOnly(sandbox.home(), message)) << message;
     try {
       VantuUpdaterPrefs::GetVantuUpdaterPrefs();
     } catch (const std::runtime_error& e) {
       message = e.what();
     }
-    Expect(f, message == "Unable to create file!", "preferences without a folder: " + message);
-    ExpectEq(f, kROZResultMissingCompsStoreFailed, Download("Any"), "download without a folder");
-    ExpectEq(f, kROZResultOK, Register("org.fault.elsewhere"), "the machine-wide store is fine");
+    EXPECT_EQ("Unable to create file!", message) << "preferences without a folder";
+    EXPECT_EQ(kROZResultMissingCompsStoreFailed, Download("Any")) << "download without a folder";
+    EXPECT_EQ(kROZResultOK, Register("org.fault.elsewhere")) << "the machine-wide store is fine";
   });
 }
 

@@ -2,7 +2,6 @@
 #define TESTS_SUPPORT_FAULTYENV_H
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <functional>
 #include <map>
@@ -19,8 +18,8 @@ enum class FileOp { kCreate, kExchange, kRename, kWrite, kSync, kRemove };
 
 // Makes file operations fail as a full, failing or foreign file system would, in front of the
 // Env current when made, and is itself current while it lives. The rule sees each operation, how
-// many of its kind came before, and its path (a rename's first name, a descriptor's file, a
-// creation's name in its folder); a non-zero answer is the errno it fails with, unperformed.
+// many of its kind came before, and its path (a rename's first name, a creation's name in its
+// folder, empty for writes and syncs); a non-zero answer is the errno it fails with, unperformed.
 // Creations are the write-only ones of data files; lock files open read-write and pass.
 class FaultyEnv : public esd::EnvWrapper {
  public:
@@ -40,11 +39,11 @@ class FaultyEnv : public esd::EnvWrapper {
     return err != 0 ? -err : EnvWrapper::OpenFileAt(folder, name, flags, mode);
   }
   int WriteFile(int fd, const char* data, size_t size) override {
-    const int err = Fault(FileOp::kWrite, PathOf(fd));
+    const int err = Fault(FileOp::kWrite, "");
     return err != 0 ? err : EnvWrapper::WriteFile(fd, data, size);
   }
   int SyncFile(int fd) override {
-    const int err = Fault(FileOp::kSync, PathOf(fd));
+    const int err = Fault(FileOp::kSync, "");
     return err != 0 ? err : EnvWrapper::SyncFile(fd);
   }
   int RenameFile(const std::string& from, const std::string& to, RenameMode mode) override {
@@ -57,11 +56,6 @@ class FaultyEnv : public esd::EnvWrapper {
   }
 
  private:
-  static std::string PathOf(int fd) {
-    char target[4096];
-    const ssize_t n = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target);
-    return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
-  }
   int Fault(FileOp op, const std::string& path) {
     std::lock_guard<std::mutex> lock(mMutex);
     return mRule(op, mCounts[op]++, path);
