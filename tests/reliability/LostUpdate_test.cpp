@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include "VantuUpdater/VantuUpdater.h"
-#include "reliability/StoreState.h"
 #include "support/ChildProcess.h"
 #include "support/LockFiles.h"
 #include "support/TempDir.h"
@@ -25,21 +24,22 @@ namespace {
 // managed to read for an unusable one (and rebuild it), nor for an empty one (and delete it once
 // the lock frees): either would throw away every other host's entries.
 TEST(LostUpdate, ACallThatTimesOutOnTheStoreLockKeepsEveryOtherEntry) {
-  using reliability::Call;
-  const struct {
-    reliability::Operation op;
-    int32_t refused;
-  } cases[] = {{reliability::kRegister, kROZResultRegistryUnusable},
-               {reliability::kDownload, kROZResultMissingCompsStoreFailed}};
-  for (const auto& c : cases) {
-    const auto call = [&c](const char* appID) {
-      Call call(c.op, appID, "Name", "/opt/app");
-      call.components = {{"Dictionary", "Spelling", "1.0"}};
-      return call.Make();
+  for (const bool download : {false, true}) {
+    const auto call = [download](const char* appID) {
+      const unsigned char name[] = "Name", path[] = "/opt/app";
+      char category[] = "Dictionary", component[] = "Spelling", version[] = "1.0";
+      ROZMissingComponent entry{category, component, version};
+      ROZMissingComponent* entries[] = {&entry};
+      ROZMissingComptList list{1, entries};
+      return download ? ROZDownloadMissingComponents(appID, name, path, "de_DE", &list,
+                                                     kROZDownloadMissingCompTypeDefault, false)
+                      : ROZRegisterApplication(appID, name, path);
     };
     testing_support::UpdaterSandbox sandbox;
-    const reliability::StoreFiles files = reliability::PrepareSandbox(sandbox);
-    const std::string store = c.op == reliability::kRegister ? files.registry : files.missingComps;
+    sandbox.env().SetGroups({"admin"});
+    sandbox.InstallUpdater();
+    sandbox.env().RecordLaunches(true, 0);
+    const std::string store = download ? sandbox.MissingCompsFile() : sandbox.RegistryFile();
     testing_support::LockFileGuard guard(store);
     for (const char* id : {"org.example.A", "org.example.B"}) ASSERT_EQ(kROZResultOK, call(id));
     const std::string before = testing_support::ReadFile(store);
@@ -55,7 +55,9 @@ TEST(LostUpdate, ACallThatTimesOutOnTheStoreLockKeepsEveryOtherEntry) {
       return lock.Unlock(false) ? 0 : 2;
     });
     ASSERT_TRUE(locked.Wait());
-    EXPECT_EQ(c.refused, call("org.example.C")) << store;
+    EXPECT_EQ(download ? kROZResultMissingCompsStoreFailed : kROZResultRegistryUnusable,
+              call("org.example.C"))
+        << store;
     EXPECT_EQ(0, testing_support::WaitChild(holder));
     EXPECT_EQ(before, testing_support::ReadFile(store)) << store;
   }
