@@ -12,9 +12,9 @@
 #include <string>
 #include <thread>
 
+#include "support/ChildProcess.h"
 #include "support/FaultyEnv.h"
 #include "support/TempDir.h"
-#include "support/Unprivileged.h"
 
 namespace {
 

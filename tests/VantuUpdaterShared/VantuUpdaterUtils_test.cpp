@@ -19,7 +19,6 @@
 #include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
-#include "support/Unprivileged.h"
 #include "xplat/CKVXVersion.h"
 #include "xplat/ResourceLocker.h"
 #include "xplat/ScopedEnv.h"

@@ -1,28 +1,21 @@
-// The reliability harnesses: a concurrency torture and a crash harness, which model what the
-// hosts' successful calls must have left in the three shared files and load the files back
-// through the library's own classes to compare. Exit status 0 on success, 77 when skipped.
+// Reliability harnesses, which model what the hosts' successful calls must have left in the
+// three shared files and load the files back through the library to compare (exit status 0 on
+// success, 77 when skipped):
 //
 //   ReliabilityHarness torture [--processes N] [--seconds S] [--seed X] [--users U]
 //   ReliabilityHarness crash [--kills N] [--seed X]
 //
-// The torture: many host processes call the exported functions at once on one sandboxed
-// machine, then a check that nothing a call reported as done was lost. With --users 2 or 3 (as
-// root; 77 otherwise) the processes run as that many administrators in turn, with folders of
-// their own, sharing the machine-wide store in a folder made as installed. Each process owns its
-// identifiers and preference keys and models what its successful calls left in the files: a save
-// from a stale tree, a lock that fails to exclude or a skipped reload shows as a difference once
-// all are done. It passes when every call gave its expected result (none ran into a lock
-// time-out) and every model matches the files.
+// Torture: host processes call the exports at once on one sandboxed machine (with --users 2 or
+// 3, as root, as that many administrators sharing the machine-wide store). Each owns its
+// identifiers and keys: a save from a stale tree, a lock that fails to exclude or a skipped
+// reload shows as a difference from its model; every call must give its expected result.
 //
-// The crash harness: a host process is killed (SIGKILL) at random moments while it saves the two
-// stores and the preferences file; after each kill no lock may still be held (the kernel drops a
-// dead holder's locks, nothing is repaired) and the files, loaded through the library (which
-// recovers an interrupted save's journal), must hold every change whose call had returned. The
-// host runs a planned sequence of calls, a function of the call's number and the files' content,
-// and shares the last call it started and the last that returned. So after a kill the harness
-// knows the two acceptable states exactly (with or without the call in flight), and the next host
-// carries on from the one it finds. A load that recovers a complete journal is killed too, at a
-// random moment. It passes when nothing was lost and no lock outlived its holder.
+// Crash: a host is killed (SIGKILL) at random moments of its saves; after each kill no lock may
+// be held (nothing is repaired) and the files, loaded through the library (which recovers an
+// interrupted save's journal), must hold every change whose call had returned. The host's calls
+// are planned from the call's number and the files' content, and it shares the last call it
+// started and the last that returned, so the harness knows the two acceptable states exactly and
+// the next host carries on from the one it finds. A load recovering a journal is killed too.
 
 #include <signal.h>
 #include <sys/mman.h>
@@ -778,15 +771,12 @@ class CrashRun {
     for (int t = 0; t < kTargets; ++t)
       std::printf("  during a call on the %-30s %5ld (its change found applied %ld times)\n",
                   kTargetNames[t], f.inFlight[t], f.inFlightApplied[t]);
-    std::printf(
-        "journals after a kill: %ld complete, %ld partial; recoveries killed %ld (%ld ended"
-        " first); store resets %ld\n",
-        f.journalsComplete, f.journalsPartial, f.recoveryKills, f.recoveriesFinished, f.resets);
-    std::printf(
-        "left: %zu preference temporaries, %zu partial journals; losses %ld, wrong results"
-        " %ld, unparsable files %ld, locks held after a kill %ld\n",
-        left.prefsTemporaries, left.partialJournals, f.losses, f.wrongResults, f.unparsableFiles,
-        f.locksLeftHeld);
+    std::printf("journals after a kill: %ld complete, %ld partial; recoveries killed %ld (%ld ended"
+                " first); store resets %ld\nleft: %zu preference temporaries, %zu partial journals;"
+                " losses %ld, wrong results %ld, unparsable files %ld, locks left held %ld\n",
+                f.journalsComplete, f.journalsPartial, f.recoveryKills, f.recoveriesFinished,
+                f.resets, left.prefsTemporaries, left.partialJournals, f.losses, f.wrongResults,
+                f.unparsableFiles, f.locksLeftHeld);
     // The last kill may have left one temporary that no later save has swept yet.
     return completed && f.losses == 0 && f.wrongResults == 0 && f.unparsableFiles == 0 &&
            f.locksLeftHeld == 0 && left.prefsTemporaries <= 1;

@@ -12,7 +12,6 @@
 #include "support/PrivateMounts.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
-#include "support/Unprivileged.h"
 #include "xplat/ScopedEnv.h"
 
 namespace testing_support {

@@ -19,8 +19,6 @@ class PrivateSessionBus {
   PrivateSessionBus(const PrivateSessionBus&) = delete;
   PrivateSessionBus& operator=(const PrivateSessionBus&) = delete;
 
-  const std::string& address() const { return mAddress; }
-
  private:
   TempDir mTemp;
   pid_t mDaemon = -1;

@@ -13,7 +13,6 @@
 #include <thread>
 
 #include "support/ChildProcess.h"
-#include "support/RunProgram.h"
 #include "support/TempDir.h"
 
 namespace testing_support {
