@@ -1,5 +1,7 @@
-// Another local user attacks the locks of root's and an administrator's hosts, as real distinct
-// users on a private machine: files planted at the lock names, squatting, a holder that dies.
+// What a busy lock, a killed saver and a hostile local user leave must not cost hosts' changes
+// nor block them. (That concurrent read-modify-writes and killed saves lose nothing is the
+// torture's and the crash harness's to prove.)
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -7,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -16,14 +19,81 @@
 #include "support/LockFiles.h"
 #include "support/MultiUser.h"
 #include "support/TempDir.h"
-#include "support/TestEnv.h"
+#include "support/UpdaterSandbox.h"
+#include "xplat/PrefsWriter.h"
 #include "xplat/ResourceLocker.h"
-#include "xplat/ScopedEnv.h"
 
 namespace {
 
 using namespace testing_support;
 using Clock = std::chrono::steady_clock;
+
+// A call that cannot have the store's lock tells the host so. It must not take a store it never
+// managed to read for an unusable one (and rebuild it), nor for an empty one (and delete it once
+// the lock frees): either would throw away every other host's entries.
+TEST(LostUpdate, ACallThatTimesOutOnTheStoreLockKeepsEveryOtherEntry) {
+  for (const bool download : {false, true}) {
+    const auto call = [download](const char* appID) {
+      const unsigned char name[] = "Name", path[] = "/opt/app";
+      char category[] = "Dictionary", component[] = "Spelling", version[] = "1.0";
+      ROZMissingComponent entry{category, component, version};
+      ROZMissingComponent* entries[] = {&entry};
+      ROZMissingComptList list{1, entries};
+      return download ? ROZDownloadMissingComponents(appID, name, path, "de_DE", &list,
+                                                     kROZDownloadMissingCompTypeDefault, false)
+                      : ROZRegisterApplication(appID, name, path);
+    };
+    UpdaterSandbox sandbox;
+    sandbox.env().SetGroups({"admin"});
+    sandbox.InstallUpdater();
+    sandbox.env().RecordLaunches(true, 0);
+    const std::string store = download ? sandbox.MissingCompsFile() : sandbox.RegistryFile();
+    LockFileGuard guard(store);
+    for (const char* id : {"org.example.A", "org.example.B"}) ASSERT_EQ(kROZResultOK, call(id));
+    const std::string before = ReadFile(store);
+
+    // Another host holds the lock for 5 s: long enough for two of the store's two-second waits
+    // to run out, and released while a third wait is under way.
+    Pipe locked;
+    const pid_t holder = StartChild([&] {
+      esd::ResourceLocker lock(store, 0);
+      if (!lock.Lock()) return 1;
+      locked.Signal();
+      ::usleep(5000000);
+      return lock.Unlock(false) ? 0 : 2;
+    });
+    ASSERT_TRUE(locked.Wait());
+    EXPECT_EQ(download ? kROZResultMissingCompsStoreFailed : kROZResultRegistryUnusable,
+              call("org.example.C"))
+        << store;
+    EXPECT_EQ(0, WaitChild(holder));
+    EXPECT_EQ(before, ReadFile(store)) << store;
+  }
+}
+
+// A preference save killed between writing its temporary and renaming it leaves the temporary
+// behind. Only a save made under the lock may remove such files (without it, one may be another
+// host's save under way), and only files of that pattern.
+TEST(CrashSafety, LockedPreferenceSaveRemovesTemporariesOfKilledSaves) {
+  TempDir temp;
+  const std::string path = temp / "Prefs.dat";
+  const std::string stale = path + ".new1f2e3d4c5b6a7980", unrelated = path + ".newer";
+  WriteFile(stale, "<VantuUpdater><A>1</A>");
+  WriteFile(unrelated, "not ours");
+  ASSERT_TRUE(esd::PrefsWriter(path, "VantuUpdater").SetPref<std::string>("A", "1"));
+  EXPECT_TRUE(std::filesystem::exists(stale)) << "a save without the lock removed a temporary";
+
+  const std::string resource = UniqueResourceName("prefs");
+  LockFileGuard guard(resource);
+  esd::ResourceLocker lock(resource, 1000);
+  esd::PrefsWriter writer("", "VantuUpdater");
+  writer.SetLockPolicy(&lock);
+  writer.SetPrefsPath(path);
+  ASSERT_TRUE(writer.SetPref<std::string>("A", "2"));
+  EXPECT_FALSE(std::filesystem::exists(stale));
+  EXPECT_TRUE(std::filesystem::exists(unrelated));
+}
+
 
 const char kAppID[] = "com.example.Victim";
 const char kPrefsLock[] = "VantuUpdater";
@@ -39,12 +109,12 @@ bool CanWrite(const std::string& path) {
   return fd >= 0;
 }
 
-// The attacker plants a file at the old semaphore name of every lock a host takes and tries the
-// lock files' names; then root's and an administrator's hosts register, read the preferences,
-// take the workflow lock and unregister, each answering at once and correctly. The store's lock
+// Another local user, real and distinct, plants a file at the old semaphore name of every lock
+// a host takes and tries the lock files' names; root's and an administrator's hosts still
+// register, read the preferences, take the workflow lock and unregister at once. The store's lock
 // is shared by the update group alone: another administrator waits for it, an ordinary user and
 // the attacker can neither take it nor plant anything where the locks live; per-user locks are
-// never shared; the lock of a holder killed outright is free at once.
+// never shared; a holder killed outright leaves its lock free.
 TEST(LockAttack, OnlyTheEntitledShareALockAndPlantedFilesOrADeadHolderBlockNoHost) {
   const int status = RunOnMachine([](const MultiUserMachine& machine) {
     std::string why;
