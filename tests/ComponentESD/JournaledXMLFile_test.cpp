@@ -10,7 +10,6 @@
 #include <sstream>
 #include <string>
 
-#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "xplat/DOMUtils.h"
 #include "xplat/ExpatDOMBuilder.h"

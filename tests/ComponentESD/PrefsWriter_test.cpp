@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
-#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/MapPref.h"

@@ -16,7 +16,6 @@
 
 #include "support/ChildProcess.h"
 #include "support/FakeUpdaterBundle.h"
-#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "xplat/CKVXVersion.h"

@@ -16,7 +16,6 @@
 
 #include "VantuUpdater/VantuUpdater.h"
 #include "support/ChildProcess.h"
-#include "support/LockFiles.h"
 #include "support/MultiUser.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"

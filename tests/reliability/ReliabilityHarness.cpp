@@ -45,9 +45,7 @@
 
 #include "VantuUpdater/VantuUpdater.h"
 #include "support/ChildProcess.h"
-#include "support/LockFiles.h"
 #include "support/MultiUser.h"
-#include "support/PrivateMounts.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/ExpatDOMBuilder.h"

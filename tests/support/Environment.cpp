@@ -18,8 +18,6 @@
 #include <vector>
 
 #include "support/FileStamp.h"
-#include "support/LockFiles.h"
-#include "support/PrivateMounts.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "xplat/ResourceLocker.h"

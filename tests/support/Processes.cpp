@@ -23,8 +23,6 @@
 #include "support/ChildProcess.h"
 #include "support/FakeUpdaterBundle.h"
 #include "support/MultiUser.h"
-#include "support/PrivateMounts.h"
-#include "support/PrivateSessionBus.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "support/UpdaterSandbox.h"
