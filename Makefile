@@ -75,9 +75,9 @@ TORTURE_SECONDS   ?= 30
 TORTURE_KILLS     ?= 1000
 .PHONY: torture
 torture: build
-	$(BUILD)/tests/reliability/TortureHarness --processes $(TORTURE_PROCESSES) --seconds $(TORTURE_SECONDS)
-	$(BUILD)/tests/reliability/TortureHarness --processes $(TORTURE_PROCESSES) --seconds $(TORTURE_SECONDS) --users 3 || [ $$? = 77 ]
-	$(BUILD)/tests/reliability/CrashHarness --kills $(TORTURE_KILLS)
+	$(BUILD)/tests/reliability/ReliabilityHarness torture --processes $(TORTURE_PROCESSES) --seconds $(TORTURE_SECONDS)
+	$(BUILD)/tests/reliability/ReliabilityHarness torture --processes $(TORTURE_PROCESSES) --seconds $(TORTURE_SECONDS) --users 3 || [ $$? = 77 ]
+	$(BUILD)/tests/reliability/ReliabilityHarness crash --kills $(TORTURE_KILLS)
 
 # Benchmarks: the registration figures (every figure the median of repeated runs, every ratio
 # between benchmarks run side by side) on a disk folder and on /dev/shm, printed as one table.

@@ -38,7 +38,7 @@
 
 #include "FuzzSandbox.h"
 #include "VantuUpdater/VantuUpdater.h"
-#include "support/PrivateMounts.h"
+#include "support/TempDir.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/FolderFinder.h"

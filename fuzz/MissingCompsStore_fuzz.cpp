@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "FuzzSandbox.h"
-#include "support/LockFiles.h"
+#include "support/TempDir.h"
 #include "xplat/ChangeDiffType.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"

@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "FuzzSandbox.h"
-#include "support/LockFiles.h"
+#include "support/TempDir.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/VantuUpdaterRegistrationManager.h"

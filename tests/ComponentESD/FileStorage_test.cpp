@@ -14,10 +14,9 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/ChildProcess.h"
 #include "support/FaultyEnv.h"
-#include "support/LockFiles.h"
 #include "support/TempDir.h"
-#include "support/Unprivileged.h"
 #include "xplat/ExpatDOMBuilder.h"
 #include "xplat/FileSystemUtils.h"
 #include "xplat/JournaledXMLLockedFile.h"

@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "support/FakeUpdaterBundle.h"
-#include "support/PrivateSessionBus.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "xplat/ScopedEnv.h"

@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
-#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "xplat/EnvWrapper.h"

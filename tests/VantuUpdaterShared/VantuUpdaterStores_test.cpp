@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/FileSystemUtils.h"

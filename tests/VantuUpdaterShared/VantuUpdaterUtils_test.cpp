@@ -16,10 +16,8 @@
 
 #include "support/ChildProcess.h"
 #include "support/FakeUpdaterBundle.h"
-#include "support/LockFiles.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
-#include "support/Unprivileged.h"
 #include "xplat/CKVXVersion.h"
 #include "xplat/ResourceLocker.h"
 #include "xplat/ScopedEnv.h"

@@ -15,7 +15,6 @@
 #include "VantuUpdater/VantuUpdater.h"
 #include "support/ChildProcess.h"
 #include "support/FaultyEnv.h"
-#include "support/PrivateMounts.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/VantuUpdaterPrefs.h"

@@ -4,6 +4,9 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <map>
+#include <string>
+#include <vector>
 
 namespace testing_support {
 
@@ -31,6 +34,36 @@ class Pipe {
  private:
   int mFds[2];
 };
+
+// nobody / nogroup, whom a root test run drops to.
+constexpr uid_t kUnprivilegedUid = 65534;
+constexpr gid_t kUnprivilegedGid = 65534;
+
+// Runs `body` in a forked child without privileges and returns its exit status: under root as
+// kUnprivilegedUid/Gid without supplementary groups (100 when the ids could not be taken),
+// otherwise as the caller. Files the body must reach need permissions for that user.
+int RunUnprivileged(const std::function<int()>& body);
+
+struct ProgramResult {
+  int exitStatus = -1;  // -1 when it did not exit normally or did not end in time
+  std::string out, err;
+};
+
+struct RunOptions {
+  // Changes to this process's environment for the program.
+  std::map<std::string, std::string> setVariables;
+  std::vector<std::string> unsetVariables;
+  // Supplementary groups: inherited, {0} (an administrator for the library) or none. Needs root.
+  enum class Groups { kInherited, kAdministrator, kNone };
+  Groups groups = Groups::kInherited;
+  int timeoutMs = 60000;  // then it is killed
+};
+
+// Runs argv[0] (a path) with standard input from /dev/null and collects both output streams.
+ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
+
+// Whether RunOptions::groups can be chosen here (only root may).
+bool CanChooseGroups();
 
 }  // namespace testing_support
 

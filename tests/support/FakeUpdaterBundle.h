@@ -51,8 +51,7 @@ class FakeUpdaterBundle {
   bool Stop(int timeoutMs = 10000);
 
  private:
-  std::string mPath;
-  std::string mContents;
+  std::string mPath, mContents;
 };
 
 // Waits until `pid` has ended, reaping it when it is a child; false on time-out.

@@ -1,6 +1,11 @@
 #ifndef TESTS_SUPPORT_TEMPDIR_H
 #define TESTS_SUPPORT_TEMPDIR_H
 
+// What tests set up around them: temporary folders and files, lock files, private mounts, a
+// session bus of their own.
+
+#include <sys/types.h>
+
 #include <string>
 
 namespace testing_support {
@@ -22,6 +27,58 @@ class TempDir {
 
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
+
+// Removes a resource's lock file (its path under the Env in force when made) when it dies.
+class LockFileGuard {
+ public:
+  explicit LockFileGuard(const std::string& resourceName);
+  ~LockFileGuard();
+  LockFileGuard(const LockFileGuard&) = delete;
+  LockFileGuard& operator=(const LockFileGuard&) = delete;
+
+ private:
+  std::string mPath;
+};
+
+// A resource name no other test or test run uses (process id, counter, tag).
+std::string UniqueResourceName(const std::string& tag);
+
+// The resource's lock file where the library puts it; empty when there is no folder for it.
+std::string LockFilePath(const std::string& resourceName);
+
+// True while some process holds the resource's lock (asked of the kernel, taking nothing).
+bool LockIsHeld(const std::string& resourceName);
+
+// Mounts only the calling process and its later children see, gone with the namespace's last
+// process. Enter from a single-threaded process: as root it unshares the mount namespace,
+// otherwise it tries a user namespace that keeps the caller's ids. False with `why` filled when
+// the kernel allows neither (callers then skip).
+bool EnterPrivateMountNamespace(std::string& why);
+
+// A fresh tmpfs at the existing `folder`, with options such as "size=64k" or "nr_inodes=8".
+bool MountTmpfs(const std::string& folder, const std::string& options, std::string& why);
+
+// `folder` and everything below read-only (EROFS even for root).
+bool MountReadOnly(const std::string& folder, std::string& why);
+
+// An empty /dev/shm of the namespace's own.
+bool UsePrivateSemaphores(std::string& why);
+
+// A dbus-daemon of the test's own on a socket in a temporary folder; DBUS_SESSION_BUS_ADDRESS
+// points at it while the object lives, and is unset after. Throws std::runtime_error when it
+// cannot start.
+class PrivateSessionBus {
+ public:
+  PrivateSessionBus();
+  ~PrivateSessionBus();
+  PrivateSessionBus(const PrivateSessionBus&) = delete;
+  PrivateSessionBus& operator=(const PrivateSessionBus&) = delete;
+
+ private:
+  TempDir mTemp;
+  pid_t mDaemon = -1;
+  std::string mAddress;
+};
 
 }  // namespace testing_support
 

@@ -61,10 +61,7 @@ class UpdaterSandbox {
  private:
   bool IsUpdaterRunning();
 
-  std::string mBase;
-  std::string mRoot;
-  std::string mHome;
-  std::string mRuntimeDir;
+  std::string mBase, mRoot, mHome, mRuntimeDir;
   TestEnv mEnv;
   esd::ScopedEnv mScope;
   std::unique_ptr<FakeUpdaterBundle> mUpdater;

@@ -18,9 +18,6 @@
 #include <vector>
 
 #include "support/ChildProcess.h"
-#include "support/PrivateSessionBus.h"
-#include "support/LockFiles.h"
-#include "support/RunProgram.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "xplat/FileSystemUtils.h"

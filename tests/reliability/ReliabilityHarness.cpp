@@ -1,0 +1,959 @@
+// Reliability harnesses, which model what the hosts' successful calls must have left in the
+// three shared files and load the files back through the library to compare (exit status 0 on
+// success, 77 when skipped):
+//
+//   ReliabilityHarness torture [--processes N] [--seconds S] [--seed X] [--users U]
+//   ReliabilityHarness crash [--kills N] [--seed X]
+//
+// Torture: host processes call the exports at once on one sandboxed machine (with --users 2 or
+// 3, as root, as that many administrators sharing the machine-wide store). Each owns its
+// identifiers and keys: a save from a stale tree, a lock that fails to exclude or a skipped
+// reload shows as a difference from its model; every call must give its expected result.
+//
+// Crash: a host is killed (SIGKILL) at random moments of its saves; after each kill no lock may
+// be held (nothing is repaired) and the files, loaded through the library (which recovers an
+// interrupted save's journal), must hold every change whose call had returned. The host's calls
+// are planned from the call's number and the files' content, and it shares the last call it
+// started and the last that returned, so the harness knows the two acceptable states exactly and
+// the next host carries on from the one it finds. A load recovering a journal is killed too.
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <list>
+#include <map>
+#include <new>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "VantuUpdater/VantuUpdater.h"
+#include "support/ChildProcess.h"
+#include "support/MultiUser.h"
+#include "support/TempDir.h"
+#include "support/UpdaterSandbox.h"
+#include "xplat/ExpatDOMBuilder.h"
+#include "xplat/FileSystemVersion.h"
+#include "xplat/MapPref.h"
+#include "xplat/PrefsLockScope.h"
+#include "xplat/PrefsWriter.h"
+#include "xplat/VantuUpdaterAMissingComponent.h"
+#include "xplat/VantuUpdaterMissingCompsApp.h"
+#include "xplat/VantuUpdaterMissingCompsManager.h"
+#include "xplat/VantuUpdaterPrefs.h"
+#include "xplat/VantuUpdaterRegisteredApp.h"
+#include "xplat/VantuUpdaterRegistrationManager.h"
+#include "xplat/XMLDocumentNode.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+// ---- What both harnesses share: the files' content as plain values, serving both as the model
+// the successful calls update and as what the library loads back; the calls; the checks at rest.
+struct MissingComponent {
+  std::string category, name;
+  std::string version;  // four parts, as the store writes it ("1.2.0.0")
+};
+
+// Where the three files of one sandboxed machine lie.
+struct StoreFiles {
+  std::string registry, missingComps, prefs;
+};
+
+// One entry per item, keyed "<kind>\t<owner>[\t...]": "reg" (display name and install path) and
+// "mc" (display name, install path, operation type) by application identifier, "comp" by
+// identifier, category, name and version (no value), "pref" (a scalar preference) and "msg" (an
+// entry of the "NotificationMessage" map preference) by key. Values are tab-separated.
+struct StoreState : std::map<std::string, std::string> {
+  static std::string Key(const std::string& kind, const std::string& owner) {
+    return kind + "\t" + owner;
+  }
+  // The items of one kind, whose keys all sort between "<kind>\t" and "<kind>\n".
+  const_iterator Begin(const std::string& kind) const { return lower_bound(kind + "\t"); }
+  const_iterator End(const std::string& kind) const { return lower_bound(kind + "\n"); }
+  size_t Count(const std::string& kind) const { return std::distance(Begin(kind), End(kind)); }
+  // The items whose owner `keep` accepts.
+  StoreState Filter(const std::function<bool(const std::string&)>& keep) const {
+    StoreState kept;
+    for (const auto& item : *this) {
+      const size_t start = item.first.find('\t') + 1;
+      if (keep(item.first.substr(start, item.first.find('\t', start) - start))) kept.insert(item);
+    }
+    return kept;
+  }
+  // The items expected (this) and not found in `actual`, and the reverse; empty when equal.
+  std::string Diff(const StoreState& actual) const {
+    std::ostringstream text;
+    const auto missing = [&text](const StoreState& from, const StoreState& in, const char* what) {
+      for (const auto& [key, value] : from) {
+        const auto found = in.find(key);
+        if (found == in.end() || found->second != value)
+          text << "  " << what << ": " << key << "\t" << value << "\n";
+      }
+    };
+    missing(*this, actual, "expected, not found");
+    missing(actual, *this, "found, not expected");
+    return text.str();
+  }
+};
+
+// What interrupted saves leave beside the files: journals that do not parse (every load ignores
+// them) or do (the next load takes them for an interrupted save), temporaries of the preferences
+// file (the next locked save sweeps them) and "TempSwap." objects of an exchange.
+struct Leftovers {
+  size_t partialJournals = 0, completeJournals = 0, prefsTemporaries = 0, swapObjects = 0;
+};
+
+// `count` value-initialised objects in memory that the processes forked afterwards share.
+template <class T>
+T* SharedArray(size_t count) {
+  void* memory =
+      ::mmap(nullptr, sizeof(T) * count, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) throw std::bad_alloc();
+  T* items = static_cast<T*>(memory);
+  for (size_t i = 0; i < count; ++i) new (items + i) T();
+  return items;
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+const unsigned char* U(const std::string& text) {
+  return reinterpret_cast<const unsigned char*>(text.c_str());
+}
+
+std::string ComponentKey(const std::string& appID, const MissingComponent& c) {
+  return StoreState::Key("comp", appID) + "\t" + c.category + "\t" + c.name + "\t" + c.version;
+}
+
+bool LoadRegistered(StoreState& out) {
+  // The entries point into the store's tree: the store must outlive them.
+  VantuUpdaterRegistrationManager store;
+  std::list<VantuUpdaterRegisteredApp> apps;
+  bool ok = store.GetRegisteredApps(apps);
+  for (const VantuUpdaterRegisteredApp& app : apps) {
+    std::string appID, name, path;
+    ok = ok && app.GetappID(appID) && app.GetDisplayName(name) && app.GetInstallPath(path) &&
+         out.emplace(StoreState::Key("reg", appID), name + "\t" + path).second;
+  }
+  return ok;
+}
+
+bool LoadMissing(StoreState& out) {
+  VantuUpdaterMissingCompsManager store;
+  std::list<VantuUpdaterMissingCompsApp> apps;
+  bool ok = store.GetMissingCompsApps(apps);
+  for (VantuUpdaterMissingCompsApp& app : apps) {
+    std::string appID, name, path;
+    int type = 0;
+    std::list<VantuUpdaterAMissingComponent> components;
+    ok = ok && app.GetAppID(appID) && app.GetDisplayName(name) && app.GetInstallPath(path) &&
+         app.GetOperationType(type) && app.GetMissingComponents(components) &&
+         out.emplace(StoreState::Key("mc", appID), name + "\t" + path + "\t" + std::to_string(type))
+             .second;
+    for (const VantuUpdaterAMissingComponent& component : components) {
+      MissingComponent c;
+      FileSystemVersion version("0");
+      ok = ok && component.Getcategory(c.category) && component.Getname(c.name) &&
+           component.Getversion(version);
+      c.version = version.ToString();
+      ok = ok && out.emplace(ComponentKey(appID, c), "").second;
+    }
+  }
+  return ok;
+}
+
+bool LoadPrefs(const std::string& path, const std::set<std::string>& keys, StoreState& out) {
+  // No lock installed: the file is read once, which is all a reader at rest needs.
+  esd::PrefsWriter reader(path, "VantuUpdater");
+  for (const std::string& key : keys) {
+    std::string value;
+    if (!reader.GetPref<std::string>(key, value, std::string())) return false;
+    if (!value.empty()) out[StoreState::Key("pref", key)] = value;
+  }
+  esd::MapPref<std::string, std::string> messages("NotificationMessage");
+  messages.SetPrefsFile(&reader);
+  std::map<std::string, std::string> entries;
+  if (!messages.Get(entries)) return false;
+  for (const auto& [key, value] : entries) out[StoreState::Key("msg", key)] = value;
+  return true;
+}
+
+// Loads the files through the library's own classes in the Env installed now, so that an
+// interrupted save's journal is recovered as a host would; reads the preferences `prefKeys`.
+// Fails on an item the files hold twice.
+bool LoadFiles(const StoreFiles& files, const std::set<std::string>& prefKeys, StoreState& out,
+               std::string& error) {
+  out = StoreState();
+  error.clear();
+  try {
+    if (!LoadRegistered(out)) error = "the registered-applications store did not load whole";
+    if (error.empty() && !LoadMissing(out)) error = "the missing-components store did not load";
+    if (error.empty() && !LoadPrefs(files.prefs, prefKeys, out)) error = "preferences unread";
+  } catch (const std::exception& e) {
+    error = std::string("loading threw: ") + e.what();
+  }
+  return error.empty();
+}
+
+bool Parses(const std::string& path) {
+  const std::string bytes = testing_support::ReadFile(path);
+  return esd::ExpatDOMBuilder<esd::XMLDocumentNode>::IsWellFormed(bytes.data(), bytes.size());
+}
+
+// What lies beside the files; appends to `problems` a file that does not parse and, once the
+// stores were loaded (`atRest`), a complete journal or a "TempSwap." object left.
+Leftovers Inspect(const StoreFiles& files, bool atRest, std::string& problems) {
+  Leftovers found;
+  std::set<fs::path> folders;
+  for (const std::string& path : {files.registry, files.missingComps, files.prefs}) {
+    if (::access(path.c_str(), F_OK) == 0 && !Parses(path)) problems += path + " does not parse\n";
+    folders.insert(fs::path(path).parent_path());
+  }
+  for (const std::string& store : {files.registry, files.missingComps}) {
+    const std::string journal = store + "_";
+    if (::access(journal.c_str(), F_OK) == 0)
+      ++(Parses(journal) ? found.completeJournals : found.partialJournals);
+  }
+  const std::string temporary = fs::path(files.prefs).filename().string() + ".new";
+  for (const fs::path& folder : folders) {
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(folder, ignored)) {
+      const std::string name = entry.path().filename().string();
+      found.swapObjects += StartsWith(name, "TempSwap.");
+      found.prefsTemporaries += StartsWith(name, temporary);
+    }
+  }
+  if (atRest && found.completeJournals + found.swapObjects > 0)
+    problems += "a complete journal or a \"TempSwap.\" object is left beside the stores\n";
+  return found;
+}
+
+enum Operation { kRegister, kUnregister, kDownload, kSetPref, kSetMessage, kTrigger, kOperations };
+const char* const kOperationNames[kOperations] = {"register", "unregister",       "download",
+                                                  "pref set", "pref map (r-m-w)", "trigger"};
+
+// One call a host makes, as data. Preferences are set through the settings object every export
+// uses; a message is a read-modify-write of the shared map under the preference lock.
+struct Call {
+  explicit Call(Operation op, std::string appID = {}, std::string name = {}, std::string path = {})
+      : op(op), appID(std::move(appID)), name(std::move(name)), path(std::move(path)) {}
+
+  Operation op;
+  // A trigger without an application is a manual one; a preference's key and value are appID
+  // and name.
+  std::string appID, name, path;
+  int type = 0;
+  bool registerFirst = false;
+  std::vector<MissingComponent> components;
+
+  long Make() const {
+    switch (op) {
+      case kRegister:
+        return ROZRegisterApplication(appID.c_str(), U(name), U(path));
+      case kUnregister:
+        return ROZUnRegisterApplication(appID.c_str());
+      case kDownload: {
+        std::vector<MissingComponent> copies = components;
+        std::vector<ROZMissingComponent> entries;
+        for (MissingComponent& c : copies)
+          entries.push_back(ROZMissingComponent{&c.category[0], &c.name[0], &c.version[0]});
+        std::vector<ROZMissingComponent*> pointers;
+        for (ROZMissingComponent& entry : entries) pointers.push_back(&entry);
+        ROZMissingComptList list{static_cast<uint32_t>(pointers.size()), pointers.data()};
+        return ROZDownloadMissingComponents(appID.c_str(), U(name), U(path), "de_DE", &list,
+                                            static_cast<ROZDownloadMissingCompType>(type),
+                                            registerFirst);
+      }
+      case kSetPref:
+        return VantuUpdaterPrefs::GetVantuUpdaterPrefs()->SetPref<std::string>(appID, name) ? 1 : 0;
+      case kSetMessage: {
+        VantuUpdaterPrefs* prefs = VantuUpdaterPrefs::GetVantuUpdaterPrefs();
+        esd::PrefsLockScope lock(*prefs);
+        std::map<std::string, std::string> messages;
+        if (!lock.IsHeld() || !prefs->NotificationMessage.Get(messages)) return -1;
+        messages[appID] = name;
+        return prefs->NotificationMessage.Set(messages) ? 1 : 0;
+      }
+      default: {
+        const bool manual = appID.empty();
+        return ROZTriggerUpdateCheck(manual ? nullptr : appID.c_str(), U(name), U(path), "en_US",
+                                     manual ? kROZTriggerManual : kROZTriggerScheduled, false);
+      }
+    }
+  }
+  // Updates `model` as the call does when it succeeds; returns the result it must give.
+  long Apply(StoreState& model) const {
+    const std::string registration = StoreState::Key("reg", appID);
+    switch (op) {
+      case kRegister:
+        model[registration] = name + "\t" + path;
+        return kROZResultOK;
+      case kUnregister:
+        model.erase(registration);
+        return kROZResultOK;
+      case kDownload: {
+        if (registerFirst) model[registration] = name + "\t" + path;
+        // The entry takes the request's name, path and type; "already requested" when every
+        // component was recorded before.
+        bool anyNew = components.empty();
+        for (const MissingComponent& component : components) {
+          anyNew = model.emplace(ComponentKey(appID, component), "").second || anyNew;
+          model[StoreState::Key("mc", appID)] = name + "\t" + path + "\t" + std::to_string(type);
+        }
+        return anyNew ? kROZResultOK : kROZResultAlreadyRequested;
+      }
+      case kSetPref:
+      case kSetMessage:
+        model[StoreState::Key(op == kSetPref ? "pref" : "msg", appID)] = name;
+        return 1;
+      default:
+        return kROZResultOK;
+    }
+  }
+  // The owner of the items the call changes.
+  std::string Item() const { return op == kTrigger ? "Launch" : appID; }
+};
+
+// Makes the sandbox's user an administrator with the updater installed (launches counted, not
+// run); returns where its files lie.
+StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox) {
+  sandbox.env().SetGroups({"admin"});
+  sandbox.InstallUpdater();
+  // Launches are counted, not run: thousands of updater processes would measure fork, not us.
+  sandbox.env().RecordLaunches(true, 0);
+  return {sandbox.RegistryFile(), sandbox.MissingCompsFile(),
+          sandbox.UserDataDir() + "/VantuUpdaterPrefs.dat"};
+}
+
+// Reads "--name value" pairs whose names `values` holds, and "--seed" (default: the clock), and
+// prints the seed; false on anything else.
+bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,
+                  unsigned long long& seed) {
+  seed =
+      static_cast<unsigned long long>(std::chrono::system_clock::now().time_since_epoch().count());
+  for (int i = 1; i < argc; i += 2) {
+    const std::string name = argv[i];
+    char* end = nullptr;
+    if (i + 1 < argc && name == "--seed")
+      seed = std::strtoull(argv[i + 1], &end, 10);
+    else if (i + 1 < argc && StartsWith(name, "--") && values.count(name.substr(2)))
+      values[name.substr(2)] = std::strtod(argv[i + 1], &end);
+    if (end == nullptr || *end != '\0') return false;
+  }
+  std::cout << "seed " << seed << std::endl;
+  return true;
+}
+
+// ---- The torture
+
+// The shortest lock time-out in the library (the stores'; the preferences wait 3 s). A call that
+// failed after waiting this long may have failed on a lock; faster failures cannot have.
+constexpr double kLockTimeoutMs = 2000.0;
+constexpr int kAppsPerProcess = 6;
+constexpr int kMessagesPerProcess = 4;
+
+// What the workers did, added up in memory they share with the harness.
+struct Totals {
+  struct {
+    std::atomic<unsigned long> calls, micros;
+  } timing[kOperations];
+  std::atomic<unsigned long> failures, timeouts, lost, checked, compared, launchProblems;
+  std::atomic<unsigned long> manual[3], scheduled[3];  // by user
+  std::atomic<int> done;
+};
+
+// One worker process: random calls until the deadline, each checked against the model.
+class Worker {
+ public:
+  Worker(size_t index, size_t user, unsigned long long seed, Totals& totals)
+      : mIndex(index),
+        mUser(user),
+        mPrefix("torture.p" + std::to_string(index) + "."),
+        mRandom(seed * 1000003ULL + index),
+        mTotals(totals) {}
+
+  void Run(Clock::time_point deadline) {
+    while (Clock::now() < deadline) {
+      const unsigned pick = Draw(100);
+      Make(pick < 30   ? Register()
+           : pick < 45 ? Unregister()
+           : pick < 70 ? Download()
+           : pick < 82 ? Preference()
+           : pick < 92 ? Message()
+                       : Trigger());
+    }
+  }
+
+  // Once every worker is done, whether the files hold what the model holds, leaving out what a
+  // failed call touched. Every call that started the updater must have launched it once, and an
+  // unregistration may have (when it left the store empty, which depends on the others).
+  void Compare(const StoreFiles& files, size_t launches) {
+    const unsigned long least = mSucceeded[kDownload] + mSucceeded[kTrigger];
+    const unsigned long most = least + mSucceeded[kUnregister];
+    if (launches < least || launches > most) {
+      ++mTotals.launchProblems;
+      std::cout << "worker " << mIndex << " started the updater " << launches << " times, expected "
+                << least << " to " << most << std::endl;
+    }
+    const auto owned = [this](const std::string& key) {
+      return key.compare(0, mPrefix.size(), mPrefix) == 0 && mTainted.count(key) == 0;
+    };
+    StoreState actual;
+    std::string error;
+    if (!LoadFiles(files, {mPrefix + "value"}, actual, error)) {
+      std::cout << "worker " << mIndex << ": loading the files failed: " << error << std::endl;
+      return;
+    }
+    const StoreState expected = mModel.Filter(owned);
+    const std::string diff = expected.Diff(actual.Filter(owned));
+    mTotals.checked += expected.size();
+    mTotals.lost += static_cast<size_t>(std::count(diff.begin(), diff.end(), '\n'));
+    if (!diff.empty())
+      std::cout << "worker " << mIndex << ": the files do not hold what its calls did:\n"
+                << diff << std::flush;
+    ++mTotals.compared;
+  }
+
+ private:
+  unsigned Draw(size_t bound) { return static_cast<unsigned>(mRandom() % bound); }
+  std::string AppID() { return mPrefix + "a" + std::to_string(Draw(kAppsPerProcess)); }
+  std::string Serial() { return std::to_string(++mSequence); }
+
+  // Makes one call, times it and compares its result with the one the model expects.
+  void Make(const Call& call) {
+    StoreState next = mModel;
+    const long expected = call.Apply(next);
+    const Clock::time_point start = Clock::now();
+    const long result = call.Make();
+    const unsigned long micros = static_cast<unsigned long>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
+    ++mTotals.timing[call.op].calls;
+    mTotals.timing[call.op].micros += micros;
+    if (result == expected) {
+      ++mSucceeded[call.op];
+      mModel = std::move(next);
+      if (call.op == kTrigger) ++(call.appID.empty() ? mTotals.manual : mTotals.scheduled)[mUser];
+      return;
+    }
+    const double ms = micros / 1000.0;
+    const bool timedOut = ms >= kLockTimeoutMs * 0.95;
+    ++mTotals.failures;
+    mTotals.timeouts += timedOut;
+    mTainted.insert(call.Item());
+    std::cout << "worker " << mIndex << ": " << kOperationNames[call.op] << " " << call.Item()
+              << " gave " << result << ", expected " << expected << " after " << ms << " ms"
+              << (timedOut ? " (lock time-out)" : "") << std::endl;
+  }
+
+  Call Register() {
+    const std::string appID = AppID();
+    const std::string name = "Torture " + appID + " #" + Serial();
+    return Call(kRegister, appID, name,
+                "/opt/torture/" + appID + "/r" + std::to_string(mSequence % 4));
+  }
+
+  Call Unregister() {
+    const size_t registered = mModel.Count("reg");
+    if (registered == 0) return Register();
+    const std::string key = std::next(mModel.Begin("reg"), Draw(registered))->first;
+    return Call(kUnregister, key.substr(4));
+  }
+
+  // A missing-components request, sometimes registering first, sometimes under the registered
+  // name and path (no re-registration) and sometimes under new ones (a replaced registration).
+  Call Download() {
+    Call call(kDownload, AppID());
+    call.name = "Torture " + call.appID + " dl#" + Serial();
+    call.path = "/opt/torture/" + call.appID + "/d" + std::to_string(mSequence % 4);
+    const auto registered = mModel.find(StoreState::Key("reg", call.appID));
+    if (registered != mModel.end() && Draw(2) == 0) {
+      const std::string& value = registered->second;
+      call.name = value.substr(0, value.find('\t'));
+      call.path = value.substr(call.name.size() + 1);
+    }
+    call.registerFirst = Draw(4) == 0;
+    call.type = static_cast<int>(Draw(3));
+    for (unsigned i = Draw(3); i < 3; ++i) {
+      call.components.push_back(MissingComponent{"cat" + std::to_string(Draw(2)),
+                                                 "comp" + std::to_string(Draw(4)),
+                                                 "1." + std::to_string(Draw(3)) + ".0.0"});
+    }
+    return call;
+  }
+
+  Call Preference() { return Call(kSetPref, mPrefix + "value", Serial()); }
+
+  // Without working exclusion or reloads, the other processes' entries of the map would vanish.
+  Call Message() {
+    const std::string key = mPrefix + "m" + std::to_string(Draw(kMessagesPerProcess));
+    return Call(kSetMessage, key, "message " + Serial());
+  }
+
+  // The preference writes the exports make themselves: a manual trigger records "Manual", a
+  // scheduled one "Scheduled" unless a manual launch is pending.
+  Call Trigger() {
+    const std::string appID = Draw(2) == 0 ? std::string() : AppID();
+    return Call(kTrigger, appID, "Torture",
+                appID.empty() ? "/opt/torture" : "/opt/torture/" + appID);
+  }
+
+  const size_t mIndex, mUser;
+  const std::string mPrefix;
+  std::mt19937_64 mRandom;
+  Totals& mTotals;
+  unsigned long mSucceeded[kOperations] = {};
+  StoreState mModel;
+  std::set<std::string> mTainted;
+  unsigned long mSequence = 0;
+};
+
+// The users of a run and their files; a run as one user is the harness's own in the sandbox.
+struct User {
+  testing_support::UserIdentity identity;
+  std::string home, runtime;
+  StoreFiles files;
+};
+
+bool Chown(const std::string& path, uid_t uid, gid_t gid, mode_t mode) {
+  return chown(path.c_str(), uid, gid) == 0 && chmod(path.c_str(), mode) == 0;
+}
+
+// Gives each user a home and runtime folder, makes the sandbox reachable for them, and makes the
+// machine-wide folder as an installation does.
+bool MakeUsers(testing_support::UpdaterSandbox& sandbox, int count, std::vector<User>& users) {
+  using namespace testing_support;
+  const UserIdentity third{1003, 1003, {AdministratorsGroup()}};
+  const UserIdentity* identities[] = {&AdministratorA(), &AdministratorB(), &third};
+  const std::string base = std::filesystem::path(sandbox.root()).parent_path();
+  const std::string folder = sandbox.AllUsersDataDir();
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  bool ok = !error && Chown(base, 0, 0, 0755) && Chown(sandbox.root(), 0, 0, 0755) &&
+            Chown(folder + "/..", 0, 0, 0755) && Chown(folder, 0, AdministratorsGroup(), 02775);
+  for (int u = 0; ok && u < count; ++u) {
+    const std::string uid = std::to_string(identities[u]->uid);
+    User user{*identities[u], base + "/home-" + uid, base + "/runtime-" + uid, {}};
+    const std::string data = user.home + "/.local/share/Vantu/Updater5";
+    user.files = {sandbox.RegistryFile(), data + "/VantuMissingComps.xml",
+                  data + "/VantuUpdaterPrefs.dat"};
+    for (const std::string& path : {user.home, user.runtime}) {
+      ok = ok && std::filesystem::create_directory(path, error) &&
+           Chown(path, user.identity.uid, user.identity.gid, 0700);
+    }
+    users.push_back(user);
+  }
+  return ok;
+}
+
+// Points the sandbox's Env at one user's own folders.
+void UseFoldersOf(testing_support::UpdaterSandbox& sandbox, const User& user) {
+  sandbox.env().SetHome(user.home);
+  sandbox.env().SetVariable("XDG_RUNTIME_DIR", user.runtime);
+}
+
+// Runs the torture; false when it failed.
+bool Torture(int processes, double seconds, int userCount, unsigned long long seed) {
+  std::string why;
+  const bool isolated = testing_support::EnterPrivateMountNamespace(why) &&
+                        testing_support::UsePrivateSemaphores(why);
+  if (!isolated) std::cout << "note: /dev/shm shared with the rest of the system (" << why << ")\n";
+
+  testing_support::UpdaterSandbox sandbox;
+  const StoreFiles files = PrepareSandbox(sandbox);
+  std::vector<User> users;
+  if (userCount == 1)
+    users.push_back({testing_support::RootUser(), sandbox.home(), sandbox.runtimeDir(), files});
+  else if (!MakeUsers(sandbox, userCount, users)) {
+    std::cout << "could not make the users' folders\n";
+    return false;
+  }
+
+  Totals& totals = *SharedArray<Totals>(1);
+  testing_support::Pipe go;
+  std::vector<pid_t> workers;
+  for (size_t i = 0; i < static_cast<size_t>(processes); ++i) {
+    const User& user = users[i % users.size()];
+    const auto work = [&, i] {
+      if (!go.Wait(60000)) return 3;
+      Worker worker(i, i % users.size(), seed, totals);
+      worker.Run(Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                    std::chrono::duration<double>(seconds)));
+      ++totals.done;
+      if (testing_support::WaitUntil([&] { return totals.done == processes; }, 60000, 10000))
+        worker.Compare(user.files, sandbox.env().Launches().size());
+      return 0;
+    };
+    UseFoldersOf(sandbox, user);
+    workers.push_back(userCount == 1 ? testing_support::StartChild(work)
+                                     : testing_support::StartAs(user.identity, work));
+  }
+  const Clock::time_point start = Clock::now();
+  for (size_t i = 0; i < workers.size(); ++i) go.Signal();
+  int crashed = 0;
+  for (pid_t pid : workers) crashed += testing_support::WaitChild(pid) != 0;
+  const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+  // A worker that hung or could not load the files did not compare them either.
+  crashed = std::max(crashed, processes - static_cast<int>(totals.compared));
+
+  // Every file parses, nothing is left over, and each user's "Launch" is what its triggers left.
+  std::string error, atRest;
+  bool loaded = true;
+  size_t lost = totals.lost, leftovers = 0;
+  for (size_t u = 0; u < users.size(); ++u) {
+    const User& user = users[u];
+    UseFoldersOf(sandbox, user);
+    StoreState actual;
+    loaded = LoadFiles(user.files, {"Launch"}, actual, error) && loaded;
+    const Leftovers left = Inspect(user.files, true, atRest);
+    leftovers += left.partialJournals + left.prefsTemporaries;
+    const std::string wanted = totals.manual[u] > 0      ? "Manual"
+                               : totals.scheduled[u] > 0 ? "Scheduled"
+                                                         : "";
+    const std::string launch = actual[StoreState::Key("pref", "Launch")];
+    if (launch != wanted) {
+      ++lost;
+      std::cout << "\"Launch\" is \"" << launch << "\", expected \"" << wanted << "\"\n";
+    }
+  }
+  if (!loaded) std::cout << "loading the files failed: " << error << "\n";
+  std::cout << atRest;
+
+  unsigned long calls = 0;
+  std::printf("\n%d processes as %d user(s), %.1f s (%s locks); calls, mean ms:\n", processes,
+              userCount, elapsed, isolated ? "private" : "shared");
+  for (const auto& t : totals.timing) {
+    calls += t.calls;
+    std::printf("%-18s %9lu %9.2f\n", kOperationNames[&t - totals.timing], t.calls.load(),
+                t.calls ? t.micros / 1000.0 / t.calls : 0.0);
+  }
+  std::printf("%-18s %9lu   (%.0f calls/s)\n", "all", calls, calls / elapsed);
+  std::printf(
+      "failed calls %lu (on a lock time-out %lu), lost or wrong items %zu of %lu checked,"
+      " crashed workers %d, leftovers %zu\n",
+      totals.failures.load(), totals.timeouts.load(), lost, totals.checked.load(), crashed,
+      leftovers);
+
+  return crashed == 0 && totals.failures == 0 && loaded && lost == 0 && atRest.empty() &&
+         totals.launchProblems == 0 && leftovers == 0 && calls > 0;
+}
+
+// ---- The crash harness
+
+// The missing-components store only grows (the updater empties it); it is reset between kills
+// once it holds this many components, so that saves keep a steady size.
+constexpr size_t kMaxComponents = 60;
+
+enum Target { kRegistry, kMissing, kPrefs, kTargets };
+const char* const kTargetNames[kTargets] = {"registered-applications store",
+                                            "missing-components store", "preferences file"};
+
+// One planned call, the result it must give and the state it leaves.
+struct Step {
+  Target target;
+  Call call{kRegister};
+  long expected = 0;
+  StoreState after;
+};
+
+// Call number n, planned from the state before it. Calls take turns among the three files.
+// The registered applications go through phases of mostly registering and of draining the
+// store to nothing, so saves that create, grow, shrink and delete the file all get killed.
+Step Plan(long n, const StoreState& before) {
+  Step s{static_cast<Target>(n % kTargets), Call(kRegister), 0, {}};
+  Call& c = s.call;
+  const long i = n / kTargets;
+  if (s.target == kRegistry) {
+    c = Call(kRegister, "crash.app" + std::to_string(i % 5), "Crash app #" + std::to_string(i),
+             "/opt/crash/" + std::to_string(i % 3));
+    const bool draining = (i / 30) % 3 == 2;
+    if (draining && before.Count("reg") > 0) c.appID = before.Begin("reg")->first.substr(4);
+    if (before.count(StoreState::Key("reg", c.appID)) && (draining || i % 4 == 3))
+      c.op = kUnregister;
+  } else if (s.target == kMissing) {
+    c = Call(kDownload, "crash.mc" + std::to_string(i % 3),
+             "Crash mc " + std::to_string((i / 7) % 2), "/opt/crash/mc");
+    c.type = static_cast<int>((i / 5) % 3);
+    // Now and then the component of three rounds before, mostly listed already: 9, though a
+    // changed name still saves.
+    const long k = i % 5 == 4 ? i - 3 : i;
+    c.components = {{"cat" + std::to_string(k % 2), "c" + std::to_string(k),
+                     "1." + std::to_string(k % 4) + ".0.0"}};
+  } else {
+    c = Call(i % 2 == 0 ? kSetPref : kSetMessage,
+             i % 2 == 0 ? "crash.k" + std::to_string(i % 4) : "crash.m" + std::to_string(i % 3),
+             "v" + std::to_string(i));
+  }
+  s.after = before;
+  s.expected = c.Apply(s.after);
+  return s;
+}
+
+std::string Describe(long n, const Step& step) {
+  return "call " + std::to_string(n) + " (" + kOperationNames[step.call.op] + " " +
+         step.call.Item() + ")";
+}
+
+// What a host shares with the harness, in memory mapped before the fork (a kill cannot tear a
+// word): the last call started and returned, a call that gave a wrong result and that result,
+// and how long calls on each file have taken lately.
+struct Progress {
+  std::atomic<long> started, returned, wrong, result;
+  std::atomic<double> meanMs[kTargets];
+};
+
+void Kill(pid_t pid) {
+  ::kill(pid, SIGKILL);
+  testing_support::WaitChild(pid);
+}
+
+double Milliseconds(Clock::time_point since) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - since).count();
+}
+
+void Sleep(std::mt19937_64& random, double maxMs) {
+  std::uniform_real_distribution<double> delay(0, maxMs);
+  std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay(random)));
+}
+
+struct Figures {
+  long kills = 0;
+  long inFlight[kTargets] = {}, inFlightApplied[kTargets] = {};
+  long journalsComplete = 0, journalsPartial = 0, recoveryKills = 0, recoveriesFinished = 0;
+  long resets = 0, losses = 0, wrongResults = 0, unparsableFiles = 0, locksLeftHeld = 0;
+};
+
+class CrashRun {
+ public:
+  CrashRun(const StoreFiles& files, unsigned long long seed) : mFiles(files), mRandom(seed) {
+    for (auto& mean : mProgress[0].meanMs) mean = 20;
+    mProgress[1].meanMs[0] = 5;
+  }
+
+  // Kills `kills` hosts, prints the figures and returns whether nothing was lost.
+  bool Run(long kills) {
+    const Clock::time_point start = Clock::now();
+    bool completed = true;
+    while (completed && mFigures.kills < kills) completed = OneKill();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    std::string ignored;
+    const Leftovers left = Inspect(mFiles, true, ignored);
+    const Figures& f = mFigures;
+    std::printf("\n%ld kills in %.1f s\n", f.kills, seconds);
+    for (int t = 0; t < kTargets; ++t)
+      std::printf("  during a call on the %-30s %5ld (its change found applied %ld times)\n",
+                  kTargetNames[t], f.inFlight[t], f.inFlightApplied[t]);
+    std::printf("journals after a kill: %ld complete, %ld partial; recoveries killed %ld (%ld ended"
+                " first); store resets %ld\nleft: %zu preference temporaries, %zu partial journals;"
+                " losses %ld, wrong results %ld, unparsable files %ld, locks left held %ld\n",
+                f.journalsComplete, f.journalsPartial, f.recoveryKills, f.recoveriesFinished,
+                f.resets, left.prefsTemporaries, left.partialJournals, f.losses, f.wrongResults,
+                f.unparsableFiles, f.locksLeftHeld);
+    // The last kill may have left one temporary that no later save has swept yet.
+    return completed && f.losses == 0 && f.wrongResults == 0 && f.unparsableFiles == 0 &&
+           f.locksLeftHeld == 0 && left.prefsTemporaries <= 1;
+  }
+
+ private:
+  // One host started, killed, cleaned up after and checked.
+  bool OneKill() {
+    Progress& p = mProgress[0];
+    p.started = p.returned = mNextCall - 1;
+    p.wrong = -1;
+    const pid_t host = testing_support::StartChild([&]() -> int {
+      StoreState state = mModel;
+      for (long n = mNextCall;; ++n) {
+        const Step step = Plan(n, state);
+        p.started = n;
+        const Clock::time_point start = Clock::now();
+        p.result = step.call.Make();
+        if (p.result != step.expected) {
+          p.wrong = n;
+          ::_exit(3);
+        }
+        state = step.after;
+        p.meanMs[step.target] = 0.8 * p.meanMs[step.target] + 0.2 * Milliseconds(start);
+        p.returned = n;
+      }
+    });
+    // The kill falls at a uniform moment of the first to third call, over a little more than
+    // such calls took lately, whatever they cost (on a disk the syncs dominate, on tmpfs the CPU).
+    const long victim = mNextCall + static_cast<long>(mRandom() % 3);
+    const bool started =
+        testing_support::WaitUntil([&] { return p.started >= victim || p.wrong >= 0; }, 10000, 50);
+    if (started) Sleep(mRandom, std::min(250.0, 1.2 * p.meanMs[victim % kTargets]));
+    Kill(host);
+    ++mFigures.kills;
+
+    ExpectLocksFree();
+    InspectJournals();
+    if (p.wrong >= 0) {
+      ++mFigures.wrongResults;
+      const Step step = Plan(p.wrong, StateBefore(p.wrong));
+      return Fail(Describe(p.wrong, step) + " gave " + std::to_string(p.result) + ", expected " +
+                  std::to_string(step.expected));
+    }
+    // Ten seconds without a call starting: a lock that outlived a host, or a hang.
+    if (!started) return Fail("the host stalled before call " + std::to_string(victim));
+    return Check(p.started, p.returned);
+  }
+
+  // The model after every call up to `call` (exclusive) of the current host returned.
+  StoreState StateBefore(long call) const {
+    StoreState state = mModel;
+    for (long n = mNextCall; n < call; ++n) state = Plan(n, state).after;
+    return state;
+  }
+
+  // A killed host's locks are gone with it: nothing is broken, nothing repaired.
+  void ExpectLocksFree() {
+    const std::string resources[kTargets] = {mFiles.registry, mFiles.missingComps, "VantuUpdater"};
+    for (int t = 0; t < kTargets; ++t) {
+      if (!testing_support::LockIsHeld(resources[t])) continue;
+      ++mFigures.locksLeftHeld;
+      std::cout << "the lock of the " << kTargetNames[t] << " outlived its killed holder\n";
+    }
+  }
+
+  // What the kill left before any recovery: files are only replaced whole, so they parse; a
+  // journal may be partial. A complete one is put in place by the next load, itself killed at
+  // random (between the exchange and the journal's removal it leaves the older text as a
+  // complete journal, so the acceptable states stay the same two).
+  void InspectJournals() {
+    std::string problems;
+    const Leftovers found = Inspect(mFiles, false, problems);
+    mFigures.unparsableFiles += !problems.empty();
+    std::cout << problems;
+    mFigures.journalsPartial += found.partialJournals;
+    mFigures.journalsComplete += found.completeJournals;
+    if (found.completeJournals > 0) KillDuringRecovery();
+  }
+
+  // A host that loads the files, killed at a random moment of the load.
+  void KillDuringRecovery() {
+    Progress& p = mProgress[1];
+    p.started = p.returned = 0;
+    const pid_t host = testing_support::StartChild([&] {
+      p.started = 1;
+      const Clock::time_point start = Clock::now();
+      StoreState state;
+      std::string error;
+      LoadFiles(mFiles, {}, state, error);
+      p.meanMs[0] = 0.8 * p.meanMs[0] + 0.2 * Milliseconds(start);
+      p.returned = 1;
+      return 0;
+    });
+    if (testing_support::WaitUntil([&] { return p.started == 1; }, 10000, 50))
+      Sleep(mRandom, 1.2 * p.meanMs[0]);
+    Kill(host);
+    ++mFigures.recoveryKills;
+    mFigures.recoveriesFinished += p.returned;
+    ExpectLocksFree();
+  }
+
+  // Loads the files through the library and finds which acceptable state they are in.
+  bool Check(long lastStarted, long lastReturned) {
+    const std::string kill = "after kill " + std::to_string(mFigures.kills);
+    const StoreState returned = StateBefore(lastReturned + 1);
+    StoreState actual;
+    std::string error;
+    if (!LoadFiles(mFiles, mPrefKeys, actual, error)) {
+      ++mFigures.unparsableFiles;
+      return Fail(kill + ": " + error);
+    }
+    std::string atRest;
+    Inspect(mFiles, true, atRest);
+    if (!atRest.empty()) {
+      ++mFigures.unparsableFiles;
+      std::cout << kill << ":\n" << atRest;
+    }
+    mModel = actual;
+    mNextCall = lastReturned + 1;
+    const bool during = lastStarted > lastReturned;
+    const Step inFlight = Plan(lastStarted, returned);
+    if (during) ++mFigures.inFlight[inFlight.target];
+    if (during && actual != returned && actual == inFlight.after) {
+      ++mFigures.inFlightApplied[inFlight.target];
+      mNextCall = lastStarted + 1;
+    } else if (actual != returned) {
+      ++mFigures.losses;
+      std::cout << kill
+                << (during ? " during " + Describe(lastStarted, inFlight) : " between calls")
+                << ", the files hold neither acceptable state:\n"
+                << returned.Diff(actual);
+    }
+    return ResetIfLarge();
+  }
+
+  bool ResetIfLarge() {
+    if (mModel.Count("comp") < kMaxComponents) return true;
+    if (!VantuUpdaterMissingCompsManager().Delete())
+      return Fail("the missing-components store could not be reset");
+    for (const char* kind : {"comp", "mc"}) mModel.erase(mModel.Begin(kind), mModel.End(kind));
+    ++mFigures.resets;
+    return true;
+  }
+
+  bool Fail(const std::string& why) {
+    std::cout << why << std::endl;
+    return false;
+  }
+
+  const StoreFiles mFiles;
+  const std::set<std::string> mPrefKeys = {"crash.k0", "crash.k1", "crash.k2", "crash.k3"};
+  std::mt19937_64 mRandom;
+  StoreState mModel;
+  long mNextCall = 0;
+  // The hosts' and the recovering loaders' progress.
+  Progress* const mProgress = SharedArray<Progress>(2);
+  Figures mFigures;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string mode = argc > 1 ? argv[1] : "";
+  std::map<std::string, double> options = {
+      {"processes", 16}, {"seconds", 30}, {"users", 1}, {"kills", 1000}};
+  unsigned long long seed = 0;
+  if ((mode != "torture" && mode != "crash") || !ParseOptions(argc - 1, argv + 1, options, seed) ||
+      options["processes"] < 1 || options["processes"] > 256 || options["seconds"] <= 0 ||
+      options["users"] < 1 || options["users"] > 3 || options["kills"] < 1) {
+    std::cerr << "usage: " << argv[0] << " torture [--processes 1-256] [--seconds S] [--users 1-3]"
+              << " [--seed X]\n       " << argv[0] << " crash [--kills N] [--seed X]\n";
+    return 2;
+  }
+  if (mode == "torture" && options["users"] > 1 && !testing_support::CanRunAsOtherUsers()) {
+    std::cout << "skipped: running as several users needs root\n";
+    return 77;
+  }
+  const auto crash = [&] {
+    testing_support::UpdaterSandbox sandbox;
+    return CrashRun(PrepareSandbox(sandbox), seed).Run(static_cast<long>(options["kills"]));
+  };
+  const bool ok = mode == "crash" ? crash()
+                                  : Torture(static_cast<int>(options["processes"]),
+                                            options["seconds"], static_cast<int>(options["users"]),
+                                            seed);
+  std::cout << (ok ? "PASS" : "FAIL") << std::endl;
+  return ok ? 0 : 1;
+}
