@@ -46,7 +46,8 @@ int RunUnprivileged(const std::function<int()>& body);
 
 struct ProgramResult {
   int exitStatus = -1;  // -1 when it did not exit normally or did not end in time
-  std::string out, err;
+  std::string out;
+  std::string err;
 };
 
 struct RunOptions {

@@ -51,7 +51,8 @@ class FakeUpdaterBundle {
   bool Stop(int timeoutMs = 10000);
 
  private:
-  std::string mPath, mContents;
+  std::string mPath;
+  std::string mContents;
 };
 
 // Waits until `pid` has ended, reaping it when it is a child; false on time-out.

@@ -76,7 +76,8 @@ class TestEnv : public esd::EnvWrapper {
   boost::gregorian::date GetLocalDay() override;
 
  private:
-  std::optional<std::string> mRoot, mHome;
+  std::optional<std::string> mRoot;
+  std::optional<std::string> mHome;
   std::set<std::string> mViewedNames;
   std::map<std::string, std::string> mVariables;
   std::optional<std::vector<std::string>> mGroups;
@@ -84,7 +85,9 @@ class TestEnv : public esd::EnvWrapper {
   std::optional<std::optional<std::string>> mKernelRelease;  // unset: the real one
   std::optional<boost::gregorian::date> mToday;
   std::set<std::string> mDenied;
-  bool mOwnProcessesOnly = false, mRecording = false, mStartResult = false;
+  bool mOwnProcessesOnly = false;
+  bool mRecording = false;
+  bool mStartResult = false;
   int mShellResult = 0;
   std::vector<Launch> mLaunches;
   std::vector<std::string> mShellCommands;

@@ -61,7 +61,10 @@ class UpdaterSandbox {
  private:
   bool IsUpdaterRunning();
 
-  std::string mBase, mRoot, mHome, mRuntimeDir;
+  std::string mBase;
+  std::string mRoot;
+  std::string mHome;
+  std::string mRuntimeDir;
   TestEnv mEnv;
   esd::ScopedEnv mScope;
   std::unique_ptr<FakeUpdaterBundle> mUpdater;
