@@ -17,9 +17,9 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "support/FakeUpdaterBundle.h"
 #include "support/PrivateSessionBus.h"
 #include "support/TempDir.h"
@@ -33,6 +33,8 @@ namespace fs = std::filesystem;
 using esd::Env;
 using esd::SystemUtils::LaunchPath;
 using testing_support::FakeUpdaterBundle;
+using testing_support::StartChild;
+using testing_support::WaitChild;
 using testing_support::TempDir;
 using testing_support::TestEnv;
 using testing_support::WriteFile;
@@ -40,29 +42,6 @@ using EnvList = std::vector<std::pair<std::string, std::string>>;
 
 constexpr char kBusPath[] = "/org/esd/DistributedNotificationCenter";
 constexpr char kBusInterface[] = "org.esd.DistributedNotificationCenter";
-
-// Sets (or, with null, unsets) a process environment variable for one scope.
-class ScopedVariable {
- public:
-  ScopedVariable(const char* name, const char* value) : mName(name) {
-    if (const char* old = std::getenv(name)) mOld = old;
-    value ? setenv(name, value, 1) : unsetenv(name);
-  }
-  ~ScopedVariable() { mOld ? setenv(mName.c_str(), mOld->c_str(), 1) : unsetenv(mName.c_str()); }
-
- private:
-  std::string mName;
-  std::optional<std::string> mOld;
-};
-
-bool WaitForFile(const std::string& path, int timeoutMs = 10000) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!fs::exists(path)) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 // An executable without an interpreter line, which only a shell runs; it creates `marker`.
 void WriteShellFragment(const std::string& path, const std::string& marker) {
@@ -106,25 +85,17 @@ TEST(LinuxEnvTest, StartsGetTheGivenEnvironmentAndNoInheritedDescriptor) {
   EXPECT_FALSE(fs::exists(temp / "ran"));
 }
 
-// Text the bus would reject is refused here rather than ending the process. (A signal that goes
-// out reaches the reference updater in its end-to-end test.)
-TEST(LinuxEnvTest, SignalTheBusWouldRejectIsRefused) {
-  testing_support::PrivateSessionBus bus;
-  ASSERT_TRUE(PostSignal({"fine", "ü"}));
-  EXPECT_FALSE(PostSignal({"bad \xff text"}));
-  EXPECT_FALSE(PostSignal({"x"}, "no/slash"));
-}
-
-// With no bus, or a socket that never answers, posting fails within a bounded wait instead of
-// hanging or starting a bus.
-TEST(LinuxEnvTest, SignalWithoutReachableBusFailsQuickly) {
-  TempDir temp;
+// Text the bus would reject is refused here rather than ending the process; with no bus, or a
+// socket that never answers, posting fails within a bounded wait instead of hanging or starting
+// a bus. (A signal that goes out reaches the reference updater in its end-to-end test.)
+TEST(LinuxEnvTest, SignalThatCannotGoOutFailsQuickly) {
   {
-    ScopedVariable address("DBUS_SESSION_BUS_ADDRESS", nullptr);
-    ScopedVariable runtime("XDG_RUNTIME_DIR", temp.path().c_str());
-    ScopedVariable display("DISPLAY", ":99");
-    EXPECT_FALSE(PostSignal());
+    testing_support::PrivateSessionBus bus;
+    ASSERT_TRUE(PostSignal({"fine", "ü"}));
+    EXPECT_FALSE(PostSignal({"bad \xff text"}));
+    EXPECT_FALSE(PostSignal({"x"}, "no/slash"));
   }
+  TempDir temp;
   const std::string socketPath = temp / "silent";  // the kernel accepts, nobody speaks
   const int listening = socket(AF_UNIX, SOCK_STREAM, 0);
   ASSERT_GE(listening, 0);
@@ -133,20 +104,30 @@ TEST(LinuxEnvTest, SignalWithoutReachableBusFailsQuickly) {
   socketPath.copy(name.sun_path, sizeof name.sun_path - 1);
   ASSERT_EQ(bind(listening, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
   ASSERT_EQ(listen(listening, 4), 0);
-  ScopedVariable variable("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + socketPath).c_str());
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(PostSignal());
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  for (const std::string address : {"", "unix:path=" + socketPath}) {
+    const pid_t child = StartChild([&] {  // exits 1 when it held; its environment ends with it
+      address.empty() ? unsetenv("DBUS_SESSION_BUS_ADDRESS")
+                      : setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+      setenv("XDG_RUNTIME_DIR", temp.path().c_str(), 1);
+      setenv("DISPLAY", ":99", 1);
+      const auto start = std::chrono::steady_clock::now();
+      return !PostSignal() && std::chrono::steady_clock::now() - start < std::chrono::seconds(10);
+    });
+    EXPECT_EQ(1, WaitChild(child)) << address;
+  }
   close(listening);
 }
 
 // The home folder is $HOME, or the password database's entry when $HOME is unset or empty.
 TEST(LinuxEnvTest, HomeFallsBackToPasswordDatabase) {
-  std::string home;
   for (const char* value : {"/some/home", "", static_cast<const char*>(nullptr)}) {
-    ScopedVariable variable("HOME", value);
-    ASSERT_TRUE(Env::Platform()->GetHomeDirectory(home));
-    EXPECT_EQ(home, value && *value ? value : getpwuid(geteuid())->pw_dir);
+    const pid_t child = StartChild([value] {  // exits 1 when it held
+      value ? setenv("HOME", value, 1) : unsetenv("HOME");
+      std::string home;
+      return Env::Platform()->GetHomeDirectory(home) &&
+             home == (value && *value ? value : getpwuid(geteuid())->pw_dir);
+    });
+    EXPECT_EQ(1, WaitChild(child)) << (value ? value : "unset");
   }
 }
 
@@ -202,7 +183,9 @@ TEST_F(LaunchPathTest, ShellFallbackQuotesThePath) {
   for (const auto& c : cases) {
     EXPECT_EQ(LaunchPath(c.path, env), c.started) << c.path;
     EXPECT_EQ(mEnv.ShellCommands().back(), c.command);
-    EXPECT_EQ(WaitForFile(c.marker, c.started ? 10000 : 100), c.started) << c.marker;
+    const bool ran = testing_support::WaitUntil([&] { return fs::exists(c.marker); },
+                                                c.started ? 10000 : 100);
+    EXPECT_EQ(ran, c.started) << c.marker;
   }
 }
 
