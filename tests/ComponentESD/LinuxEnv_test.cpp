@@ -104,7 +104,7 @@ TEST(LinuxEnvTest, SignalThatCannotGoOutFailsQuickly) {
   socketPath.copy(name.sun_path, sizeof name.sun_path - 1);
   ASSERT_EQ(bind(listening, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
   ASSERT_EQ(listen(listening, 4), 0);
-  for (const std::string address : {"", "unix:path=" + socketPath}) {
+  for (const std::string& address : {std::string(), "unix:path=" + socketPath}) {
     const pid_t child = StartChild([&] {  // exits 1 when it held; its environment ends with it
       address.empty() ? unsetenv("DBUS_SESSION_BUS_ADDRESS")
                       : setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
@@ -159,10 +159,14 @@ TEST_F(LaunchPathTest, BundleOrExecutableStartsWithoutAShell) {
 }
 
 // The shell gets the path single-quoted, every single quote escaped: a path that exists but
-// cannot be executed directly runs in the background; a path that does not exist runs in the
-// foreground and its status decides, so "/x/Missing Dir/prog" never runs an executable
-// "/x/Missing" with an argument.
+// cannot be executed directly runs in the background, as does a bundle whose program cannot be
+// started or whose Info.plist does not parse; a path that does not exist runs in the foreground
+// and its status decides, so "/x/Missing Dir/prog" never runs an executable "/x/Missing" with an
+// argument.
 TEST_F(LaunchPathTest, ShellFallbackQuotesThePath) {
+  FakeUpdaterBundle stuck(mTemp / "Stuck.app"), unreadable(mTemp / "Unreadable.app");
+  chmod(stuck.programPath().c_str(), 0644);
+  WriteFile(unreadable.path() + "/Contents/Info.plist", "<plist><dict><key>");
   fs::create_directory(mTemp / "it's here");
   fs::create_directory(mTemp / "a'b");
   WriteShellFragment(mTemp / "it's here/start me", mTemp / "ran");
@@ -178,36 +182,24 @@ TEST_F(LaunchPathTest, ShellFallbackQuotesThePath) {
       {mTemp / "it's here/start me", true, base + "/it'\\''s here/start me' &", mTemp / "ran"},
       {mTemp / "a'b/x'", true, base + "/a'\\''b/x'\\''' &", mTemp / "late"},
       {mTemp / "Missing Dir/prog", false, base + "/Missing Dir/prog'", mTemp / "split"},
+      {stuck.path(), true, base + "/Stuck.app' &", ""},
+      {unreadable.path(), true, base + "/Unreadable.app' &", ""},
   };
   EnvList env;
   for (const auto& c : cases) {
     EXPECT_EQ(LaunchPath(c.path, env), c.started) << c.path;
     EXPECT_EQ(mEnv.ShellCommands().back(), c.command);
+    if (c.marker.empty()) continue;
     const bool ran = testing_support::WaitUntil([&] { return fs::exists(c.marker); },
                                                 c.started ? 10000 : 100);
     EXPECT_EQ(ran, c.started) << c.marker;
   }
 }
 
-// A bundle that cannot be started (the start fails, or its Info.plist does not parse) is handed
-// to the shell as a quoted path in the background.
-TEST_F(LaunchPathTest, BundleThatCannotBeStartedGoesToTheShell) {
-  mEnv.RecordLaunches(false, 0);
-  FakeUpdaterBundle bundle(mTemp / "Recorded.app");
-  EnvList env;
-  EXPECT_TRUE(LaunchPath(bundle.path(), env));
-  ASSERT_EQ(mEnv.Launches().size(), 1u);
-  EXPECT_EQ(mEnv.Launches()[0].program, bundle.path() + "/Contents/MacOS/Vantu Updater");
-  EXPECT_EQ(mEnv.ShellCommands(), std::vector<std::string>{"'" + bundle.path() + "' &"});
-
-  // A bundle whose Info.plist does not parse cannot be opened; the shell gets the path.
-  WriteFile(bundle.path() + "/Contents/Info.plist", "<plist><dict><key>");
-  EXPECT_TRUE(LaunchPath(bundle.path(), env));
-  EXPECT_EQ(mEnv.Launches().size(), 1u);
-  EXPECT_EQ(mEnv.ShellCommands().size(), 2u);
-}
-
-TEST(SystemUtilsTest, PlatformNameAndVersion) {
+// The kernel release gives the version; the digits of a number in a base are read as a decimal
+// number (0x1039 gives 1039), a digit above 9 carries, and what cannot be converted comes back
+// as it was.
+TEST(SystemUtilsTest, PlatformNameVersionAndBaseConversion) {
   EXPECT_EQ(esd::SystemUtils::GetOSPlatform(), "Linux");
   TestEnv env;
   esd::ScopedEnv scope(&env);
@@ -222,18 +214,10 @@ TEST(SystemUtilsTest, PlatformNameAndVersion) {
     env.SetKernelRelease(release);
     EXPECT_EQ(esd::SystemUtils::GetOSPlatformVersion(), expected);
   }
-}
-
-// The digits of a number in a base are read as a decimal number (0x1039 → 1039); a digit above 9
-// carries, and what cannot be converted comes back as it was.
-TEST(SystemUtilsTest, ConvertBaseReadsDigitsAsDecimal) {
-  using esd::SystemUtils::ConvertBase;
-  EXPECT_EQ(ConvertBase(0x1039, 16), 1039);
-  EXPECT_EQ(ConvertBase(0x1B, 16), 21);
-  EXPECT_EQ(ConvertBase(5, 2), 101);
-  EXPECT_EQ(ConvertBase(-7, 16), -7);
-  EXPECT_EQ(ConvertBase(12, 1), 12);
-  EXPECT_EQ(ConvertBase(LONG_MAX, 2), LONG_MAX);
+  const long kBases[][3] = {{0x1039, 16, 1039}, {0x1B, 16, 21}, {5, 2, 101},
+                            {-7, 16, -7},       {12, 1, 12},     {LONG_MAX, 2, LONG_MAX}};
+  for (const auto& [value, base, decimal] : kBases)
+    EXPECT_EQ(esd::SystemUtils::ConvertBase(value, base), decimal) << value << " " << base;
 }
 
 }  // namespace
