@@ -19,8 +19,7 @@
 
 namespace {
 
-using testing_support::TempDir;
-using testing_support::WriteFile;
+using namespace testing_support;
 
 // `text` converted to a T (starting from `value`) and back to text, or "<refused>".
 template <typename T>

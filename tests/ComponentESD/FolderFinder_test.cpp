@@ -17,9 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using esd::FolderFinder;
-using testing_support::TempDir;
-using testing_support::TestEnv;
-using testing_support::WriteFile;
+using namespace testing_support;
 
 class FolderFinderTest : public ::testing::Test {
  protected:

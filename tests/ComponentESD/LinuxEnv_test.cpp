@@ -32,12 +32,7 @@ namespace {
 namespace fs = std::filesystem;
 using esd::Env;
 using esd::SystemUtils::LaunchPath;
-using testing_support::FakeUpdaterBundle;
-using testing_support::StartChild;
-using testing_support::WaitChild;
-using testing_support::TempDir;
-using testing_support::TestEnv;
-using testing_support::WriteFile;
+using namespace testing_support;
 using EnvList = std::vector<std::pair<std::string, std::string>>;
 
 constexpr char kBusPath[] = "/org/esd/DistributedNotificationCenter";
@@ -90,7 +85,7 @@ TEST(LinuxEnvTest, StartsGetTheGivenEnvironmentAndNoInheritedDescriptor) {
 // a bus. (A signal that goes out reaches the reference updater in its end-to-end test.)
 TEST(LinuxEnvTest, SignalThatCannotGoOutFailsQuickly) {
   {
-    testing_support::PrivateSessionBus bus;
+    PrivateSessionBus bus;
     ASSERT_TRUE(PostSignal({"fine", "ü"}));
     EXPECT_FALSE(PostSignal({"bad \xff text"}));
     EXPECT_FALSE(PostSignal({"x"}, "no/slash"));
@@ -190,8 +185,7 @@ TEST_F(LaunchPathTest, ShellFallbackQuotesThePath) {
     EXPECT_EQ(LaunchPath(c.path, env), c.started) << c.path;
     EXPECT_EQ(mEnv.ShellCommands().back(), c.command);
     if (c.marker.empty()) continue;
-    const bool ran = testing_support::WaitUntil([&] { return fs::exists(c.marker); },
-                                                c.started ? 10000 : 100);
+    const bool ran = WaitUntil([&] { return fs::exists(c.marker); }, c.started ? 10000 : 100);
     EXPECT_EQ(ran, c.started) << c.marker;
   }
 }

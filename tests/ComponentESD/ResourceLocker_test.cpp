@@ -93,11 +93,9 @@ TEST_F(ResourceLockerTest, LockFileNamePlaceAndMode) {
       const std::string path = c.folder + "/" + esd::ResourceLocker::GetLockFileName(c.resource);
       EXPECT_EQ(path, LockFilePath(c.resource));
       esd::ResourceLocker locker(c.resource, 0);
-      {
-        ModeWatch watch(path, c.mode);
-        ASSERT_TRUE(locker.Lock()) << c.resource;
-        EXPECT_FALSE(watch.sawFewerBits) << c.resource << " umask " << mask;
-      }
+      ModeWatch watch(path, c.mode);
+      ASSERT_TRUE(locker.Lock()) << c.resource;
+      EXPECT_FALSE(watch.sawFewerBits) << c.resource << " umask " << mask;
       EXPECT_TRUE(LockIsHeld(c.resource));
       EXPECT_EQ(S_IFREG | c.mode, ModeOf(path)) << c.resource << " umask " << mask;
       ASSERT_TRUE(locker.Unlock(false));

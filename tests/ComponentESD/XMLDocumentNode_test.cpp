@@ -25,9 +25,7 @@ using esd::XMLDocumentNode;
 using esd::XMLWriteCheck::WritesWellFormed;
 using esd::XMLWriteCheck::WriteVouched;
 using Builder = esd::ExpatDOMBuilder<XMLDocumentNode>;
-using testing_support::ReadFile;
-using testing_support::TempDir;
-using testing_support::WriteFile;
+using namespace testing_support;
 
 const std::string kDecl = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n";
 
@@ -186,14 +184,12 @@ TEST(XMLDocumentNodeDeathTest, ProgrammingErrorsNameTheCondition) {
 // The writer's check agrees, and writes the bytes of operator<<.
 TEST(XMLWriteCheck, VouchesOnlyForAPlainDocumentWithOneRoot) {
   const std::function<void(XMLDocumentNode&)> kChanges[] = {
-      [](XMLDocumentNode& document) { document.SetAttributeData("version", "1.1"); },
-      [](XMLDocumentNode& document) { document.GetChildNodes()[0]->SetAttributeData("1", "v"); },
-      [](XMLDocumentNode& document) { document.SetAttributeData("standalone", "yes"); },
-      [](XMLDocumentNode& document) { document.DeleteChildNode(document.GetChildNodes()[0]); },
-      [](XMLDocumentNode& document) { document.AddChildNode(new XMLDocumentNode("Other")); },
-      [](XMLDocumentNode& document) {
-        document.GetChildNodes()[0]->AddChildNode(new XMLDocumentNode());
-      },
+      [](XMLDocumentNode& doc) { doc.SetAttributeData("version", "1.1"); },
+      [](XMLDocumentNode& doc) { doc.GetChildNodes()[0]->SetAttributeData("1", "v"); },
+      [](XMLDocumentNode& doc) { doc.SetAttributeData("standalone", "yes"); },
+      [](XMLDocumentNode& doc) { doc.DeleteChildNode(doc.GetChildNodes()[0]); },
+      [](XMLDocumentNode& doc) { doc.AddChildNode(new XMLDocumentNode("Other")); },
+      [](XMLDocumentNode& doc) { doc.GetChildNodes()[0]->AddChildNode(new XMLDocumentNode()); },
   };
   for (const auto& change : kChanges) {
     Builder builder;
