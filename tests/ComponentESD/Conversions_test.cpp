@@ -31,8 +31,8 @@ std::string Through(const std::string& text, T value = T()) {
 }
 
 // Text converts only when the whole of it is one value of the type (blanks around are fine);
-// booleans are "1" and "0" only; a version is lenient on content (the stored attributes are read
-// so) but still needs exactly one word; enumerations print their value, not a name.
+// booleans are "1" and "0" only; a version needs exactly one word (how leniently it is read is
+// the version fuzzer's); enumerations print their value, not a name.
 TEST(ChangeType, TextToValuesConsumesTheWholeText) {
   const FileSystemVersion invalid(FileSystemVersion::kInvalidVersion);
   const std::pair<std::string, std::string> kCases[] = {
@@ -42,8 +42,7 @@ TEST(ChangeType, TextToValuesConsumesTheWholeText) {
       {Through<unsigned long>("4294967296"), "4294967296"},
       {Through<bool>("1"), "1"},              {Through<bool>("true"), "<refused>"},
       {Through<bool>("2"), "<refused>"},      {Through<std::string>("two words"), "<refused>"},
-      {Through(" 10,4 ", invalid), "10.4.0.0"}, {Through("1.x.3", invalid), "1.0.0.0"},
-      {Through("5-6", invalid), "5.6.0.0"},   {Through("", invalid), "<refused>"},
+      {Through(" 10,4 ", invalid), "10.4.0.0"}, {Through("", invalid), "<refused>"},
       {Through("1.2 3.4", invalid), "<refused>"},
   };
   for (const auto& [got, expected] : kCases) EXPECT_EQ(expected, got);
