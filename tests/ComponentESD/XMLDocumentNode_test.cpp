@@ -83,7 +83,7 @@ TEST(ExpatDOMBuilder, RoundTripWritesExactBytes) {
 }
 
 // An empty, missing or unreadable file gives the caller's result and a new document: Create
-// discards the earlier tree, and makes the builder usable again after a failed parse.
+// discards the earlier tree. (A parse after a failed one is the large documents' test's.)
 TEST(ExpatDOMBuilder, EmptyOrMissingFileGivesTheCallersResult) {
   TempDir dir;
   WriteFile(dir / "empty.xml", "");
@@ -97,9 +97,6 @@ TEST(ExpatDOMBuilder, EmptyOrMissingFileGivesTheCallersResult) {
       EXPECT_EQ(kDecl, Write(*builder.GetDocumentNode())) << path;
     }
   }
-  EXPECT_FALSE(ParseBytes(builder, "<r>"));
-  EXPECT_TRUE(ParseBytes(builder, "<s/>"));
-  EXPECT_EQ(kDecl + "<s></s>\n", Write(*builder.GetDocumentNode()));
 }
 
 // Past the size read as one buffer, the file and the text go to the parser in chunks; a
@@ -118,7 +115,8 @@ TEST(ExpatDOMBuilder, LargeAndDeepDocumentsParseWhole) {
   EXPECT_FALSE(ParseBytes(builder, large.substr(0, large.size() - 1)));
   EXPECT_FALSE(Builder::IsWellFormed(large.data(), large.size() - 1));
 
-  // Far deeper than a call stack could follow: parse, write, copy and free must not recurse.
+  // Far deeper than a call stack could follow: parse, write, copy and free must not recurse; the
+  // builder is usable again after the failed parse above.
   const int kDepth = 200000;
   std::string bytes;
   for (int i = 0; i < kDepth; ++i) bytes += "<d>";
