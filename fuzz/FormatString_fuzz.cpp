@@ -1,10 +1,12 @@
 // Fuzzes the format-string filler with the input as the pattern and ten fixed arguments of the
 // kinds callers pass, against a reference written from its contract. Patterns naming a
-// placeholder above %9 end the process by design and are left out.
+// placeholder above %9 end the process by design and are left out. A tenth argument that does not
+// convert must fail the filling exactly when the pattern uses %9.
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <ostream>
 #include <string>
 
 #include "FuzzSandbox.h"
@@ -20,8 +22,15 @@ using fuzzing::Check;
 const char* const kArgumentTexts[10] = {
     "two words", "%1 stays %%", "-42", "1", "0", "18446744073709551615", "-7", "1.2.3.4", "", ""};
 
-// The filled pattern, or nullopt when the pattern names a placeholder above 9.
-std::optional<std::string> Reference(const std::string& pattern) {
+struct Unprintable {};
+std::ostream& operator<<(std::ostream& stream, const Unprintable&) {
+  stream.setstate(std::ios::failbit);
+  return stream;
+}
+
+// The filled pattern, or nullopt when the pattern names a placeholder above 9; `usesNine` is set
+// when it names %9.
+std::optional<std::string> Reference(const std::string& pattern, bool& usesNine) {
   std::string out;
   for (std::size_t i = 0; i < pattern.size();) {
     if (pattern[i] != '%' || i + 1 == pattern.size()) {
@@ -43,6 +52,7 @@ std::optional<std::string> Reference(const std::string& pattern) {
       const std::string significant =
           firstNonZero == std::string::npos ? "0" : digits.substr(firstNonZero);
       if (significant.size() > 1) return std::nullopt;
+      usesNine = usesNine || significant == "9";
       out += kArgumentTexts[significant[0] - '0'];
       i = end;
     }
@@ -54,7 +64,8 @@ std::optional<std::string> Reference(const std::string& pattern) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const std::string pattern = fuzzing::AsText(data, size);
-  const std::optional<std::string> expected = Reference(pattern);
+  bool usesNine = false;
+  const std::optional<std::string> expected = Reference(pattern, usesNine);
   if (!expected) return 0;
 
   const std::string text = "two words";
@@ -69,5 +80,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   Check(esd::FormatString(out, pattern, text, raw, negative, yes, no, largest, small, version),
         "every argument converts");
   Check(out == "kept:" + *expected, "the filled pattern matches the reference");
+  Check(esd::FormatString(out, pattern, text, raw, negative, yes, no, largest, small, version, "",
+                          Unprintable{}) != usesNine,
+        "an argument that does not convert fails the filling only where it is used");
   return 0;
 }

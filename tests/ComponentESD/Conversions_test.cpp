@@ -1,6 +1,5 @@
-// Conversions: values to and from text, format strings, the lock-name token (digest and Base64),
-// paths to references and UTF-8 to UTF-16.
-#include <sys/stat.h>
+// Conversions: values to and from text, format strings, the lock-name token (digest and Base64)
+// and paths to references.
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -20,15 +19,7 @@
 
 namespace {
 
-using testing_support::TempDir;
-using testing_support::WriteFile;
-
-// A value whose conversion to text fails.
-struct Unprintable {};
-std::ostream& operator<<(std::ostream& stream, const Unprintable&) {
-  stream.setstate(std::ios::failbit);
-  return stream;
-}
+using namespace testing_support;
 
 // `text` converted to a T (starting from `value`) and back to text, or "<refused>".
 template <typename T>
@@ -40,8 +31,8 @@ std::string Through(const std::string& text, T value = T()) {
 }
 
 // Text converts only when the whole of it is one value of the type (blanks around are fine);
-// booleans are "1" and "0" only; a version is lenient on content (the stored attributes are read
-// so) but still needs exactly one word; enumerations print their value, not a name.
+// booleans are "1" and "0" only; a version needs exactly one word (how leniently it is read is
+// the version fuzzer's); enumerations print their value, not a name.
 TEST(ChangeType, TextToValuesConsumesTheWholeText) {
   const FileSystemVersion invalid(FileSystemVersion::kInvalidVersion);
   const std::pair<std::string, std::string> kCases[] = {
@@ -51,24 +42,13 @@ TEST(ChangeType, TextToValuesConsumesTheWholeText) {
       {Through<unsigned long>("4294967296"), "4294967296"},
       {Through<bool>("1"), "1"},              {Through<bool>("true"), "<refused>"},
       {Through<bool>("2"), "<refused>"},      {Through<std::string>("two words"), "<refused>"},
-      {Through(" 10,4 ", invalid), "10.4.0.0"}, {Through("1.x.3", invalid), "1.0.0.0"},
-      {Through("5-6", invalid), "5.6.0.0"},   {Through("", invalid), "<refused>"},
+      {Through(" 10,4 ", invalid), "10.4.0.0"}, {Through("", invalid), "<refused>"},
       {Through("1.2 3.4", invalid), "<refused>"},
   };
   for (const auto& [got, expected] : kCases) EXPECT_EQ(expected, got);
   std::string text;
   EXPECT_TRUE(esd::ChangeType(kESDGenericError, text));
   EXPECT_EQ("-1", text);
-}
-
-// An argument that does not convert stops the formatting only when it is used. (Every other
-// pattern is the format fuzzer's.)
-TEST(FormatString, UnconvertibleArgumentFailsOnlyWhenUsed) {
-  std::string out;
-  EXPECT_FALSE(esd::FormatString(out, "a%0b", Unprintable{}));
-  out.clear();
-  EXPECT_TRUE(esd::FormatString(out, "a%1b", Unprintable{}, 2));
-  EXPECT_EQ("a2b", out);
 }
 
 template <typename Bytes>
@@ -78,9 +58,11 @@ std::string Base64(const Bytes& bytes) {
   return text;
 }
 
-// The vectors of the Base64 definition cover every padding case; a ramp puts all 64 characters of
-// the alphabet in place; high bytes in a signed-char string encode like the same unsigned bytes.
-TEST(Base64Encode, MatchesTheStandardVectorsAndAlphabet) {
+// Lock names come from this token: Base64 of the digest of every byte of the name, NULs included.
+// The Base64 vectors cover every padding case; a ramp puts all 64 characters of the alphabet in
+// place; high bytes in a signed-char string encode like the same unsigned bytes. The digests are
+// those of the digest definition's test suite, messages over one block included.
+TEST(GetNameHashValue, IsTheBase64OfTheDigest) {
   const std::pair<std::string, std::string> kVectors[] = {
       {"", ""},         {"f", "Zg=="},        {"fo", "Zm8="},         {"foo", "Zm9v"},
       {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {"\xff\xef", "/+8="},
@@ -97,11 +79,7 @@ TEST(Base64Encode, MatchesTheStandardVectorsAndAlphabet) {
   for (char c : std::string("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"))
     expected += std::string(4, c);
   EXPECT_EQ(expected, Base64(ramp));
-}
 
-// Lock names come from this token: Base64 of the digest of every byte of the name, NULs included;
-// the digests are those of the digest definition's test suite, messages over one block included.
-TEST(GetNameHashValue, IsTheBase64OfTheDigest) {
   const std::pair<std::string, std::string> kSuite[] = {
       {"a", "DMF1ucDxtqgxw5niaXcmYQ=="},
       {"abc", "kAFQmDzST7DWlj99KOF/cg=="},
@@ -133,10 +111,8 @@ TEST(PathConversions, ReferenceIsTheResolvedPathOfAnExistingObject) {
   ASSERT_EQ(0, ::symlink((dir / "file").c_str(), (dir / "link").c_str()));
   ASSERT_EQ(0, ::symlink((dir / "gone").c_str(), (dir / "dangling").c_str()));
 
-  ASSERT_EQ(0, ::mkdir((dir / "sub").c_str(), 0755));
-
   esd::FSRef ref;
-  ASSERT_TRUE(esd::StdioPathToFSRef(dir.path() + "/./sub/../link", ref));
+  ASSERT_TRUE(esd::StdioPathToFSRef(dir.path() + "/./link", ref));
   esd::FSRef direct;
   ASSERT_TRUE(esd::StdioPathToFSRef(dir / "file", direct));
   EXPECT_EQ(direct.path, ref.path);
@@ -144,9 +120,7 @@ TEST(PathConversions, ReferenceIsTheResolvedPathOfAnExistingObject) {
 
   std::vector<char> bytes;
   ASSERT_TRUE(esd::FSRefMakeVectorPath(ref, bytes));
-  ASSERT_EQ(ref.path.size() + 1, bytes.size());
-  EXPECT_EQ('\0', bytes.back());
-  EXPECT_EQ(ref.path, std::string(bytes.data()));
+  EXPECT_EQ(ref.path + '\0', std::string(bytes.begin(), bytes.end()));
 
   EXPECT_FALSE(esd::StdioPathToFSRef(dir / "dangling", ref));
   EXPECT_TRUE(ref.path.empty());
@@ -154,30 +128,8 @@ TEST(PathConversions, ReferenceIsTheResolvedPathOfAnExistingObject) {
   EXPECT_FALSE(esd::StdioPathToFSRef("", ref));
   EXPECT_FALSE(esd::FSRefMakeVectorPath(ref, bytes));
   EXPECT_TRUE(bytes.empty());
-}
-
-// UTF-8 to UTF-16 units, at each sequence length and the surrogate-pair bounds; malformed input
-// is refused with an empty result.
-TEST(CStringToVectorUniChar, ConvertsValidAndRejectsMalformedInput) {
-  const std::pair<const char*, std::vector<uint16_t>> kValid[] = {
-      {"", {}},
-      {"Ab\xC3\xA9", {0x41, 0x62, 0xE9}},
-      {"\xEF\xBF\xBF", {0xFFFF}},
-      {"\xF0\x9F\x98\x80", {0xD83D, 0xDE00}},
-      {"\xF4\x8F\xBF\xBF", {0xDBFF, 0xDFFF}},
-  };
-  for (const auto& [utf8, units] : kValid) {
-    std::vector<uint16_t> out{0x1234};
-    EXPECT_TRUE(esd::CStringToVectorUniChar(utf8, out)) << ::testing::PrintToString(utf8);
-    EXPECT_EQ(units, out) << ::testing::PrintToString(utf8);
-  }
-  const char* kBad[] = {"\x80", "a\xC3", "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF",
-                        nullptr};
-  for (const char* bad : kBad) {
-    std::vector<uint16_t> out{0x41};
-    EXPECT_FALSE(esd::CStringToVectorUniChar(bad, out)) << ::testing::PrintToString(bad);
-    EXPECT_TRUE(out.empty());
-  }
+  std::vector<uint16_t> units{0x41};  // the UTF-16 conversion is the UTF-8 fuzzer's
+  EXPECT_FALSE(esd::CStringToVectorUniChar(nullptr, units) || !units.empty());
 }
 
 }  // namespace

@@ -17,9 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using esd::FolderFinder;
-using testing_support::TempDir;
-using testing_support::TestEnv;
-using testing_support::WriteFile;
+using namespace testing_support;
 
 class FolderFinderTest : public ::testing::Test {
  protected:
@@ -79,11 +77,9 @@ TEST_F(FolderFinderTest, EveryIdentifierLandsInItsMappedFolder) {
     EXPECT_TRUE(fs::is_directory(expected[id].path));
     EXPECT_EQ(Find(id, false), expected[id].path);
   }
-}
 
-// Absolute base-directory variables replace the home-relative defaults; relative ones are
-// invalid by convention and ignored.
-TEST_F(FolderFinderTest, BaseDirectoryVariablesCountOnlyWhenAbsolute) {
+  // Absolute base-directory variables replace the home-relative defaults; relative ones are
+  // invalid by convention and ignored.
   const std::pair<int, const char*> kVariables[] = {
       {4, "XDG_CACHE_HOME"}, {5, "XDG_CONFIG_HOME"}, {6, "XDG_DATA_HOME"}, {1, "XDG_RUNTIME_DIR"}};
   for (const auto& [id, name] : kVariables) {
@@ -126,8 +122,11 @@ TEST_F(FolderFinderTest, UserDirsFileNamesDesktopAndDocuments) {
 }
 
 // The per-user temporary folder in a shared temporary folder is private (0700) and is refused
-// when someone else could have planted it: a symbolic link, or (below) a folder of another user.
-TEST_F(FolderFinderTest, PrivateTemporaryFolderIsRefusedUnlessOurs) {
+// when someone else could have planted it: a symbolic link, or a folder of another user.
+// $XDG_RUNTIME_DIR counts only as a folder of the caller's own with mode 0700 (another user's
+// runtime folder, handed over with that user's environment, could be changed under us); any
+// other gives way to the private temporary folder. A refused folder is left as it is.
+TEST_F(FolderFinderTest, PrivateAndRuntimeFoldersCountOnlyWhenOurs) {
   ASSERT_EQ(Find(1, true), privateTmp());
   EXPECT_EQ(fs::status(privateTmp()).permissions(), fs::perms::owner_all);
 
@@ -135,20 +134,6 @@ TEST_F(FolderFinderTest, PrivateTemporaryFolderIsRefusedUnlessOurs) {
   EXPECT_EQ(Find(1, false), privateTmp());
   EXPECT_EQ(fs::status(privateTmp()).permissions(), fs::perms::owner_all) << "not narrowed again";
 
-  fs::remove(privateTmp());
-  const std::string target = mBase / "planted";
-  fs::create_directories(target);
-  chmod(target.c_str(), 0755);
-  fs::create_directory_symlink(target, privateTmp());
-  EXPECT_EQ(Find(1, true), "<failed>");
-  EXPECT_EQ(fs::status(target).permissions(), fs::perms(0755)) << "the link's target was changed";
-}
-
-// $XDG_RUNTIME_DIR counts only as a folder of the caller's own with mode 0700 (another user's
-// runtime folder, handed over with that user's environment, could be changed under us); any
-// other gives way to the private temporary folder, which is also the caller's alone. The
-// refused folder is left as it is.
-TEST_F(FolderFinderTest, RuntimeFolderCountsOnlyWhenPrivateAndOurs) {
   const std::string runtime = mBase / "runtime";
   fs::create_directories(runtime);
   mEnv.SetVariable("XDG_RUNTIME_DIR", runtime);
@@ -168,6 +153,16 @@ TEST_F(FolderFinderTest, RuntimeFolderCountsOnlyWhenPrivateAndOurs) {
     EXPECT_EQ(Find(1, true), c.expected) << std::oct << c.mode << " " << c.user;
     EXPECT_EQ(fs::status(runtime).permissions(), fs::perms(c.mode));
   }
+
+  mEnv.SetVariable("XDG_RUNTIME_DIR", "");
+  mEnv.SetEffectiveUserId(geteuid());
+  fs::remove(privateTmp());
+  const std::string target = mBase / "planted";
+  fs::create_directories(target);
+  chmod(target.c_str(), 0755);
+  fs::create_directory_symlink(target, privateTmp());
+  EXPECT_EQ(Find(1, true), "<failed>");
+  EXPECT_EQ(fs::status(target).permissions(), fs::perms(0755)) << "the link's target was changed";
 }
 
 }  // namespace

@@ -17,9 +17,9 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "support/FakeUpdaterBundle.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
@@ -31,37 +31,11 @@ namespace {
 namespace fs = std::filesystem;
 using esd::Env;
 using esd::SystemUtils::LaunchPath;
-using testing_support::FakeUpdaterBundle;
-using testing_support::TempDir;
-using testing_support::TestEnv;
-using testing_support::WriteFile;
+using namespace testing_support;
 using EnvList = std::vector<std::pair<std::string, std::string>>;
 
 constexpr char kBusPath[] = "/org/esd/DistributedNotificationCenter";
 constexpr char kBusInterface[] = "org.esd.DistributedNotificationCenter";
-
-// Sets (or, with null, unsets) a process environment variable for one scope.
-class ScopedVariable {
- public:
-  ScopedVariable(const char* name, const char* value) : mName(name) {
-    if (const char* old = std::getenv(name)) mOld = old;
-    value ? setenv(name, value, 1) : unsetenv(name);
-  }
-  ~ScopedVariable() { mOld ? setenv(mName.c_str(), mOld->c_str(), 1) : unsetenv(mName.c_str()); }
-
- private:
-  std::string mName;
-  std::optional<std::string> mOld;
-};
-
-bool WaitForFile(const std::string& path, int timeoutMs = 10000) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!fs::exists(path)) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 // An executable without an interpreter line, which only a shell runs; it creates `marker`.
 void WriteShellFragment(const std::string& path, const std::string& marker) {
@@ -75,8 +49,8 @@ bool PostSignal(const std::vector<std::string>& arguments = {}, const char* path
 
 // A detached start runs the program outside the caller's session; the shell gets the caller's
 // environment plus the given pairs and none of the caller's other descriptors (close-on-exec or
-// not). What cannot be executed is a failure, never a shell run. (What a detached start hands
-// on is the launch tests' business.)
+// not). (What cannot be executed is the shell-quoting test's, what a detached start hands on
+// the launch tests'.)
 TEST(LinuxEnvTest, StartsGetTheGivenEnvironmentAndNoInheritedDescriptor) {
   TempDir temp;
   FakeUpdaterBundle bundle(temp / "Fake.app");
@@ -95,35 +69,19 @@ TEST(LinuxEnvTest, StartsGetTheGivenEnvironmentAndNoInheritedDescriptor) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
   EXPECT_EQ(std::getenv("LINUX_ENV_TEST_MARKER"), nullptr);
   close(leaked);
-
-  WriteFile(temp / "plain", "echo never\n");
-  chmod((temp / "plain").c_str(), 0644);
-  WriteShellFragment(temp / "no-interpreter-line", temp / "ran");
-  for (const std::string& path :
-       {temp / "missing", temp / "plain", temp / "no-interpreter-line", temp.path()})
-    EXPECT_FALSE(Env::Platform()->StartDetachedProcess(path, {path}, {})) << path;
-  EXPECT_FALSE(fs::exists(temp / "ran"));
 }
 
-// Text the bus would reject is refused here rather than ending the process. (A signal that goes
-// out reaches the reference updater in its end-to-end test.)
-TEST(LinuxEnvTest, SignalTheBusWouldRejectIsRefused) {
-  testing_support::PrivateSessionBus bus;
-  ASSERT_TRUE(PostSignal({"fine", "ü"}));
-  EXPECT_FALSE(PostSignal({"bad \xff text"}));
-  EXPECT_FALSE(PostSignal({"x"}, "no/slash"));
-}
-
-// With no bus, or a socket that never answers, posting fails within a bounded wait instead of
-// hanging or starting a bus.
-TEST(LinuxEnvTest, SignalWithoutReachableBusFailsQuickly) {
-  TempDir temp;
+// Text the bus would reject is refused here rather than ending the process; with no bus, or a
+// socket that never answers, posting fails within a bounded wait instead of hanging or starting
+// a bus. (A signal that goes out reaches the reference updater in its end-to-end test.)
+TEST(LinuxEnvTest, SignalThatCannotGoOutFailsQuickly) {
   {
-    ScopedVariable address("DBUS_SESSION_BUS_ADDRESS", nullptr);
-    ScopedVariable runtime("XDG_RUNTIME_DIR", temp.path().c_str());
-    ScopedVariable display("DISPLAY", ":99");
-    EXPECT_FALSE(PostSignal());
+    PrivateSessionBus bus;
+    ASSERT_TRUE(PostSignal({"fine", "ü"}));
+    EXPECT_FALSE(PostSignal({"bad \xff text"}));
+    EXPECT_FALSE(PostSignal({"x"}, "no/slash"));
   }
+  TempDir temp;
   const std::string socketPath = temp / "silent";  // the kernel accepts, nobody speaks
   const int listening = socket(AF_UNIX, SOCK_STREAM, 0);
   ASSERT_GE(listening, 0);
@@ -132,20 +90,30 @@ TEST(LinuxEnvTest, SignalWithoutReachableBusFailsQuickly) {
   socketPath.copy(name.sun_path, sizeof name.sun_path - 1);
   ASSERT_EQ(bind(listening, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
   ASSERT_EQ(listen(listening, 4), 0);
-  ScopedVariable variable("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + socketPath).c_str());
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(PostSignal());
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  for (const std::string& address : {std::string(), "unix:path=" + socketPath}) {
+    const pid_t child = StartChild([&] {  // exits 1 when it held; its environment ends with it
+      address.empty() ? unsetenv("DBUS_SESSION_BUS_ADDRESS")
+                      : setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+      setenv("XDG_RUNTIME_DIR", temp.path().c_str(), 1);
+      setenv("DISPLAY", ":99", 1);
+      const auto start = std::chrono::steady_clock::now();
+      return !PostSignal() && std::chrono::steady_clock::now() - start < std::chrono::seconds(10);
+    });
+    EXPECT_EQ(1, WaitChild(child)) << address;
+  }
   close(listening);
 }
 
 // The home folder is $HOME, or the password database's entry when $HOME is unset or empty.
 TEST(LinuxEnvTest, HomeFallsBackToPasswordDatabase) {
-  std::string home;
   for (const char* value : {"/some/home", "", static_cast<const char*>(nullptr)}) {
-    ScopedVariable variable("HOME", value);
-    ASSERT_TRUE(Env::Platform()->GetHomeDirectory(home));
-    EXPECT_EQ(home, value && *value ? value : getpwuid(geteuid())->pw_dir);
+    const pid_t child = StartChild([value] {  // exits 1 when it held
+      value ? setenv("HOME", value, 1) : unsetenv("HOME");
+      std::string home;
+      return Env::Platform()->GetHomeDirectory(home) &&
+             home == (value && *value ? value : getpwuid(geteuid())->pw_dir);
+    });
+    EXPECT_EQ(1, WaitChild(child)) << (value ? value : "unset");
   }
 }
 
@@ -177,10 +145,14 @@ TEST_F(LaunchPathTest, BundleOrExecutableStartsWithoutAShell) {
 }
 
 // The shell gets the path single-quoted, every single quote escaped: a path that exists but
-// cannot be executed directly runs in the background; a path that does not exist runs in the
-// foreground and its status decides, so "/x/Missing Dir/prog" never runs an executable
-// "/x/Missing" with an argument.
+// cannot be executed directly (its detached start fails, never running a shell of its own) runs
+// in the background, as does a bundle whose program cannot be started or whose Info.plist does
+// not parse; a path that does not exist runs in the foreground and its status decides, so
+// "/x/Missing Dir/prog" never runs an executable "/x/Missing" with an argument.
 TEST_F(LaunchPathTest, ShellFallbackQuotesThePath) {
+  FakeUpdaterBundle stuck(mTemp / "Stuck.app"), unreadable(mTemp / "Unreadable.app");
+  chmod(stuck.programPath().c_str(), 0644);
+  WriteFile(unreadable.path() + "/Contents/Info.plist", "<plist><dict><key>");
   fs::create_directory(mTemp / "it's here");
   fs::create_directory(mTemp / "a'b");
   WriteShellFragment(mTemp / "it's here/start me", mTemp / "ran");
@@ -193,37 +165,26 @@ TEST_F(LaunchPathTest, ShellFallbackQuotesThePath) {
     std::string command;
     std::string marker;
   } cases[] = {
+      {mTemp / "Missing Dir/prog", false, base + "/Missing Dir/prog'", mTemp / "split"},
       {mTemp / "it's here/start me", true, base + "/it'\\''s here/start me' &", mTemp / "ran"},
       {mTemp / "a'b/x'", true, base + "/a'\\''b/x'\\''' &", mTemp / "late"},
-      {mTemp / "Missing Dir/prog", false, base + "/Missing Dir/prog'", mTemp / "split"},
+      {stuck.path(), true, base + "/Stuck.app' &", ""},
+      {unreadable.path(), true, base + "/Unreadable.app' &", ""},
   };
   EnvList env;
   for (const auto& c : cases) {
     EXPECT_EQ(LaunchPath(c.path, env), c.started) << c.path;
     EXPECT_EQ(mEnv.ShellCommands().back(), c.command);
-    EXPECT_EQ(WaitForFile(c.marker, c.started ? 10000 : 100), c.started) << c.marker;
+    if (c.marker.empty()) continue;
+    const bool ran = WaitUntil([&] { return fs::exists(c.marker); }, c.started ? 10000 : 100);
+    EXPECT_EQ(ran, c.started) << c.marker;
   }
 }
 
-// A bundle that cannot be started (the start fails, or its Info.plist does not parse) is handed
-// to the shell as a quoted path in the background.
-TEST_F(LaunchPathTest, BundleThatCannotBeStartedGoesToTheShell) {
-  mEnv.RecordLaunches(false, 0);
-  FakeUpdaterBundle bundle(mTemp / "Recorded.app");
-  EnvList env;
-  EXPECT_TRUE(LaunchPath(bundle.path(), env));
-  ASSERT_EQ(mEnv.Launches().size(), 1u);
-  EXPECT_EQ(mEnv.Launches()[0].program, bundle.path() + "/Contents/MacOS/Vantu Updater");
-  EXPECT_EQ(mEnv.ShellCommands(), std::vector<std::string>{"'" + bundle.path() + "' &"});
-
-  // A bundle whose Info.plist does not parse cannot be opened; the shell gets the path.
-  WriteFile(bundle.path() + "/Contents/Info.plist", "<plist><dict><key>");
-  EXPECT_TRUE(LaunchPath(bundle.path(), env));
-  EXPECT_EQ(mEnv.Launches().size(), 1u);
-  EXPECT_EQ(mEnv.ShellCommands().size(), 2u);
-}
-
-TEST(SystemUtilsTest, PlatformNameAndVersion) {
+// The kernel release gives the version; the digits of a number in a base are read as a decimal
+// number (0x1039 gives 1039), a digit above 9 carries, and what cannot be converted comes back
+// as it was.
+TEST(SystemUtilsTest, PlatformNameVersionAndBaseConversion) {
   EXPECT_EQ(esd::SystemUtils::GetOSPlatform(), "Linux");
   TestEnv env;
   esd::ScopedEnv scope(&env);
@@ -238,18 +199,10 @@ TEST(SystemUtilsTest, PlatformNameAndVersion) {
     env.SetKernelRelease(release);
     EXPECT_EQ(esd::SystemUtils::GetOSPlatformVersion(), expected);
   }
-}
-
-// The digits of a number in a base are read as a decimal number (0x1039 → 1039); a digit above 9
-// carries, and what cannot be converted comes back as it was.
-TEST(SystemUtilsTest, ConvertBaseReadsDigitsAsDecimal) {
-  using esd::SystemUtils::ConvertBase;
-  EXPECT_EQ(ConvertBase(0x1039, 16), 1039);
-  EXPECT_EQ(ConvertBase(0x1B, 16), 21);
-  EXPECT_EQ(ConvertBase(5, 2), 101);
-  EXPECT_EQ(ConvertBase(-7, 16), -7);
-  EXPECT_EQ(ConvertBase(12, 1), 12);
-  EXPECT_EQ(ConvertBase(LONG_MAX, 2), LONG_MAX);
+  const long kBases[][3] = {{0x1039, 16, 1039}, {0x1B, 16, 21}, {5, 2, 101},
+                            {-7, 16, -7},       {12, 1, 12},     {LONG_MAX, 2, LONG_MAX}};
+  for (const auto& [value, base, decimal] : kBases)
+    EXPECT_EQ(esd::SystemUtils::ConvertBase(value, base), decimal) << value << " " << base;
 }
 
 }  // namespace

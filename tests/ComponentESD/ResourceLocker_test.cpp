@@ -50,28 +50,21 @@ class ResourceLockerTest : public ::testing::Test {
   esd::ScopedEnv mScope;
 };
 
-// Looks at the lock file at every file call the locker makes: another member of the group may
-// open it at any of those moments, and is refused while it has fewer bits than its own.
+// Looks at the lock file whenever the locker opens a file: another member of the group may open
+// it from the moment it appears, and is refused while it has fewer bits than its own.
 class ModeWatch : public esd::EnvWrapper {
  public:
   ModeWatch(const std::string& path, mode_t mode)
       : EnvWrapper(esd::Env::Default()), mPath(path), mMode(S_IFREG | mode), mScope(this) {}
   int OpenFileAt(int folder, const std::string& name, int flags, mode_t mode) override {
     const int fd = EnvWrapper::OpenFileAt(folder, name, flags, mode);
-    Look();
+    const mode_t now = ModeOf(mPath);
+    sawFewerBits = sawFewerBits || (now != 0 && now != mMode);
     return fd;
-  }
-  int LockFileByte(int fd, short type, off_t offset) override {
-    Look();
-    return EnvWrapper::LockFileByte(fd, type, offset);
   }
   bool sawFewerBits = false;
 
  private:
-  void Look() {
-    const mode_t now = ModeOf(mPath);
-    sawFewerBits = sawFewerBits || (now != 0 && now != mMode);
-  }
   std::string mPath;
   mode_t mMode;
   esd::ScopedEnv mScope;
@@ -99,11 +92,9 @@ TEST_F(ResourceLockerTest, LockFileNamePlaceAndMode) {
       const std::string path = c.folder + "/" + esd::ResourceLocker::GetLockFileName(c.resource);
       EXPECT_EQ(path, LockFilePath(c.resource));
       esd::ResourceLocker locker(c.resource, 0);
-      {
-        ModeWatch watch(path, c.mode);
-        ASSERT_TRUE(locker.Lock()) << c.resource;
-        EXPECT_FALSE(watch.sawFewerBits) << c.resource << " umask " << mask;
-      }
+      ModeWatch watch(path, c.mode);
+      ASSERT_TRUE(locker.Lock()) << c.resource;
+      EXPECT_FALSE(watch.sawFewerBits) << c.resource << " umask " << mask;
       EXPECT_TRUE(LockIsHeld(c.resource));
       EXPECT_EQ(S_IFREG | c.mode, ModeOf(path)) << c.resource << " umask " << mask;
       ASSERT_TRUE(locker.Unlock(false));
@@ -115,35 +106,31 @@ TEST_F(ResourceLockerTest, LockFileNamePlaceAndMode) {
   }
 }
 
-TEST_F(ResourceLockerTest, MisuseThrowsTheExactExceptions) {
-  esd::ResourceLocker locker("misuse", 0);
+// What `call` threw of type Error, as "message / resource", or "" when it threw nothing.
+template <typename Error>
+std::string Thrown(const std::function<void()>& call) {
   try {
-    locker.Unlock(false);
-    ADD_FAILURE() << "Unlock(false) without the lock did not throw";
-  } catch (const esd::no_resource_lock& error) {
-    EXPECT_STREQ("This object is not locking an item", error.what());
-    EXPECT_EQ("Resource unknown", error.GetResourceName());
+    call();
+  } catch (const Error& error) {
+    return error.what() + (" / " + error.GetResourceName());
   }
-  ASSERT_TRUE(locker.Lock());
-  try {
-    locker.Lock();
-    ADD_FAILURE() << "a second Lock did not throw";
-  } catch (const esd::resource_lock_fail& error) {
-    EXPECT_STREQ("A resource is already being locked", error.what());
-    EXPECT_EQ("misuse", error.GetResourceName());
-  }
-  EXPECT_TRUE(locker.HasLock());  // the failed second Lock keeps the first one
-  EXPECT_TRUE(locker.Unlock(false));
-  EXPECT_THROW(locker.Unlock(false), std::runtime_error);
+  return "";
 }
 
-// Two lockers of one resource exclude each other within one process too; other resources do not.
-TEST_F(ResourceLockerTest, LockersInOneProcessExcludeEachOther) {
+// Misuse throws the exact exceptions, and a failed second Lock keeps the first. Two lockers of
+// one resource exclude each other within one process too; other resources do not.
+TEST_F(ResourceLockerTest, MisuseThrowsAndLockersInOneProcessExcludeEachOther) {
   esd::ResourceLocker first("same", 0), second("same", 20), unrelated("other", 0);
+  EXPECT_EQ("This object is not locking an item / Resource unknown",
+            Thrown<esd::no_resource_lock>([&] { first.Unlock(false); }));
   ASSERT_TRUE(first.Lock());
+  EXPECT_EQ("A resource is already being locked / same",
+            Thrown<esd::resource_lock_fail>([&] { first.Lock(); }));
+  EXPECT_TRUE(first.HasLock());
   EXPECT_FALSE(second.Lock() || second.HasLock());
   EXPECT_TRUE(unrelated.Lock());
   EXPECT_TRUE(first.Unlock(false));
+  EXPECT_THROW(first.Unlock(false), std::runtime_error);
   EXPECT_TRUE(second.Lock());
   EXPECT_TRUE(second.Unlock(false) && unrelated.Unlock(false));
   EXPECT_FALSE(LockIsHeld("same") || LockIsHeld("other"));
@@ -162,24 +149,15 @@ TEST_F(ResourceLockerTest, BrokenLockIsDetectedByItsHolder) {
       },
   };
   for (const auto& breakLock : breakers) {
-    Pipe held, broken, checked, retaken;
-    const pid_t holder = StartChild([&] {
-      esd::ResourceLocker locker("broken", 0);
-      if (!locker.Lock()) return 1;
-      held.Signal();
-      if (!broken.Wait()) return 2;
-      const bool noticed = !locker.Unlock(false) && locker.HasLock();
-      checked.Signal();
-      return retaken.Wait() && noticed ? 0 : 3;
-    });
-    ASSERT_TRUE(held.Wait());
-    ASSERT_TRUE(breakLock());
-    broken.Signal();
-    ASSERT_TRUE(checked.Wait());
     esd::ResourceLocker next("broken", 0);
-    EXPECT_TRUE(next.Lock());
-    retaken.Signal();
-    EXPECT_EQ(0, WaitChild(holder));
+    {
+      esd::ResourceLocker holder("broken", 0);
+      ASSERT_TRUE(holder.Lock());
+      ASSERT_TRUE(breakLock());
+      EXPECT_FALSE(holder.Unlock(false));
+      EXPECT_TRUE(holder.HasLock());
+      EXPECT_TRUE(next.Lock());
+    }
     EXPECT_TRUE(LockIsHeld("broken"));
     EXPECT_TRUE(next.Unlock(false));
   }
@@ -237,9 +215,7 @@ TEST_F(ResourceLockerTest, AReleasingProcessLetsAWaiterGoFirst) {
     std::this_thread::sleep_for(milliseconds(50));
     return locker.Unlock(false) ? 0 : 2;
   });
-  for (int i = 0; i < 10000 && !SomeoneWaits("handover"); ++i)
-    std::this_thread::sleep_for(milliseconds(1));
-  ASSERT_TRUE(SomeoneWaits("handover"));
+  ASSERT_TRUE(WaitUntil([] { return SomeoneWaits("handover"); }, 10000, 1000));
   ASSERT_TRUE(mine.Unlock(false));
   esd::ResourceLocker again("handover", 10000);
   ASSERT_TRUE(again.Lock());
@@ -248,11 +224,8 @@ TEST_F(ResourceLockerTest, AReleasingProcessLetsAWaiterGoFirst) {
 
   // A waiter that gave up takes its announcement with it: nobody gives way to it, and a time-out
   // of zero still gets the lock at once.
-  const pid_t quitter = StartChild([&] {
-    esd::ResourceLocker locker("handover", 20);
-    return locker.Lock() ? 1 : 0;
-  });
-  EXPECT_EQ(0, WaitChild(quitter));
+  esd::ResourceLocker quitter("handover", 20);
+  EXPECT_FALSE(quitter.Lock());
   EXPECT_FALSE(SomeoneWaits("handover"));
   ASSERT_TRUE(again.Unlock(false));
   esd::ResourceLocker next("handover", 0);
