@@ -48,30 +48,24 @@ std::string XmlPolicy(const std::string& body) {
 const std::string kDisabled = XmlPolicy("<dict><key>Disable.Update</key><true/></dict>");
 
 // A policy that disables checks and also holds `depth` arrays nested in one another.
-std::string NestedPolicy(size_t depth, bool binary) {
-  plist_t deep = plist_new_array();
-  for (size_t i = 1; i < depth; ++i) {
-    plist_t outer = plist_new_array();
-    plist_array_append_item(outer, deep);
-    deep = outer;
-  }
-  const esd::PropertyList policy(plist_new_dict());
-  plist_dict_set_item(policy.Get(), "Disable.Update", plist_new_bool(1));
-  plist_dict_set_item(policy.Get(), "Deep", deep);
-  char* bytes = nullptr;
-  uint32_t length = 0;
-  (binary ? plist_to_bin : plist_to_xml)(policy.Get(), &bytes, &length);
-  const std::string out(bytes, length);
-  free(bytes);
-  return out;
-}
-
-// A policy nested far deeper than the library's writer could go: arrays written by hand.
-std::string DeepXmlPolicy(size_t depth) {
+std::string DeepPolicy(size_t depth) {
   std::string arrays;
   for (size_t i = 0; i < depth; ++i) arrays += "<array>";
   for (size_t i = 0; i < depth; ++i) arrays += "</array>";
   return XmlPolicy("<dict><key>Disable.Update</key><true/><key>Deep</key>" + arrays + "</dict>");
+}
+
+// The binary form of an XML property list.
+std::string Binary(const std::string& xml) {
+  plist_t root = nullptr;
+  plist_from_xml(xml.data(), static_cast<uint32_t>(xml.size()), &root);
+  const esd::PropertyList owner(root);
+  char* bytes = nullptr;
+  uint32_t length = 0;
+  plist_to_bin(root, &bytes, &length);
+  const std::string out(bytes, length);
+  free(bytes);
+  return out;
 }
 
 // The answer, or nullopt for none (that no answer leaves the caller's value alone is the policy
@@ -99,11 +93,11 @@ TEST(AdminPrefs, OnlyABooleanInADictionaryAnswers) {
       {kDisabled, false},
       // Nesting is bounded before parsing: the parser recurses once per level and a deep enough
       // file would overflow the host's stack.
-      {NestedPolicy(60, false), false},
-      {NestedPolicy(60, true), false},
-      {NestedPolicy(70, false), std::nullopt},
-      {NestedPolicy(70, true), std::nullopt},
-      {DeepXmlPolicy(200000), std::nullopt},
+      {DeepPolicy(60), false},
+      {Binary(DeepPolicy(60)), false},
+      {DeepPolicy(70), std::nullopt},
+      {Binary(DeepPolicy(70)), std::nullopt},
+      {DeepPolicy(200000), std::nullopt},
   };
   fs::create_directories(sandbox.root() + "/etc");
   for (const auto& [bytes, expected] : cases) {

@@ -361,28 +361,6 @@ TEST_F(HostRequestsTest, MissingComponentRequests) {
   EXPECT_TRUE(Has(FileText(sandbox.MissingCompsFile()), "name=\"Thin\""));
 }
 
-// The store's answers reach the host as result codes. An entry XML cannot carry (an encoded
-// surrogate) fails alone. A store without its folder (a file in the way, no home) is a result
-// code, never an exception unwinding into C code.
-TEST_F(HostRequestsTest, StoreAnswersBecomeResultCodes) {
-  ASSERT_EQ(kROZResultOK, Register(appID));
-  ASSERT_EQ(kROZResultOK, ROZRegisterApplication(otherAppID.c_str(), U("Other"), U("/opt/O")));
-  const std::string text = FileText(sandbox.RegistryFile());
-  EXPECT_EQ(kROZResultRegistryNotUpdated, Register(appID));
-  EXPECT_EQ(kROZResultRegistryUnusable,
-            ROZRegisterApplication(app, U("Host \xED\xA0\x80"), U(installPath)));
-  EXPECT_EQ(text, FileText(sandbox.RegistryFile()));
-
-  std::filesystem::remove_all(sandbox.root() + "/var");
-  WriteFile(sandbox.root() + "/var", "a file where the machine folders should be");
-  EXPECT_EQ(kROZResultRegistryUnusable, Register(appID));
-  EXPECT_EQ(kROZResultRegistryUnusable, ROZUnRegisterApplication(app));
-  EXPECT_EQ(kROZResultNotRegistered,
-            CEsdUpdate().AddOrUpdateRegistration(app, U(displayName), U(installPath)));
-  sandbox.env().SetHome("");
-  EXPECT_EQ(kROZResultMissingCompsStoreFailed, Download({}));
-}
-
 // Unregistering removes the entry and its cached result; an unknown application changes nothing.
 // The last application to leave starts the updater in clean-up mode, unless it already runs. The
 // plug-in action starts nothing until a check is due, and a running updater refuses it before
@@ -428,11 +406,45 @@ TEST_F(HostRequestsTest, UnregisteringPluginActionAndTheLastApplicationLeaving) 
   EXPECT_EQ(started, LaunchesAfterAWhile(started)) << "a second updater";
 }
 
-// The facade's registration step: no display name means the identifier; an up-to-date entry
-// (also when a carriage return reads back as a line feed) is success without a write; it checks
-// only for null; any failure is "not registered".
-TEST_F(HostRequestsTest, AddOrUpdateRegistration) {
-  CEsdUpdate facade;
+// The workflows reach one another through the object, so a facade that answers differently
+// changes them all.
+class RecordingFacade : public CEsdUpdate {
+ public:
+  int32_t ROZRegisterApplication(const char*, const unsigned char*, const unsigned char*) override {
+    ++registered;
+    return kROZResultRegistryNotUpdated;
+  }
+  bool ROZIsUpdateCheckEnabled() override { return enabled; }
+
+  size_t registered = 0;
+  bool enabled = true;
+};
+
+TEST_F(HostRequestsTest, WorkflowsRegistrationStepAndStoreAnswers) {
+  sandbox.env().SetGroups({"users"});  // the real answer would be "disabled"
+  RecordingFacade facade;
+  EXPECT_EQ(kROZResultNotRegistered, facade.AddOrUpdateRegistration(app, nullptr, U(installPath)));
+  EXPECT_EQ(1u, facade.registered);
+
+  // The download asks and registers through the overrides and reports the failure first.
+  ROZMissingComptList empty = {0, nullptr};
+  EXPECT_EQ(kROZResultNotRegistered,
+            facade.ROZDownloadMissingComponents(app, U(displayName), U(installPath), nullptr,
+                                                &empty, kROZDownloadMissingCompTypeDefault, true));
+  EXPECT_EQ(2u, facade.registered);
+  EXPECT_FALSE(Exists(sandbox.MissingCompsFile()));
+
+  facade.enabled = false;
+  EXPECT_EQ(kROZResultUpdateCheckDisabled, facade.ROZDoPluginAction(app));
+  EXPECT_EQ(kROZResultUpdateCheckDisabled, facade.ROZTriggerUpdateCheck(
+                                               nullptr, U(displayName), U(installPath), nullptr,
+                                               kROZTriggerManual, false));
+  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+
+  // The facade's registration step: no display name means the identifier; an up-to-date entry
+  // (also when a carriage return reads back as a line feed) is success without a write; it checks
+  // only for null; any failure is "not registered".
+  CEsdUpdate plain;
   const std::string moved = "/opt/Line\rBreak";
   const struct {
     const char* id;
@@ -453,49 +465,34 @@ TEST_F(HostRequestsTest, AddOrUpdateRegistration) {
   for (const auto& step : steps) {
     SCOPED_TRACE(std::string(step.name ? step.name : "null") + ", " + (step.path ? step.path : ""));
     const testing_support::FileStamp stamp = testing_support::StampOf(sandbox.RegistryFile());
-    EXPECT_EQ(step.result, facade.AddOrUpdateRegistration(
+    EXPECT_EQ(step.result, plain.AddOrUpdateRegistration(
                                step.id, step.name ? U(step.name) : nullptr,
                                step.path ? U(step.path) : nullptr));
     EXPECT_TRUE(Has(FileText(sandbox.RegistryFile()), step.stored));
     EXPECT_TRUE(&step < &steps[3] || stamp == testing_support::StampOf(sandbox.RegistryFile()))
         << "an up-to-date entry was written";
   }
-}
 
-// The workflows reach one another through the object, so a facade that answers differently
-// changes them all.
-class RecordingFacade : public CEsdUpdate {
- public:
-  int32_t ROZRegisterApplication(const char*, const unsigned char*, const unsigned char*) override {
-    ++registered;
-    return kROZResultRegistryNotUpdated;
-  }
-  bool ROZIsUpdateCheckEnabled() override { return enabled; }
+  // The store's answers reach the host as result codes. An entry XML cannot carry (an encoded
+  // surrogate) fails alone. A store without its folder (a file in the way, no home) is a result
+  // code, never an exception unwinding into C code.
+  BecomeAdministrator();
+  ASSERT_EQ(kROZResultOK, Register(appID));
+  ASSERT_EQ(kROZResultOK, ROZRegisterApplication(otherAppID.c_str(), U("Other"), U("/opt/O")));
+  const std::string text = FileText(sandbox.RegistryFile());
+  EXPECT_EQ(kROZResultRegistryNotUpdated, Register(appID));
+  EXPECT_EQ(kROZResultRegistryUnusable,
+            ROZRegisterApplication(app, U("Host \xED\xA0\x80"), U(installPath)));
+  EXPECT_EQ(text, FileText(sandbox.RegistryFile()));
 
-  size_t registered = 0;
-  bool enabled = true;
-};
-
-TEST_F(HostRequestsTest, WorkflowsCallOneAnotherThroughTheObject) {
-  sandbox.env().SetGroups({"users"});  // the real answer would be "disabled"
-  RecordingFacade facade;
-  EXPECT_EQ(kROZResultNotRegistered, facade.AddOrUpdateRegistration(app, nullptr, U(installPath)));
-  EXPECT_EQ(1u, facade.registered);
-
-  // The download asks and registers through the overrides and reports the failure first.
-  ROZMissingComptList empty = {0, nullptr};
+  std::filesystem::remove_all(sandbox.root() + "/var");
+  WriteFile(sandbox.root() + "/var", "a file where the machine folders should be");
+  EXPECT_EQ(kROZResultRegistryUnusable, Register(appID));
+  EXPECT_EQ(kROZResultRegistryUnusable, ROZUnRegisterApplication(app));
   EXPECT_EQ(kROZResultNotRegistered,
-            facade.ROZDownloadMissingComponents(app, U(displayName), U(installPath), nullptr,
-                                                &empty, kROZDownloadMissingCompTypeDefault, true));
-  EXPECT_EQ(2u, facade.registered);
-  EXPECT_FALSE(Exists(sandbox.MissingCompsFile()));
-
-  facade.enabled = false;
-  EXPECT_EQ(kROZResultUpdateCheckDisabled, facade.ROZDoPluginAction(app));
-  EXPECT_EQ(kROZResultUpdateCheckDisabled, facade.ROZTriggerUpdateCheck(
-                                               nullptr, U(displayName), U(installPath), nullptr,
-                                               kROZTriggerManual, false));
-  EXPECT_FALSE(Exists(sandbox.RegistryFile()));
+            CEsdUpdate().AddOrUpdateRegistration(app, U(displayName), U(installPath)));
+  sandbox.env().SetHome("");
+  EXPECT_EQ(kROZResultMissingCompsStoreFailed, Download({}));
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ unsigned Unregister(const std::string& id) { return Reg().UnregisterApp(id); }
 // replaced and moved last; identifiers compare exactly. The updater's own identifier is never
 // removed, a miss changes nothing, the last removal deletes the file. No data folder, no store.
 // (Escaping is the fuzzer's, the mode the multi-user tests', unchanged timestamps the exports'.)
-TEST_F(RegistrationStore, InsertAndUnregisterResults) {
+TEST_F(RegistrationStore, ResultsRecordsAndRefusals) {
   EXPECT_EQ(Reg::kUnregisterFailed, Unregister("A"));
   EXPECT_EQ(Reg::kInserted, Insert("W", "Writer", "/opt/Writer Pro"));
   EXPECT_FALSE(FileSystemUtils::DoesPathExist(mStorePath + "_"));
@@ -90,17 +90,11 @@ TEST_F(RegistrationStore, InsertAndUnregisterResults) {
   for (const char* id : {"A", "B", "a"}) EXPECT_EQ(Reg::kRemoved, Unregister(id));
   EXPECT_FALSE(StoreExists());
 
-  WriteFile(mSandbox.home() + "/plain-file", "x");
-  mSandbox.env().SetRoot(mSandbox.home() + "/plain-file");
-  EXPECT_THROW(Reg(), std::runtime_error);
-}
-
-// Records handed out are private copies: they outlive the manager's tree, and a caller's change
-// never reaches the file; a failed lookup leaves the caller's pointer alone. Markup or a blank
-// that would read back as a space in an identifier is refused (the entry, not the store), and
-// nothing is written. An unparsable file is refused by every operation and kept, also after an
-// earlier good load (whose tree the manager must let go).
-TEST_F(RegistrationStore, RecordsAreCopiesAndUnwritableTextIsRefused) {
+  // Records handed out are private copies: they outlive the manager's tree, and a caller's change
+  // never reaches the file; a failed lookup leaves the caller's pointer alone. Markup or a blank
+  // that would read back as a space in an identifier is refused (the entry, not the store), and
+  // nothing is written. An unparsable file is refused by every operation and kept, also after an
+  // earlier good load (whose tree the manager must let go).
   ASSERT_EQ(Reg::kInserted, Insert("A", "Alpha", "/opt/a"));
   std::list<VantuUpdaterRegisteredApp> all;
   std::unique_ptr<VantuUpdaterRegisteredApp> found;
@@ -129,6 +123,10 @@ TEST_F(RegistrationStore, RecordsAreCopiesAndUnwritableTextIsRefused) {
   EXPECT_FALSE(store.GetRegisteredApplicationByAppID("A", found));
   EXPECT_EQ(0u, store.DeleteVantuUpdaterRegisteredAppIf(Reg::RegisteredAppMatcher("A")));
   EXPECT_EQ(damaged, ReadFile(mStorePath));
+
+  WriteFile(mSandbox.home() + "/plain-file", "x");
+  mSandbox.env().SetRoot(mSandbox.home() + "/plain-file");
+  EXPECT_THROW(Reg(), std::runtime_error);
 }
 
 // One request (identifier, name, path, component, category, version) through a manager of its

@@ -19,7 +19,6 @@
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "xplat/CKVXVersion.h"
-#include "xplat/ResourceLocker.h"
 #include "xplat/ScopedEnv.h"
 #include "xplat/SystemUtils.h"
 #include "xplat/VantuUpdaterNotifyWorkflowLocker.h"
@@ -82,10 +81,6 @@ class UpdaterUtilsTest : public ::testing::Test {
   OddTableEnv mEnv;
   esd::ScopedEnv mScope{&mEnv};
   EnvironmentList mNone;
-};
-
-class NotifyTest : public UpdaterUtilsTest {
- protected:
   const std::string mAppID = "NotifyTest" + std::to_string(getpid());
   testing_support::LockFileGuard mGuard{mAppID};
 };
@@ -95,7 +90,7 @@ class NotifyTest : public UpdaterUtilsTest {
 // existing folders keep theirs. A file where a folder belongs stays, and gives no folder. Only
 // root makes the missing all-users folders (how: the multi-user tests). The reference form of
 // the updater's location needs the installed bundle.
-TEST_F(UpdaterUtilsTest, FoldersAndTheUpdatersLocation) {
+TEST_F(UpdaterUtilsTest, FoldersTheUpdatersLocationAndAdministrators) {
   chmod(home().c_str(), 0755);
   const mode_t oldMask = umask(0);
   std::string path;
@@ -126,6 +121,29 @@ TEST_F(UpdaterUtilsTest, FoldersAndTheUpdatersLocation) {
   testing_support::FakeUpdaterBundle bundle(path);
   ASSERT_TRUE(VantuUpdaterUtils::GetUpdaterLocation(ref));
   EXPECT_EQ(ref.path, fs::canonical(path).string());
+
+  // A ROOT/Applications folder the user cannot write makes an administrator group count for
+  // nothing; without the folder the groups decide.
+  mEnv.SetGroups({"admin"});
+  EXPECT_TRUE(DoesUserHaveAdminPrivileges()) << "no applications folder";
+  const std::string applications = root() + "/Applications";
+  fs::create_directory(applications);
+  for (const std::string& folder : {fs::path(root()).parent_path().string(), root(), applications})
+    chmod(folder.c_str(), 0755);
+  EXPECT_TRUE(DoesUserHaveAdminPrivileges()) << "its owner can write it";
+  mEnv.DenyAccess(applications);
+  EXPECT_FALSE(DoesUserHaveAdminPrivileges());
+
+  // A real user without write access, in an administrator group all the same (as root the check
+  // runs as nobody).
+  chmod(applications.c_str(), 0555);
+  EXPECT_EQ(0, testing_support::RunUnprivileged([&] {
+              TestEnv unprivileged;
+              unprivileged.SetRoot(root());
+              unprivileged.SetGroups({"admin"});
+              esd::ScopedEnv scope(&unprivileged);
+              return DoesUserHaveAdminPrivileges() ? 1 : 0;
+            }));
 
   if (geteuid() != 0) return;  // giving folders away needs root
   mEnv.SetEffectiveUserId(1000);
@@ -245,9 +263,9 @@ TEST_F(UpdaterUtilsTest, StartingAndFindingTheUpdater) {
 // The marker <temporary items>/Updater5/locked/lock.ID holds "lock" and makes the workflow
 // active until deleted, even when stale; deleting a missing marker succeeds. Marker and folders
 // are the user's alone whatever the umask. An identifier leading out of the lock folder, or no
-// usable temporary folder, reads as active and creates nothing. Without a marker the workflow is
-// active exactly while another process holds the lock.
-TEST_F(NotifyTest, MarkerOrLockMakesTheWorkflowActive) {
+// usable temporary folder, reads as active and creates nothing. (A held lock: the multi-user
+// tests.)
+TEST_F(UpdaterUtilsTest, MarkerMakesTheWorkflowActive) {
   std::string path;
   ASSERT_TRUE(Locker::GetIPCLockFileParentFolder(path));
   EXPECT_EQ(path, runtime() + "/Updater5");
@@ -257,20 +275,6 @@ TEST_F(NotifyTest, MarkerOrLockMakesTheWorkflowActive) {
 
   EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_FALSE(testing_support::LockIsHeld(mAppID)) << "the test took the lock only briefly";
-  testing_support::Pipe locked, release;
-  const pid_t holder = testing_support::StartChild([&] {
-    esd::ResourceLocker locker(mAppID, 0);
-    if (!locker.Lock()) return 1;
-    locked.Signal();
-    release.Wait();
-    return 0;
-  });
-  ASSERT_TRUE(locked.Wait());
-  EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
-  EXPECT_TRUE(testing_support::LockIsHeld(mAppID)) << "the holder's lock was not broken";
-  release.Signal();
-  EXPECT_EQ(testing_support::WaitChild(holder), 0);
-  EXPECT_FALSE(Locker::IsNotificationWorkflowActive(mAppID));
 
   const mode_t oldMask = umask(0);
   ASSERT_TRUE(Locker::CreateIPCLockFile(mAppID));
@@ -298,31 +302,6 @@ TEST_F(NotifyTest, MarkerOrLockMakesTheWorkflowActive) {
   EXPECT_TRUE(Locker::IsNotificationWorkflowActive(mAppID));
   EXPECT_FALSE(Locker::CreateIPCLockFile(mAppID));
   EXPECT_FALSE(testing_support::LockIsHeld(mAppID));
-}
-
-// A ROOT/Applications folder the user cannot write makes an administrator group count for
-// nothing; without the folder the groups decide.
-TEST_F(NotifyTest, UnwritableApplicationsFolderOverridesTheGroups) {
-  mEnv.SetGroups({"admin"});
-  EXPECT_TRUE(DoesUserHaveAdminPrivileges()) << "no applications folder";
-  const std::string applications = root() + "/Applications";
-  fs::create_directory(applications);
-  for (const std::string& path : {fs::path(root()).parent_path().string(), root(), applications})
-    chmod(path.c_str(), 0755);
-  EXPECT_TRUE(DoesUserHaveAdminPrivileges()) << "its owner can write it";
-  mEnv.DenyAccess(applications);
-  EXPECT_FALSE(DoesUserHaveAdminPrivileges());
-
-  // A real user without write access, in an administrator group all the same (as root the check
-  // runs as nobody).
-  chmod(applications.c_str(), 0555);
-  EXPECT_EQ(0, testing_support::RunUnprivileged([&] {
-              TestEnv unprivileged;
-              unprivileged.SetRoot(root());
-              unprivileged.SetGroups({"admin"});
-              esd::ScopedEnv scope(&unprivileged);
-              return DoesUserHaveAdminPrivileges() ? 1 : 0;
-            }));
 }
 
 }  // namespace
