@@ -16,7 +16,6 @@
 
 #include "CEsdUpdate.h"
 #include "VantuUpdater/VantuUpdater.h"
-#include "support/FileStamp.h"
 #include "support/TempDir.h"
 #include "support/UpdaterSandbox.h"
 #include "xplat/VantuUpdaterPrefs.h"

@@ -17,7 +17,6 @@
 #include <thread>
 #include <vector>
 
-#include "support/FileStamp.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
 #include "xplat/ResourceLocker.h"

@@ -28,6 +28,17 @@ class TempDir {
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
 
+// What changes when a file is rewritten, even with the same bytes: a journaled save replaces
+// the inode, and any write moves the modification time. Zero when the file cannot be read.
+struct FileStamp {
+  ino_t inode = 0;
+  long long mtimeNs = 0;
+  bool operator==(const FileStamp& other) const {
+    return inode == other.inode && mtimeNs == other.mtimeNs;
+  }
+};
+FileStamp StampOf(const std::string& path);
+
 // Removes a resource's lock file (its path under the Env in force when made) when it dies.
 class LockFileGuard {
  public:
