@@ -101,7 +101,7 @@ bool CanWrite(const std::string& path) {
 // is shared by the update group alone: another administrator waits for it, an ordinary user and
 // the attacker can neither take it, read its file nor plant anything where the locks live;
 // per-user locks are never shared.
-TEST(LockAttack, OnlyTheEntitledShareALockAndPlantedFilesOrADeadHolderBlockNoHost) {
+TEST(LockAttack, OnlyTheEntitledShareALockAndPlantedFilesBlockNoHost) {
   const int status = RunOnMachine([](const MultiUserMachine& machine) {
     std::string why;
     if (!machine.InstallAllUsersFolder(AdministratorsGroup(), why)) return 1;
