@@ -19,7 +19,6 @@
 
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -507,10 +506,6 @@ struct User {
   StoreFiles files;
 };
 
-bool Chown(const std::string& path, uid_t uid, gid_t gid, mode_t mode) {
-  return chown(path.c_str(), uid, gid) == 0 && chmod(path.c_str(), mode) == 0;
-}
-
 // Gives each user a home and runtime folder, makes the sandbox reachable for them, and makes the
 // machine-wide folder as an installation does.
 bool MakeUsers(testing_support::UpdaterSandbox& sandbox, int count, std::vector<User>& users) {
@@ -521,18 +516,19 @@ bool MakeUsers(testing_support::UpdaterSandbox& sandbox, int count, std::vector<
   const std::string folder = sandbox.AllUsersDataDir();
   std::error_code error;
   std::filesystem::create_directories(folder, error);
-  bool ok = !error && Chown(base, 0, 0, 0755) && Chown(sandbox.root(), 0, 0, 0755) &&
-            Chown(folder + "/..", 0, 0, 0755) && Chown(folder, 0, AdministratorsGroup(), 02775);
+  std::string why;
+  bool ok = !error;
+  for (const std::string& path : {base, sandbox.root(), folder + "/.."})
+    ok = ok && MakeFolder(path, 0, 0, 0755, why);
+  ok = ok && MakeFolder(folder, 0, AdministratorsGroup(), 02775, why);
   for (int u = 0; ok && u < count; ++u) {
     const std::string uid = std::to_string(identities[u]->uid);
     User user{*identities[u], base + "/home-" + uid, base + "/runtime-" + uid, {}};
     const std::string data = user.home + "/.local/share/Vantu/Updater5";
     user.files = {sandbox.RegistryFile(), data + "/VantuMissingComps.xml",
                   data + "/VantuUpdaterPrefs.dat"};
-    for (const std::string& path : {user.home, user.runtime}) {
-      ok = ok && std::filesystem::create_directory(path, error) &&
-           Chown(path, user.identity.uid, user.identity.gid, 0700);
-    }
+    for (const std::string& path : {user.home, user.runtime})
+      ok = ok && MakeFolder(path, user.identity.uid, user.identity.gid, 0700, why);
     users.push_back(user);
   }
   return ok;
