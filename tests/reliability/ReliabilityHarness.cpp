@@ -19,7 +19,6 @@
 
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -131,6 +130,10 @@ T* SharedArray(size_t count) {
   T* items = static_cast<T*>(memory);
   for (size_t i = 0; i < count; ++i) new (items + i) T();
   return items;
+}
+
+double Milliseconds(Clock::time_point since) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - since).count();
 }
 
 bool StartsWith(const std::string& text, const std::string& prefix) {
@@ -345,39 +348,14 @@ StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox) {
           sandbox.UserDataDir() + "/VantuUpdaterPrefs.dat"};
 }
 
-// Reads "--name value" pairs whose names `values` holds, and "--seed" (default: the clock), and
-// prints the seed; false on anything else.
-bool ParseOptions(int argc, char** argv, std::map<std::string, double>& values,
-                  unsigned long long& seed) {
-  seed =
-      static_cast<unsigned long long>(std::chrono::system_clock::now().time_since_epoch().count());
-  for (int i = 1; i < argc; i += 2) {
-    const std::string name = argv[i];
-    char* end = nullptr;
-    if (i + 1 < argc && name == "--seed")
-      seed = std::strtoull(argv[i + 1], &end, 10);
-    else if (i + 1 < argc && StartsWith(name, "--") && values.count(name.substr(2)))
-      values[name.substr(2)] = std::strtod(argv[i + 1], &end);
-    if (end == nullptr || *end != '\0') return false;
-  }
-  std::cout << "seed " << seed << std::endl;
-  return true;
-}
-
 // ---- The torture
 
-// The shortest lock time-out in the library (the stores'; the preferences wait 3 s). A call that
-// failed after waiting this long may have failed on a lock; faster failures cannot have.
-constexpr double kLockTimeoutMs = 2000.0;
 constexpr int kAppsPerProcess = 6;
 constexpr int kMessagesPerProcess = 4;
 
 // What the workers did, added up in memory they share with the harness.
 struct Totals {
-  struct {
-    std::atomic<unsigned long> calls, micros;
-  } timing[kOperations];
-  std::atomic<unsigned long> failures, timeouts, lost, checked, compared, launchProblems;
+  std::atomic<unsigned long> calls, failures, lost, compared;
   std::atomic<unsigned long> manual[3], scheduled[3];  // by user
   std::atomic<int> done;
 };
@@ -411,7 +389,7 @@ class Worker {
     const unsigned long least = mSucceeded[kDownload] + mSucceeded[kTrigger];
     const unsigned long most = least + mSucceeded[kUnregister];
     if (launches < least || launches > most) {
-      ++mTotals.launchProblems;
+      ++mTotals.failures;
       std::cout << "worker " << mIndex << " started the updater " << launches << " times, expected "
                 << least << " to " << most << std::endl;
     }
@@ -426,7 +404,6 @@ class Worker {
     }
     const StoreState expected = mModel.Filter(owned);
     const std::string diff = expected.Diff(actual.Filter(owned));
-    mTotals.checked += expected.size();
     mTotals.lost += static_cast<size_t>(std::count(diff.begin(), diff.end(), '\n'));
     if (!diff.empty())
       std::cout << "worker " << mIndex << ": the files do not hold what its calls did:\n"
@@ -439,30 +416,24 @@ class Worker {
   std::string AppID() { return mPrefix + "a" + std::to_string(Draw(kAppsPerProcess)); }
   std::string Serial() { return std::to_string(++mSequence); }
 
-  // Makes one call, times it and compares its result with the one the model expects.
+  // Makes one call and compares its result with the one the model expects.
   void Make(const Call& call) {
     StoreState next = mModel;
     const long expected = call.Apply(next);
     const Clock::time_point start = Clock::now();
     const long result = call.Make();
-    const unsigned long micros = static_cast<unsigned long>(
-        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
-    ++mTotals.timing[call.op].calls;
-    mTotals.timing[call.op].micros += micros;
+    ++mTotals.calls;
     if (result == expected) {
       ++mSucceeded[call.op];
       mModel = std::move(next);
       if (call.op == kTrigger) ++(call.appID.empty() ? mTotals.manual : mTotals.scheduled)[mUser];
       return;
     }
-    const double ms = micros / 1000.0;
-    const bool timedOut = ms >= kLockTimeoutMs * 0.95;
     ++mTotals.failures;
-    mTotals.timeouts += timedOut;
     mTainted.insert(call.Item());
     std::cout << "worker " << mIndex << ": " << kOperationNames[call.op] << " " << call.Item()
-              << " gave " << result << ", expected " << expected << " after " << ms << " ms"
-              << (timedOut ? " (lock time-out)" : "") << std::endl;
+              << " gave " << result << ", expected " << expected << " after "
+              << Milliseconds(start) << " ms" << std::endl;
   }
 
   Call Register() {
@@ -534,10 +505,6 @@ struct User {
   StoreFiles files;
 };
 
-bool Chown(const std::string& path, uid_t uid, gid_t gid, mode_t mode) {
-  return chown(path.c_str(), uid, gid) == 0 && chmod(path.c_str(), mode) == 0;
-}
-
 // Gives each user a home and runtime folder, makes the sandbox reachable for them, and makes the
 // machine-wide folder as an installation does.
 bool MakeUsers(testing_support::UpdaterSandbox& sandbox, int count, std::vector<User>& users) {
@@ -548,18 +515,19 @@ bool MakeUsers(testing_support::UpdaterSandbox& sandbox, int count, std::vector<
   const std::string folder = sandbox.AllUsersDataDir();
   std::error_code error;
   std::filesystem::create_directories(folder, error);
-  bool ok = !error && Chown(base, 0, 0, 0755) && Chown(sandbox.root(), 0, 0, 0755) &&
-            Chown(folder + "/..", 0, 0, 0755) && Chown(folder, 0, AdministratorsGroup(), 02775);
+  std::string why;
+  bool ok = !error;
+  for (const std::string& path : {base, sandbox.root(), folder + "/.."})
+    ok = ok && MakeFolder(path, 0, 0, 0755, why);
+  ok = ok && MakeFolder(folder, 0, AdministratorsGroup(), 02775, why);
   for (int u = 0; ok && u < count; ++u) {
     const std::string uid = std::to_string(identities[u]->uid);
     User user{*identities[u], base + "/home-" + uid, base + "/runtime-" + uid, {}};
     const std::string data = user.home + "/.local/share/Vantu/Updater5";
     user.files = {sandbox.RegistryFile(), data + "/VantuMissingComps.xml",
                   data + "/VantuUpdaterPrefs.dat"};
-    for (const std::string& path : {user.home, user.runtime}) {
-      ok = ok && std::filesystem::create_directory(path, error) &&
-           Chown(path, user.identity.uid, user.identity.gid, 0700);
-    }
+    for (const std::string& path : {user.home, user.runtime})
+      ok = ok && MakeFolder(path, user.identity.uid, user.identity.gid, 0700, why);
     users.push_back(user);
   }
   return ok;
@@ -607,11 +575,9 @@ bool Torture(int processes, double seconds, int userCount, unsigned long long se
     workers.push_back(userCount == 1 ? testing_support::StartChild(work)
                                      : testing_support::StartAs(user.identity, work));
   }
-  const Clock::time_point start = Clock::now();
   for (size_t i = 0; i < workers.size(); ++i) go.Signal();
   int crashed = 0;
   for (pid_t pid : workers) crashed += testing_support::WaitChild(pid) != 0;
-  const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
   // A worker that hung or could not load the files did not compare them either.
   crashed = std::max(crashed, processes - static_cast<int>(totals.compared));
 
@@ -638,23 +604,12 @@ bool Torture(int processes, double seconds, int userCount, unsigned long long se
   if (!loaded) std::cout << "loading the files failed: " << error << "\n";
   std::cout << atRest;
 
-  unsigned long calls = 0;
-  std::printf("\n%d processes as %d user(s), %.1f s (%s locks); calls, mean ms:\n", processes,
-              userCount, elapsed, isolated ? "private" : "shared");
-  for (const auto& t : totals.timing) {
-    calls += t.calls;
-    std::printf("%-18s %9lu %9.2f\n", kOperationNames[&t - totals.timing], t.calls.load(),
-                t.calls ? t.micros / 1000.0 / t.calls : 0.0);
-  }
-  std::printf("%-18s %9lu   (%.0f calls/s)\n", "all", calls, calls / elapsed);
-  std::printf(
-      "failed calls %lu (on a lock time-out %lu), lost or wrong items %zu of %lu checked,"
-      " crashed workers %d, leftovers %zu\n",
-      totals.failures.load(), totals.timeouts.load(), lost, totals.checked.load(), crashed,
-      leftovers);
-
+  std::printf("%d processes as %d user(s), %.1f s (%s locks): %lu calls, %lu failed, %zu items lost"
+              " or wrong, %d workers crashed, %zu leftovers\n",
+              processes, userCount, seconds, isolated ? "private" : "shared", totals.calls.load(),
+              totals.failures.load(), lost, crashed, leftovers);
   return crashed == 0 && totals.failures == 0 && loaded && lost == 0 && atRest.empty() &&
-         totals.launchProblems == 0 && leftovers == 0 && calls > 0;
+         leftovers == 0 && totals.calls > 0;
 }
 
 // ---- The crash harness
@@ -664,8 +619,6 @@ bool Torture(int processes, double seconds, int userCount, unsigned long long se
 constexpr size_t kMaxComponents = 60;
 
 enum Target { kRegistry, kMissing, kPrefs, kTargets };
-const char* const kTargetNames[kTargets] = {"registered-applications store",
-                                            "missing-components store", "preferences file"};
 
 // One planned call, the result it must give and the state it leaves.
 struct Step {
@@ -726,51 +679,29 @@ void Kill(pid_t pid) {
   testing_support::WaitChild(pid);
 }
 
-double Milliseconds(Clock::time_point since) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - since).count();
-}
-
 void Sleep(std::mt19937_64& random, double maxMs) {
   std::uniform_real_distribution<double> delay(0, maxMs);
   std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay(random)));
 }
 
-struct Figures {
-  long kills = 0;
-  long inFlight[kTargets] = {}, inFlightApplied[kTargets] = {};
-  long journalsComplete = 0, journalsPartial = 0, recoveryKills = 0, recoveriesFinished = 0;
-  long resets = 0, losses = 0, wrongResults = 0, unparsableFiles = 0, locksLeftHeld = 0;
-};
-
 class CrashRun {
  public:
   CrashRun(const StoreFiles& files, unsigned long long seed) : mFiles(files), mRandom(seed) {
+    testing_support::WriteFile(mDecoy, "not a temporary, though named like one");
     for (auto& mean : mProgress[0].meanMs) mean = 20;
     mProgress[1].meanMs[0] = 5;
   }
 
-  // Kills `kills` hosts, prints the figures and returns whether nothing was lost.
+  // Kills `kills` hosts and returns whether nothing was lost.
   bool Run(long kills) {
-    const Clock::time_point start = Clock::now();
     bool completed = true;
-    while (completed && mFigures.kills < kills) completed = OneKill();
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    while (completed && mKills < kills) completed = OneKill();
     std::string ignored;
     const Leftovers left = Inspect(mFiles, true, ignored);
-    const Figures& f = mFigures;
-    std::printf("\n%ld kills in %.1f s\n", f.kills, seconds);
-    for (int t = 0; t < kTargets; ++t)
-      std::printf("  during a call on the %-30s %5ld (its change found applied %ld times)\n",
-                  kTargetNames[t], f.inFlight[t], f.inFlightApplied[t]);
-    std::printf("journals after a kill: %ld complete, %ld partial; recoveries killed %ld (%ld ended"
-                " first); store resets %ld\nleft: %zu preference temporaries, %zu partial journals;"
-                " losses %ld, wrong results %ld, unparsable files %ld, locks left held %ld\n",
-                f.journalsComplete, f.journalsPartial, f.recoveryKills, f.recoveriesFinished,
-                f.resets, left.prefsTemporaries, left.partialJournals, f.losses, f.wrongResults,
-                f.unparsableFiles, f.locksLeftHeld);
-    // The last kill may have left one temporary that no later save has swept yet.
-    return completed && f.losses == 0 && f.wrongResults == 0 && f.unparsableFiles == 0 &&
-           f.locksLeftHeld == 0 && left.prefsTemporaries <= 1;
+    std::printf("%ld kills, %ld of them during a recovery; %ld faults, %zu preference temporaries"
+                " left\n", mKills, mRecoveryKills, mFaults, left.prefsTemporaries);
+    // Besides the decoy, the last kill may have left one temporary no later save has swept yet.
+    return completed && mFaults == 0 && fs::exists(mDecoy) && left.prefsTemporaries <= 2;
   }
 
  private:
@@ -802,12 +733,11 @@ class CrashRun {
         testing_support::WaitUntil([&] { return p.started >= victim || p.wrong >= 0; }, 10000, 50);
     if (started) Sleep(mRandom, std::min(250.0, 1.2 * p.meanMs[victim % kTargets]));
     Kill(host);
-    ++mFigures.kills;
+    ++mKills;
 
     ExpectLocksFree();
     InspectJournals();
     if (p.wrong >= 0) {
-      ++mFigures.wrongResults;
       const Step step = Plan(p.wrong, StateBefore(p.wrong));
       return Fail(Describe(p.wrong, step) + " gave " + std::to_string(p.result) + ", expected " +
                   std::to_string(step.expected));
@@ -826,11 +756,10 @@ class CrashRun {
 
   // A killed host's locks are gone with it: nothing is broken, nothing repaired.
   void ExpectLocksFree() {
-    const std::string resources[kTargets] = {mFiles.registry, mFiles.missingComps, "VantuUpdater"};
-    for (int t = 0; t < kTargets; ++t) {
-      if (!testing_support::LockIsHeld(resources[t])) continue;
-      ++mFigures.locksLeftHeld;
-      std::cout << "the lock of the " << kTargetNames[t] << " outlived its killed holder\n";
+    for (const std::string& resource : {mFiles.registry, mFiles.missingComps, std::string("VantuUpdater")}) {
+      if (!testing_support::LockIsHeld(resource)) continue;
+      ++mFaults;
+      std::cout << "the lock of " << resource << " outlived its killed holder\n";
     }
   }
 
@@ -841,10 +770,8 @@ class CrashRun {
   void InspectJournals() {
     std::string problems;
     const Leftovers found = Inspect(mFiles, false, problems);
-    mFigures.unparsableFiles += !problems.empty();
+    mFaults += !problems.empty();
     std::cout << problems;
-    mFigures.journalsPartial += found.partialJournals;
-    mFigures.journalsComplete += found.completeJournals;
     if (found.completeJournals > 0) KillDuringRecovery();
   }
 
@@ -865,37 +792,31 @@ class CrashRun {
     if (testing_support::WaitUntil([&] { return p.started == 1; }, 10000, 50))
       Sleep(mRandom, 1.2 * p.meanMs[0]);
     Kill(host);
-    ++mFigures.recoveryKills;
-    mFigures.recoveriesFinished += p.returned;
+    ++mRecoveryKills;
     ExpectLocksFree();
   }
 
   // Loads the files through the library and finds which acceptable state they are in.
   bool Check(long lastStarted, long lastReturned) {
-    const std::string kill = "after kill " + std::to_string(mFigures.kills);
+    const std::string kill = "after kill " + std::to_string(mKills);
     const StoreState returned = StateBefore(lastReturned + 1);
     StoreState actual;
     std::string error;
-    if (!LoadFiles(mFiles, mPrefKeys, actual, error)) {
-      ++mFigures.unparsableFiles;
-      return Fail(kill + ": " + error);
-    }
+    if (!LoadFiles(mFiles, mPrefKeys, actual, error)) return Fail(kill + ": " + error);
     std::string atRest;
     Inspect(mFiles, true, atRest);
     if (!atRest.empty()) {
-      ++mFigures.unparsableFiles;
+      ++mFaults;
       std::cout << kill << ":\n" << atRest;
     }
     mModel = actual;
     mNextCall = lastReturned + 1;
     const bool during = lastStarted > lastReturned;
     const Step inFlight = Plan(lastStarted, returned);
-    if (during) ++mFigures.inFlight[inFlight.target];
     if (during && actual != returned && actual == inFlight.after) {
-      ++mFigures.inFlightApplied[inFlight.target];
       mNextCall = lastStarted + 1;
     } else if (actual != returned) {
-      ++mFigures.losses;
+      ++mFaults;
       std::cout << kill
                 << (during ? " during " + Describe(lastStarted, inFlight) : " between calls")
                 << ", the files hold neither acceptable state:\n"
@@ -909,7 +830,6 @@ class CrashRun {
     if (!VantuUpdaterMissingCompsManager().Delete())
       return Fail("the missing-components store could not be reset");
     for (const char* kind : {"comp", "mc"}) mModel.erase(mModel.Begin(kind), mModel.End(kind));
-    ++mFigures.resets;
     return true;
   }
 
@@ -919,41 +839,61 @@ class CrashRun {
   }
 
   const StoreFiles mFiles;
+  const std::string mDecoy = mFiles.prefs + ".newer";
   const std::set<std::string> mPrefKeys = {"crash.k0", "crash.k1", "crash.k2", "crash.k3"};
   std::mt19937_64 mRandom;
   StoreState mModel;
   long mNextCall = 0;
   // The hosts' and the recovering loaders' progress.
   Progress* const mProgress = SharedArray<Progress>(2);
-  Figures mFigures;
+  long mKills = 0;
+  long mRecoveryKills = 0;
+  // Locks outliving their holder, unparsable files or leftovers, states neither acceptable one.
+  long mFaults = 0;
 };
 
 }  // namespace
 
+// An option's value, as given or by default, and the bounds it must lie in.
+struct Option {
+  double value, least, most;
+};
+
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
-  std::map<std::string, double> options = {
-      {"processes", 16}, {"seconds", 30}, {"users", 1}, {"kills", 1000}};
-  unsigned long long seed = 0;
-  if ((mode != "torture" && mode != "crash") || !ParseOptions(argc - 1, argv + 1, options, seed) ||
-      options["processes"] < 1 || options["processes"] > 256 || options["seconds"] <= 0 ||
-      options["users"] < 1 || options["users"] > 3 || options["kills"] < 1) {
+  std::map<std::string, Option> options = {{"processes", {16, 1, 256}},
+                                           {"seconds", {30, 0.001, 1e6}},
+                                           {"users", {1, 1, 3}},
+                                           {"kills", {1000, 1, 1e9}},
+                                           {"seed", {1.0 * std::random_device()(), 0, 1e15}}};
+  bool ok = mode == "torture" || mode == "crash";
+  for (int i = 2; ok && i < argc; i += 2) {
+    const auto option = options.find(StartsWith(argv[i], "--") ? argv[i] + 2 : "");
+    char* end = nullptr;
+    ok = option != options.end() && i + 1 < argc;
+    if (ok) option->second.value = std::strtod(argv[i + 1], &end);
+    ok = ok && *end == '\0' && option->second.value >= option->second.least &&
+         option->second.value <= option->second.most;
+  }
+  if (!ok) {
     std::cerr << "usage: " << argv[0] << " torture [--processes 1-256] [--seconds S] [--users 1-3]"
               << " [--seed X]\n       " << argv[0] << " crash [--kills N] [--seed X]\n";
     return 2;
   }
-  if (mode == "torture" && options["users"] > 1 && !testing_support::CanRunAsOtherUsers()) {
+  const auto value = [&options](const char* name) { return options[name].value; };
+  const auto seed = static_cast<unsigned long long>(value("seed"));
+  std::cout << "seed " << seed << std::endl;
+  if (mode == "torture" && value("users") > 1 && !testing_support::CanRunAsOtherUsers()) {
     std::cout << "skipped: running as several users needs root\n";
     return 77;
   }
   const auto crash = [&] {
     testing_support::UpdaterSandbox sandbox;
-    return CrashRun(PrepareSandbox(sandbox), seed).Run(static_cast<long>(options["kills"]));
+    return CrashRun(PrepareSandbox(sandbox), seed).Run(static_cast<long>(value("kills")));
   };
-  const bool ok = mode == "crash" ? crash()
-                                  : Torture(static_cast<int>(options["processes"]),
-                                            options["seconds"], static_cast<int>(options["users"]),
-                                            seed);
+  ok = mode == "crash" ? crash()
+                       : Torture(static_cast<int>(value("processes")), value("seconds"),
+                                 static_cast<int>(value("users")), seed);
   std::cout << (ok ? "PASS" : "FAIL") << std::endl;
   return ok ? 0 : 1;
 }

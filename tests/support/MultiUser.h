@@ -28,6 +28,9 @@ const UserIdentity& Attacker();        // 65534/65534, no supplementary group
 
 bool CanRunAsOtherUsers();  // the test run is root
 
+// mkdir (or the folder there), then chown and chmod: the umask must not decide the mode.
+bool MakeFolder(const std::string& path, uid_t uid, gid_t gid, mode_t mode, std::string& why);
+
 // Forks a child that drops to `who` as setpriv does (groups, then group, then user; real,
 // effective and saved alike) and runs `body`; 100 when the ids could not be taken. RunAs waits
 // for its exit status, StartAs returns the pid for WaitChild.

@@ -34,16 +34,6 @@ namespace testing_support {
 
 namespace {
 
-// mkdir, then chown and chmod: the umask must not decide the mode.
-bool MakeFolder(const std::string& path, uid_t uid, gid_t gid, mode_t mode, std::string& why) {
-  if ((::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) ||
-      ::chown(path.c_str(), uid, gid) != 0 || ::chmod(path.c_str(), mode) != 0) {
-    why = "folder " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  return true;
-}
-
 const std::vector<UserIdentity>& Cast() {
   static const std::vector<UserIdentity> cast = {{0, 0, {0}},
                                                  {1000, 1000, {AdministratorsGroup()}},
@@ -197,6 +187,15 @@ ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions&
 bool CanChooseGroups() { return geteuid() == 0; }
 
 // ---- Other users
+
+bool MakeFolder(const std::string& path, uid_t uid, gid_t gid, mode_t mode, std::string& why) {
+  if ((::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) ||
+      ::chown(path.c_str(), uid, gid) != 0 || ::chmod(path.c_str(), mode) != 0) {
+    why = "folder " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
 
 gid_t AdministratorsGroup() {
   const group* entry = ::getgrnam("sudo");
