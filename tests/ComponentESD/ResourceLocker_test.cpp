@@ -2,7 +2,6 @@
 // a release that hands the lock to a waiter.
 #include "xplat/ResourceLocker.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -188,18 +187,7 @@ TEST_F(ResourceLockerTest, RefusesWhatIsNotARegularFile) {
 }
 
 // Whether a waiter has announced itself: it holds a shared lock on the lock file's second byte.
-bool SomeoneWaits(const std::string& resource) {
-  const int fd = ::open(LockFilePath(resource).c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  struct flock range {};
-  range.l_type = F_WRLCK;
-  range.l_whence = SEEK_SET;
-  range.l_start = 1;
-  range.l_len = 1;
-  const bool waits = ::fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
-  ::close(fd);
-  return waits;
-}
+bool SomeoneWaits(const std::string& resource) { return LockIsHeld(resource, 1); }
 
 // A lock that others wait for is handed over: a waiter polls once a millisecond, and the
 // releaser, still running, would otherwise take the lock back before the waiter looks again.

@@ -20,8 +20,8 @@
 
 #include "VantuUpdater/VantuUpdater.h"
 #include "support/ChildProcess.h"
-#include "support/FakeUpdaterBundle.h"
 #include "support/TestEnv.h"
+#include "support/UpdaterSandbox.h"
 #include "xplat/ResourceLocker.h"
 #include "xplat/ScopedEnv.h"
 #include "xplat/VantuUpdaterNotifyWorkflowLocker.h"
@@ -38,7 +38,7 @@ const unsigned char* U(const char* text) { return reinterpret_cast<const unsigne
 
 // Runs `body` as root on a fresh machine; skips where none can be made.
 void OnMachine(const std::function<int(const MultiUserMachine&)>& body) {
-  if (!CanRunAsOtherUsers()) GTEST_SKIP() << "other users need a root test run";
+  if (!RunsAsRoot()) GTEST_SKIP() << "other users need a root test run";
   const int status = RunOnMachine(body);
   if (status == kMachineUnavailable) GTEST_SKIP() << "no private machine";
   EXPECT_EQ(0, status) << "-1: the machine's process died of a signal";

@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "support/ChildProcess.h"
-#include "support/FakeUpdaterBundle.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
+#include "support/UpdaterSandbox.h"
 #include "xplat/CKVXVersion.h"
 #include "xplat/ScopedEnv.h"
 #include "xplat/SystemUtils.h"

@@ -883,7 +883,7 @@ int main(int argc, char** argv) {
   const auto value = [&options](const char* name) { return options[name].value; };
   const auto seed = static_cast<unsigned long long>(value("seed"));
   std::cout << "seed " << seed << std::endl;
-  if (mode == "torture" && value("users") > 1 && !testing_support::CanRunAsOtherUsers()) {
+  if (mode == "torture" && value("users") > 1 && !testing_support::RunsAsRoot()) {
     std::cout << "skipped: running as several users needs root\n";
     return 77;
   }

@@ -63,8 +63,9 @@ struct RunOptions {
 // Runs argv[0] (a path) with standard input from /dev/null and collects both output streams.
 ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
 
-// Whether RunOptions::groups can be chosen here (only root may).
-bool CanChooseGroups();
+// Whether the test run is root, the only one who may choose RunOptions::groups or run as other
+// users.
+bool RunsAsRoot();
 
 }  // namespace testing_support
 

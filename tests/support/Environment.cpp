@@ -88,13 +88,14 @@ std::string LockFilePath(const std::string& resourceName) {
   return esd::ResourceLocker::GetLockFilePath(resourceName, path, false) ? path : std::string();
 }
 
-bool LockIsHeld(const std::string& resourceName) {
+bool LockIsHeld(const std::string& resourceName, off_t byte) {
   const int fd = ::open(LockFilePath(resourceName).c_str(),
                         O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd < 0) return false;
   struct flock range {};
   range.l_type = F_WRLCK;
   range.l_whence = SEEK_SET;
+  range.l_start = byte;
   range.l_len = 1;
   const bool held = ::fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type != F_UNLCK;
   ::close(fd);

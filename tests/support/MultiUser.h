@@ -26,8 +26,6 @@ const UserIdentity& AdministratorB();  // 1001/1001, likewise
 const UserIdentity& OrdinaryUser();    // 1002/1002, no supplementary group
 const UserIdentity& Attacker();        // 65534/65534, no supplementary group
 
-bool CanRunAsOtherUsers();  // the test run is root
-
 // mkdir (or the folder there), then chown and chmod: the umask must not decide the mode.
 bool MakeFolder(const std::string& path, uid_t uid, gid_t gid, mode_t mode, std::string& why);
 

@@ -21,7 +21,6 @@
 #include <thread>
 
 #include "support/ChildProcess.h"
-#include "support/FakeUpdaterBundle.h"
 #include "support/MultiUser.h"
 #include "support/TempDir.h"
 #include "support/TestEnv.h"
@@ -184,7 +183,7 @@ ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions&
   return result;
 }
 
-bool CanChooseGroups() { return geteuid() == 0; }
+bool RunsAsRoot() { return ::geteuid() == 0; }
 
 // ---- Other users
 
@@ -208,8 +207,6 @@ const UserIdentity& AdministratorB() { return Cast()[2]; }
 const UserIdentity& OrdinaryUser() { return Cast()[3]; }
 const UserIdentity& Attacker() { return Cast()[4]; }
 
-bool CanRunAsOtherUsers() { return ::geteuid() == 0; }
-
 int RunAs(const UserIdentity& who, const std::function<int()>& body) {
   return WaitChild(StartAs(who, body));
 }
@@ -227,7 +224,7 @@ pid_t StartAs(const UserIdentity& who, const std::function<int()>& body) {
 }
 
 int RunUnprivileged(const std::function<int()>& body) {
-  return CanRunAsOtherUsers() ? RunAs(Attacker(), body) : WaitChild(StartChild(body));
+  return RunsAsRoot() ? RunAs(Attacker(), body) : WaitChild(StartChild(body));
 }
 
 pid_t MultiUserMachine::StartHost(const UserIdentity& who, const std::function<int()>& body) const {
@@ -255,7 +252,7 @@ std::string MultiUserMachine::RuntimeDirOf(const UserIdentity& who) const {
 }
 
 bool MultiUserMachine::Enter(const std::string& folder, std::string& why) {
-  if (!CanRunAsOtherUsers()) {
+  if (!RunsAsRoot()) {
     why = "other users need a root test run";
     return false;
   }

@@ -57,8 +57,9 @@ std::string UniqueResourceName(const std::string& tag);
 // The resource's lock file where the library puts it; empty when there is no folder for it.
 std::string LockFilePath(const std::string& resourceName);
 
-// True while some process holds the resource's lock (asked of the kernel, taking nothing).
-bool LockIsHeld(const std::string& resourceName);
+// True while some process holds the resource's lock (asked of the kernel, taking nothing). Byte 1
+// instead of 0: whether a waiter has announced itself there.
+bool LockIsHeld(const std::string& resourceName, off_t byte = 0);
 
 // Mounts only the calling process and its later children see, gone with the namespace's last
 // process. Enter from a single-threaded process: as root it unshares the mount namespace,

@@ -111,7 +111,7 @@ TEST_F(RozctlTest, LocksShowTheHolderAndBreakLockRemovesLeftovers) {
 // as root makes the folder it reads) the sandbox stays as the first command left it, and nothing
 // outside it is ever created.
 TEST_F(RozctlTest, CommandsPrintTheirAnswersAndExitStatuses) {
-  const bool groups = testing_support::CanChooseGroups();
+  const bool groups = testing_support::RunsAsRoot();
   TempDir outside;
   RunOptions options;
   for (const auto& [variable, name] : {std::pair<const char*, const char*>{"HOME", "home"},
@@ -249,7 +249,7 @@ TEST_F(RozctlTest, CommandsPrintTheirAnswersAndExitStatuses) {
 // The doctor finds a machine installed as it should be healthy, and names each fault with what
 // to do about it.
 TEST_F(RozctlTest, DoctorNamesWhatToFix) {
-  if (!testing_support::CanChooseGroups()) GTEST_SKIP() << "making root's folders needs root";
+  if (!testing_support::RunsAsRoot()) GTEST_SKIP() << "making root's folders needs root";
   const std::string store = "$R/var/lib/Vantu/Updater5/VantuESDGlobalApps.xml";
   const struct {
     std::string fault;  // a command run with the sandbox's root as $R; empty: healthy
@@ -294,7 +294,7 @@ TEST_F(RozctlTest, DoctorNamesWhatToFix) {
 // records today's date and consumes the launch request; download mode takes every pending request
 // out of the store; the last unregistration starts a clean-up.
 TEST_F(RozctlTest, ReferenceUpdaterAnswersActsChecksAndCleansUp) {
-  if (!testing_support::CanChooseGroups())
+  if (!testing_support::RunsAsRoot())
     GTEST_SKIP() << "the library starts the updater for administrators only; needs root";
   const std::string bundle =
       mRoot.path() + "/opt/Vantu Utilities.localized/Vantu Updater5/Vantu Updater.app";
