@@ -30,17 +30,7 @@ using namespace FileSystemUtils;
 using esd::XMLDocumentNode;
 using Builder = esd::ExpatDOMBuilder<XMLDocumentNode>;
 using Names = std::set<std::string>;
-using testing_support::FaultyEnv;
-using testing_support::FileOp;
-using testing_support::kUnprivilegedGid;
-using testing_support::kUnprivilegedUid;
-using testing_support::LockFileGuard;
-using testing_support::LockIsHeld;
-using testing_support::ReadFile;
-using testing_support::RunUnprivileged;
-using testing_support::TempDir;
-using testing_support::UniqueResourceName;
-using testing_support::WriteFile;
+using namespace testing_support;
 
 const std::string kDecl = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n";
 
@@ -63,13 +53,12 @@ void MakeFile(const std::string& path, const std::string& bytes, mode_t mode = 0
 }
 
 // A fresh folder, under a umask that would show any bits a function forgets to set.
-class FreshFolder : public ::testing::Test {
+class FileSystemUtilsTest : public ::testing::Test {
  protected:
-  ~FreshFolder() override { ::umask(oldMask); }
+  ~FileSystemUtilsTest() override { ::umask(oldMask); }
   const mode_t oldMask = ::umask(077);
   TempDir dir;
 };
-class FileSystemUtilsTest : public FreshFolder {};
 
 // The kernel's exchange refused, as on file systems without it: the swap goes by renames.
 int NoExchange(FileOp op, int, const std::string&) { return op == FileOp::kExchange ? EINVAL : 0; }
@@ -84,16 +73,6 @@ TEST(FileSystemUtilsPaths, SplitAndJoinAtTheEdges) {
   const char* const kJoined[][3] = {
       {"/x/", "/y", "/x/y"}, {"/x", "y", "/x/y"}, {"/x/", "//y", "/x//y"}, {"/", "y", "/y"}};
   for (const auto& row : kJoined) EXPECT_EQ(row[2], AppendPathElement(row[0], row[1])) << row[1];
-}
-
-// SetFilePermission only adds bits, never takes any away.
-TEST_F(FileSystemUtilsTest, PermissionsAreOnlyAdded) {
-  MakeFile(dir / "f", "x", 0640);
-  for (const mode_t added : {0004, 0600}) {
-    EXPECT_TRUE(SetFilePermission(dir / "f", added));
-    EXPECT_EQ(0644u, ModeOf(dir / "f")) << added;
-  }
-  EXPECT_FALSE(SetFilePermission(dir / "missing", 0666));
 }
 
 // A new file gets exactly its bits whatever the umask; a name already taken (a link included)
@@ -122,35 +101,26 @@ TEST_F(FileSystemUtilsTest, CreateFileWith) {
   EXPECT_EQ(before, ListFolder(dir.path()));
 }
 
+// A folder is not made over a file, nor below one. A tree goes whole, read-only files inside
+// included; a link is removed, never what it points to, a dangling one too though it does not
+// exist. (A file refused by its own bits is the journaled file's deletion test.)
 TEST_F(FileSystemUtilsTest, DeleteLocalFileAndFoldersOverFiles) {
-  // A folder is not made over a file, nor below one.
-  EXPECT_TRUE(DeleteLocalFile(dir / "missing"));
   MakeFile(dir / "plain", "x");
-  EXPECT_TRUE(CreateLocalDirectory(dir.path()));
-  EXPECT_FALSE(CreateLocalDirectory(dir / "plain"));
-  EXPECT_FALSE(CreateLocalDirectory(dir / "plain/below"));
-  EXPECT_TRUE(DeleteLocalFile(dir / "plain"));
-  EXPECT_FALSE(DoesPathExist(dir / "plain"));
-
-  // (A file refused by its own bits is the journaled file's deletion test.)
-  // A tree goes whole, read-only files inside included.
   ASSERT_TRUE(CreateLocalDirectory(dir / "tree/a/b"));
   MakeFile(dir / "tree/a/b/f", "x", 0444);
-  EXPECT_TRUE(DeleteLocalFile(dir / "tree"));
-  EXPECT_FALSE(DoesPathExist(dir / "tree"));
-
-  // A link is removed, never what it points to; a dangling one does not exist but is removed.
   ASSERT_TRUE(CreateLocalDirectory(dir / "target"));
   MakeFile(dir / "target/f", "x");
   ASSERT_EQ(0, ::symlink((dir / "target").c_str(), (dir / "link").c_str()));
   ASSERT_EQ(0, ::symlink((dir / "gone").c_str(), (dir / "dangling").c_str()));
-  EXPECT_TRUE(DoesPathExist(dir / "link"));
-  EXPECT_FALSE(DoesPathExist(dir / "dangling"));
-  EXPECT_FALSE(DoesPathExist(dir / "target/f/below"));
-  EXPECT_TRUE(DeleteLocalFile(dir / "link"));
+  const std::pair<const char*, bool> kMade[] = {{"", true}, {"plain", false}, {"plain/below", false}};
+  for (const auto& [name, made] : kMade) EXPECT_EQ(made, CreateLocalDirectory(dir / name)) << name;
+  const std::pair<const char*, bool> kExists[] = {
+      {"link", true}, {"dangling", false}, {"target/f/below", false}};
+  for (const auto& [name, exists] : kExists) EXPECT_EQ(exists, DoesPathExist(dir / name)) << name;
+  for (const char* name : {"missing", "plain", "tree", "link", "dangling"})
+    EXPECT_TRUE(DeleteLocalFile(dir / name)) << name;
+  EXPECT_EQ(Names{"target"}, ListFolder(dir.path()));  // access() would follow the dangling link
   EXPECT_EQ("x", ReadFile(dir / "target/f"));
-  EXPECT_TRUE(DeleteLocalFile(dir / "dangling"));
-  EXPECT_EQ(0u, ListFolder(dir.path()).count("dangling"));  // access() would follow the link
 }
 
 // A stranger to a file needs its other-write bit to delete it, even in a world-writable folder.
@@ -193,6 +163,11 @@ TEST_F(FileSystemUtilsTest, CopyLocalFile) {
   EXPECT_TRUE(CopyLocalFile(dir / "src", dir / "dst"));
   EXPECT_EQ(big, ReadFile(dir / "dst"));
   EXPECT_EQ(0640u, ModeOf(dir / "dst"));
+  for (const mode_t added : {0004, 0600}) {  // SetFilePermission only adds bits, never takes any
+    EXPECT_TRUE(SetFilePermission(dir / "dst", added));
+    EXPECT_EQ(0644u, ModeOf(dir / "dst")) << added;
+  }
+  EXPECT_FALSE(SetFilePermission(dir / "missing", 0666));
 
   // An existing writable destination is replaced; a read-only one or a folder is kept.
   MakeFile(dir / "old", "old", 0600);
@@ -214,7 +189,7 @@ TEST_F(FileSystemUtilsTest, CopyLocalFile) {
   EXPECT_EQ(before, ListFolder(dir.path()));
 }
 
-class ExchangeFilesTest : public FreshFolder {
+class ExchangeFilesTest : public FileSystemUtilsTest {
  protected:
   void SetUp() override {
     MakeFile(a, "content A");
@@ -229,9 +204,8 @@ class ExchangeFilesTest : public FreshFolder {
   const Names kBoth{"a.xml", "a.xml_"};
 };
 
-// The renames where the kernel refuses the exchange swap with no leftovers (the kernel's own is
-// every save's), through the last of 32 temporary names and no further; two names of one file
-// stay as they are.
+// Without the kernel's exchange (every save's) renames swap with no leftovers, through the 32nd
+// temporary name and no further; two names of one file stay as they are.
 TEST_F(ExchangeFilesTest, SwapsByRenames) {
   FaultyEnv refuse(NoExchange);
   EXPECT_TRUE(ExchangeFiles(a, b));
@@ -333,17 +307,16 @@ class TestStore : public JournaledXMLLockedFile {
   bool saveInsideLoad = false;
 };
 
-// A store file in a fresh folder, its lock file removed afterwards.
-class JournaledStore : public FreshFolder {
+// A store or preference file in a fresh folder, the store's lock file removed afterwards.
+class JournaledStore : public FileSystemUtilsTest {
  protected:
   const std::string path = dir / "Store.xml";
   LockFileGuard guard{path};
 };
 
-// A whole journal ("Store.xml_") is the store, replacing the file if there is one; one cut short
-// loses to the file, or gives an empty store without one, and the next save clears it away,
-// whatever the old file's bits, leaving the file with the owner's. (Journals cut at every byte
-// are the store fuzzers' case.)
+// A whole journal ("Store.xml_") replaces the file; a cut one loses to the file (or gives an empty
+// store) and the next save clears it, whatever the old file's bits, leaving the owner's. (Cuts at
+// every byte are the store fuzzers'.)
 TEST_F(JournaledStore, WholeJournalsWinAndCutOnesLose) {
   const std::string newText = StoreText("new");
   for (const bool withFile : {false, true}) {
@@ -365,10 +338,9 @@ TEST_F(JournaledStore, WholeJournalsWinAndCutOnesLose) {
   }
 }
 
-// A missing store loads empty and creates nothing, and an empty tree is not saved (a lone
-// declaration would never load again); Delete takes file and journal, but not a file whose own
-// write bit is missing (root included); a new path takes the file along (not the journal), and
-// a path in a missing folder is refused.
+// A missing store loads empty and creates nothing; an empty tree is not saved (a lone declaration
+// would never load again). Delete takes file and journal, not a file missing its own write bit
+// (root included); a new path takes the file along, not the journal; a missing folder is refused.
 TEST_F(JournaledStore, EmptyStoresDeletionAndMoves) {
   Builder builder;
   JournaledXMLFile file(builder);
@@ -399,11 +371,10 @@ TEST_F(JournaledStore, EmptyStoresDeletionAndMoves) {
   EXPECT_EQ(StoreText("kept"), ReadFile(dir / "Second.xml"));
 }
 
-// Operations on their own take the lock and give it back, and nest inside it (a save from inside
-// the load); a stale lock is broken with force; destroying the store releases it. A tree from
-// before a failed load is never saved over the file; unusual text goes through. (Callers that
-// hold the lock across load and save are the torture's; damaged files, and raw attribute text
-// that would not load again, the registration store fuzzer's.)
+// Operations take the lock and give it back, and nest inside it (a save inside the load); a stale
+// lock is broken with force; destroying the store releases it. A tree from before a failed load is
+// never saved over the file; unusual text goes through. (Callers holding the lock across load and
+// save are the torture's; damaged files and raw attribute text, the registration store fuzzer's.)
 TEST_F(JournaledStore, LocksAndStaleTrees) {
   WriteFile(path, StoreText("first"));
   TestStore store(path, 20);
@@ -431,10 +402,9 @@ TEST_F(JournaledStore, LocksAndStaleTrees) {
   store.SetValue("a>b 'c'");
   EXPECT_TRUE(store.Save());
   EXPECT_EQ(StoreText("a>b 'c'"), ReadFile(path));
-  {
-    TestStore holder(path);
-    ASSERT_TRUE(holder.Lock());
-  }
+  auto holder = std::make_unique<TestStore>(path);
+  ASSERT_TRUE(holder->Lock());
+  holder.reset();
   EXPECT_FALSE(LockIsHeld(path));
 }
 
@@ -457,17 +427,12 @@ std::optional<T> Read(esd::PrefsWriter& writer, const std::string& key, T missin
   return writer.GetPref<T>(key, value, missing) ? std::optional<T>(value) : std::nullopt;
 }
 
-// A preference file in a fresh folder.
-class PrefsWriterTest : public FreshFolder {
- protected:
-  const std::string path = dir / "prefs.dat";
-};
+using PrefsWriterTest = JournaledStore;
 
 // A missing file reads as defaults and is not created by reading; a set writes the whole file in
-// the one text form other processes parse. Values read back only from text that converts whole
-// (whose rules are the conversion tests'), and an empty string reads as the default. An empty
-// path raises its fixed error. (Text and map entries that round-trip, that the file cannot hold,
-// and broken map entries are the fuzzer's.)
+// the one text form other processes parse. Only text that converts whole reads back; an empty
+// string reads as the default; an empty path raises its fixed error. (Round trips, text the file
+// cannot hold and broken map entries are the fuzzer's.)
 TEST_F(PrefsWriterTest, FileFormatAndValueConversions) {
   esd::PrefsWriter writer(path, "Root");
   EXPECT_EQ(42, Read<int>(writer, "Count", 42));
@@ -511,10 +476,9 @@ TEST_F(PrefsWriterTest, FileFormatAndValueConversions) {
   EXPECT_EQ(kDecl + "<Root>\n<Mine>1</Mine>\n</Root>\n", ReadFile(path));
 }
 
-// Two writers with locks on one file: each operation sees the other's last set, even when sets
-// follow each other faster than the file system clock ticks or the file's time lies ahead.
-// Behind their backs, a file that no longer parses reads as defaults (no exception) and is
-// replaced whole by the next set. (A deleted file is the lock-held test's case.)
+// Two writers with locks on one file see each other's last set, even faster than the file system
+// clock ticks or with the file's time ahead. A file broken behind their backs reads as defaults
+// (no exception) and the next set replaces it whole. (A deleted file is the lock-held test's.)
 TEST_F(PrefsWriterTest, LockedWritersSeeEachOthersSets) {
   const std::string resource = UniqueResourceName("prefs");
   LockedWriter a(path, resource), other(path, resource);
@@ -552,13 +516,12 @@ TEST_F(PrefsWriterTest, LockHeldElsewhere) {
   auto other = std::make_unique<esd::ResourceLocker>(resource, 0);
   ASSERT_TRUE(other->Lock());
   int number = 77;
-  EXPECT_FALSE(writer.GetPref<int>("N", number, 5));
-  EXPECT_EQ(77, number);
   std::map<std::string, bool> read{{"untouched", true}};
-  EXPECT_FALSE(map.Get(read));
+  EXPECT_FALSE(writer.GetPref<int>("N", number, 5) || map.Get(read) || writer.SetPref<int>("N", 2) ||
+               map.Set({{"x", false}}) || writer.Save() || writer.DeleteAllPrefs() ||
+               writer.LockPrefs());
+  EXPECT_EQ(77, number);
   EXPECT_EQ(1u, read.count("untouched"));
-  EXPECT_FALSE(writer.SetPref<int>("N", 2) || map.Set({{"x", false}}) || writer.Save() ||
-               writer.DeleteAllPrefs() || writer.LockPrefs());
   WriteFile(dir / "broken.dat", "not xml");
   EXPECT_NO_THROW(writer.SetPrefsPath(dir / "broken.dat"));
   EXPECT_NO_THROW(writer.SetPrefsPath(path));
