@@ -123,9 +123,8 @@ TEST_F(FileSystemUtilsTest, DeleteLocalFileAndFoldersOverFiles) {
   EXPECT_EQ("x", ReadFile(dir / "target/f"));
 }
 
-// A stranger to a file needs its other-write bit to delete it, even in a world-writable folder.
-// Every folder level created takes the bits of the folder it was made in, whatever the umask;
-// root gives it the parent's owner and group too, and a user who cannot still gets the folders.
+// A stranger needs a file's other-write bit to delete it, even in a world-writable folder. New
+// folder levels take their parent's bits whatever the umask (and, under root, owner and group).
 TEST_F(FileSystemUtilsTest, OtherUsersFilesAndFolders) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs files owned by another user";
   ASSERT_EQ(0, ::chmod(dir.path().c_str(), 0777));
@@ -233,23 +232,10 @@ TEST_F(ExchangeFilesTest, SwapsByRenames) {
   EXPECT_FALSE(ExchangeFiles(a, dir / "neither"));
 }
 
-// When the third move fails and so does its first undo move, the swap stops, but both contents
-// still exist on disk. (A failed move that is undone is the fault-injection suite's case.)
-TEST_F(ExchangeFilesTest, FailedUndoLosesNothing) {
-  FaultyEnv fail([](FileOp op, int before, const std::string&) {
-    return op == FileOp::kRename && (before == 2 || before == 3) ? EIO : NoExchange(op, before, "");
-  });
-  EXPECT_FALSE(ExchangeFiles(a, b));
-  std::multiset<std::string> contents;
-  for (const std::string& name : ListFolder(dir.path())) contents.insert(ReadFile(dir / name));
-  EXPECT_EQ((std::multiset<std::string>{"content A", "content B"}), contents);
-  // The parked original of a is left under the temporary name for a later repair.
-  EXPECT_EQ("content A", ReadFile(dir / "TempSwap.0"));
-}
-
-// Moves between file systems (where the kernel refuses the exchange too) copy, with the bits,
-// then delete; an undeletable source cancels the move.
-TEST_F(ExchangeFilesTest, MovesAcrossFileSystemsCopyThenDelete) {
+// Moves between file systems (no exchange there either) copy, with the bits, then delete; an
+// undeletable source cancels the move. A failed third rename whose undo fails too stops the swap
+// with both contents on disk. (An undone failed rename is the fault-injection suite's case.)
+TEST_F(ExchangeFilesTest, CrossDeviceMovesAndFailedUndo) {
   ASSERT_EQ(0, ::chmod(b.c_str(), 0640));
   {
     FaultyEnv crossDevice([](FileOp op, int before, const std::string&) {
@@ -268,6 +254,15 @@ TEST_F(ExchangeFilesTest, MovesAcrossFileSystemsCopyThenDelete) {
   }
   EXPECT_FALSE(DoesPathExist(dir / "moved"));
   EXPECT_EQ("content B", ReadFile(a));
+
+  FaultyEnv fail([](FileOp op, int before, const std::string&) {
+    return op == FileOp::kRename && (before == 2 || before == 3) ? EIO : NoExchange(op, before, "");
+  });
+  EXPECT_FALSE(ExchangeFiles(a, b));
+  std::multiset<std::string> contents;
+  for (const std::string& name : ListFolder(dir.path())) contents.insert(ReadFile(dir / name));
+  EXPECT_EQ((std::multiset<std::string>{"content A", "content B"}), contents);
+  EXPECT_EQ("content B", ReadFile(dir / "TempSwap.0"));  // a's, parked for a later repair
 }
 
 std::string StoreText(const std::string& value) {
@@ -380,8 +375,7 @@ TEST_F(JournaledStore, LocksAndStaleTrees) {
   TestStore store(path, 20);
   int saveFlag = 1;
   ASSERT_TRUE(store.Load(&saveFlag));  // saves from inside the load, under the same lock
-  EXPECT_TRUE(store.lockHeldDuringLoad);
-  EXPECT_TRUE(store.saveInsideLoad);
+  EXPECT_TRUE(store.lockHeldDuringLoad && store.saveInsideLoad);
   EXPECT_FALSE(store.HasLock());
   EXPECT_FALSE(LockIsHeld(path));
   store.SetValue("stale");
@@ -481,11 +475,11 @@ TEST_F(PrefsWriterTest, FileFormatAndValueConversions) {
 // (no exception) and the next set replaces it whole. (A deleted file is the lock-held test's.)
 TEST_F(PrefsWriterTest, LockedWritersSeeEachOthersSets) {
   const std::string resource = UniqueResourceName("prefs");
-  LockedWriter a(path, resource), other(path, resource);
-  esd::PrefsWriter& b = other.writer;
+  LockedWriter one(path, resource), two(path, resource);
+  esd::PrefsWriter &a = one.writer, &b = two.writer;
   for (int i = 0; i < 200; ++i) {
-    ASSERT_TRUE(((i % 2) ? a.writer : b).SetPref<int>("Counter", i));
-    ASSERT_EQ(i, Read<int>((i % 2) ? b : a.writer, "Counter")) << "a set was missed";
+    ASSERT_TRUE(((i % 2) ? a : b).SetPref<int>("Counter", i));
+    ASSERT_EQ(i, Read<int>((i % 2) ? b : a, "Counter")) << "a set was missed";
   }
   WriteFile(path, "garbage <<<");
   EXPECT_EQ(-1, Read<int>(b, "Counter", -1));
@@ -496,7 +490,7 @@ TEST_F(PrefsWriterTest, LockedWritersSeeEachOthersSets) {
   std::filesystem::last_write_time(path,
                                    std::filesystem::last_write_time(path) + std::chrono::hours(1));
   ASSERT_EQ(199, Read<int>(b, "Counter"));
-  ASSERT_TRUE(a.writer.SetPref<int>("Counter", 500));
+  ASSERT_TRUE(a.SetPref<int>("Counter", 500));
   EXPECT_EQ(500, Read<int>(b, "Counter"));
   EXPECT_FALSE(LockIsHeld(resource));
 }
