@@ -716,7 +716,7 @@ class CrashRun {
     if (p.wrong >= 0) {
       const Step step = Plan(p.wrong, StateBefore(p.wrong));
       return Fault(Describe(p.wrong, step) + " gave " + std::to_string(p.result) + ", expected " +
-                  std::to_string(step.expected) + "\n");
+                   std::to_string(step.expected) + "\n");
     }
     // Ten seconds without a call starting: a lock that outlived a host, or a hang.
     if (!started) return Fault("the host stalled before call " + std::to_string(victim) + "\n");
