@@ -1,21 +1,18 @@
-// Reliability harnesses, which model what the hosts' successful calls must have left in the
-// three shared files and load the files back through the library to compare (exit status 0 on
-// success, 77 when skipped):
+// Reliability harnesses: they model what the hosts' successful calls left in the three shared
+// files and load them back through the library to compare (exit 0 on success, 77 when skipped):
 //
 //   ReliabilityHarness torture [--processes N] [--seconds S] [--seed X] [--users U]
 //   ReliabilityHarness crash [--kills N] [--seed X]
 //
-// Torture: host processes call the exports at once on one sandboxed machine (with --users 2 or
-// 3, as root, as that many administrators sharing the machine-wide store). Each owns its
-// identifiers and keys: a save from a stale tree, a lock that fails to exclude or a skipped
-// reload shows as a difference from its model; every call must give its expected result.
+// Torture: hosts call the exports at once on one sandboxed machine (--users 2 or 3: as that many
+// administrators sharing the machine-wide store), each on its own identifiers and keys, so a
+// stale save, a lock failing to exclude or a skipped reload shows against its model.
 //
-// Crash: a host is killed (SIGKILL) at random moments of its saves; after each kill no lock may
-// be held (nothing is repaired) and the files, loaded through the library (which recovers an
-// interrupted save's journal), must hold every change whose call had returned. The host's calls
-// are planned from the call's number and the files' content, and it shares the last call it
-// started and the last that returned, so the harness knows the two acceptable states exactly and
-// the next host carries on from the one it finds. A load recovering a journal is killed too.
+// Crash: a host is SIGKILLed at random moments of its saves; then no lock may be held and the
+// files, loaded through the library (recovering a journal), must hold every returned change.
+// Calls are planned from their number and the files' content, and the host shares the last call
+// started and returned, so the harness knows the two acceptable states and the next host carries
+// on from the one it finds. A load recovering a journal is killed too.
 
 #include <signal.h>
 #include <sys/mman.h>
@@ -77,10 +74,9 @@ struct StoreFiles {
   std::string registry, missingComps, prefs;
 };
 
-// One entry per item, keyed "<kind>\t<owner>[\t...]": "reg" (display name and install path) and
-// "mc" (display name, install path, operation type) by application identifier, "comp" by
-// identifier, category, name and version (no value), "pref" (a scalar preference) and "msg" (an
-// entry of the "NotificationMessage" map preference) by key. Values are tab-separated.
+// One entry per item, keyed "<kind>\t<owner>[\t...]", values tab-separated: by application
+// "reg" (name, path) and "mc" (name, path, type), "comp" by application, category, name and
+// version (no value); by key "pref" and "msg" (an entry of the "NotificationMessage" map).
 struct StoreState : std::map<std::string, std::string> {
   static std::string Key(const std::string& kind, const std::string& owner) {
     return kind + "\t" + owner;
@@ -114,9 +110,8 @@ struct StoreState : std::map<std::string, std::string> {
   }
 };
 
-// What interrupted saves leave beside the files: journals that do not parse (every load ignores
-// them) or do (the next load takes them for an interrupted save), temporaries of the preferences
-// file (the next locked save sweeps them) and "TempSwap." objects of an exchange.
+// What interrupted saves leave: journals, unparsable (ignored) or complete (recovered by the next
+// load), preference temporaries (swept by the next save) and "TempSwap." objects of an exchange.
 struct Leftovers {
   size_t partialJournals = 0, completeJournals = 0, prefsTemporaries = 0, swapObjects = 0;
 };
@@ -148,59 +143,6 @@ std::string ComponentKey(const std::string& appID, const MissingComponent& c) {
   return StoreState::Key("comp", appID) + "\t" + c.category + "\t" + c.name + "\t" + c.version;
 }
 
-bool LoadRegistered(StoreState& out) {
-  // The entries point into the store's tree: the store must outlive them.
-  VantuUpdaterRegistrationManager store;
-  std::list<VantuUpdaterRegisteredApp> apps;
-  bool ok = store.GetRegisteredApps(apps);
-  for (const VantuUpdaterRegisteredApp& app : apps) {
-    std::string appID, name, path;
-    ok = ok && app.GetappID(appID) && app.GetDisplayName(name) && app.GetInstallPath(path) &&
-         out.emplace(StoreState::Key("reg", appID), name + "\t" + path).second;
-  }
-  return ok;
-}
-
-bool LoadMissing(StoreState& out) {
-  VantuUpdaterMissingCompsManager store;
-  std::list<VantuUpdaterMissingCompsApp> apps;
-  bool ok = store.GetMissingCompsApps(apps);
-  for (VantuUpdaterMissingCompsApp& app : apps) {
-    std::string appID, name, path;
-    int type = 0;
-    std::list<VantuUpdaterAMissingComponent> components;
-    ok = ok && app.GetAppID(appID) && app.GetDisplayName(name) && app.GetInstallPath(path) &&
-         app.GetOperationType(type) && app.GetMissingComponents(components) &&
-         out.emplace(StoreState::Key("mc", appID), name + "\t" + path + "\t" + std::to_string(type))
-             .second;
-    for (const VantuUpdaterAMissingComponent& component : components) {
-      MissingComponent c;
-      FileSystemVersion version("0");
-      ok = ok && component.Getcategory(c.category) && component.Getname(c.name) &&
-           component.Getversion(version);
-      c.version = version.ToString();
-      ok = ok && out.emplace(ComponentKey(appID, c), "").second;
-    }
-  }
-  return ok;
-}
-
-bool LoadPrefs(const std::string& path, const std::set<std::string>& keys, StoreState& out) {
-  // No lock installed: the file is read once, which is all a reader at rest needs.
-  esd::PrefsWriter reader(path, "VantuUpdater");
-  for (const std::string& key : keys) {
-    std::string value;
-    if (!reader.GetPref<std::string>(key, value, std::string())) return false;
-    if (!value.empty()) out[StoreState::Key("pref", key)] = value;
-  }
-  esd::MapPref<std::string, std::string> messages("NotificationMessage");
-  messages.SetPrefsFile(&reader);
-  std::map<std::string, std::string> entries;
-  if (!messages.Get(entries)) return false;
-  for (const auto& [key, value] : entries) out[StoreState::Key("msg", key)] = value;
-  return true;
-}
-
 // Loads the files through the library's own classes in the Env installed now, so that an
 // interrupted save's journal is recovered as a host would; reads the preferences `prefKeys`.
 // Fails on an item the files hold twice.
@@ -209,9 +151,47 @@ bool LoadFiles(const StoreFiles& files, const std::set<std::string>& prefKeys, S
   out = StoreState();
   error.clear();
   try {
-    if (!LoadRegistered(out)) error = "the registered-applications store did not load whole";
-    if (error.empty() && !LoadMissing(out)) error = "the missing-components store did not load";
-    if (error.empty() && !LoadPrefs(files.prefs, prefKeys, out)) error = "preferences unread";
+    // The entries point into the stores' trees: the stores must outlive them.
+    VantuUpdaterRegistrationManager registry;
+    VantuUpdaterMissingCompsManager requests;
+    std::list<VantuUpdaterRegisteredApp> registered;
+    std::list<VantuUpdaterMissingCompsApp> apps;
+    bool ok = registry.GetRegisteredApps(registered) && requests.GetMissingCompsApps(apps);
+    for (const VantuUpdaterRegisteredApp& app : registered) {
+      std::string appID, name, path;
+      ok = ok && app.GetappID(appID) && app.GetDisplayName(name) && app.GetInstallPath(path) &&
+           out.emplace(StoreState::Key("reg", appID), name + "\t" + path).second;
+    }
+    for (VantuUpdaterMissingCompsApp& app : apps) {
+      std::string appID, name, path;
+      int type = 0;
+      std::list<VantuUpdaterAMissingComponent> components;
+      ok = ok && app.GetAppID(appID) && app.GetDisplayName(name) && app.GetInstallPath(path) &&
+           app.GetOperationType(type) && app.GetMissingComponents(components) &&
+           out.emplace(StoreState::Key("mc", appID),
+                       name + "\t" + path + "\t" + std::to_string(type)).second;
+      for (const VantuUpdaterAMissingComponent& component : components) {
+        MissingComponent c;
+        FileSystemVersion version("0");
+        ok = ok && component.Getcategory(c.category) && component.Getname(c.name) &&
+             component.Getversion(version);
+        c.version = version.ToString();
+        ok = ok && out.emplace(ComponentKey(appID, c), "").second;
+      }
+    }
+    // No preference lock installed: the file is read once, all a reader at rest needs.
+    esd::PrefsWriter reader(files.prefs, "VantuUpdater");
+    for (const std::string& key : prefKeys) {
+      std::string value;
+      ok = ok && reader.GetPref<std::string>(key, value, std::string());
+      if (!value.empty()) out[StoreState::Key("pref", key)] = value;
+    }
+    esd::MapPref<std::string, std::string> messages("NotificationMessage");
+    messages.SetPrefsFile(&reader);
+    std::map<std::string, std::string> entries;
+    ok = ok && messages.Get(entries);
+    for (const auto& [key, value] : entries) out[StoreState::Key("msg", key)] = value;
+    if (!ok) error = "the files did not load whole, or held an item twice";
   } catch (const std::exception& e) {
     error = std::string("loading threw: ") + e.what();
   }
@@ -230,12 +210,10 @@ Leftovers Inspect(const StoreFiles& files, bool atRest, std::string& problems) {
   std::set<fs::path> folders;
   for (const std::string& path : {files.registry, files.missingComps, files.prefs}) {
     if (::access(path.c_str(), F_OK) == 0 && !Parses(path)) problems += path + " does not parse\n";
+    // Only the stores save through a journal.
+    if (::access((path + "_").c_str(), F_OK) == 0)
+      ++(Parses(path + "_") ? found.completeJournals : found.partialJournals);
     folders.insert(fs::path(path).parent_path());
-  }
-  for (const std::string& store : {files.registry, files.missingComps}) {
-    const std::string journal = store + "_";
-    if (::access(journal.c_str(), F_OK) == 0)
-      ++(Parses(journal) ? found.completeJournals : found.partialJournals);
   }
   const std::string temporary = fs::path(files.prefs).filename().string() + ".new";
   for (const fs::path& folder : folders) {
@@ -337,8 +315,8 @@ struct Call {
   std::string Item() const { return op == kTrigger ? "Launch" : appID; }
 };
 
-// Makes the sandbox's user an administrator with the updater installed (launches counted, not
-// run); returns where its files lie.
+// Makes the sandbox's user an administrator with the updater installed; returns where its files
+// lie.
 StoreFiles PrepareSandbox(testing_support::UpdaterSandbox& sandbox) {
   sandbox.env().SetGroups({"admin"});
   sandbox.InstallUpdater();
@@ -382,9 +360,8 @@ class Worker {
     }
   }
 
-  // Once every worker is done, whether the files hold what the model holds, leaving out what a
-  // failed call touched. Every call that started the updater must have launched it once, and an
-  // unregistration may have (when it left the store empty, which depends on the others).
+  // Once all are done, whether the files hold its model, less what failed calls touched. Each call
+  // that starts the updater launched it once; an unregistration may have (if it emptied the store).
   void Compare(const StoreFiles& files, size_t launches) {
     const unsigned long least = mSucceeded[kDownload] + mSucceeded[kTrigger];
     const unsigned long most = least + mSucceeded[kUnregister];
@@ -581,34 +558,32 @@ bool Torture(int processes, double seconds, int userCount, unsigned long long se
   // A worker that hung or could not load the files did not compare them either.
   crashed = std::max(crashed, processes - static_cast<int>(totals.compared));
 
-  // Every file parses, nothing is left over, and each user's "Launch" is what its triggers left.
+  // Every file loads and parses, nothing is left over, and each user's "Launch" is what its
+  // triggers left.
   std::string error, atRest;
-  bool loaded = true;
-  size_t lost = totals.lost, leftovers = 0;
+  size_t leftovers = 0;
   for (size_t u = 0; u < users.size(); ++u) {
     const User& user = users[u];
     UseFoldersOf(sandbox, user);
     StoreState actual;
-    loaded = LoadFiles(user.files, {"Launch"}, actual, error) && loaded;
+    if (!LoadFiles(user.files, {"Launch"}, actual, error))
+      atRest += "loading the files failed: " + error + "\n";
     const Leftovers left = Inspect(user.files, true, atRest);
     leftovers += left.partialJournals + left.prefsTemporaries;
     const std::string wanted = totals.manual[u] > 0      ? "Manual"
                                : totals.scheduled[u] > 0 ? "Scheduled"
                                                          : "";
     const std::string launch = actual[StoreState::Key("pref", "Launch")];
-    if (launch != wanted) {
-      ++lost;
-      std::cout << "\"Launch\" is \"" << launch << "\", expected \"" << wanted << "\"\n";
-    }
+    if (launch != wanted)
+      atRest += "\"Launch\" is \"" + launch + "\", expected \"" + wanted + "\"\n";
   }
-  if (!loaded) std::cout << "loading the files failed: " << error << "\n";
   std::cout << atRest;
 
-  std::printf("%d processes as %d user(s), %.1f s (%s locks): %lu calls, %lu failed, %zu items lost"
+  std::printf("%d processes as %d user(s), %.1f s (%s locks): %lu calls, %lu failed, %lu items lost"
               " or wrong, %d workers crashed, %zu leftovers\n",
               processes, userCount, seconds, isolated ? "private" : "shared", totals.calls.load(),
-              totals.failures.load(), lost, crashed, leftovers);
-  return crashed == 0 && totals.failures == 0 && loaded && lost == 0 && atRest.empty() &&
+              totals.failures.load(), totals.lost.load(), crashed, leftovers);
+  return crashed == 0 && totals.failures == 0 && totals.lost == 0 && atRest.empty() &&
          leftovers == 0 && totals.calls > 0;
 }
 
@@ -628,9 +603,9 @@ struct Step {
   StoreState after;
 };
 
-// Call number n, planned from the state before it. Calls take turns among the three files.
-// The registered applications go through phases of mostly registering and of draining the
-// store to nothing, so saves that create, grow, shrink and delete the file all get killed.
+// Call number n, planned from the state before it; calls take turns among the three files. The
+// registrations alternate phases of growth and of draining to nothing, so that every kind of save
+// (create, grow, shrink, delete) gets killed.
 Step Plan(long n, const StoreState& before) {
   Step s{static_cast<Target>(n % kTargets), Call(kRegister), 0, {}};
   Call& c = s.call;
@@ -666,22 +641,19 @@ std::string Describe(long n, const Step& step) {
          step.call.Item() + ")";
 }
 
-// What a host shares with the harness, in memory mapped before the fork (a kill cannot tear a
-// word): the last call started and returned, a call that gave a wrong result and that result,
-// and how long calls on each file have taken lately.
+// What a host shares with the harness in memory mapped before the fork (a kill tears no word):
+// the last call started and returned, a wrong result and its call, recent call times per file.
 struct Progress {
   std::atomic<long> started, returned, wrong, result;
   std::atomic<double> meanMs[kTargets];
 };
 
-void Kill(pid_t pid) {
+// Kills `pid` at a uniform moment of the next `maxMs`.
+void KillWithin(pid_t pid, std::mt19937_64& random, double maxMs) {
+  const double delay = std::uniform_real_distribution<double>(0, 1)(random) * maxMs;
+  std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay));
   ::kill(pid, SIGKILL);
   testing_support::WaitChild(pid);
-}
-
-void Sleep(std::mt19937_64& random, double maxMs) {
-  std::uniform_real_distribution<double> delay(0, maxMs);
-  std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(delay(random)));
 }
 
 class CrashRun {
@@ -731,19 +703,23 @@ class CrashRun {
     const long victim = mNextCall + static_cast<long>(mRandom() % 3);
     const bool started =
         testing_support::WaitUntil([&] { return p.started >= victim || p.wrong >= 0; }, 10000, 50);
-    if (started) Sleep(mRandom, std::min(250.0, 1.2 * p.meanMs[victim % kTargets]));
-    Kill(host);
+    KillWithin(host, mRandom, started ? std::min(250.0, 1.2 * p.meanMs[victim % kTargets]) : 0);
     ++mKills;
 
     ExpectLocksFree();
-    InspectJournals();
+    // Before recovery files parse (only replaced whole); a journal may be partial. A complete one
+    // is put in place by the next load, itself killed at random (which leaves the older text as a
+    // complete journal, so the acceptable states stay the same two).
+    std::string problems;
+    if (Inspect(mFiles, false, problems).completeJournals > 0) KillDuringRecovery();
+    Fault(problems);
     if (p.wrong >= 0) {
       const Step step = Plan(p.wrong, StateBefore(p.wrong));
-      return Fail(Describe(p.wrong, step) + " gave " + std::to_string(p.result) + ", expected " +
-                  std::to_string(step.expected));
+      return Fault(Describe(p.wrong, step) + " gave " + std::to_string(p.result) + ", expected " +
+                   std::to_string(step.expected) + "\n");
     }
     // Ten seconds without a call starting: a lock that outlived a host, or a hang.
-    if (!started) return Fail("the host stalled before call " + std::to_string(victim));
+    if (!started) return Fault("the host stalled before call " + std::to_string(victim) + "\n");
     return Check(p.started, p.returned);
   }
 
@@ -757,22 +733,9 @@ class CrashRun {
   // A killed host's locks are gone with it: nothing is broken, nothing repaired.
   void ExpectLocksFree() {
     for (const std::string& resource : {mFiles.registry, mFiles.missingComps, std::string("VantuUpdater")}) {
-      if (!testing_support::LockIsHeld(resource)) continue;
-      ++mFaults;
-      std::cout << "the lock of " << resource << " outlived its killed holder\n";
+      if (testing_support::LockIsHeld(resource))
+        Fault("the lock of " + resource + " outlived its killed holder\n");
     }
-  }
-
-  // What the kill left before any recovery: files are only replaced whole, so they parse; a
-  // journal may be partial. A complete one is put in place by the next load, itself killed at
-  // random (between the exchange and the journal's removal it leaves the older text as a
-  // complete journal, so the acceptable states stay the same two).
-  void InspectJournals() {
-    std::string problems;
-    const Leftovers found = Inspect(mFiles, false, problems);
-    mFaults += !problems.empty();
-    std::cout << problems;
-    if (found.completeJournals > 0) KillDuringRecovery();
   }
 
   // A host that loads the files, killed at a random moment of the load.
@@ -789,9 +752,8 @@ class CrashRun {
       p.returned = 1;
       return 0;
     });
-    if (testing_support::WaitUntil([&] { return p.started == 1; }, 10000, 50))
-      Sleep(mRandom, 1.2 * p.meanMs[0]);
-    Kill(host);
+    const bool started = testing_support::WaitUntil([&] { return p.started == 1; }, 10000, 50);
+    KillWithin(host, mRandom, started ? 1.2 * p.meanMs[0] : 0);
     ++mRecoveryKills;
     ExpectLocksFree();
   }
@@ -802,13 +764,10 @@ class CrashRun {
     const StoreState returned = StateBefore(lastReturned + 1);
     StoreState actual;
     std::string error;
-    if (!LoadFiles(mFiles, mPrefKeys, actual, error)) return Fail(kill + ": " + error);
+    if (!LoadFiles(mFiles, mPrefKeys, actual, error)) return Fault(kill + ": " + error + "\n");
     std::string atRest;
     Inspect(mFiles, true, atRest);
-    if (!atRest.empty()) {
-      ++mFaults;
-      std::cout << kill << ":\n" << atRest;
-    }
+    if (!atRest.empty()) Fault(kill + ":\n" + atRest);
     mModel = actual;
     mNextCall = lastReturned + 1;
     const bool during = lastStarted > lastReturned;
@@ -816,26 +775,21 @@ class CrashRun {
     if (during && actual != returned && actual == inFlight.after) {
       mNextCall = lastStarted + 1;
     } else if (actual != returned) {
-      ++mFaults;
-      std::cout << kill
-                << (during ? " during " + Describe(lastStarted, inFlight) : " between calls")
-                << ", the files hold neither acceptable state:\n"
-                << returned.Diff(actual);
+      Fault(kill + (during ? " during " + Describe(lastStarted, inFlight) : " between calls") +
+            ", the files hold neither acceptable state:\n" + returned.Diff(actual));
     }
-    return ResetIfLarge();
-  }
-
-  bool ResetIfLarge() {
     if (mModel.Count("comp") < kMaxComponents) return true;
     if (!VantuUpdaterMissingCompsManager().Delete())
-      return Fail("the missing-components store could not be reset");
+      return Fault("the missing-components store could not be reset\n");
     for (const char* kind : {"comp", "mc"}) mModel.erase(mModel.Begin(kind), mModel.End(kind));
     return true;
   }
 
-  bool Fail(const std::string& why) {
-    std::cout << why << std::endl;
-    return false;
+  // Counts a fault that `text` describes, if any; true when none.
+  bool Fault(const std::string& text) {
+    mFaults += !text.empty();
+    std::cout << text << std::flush;
+    return text.empty();
   }
 
   const StoreFiles mFiles;
