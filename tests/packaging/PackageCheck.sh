@@ -20,8 +20,11 @@ if [ "${3:-}" != --inside ]; then
   "$cpack" -G DEB --config "$build/CPackConfig.cmake" -B "$work/debs" >"$work/cpack.log" 2>&1 ||
     { cat "$work/cpack.log"; exit 1; }
   if command -v lintian >/dev/null 2>&1; then
-    # Errors fail the check; warnings are printed for the packager.
-    lintian --tag-display-limit 0 "$work"/debs/*.deb >"$work/lintian.log" 2>&1 || true
+    # Errors fail the check; warnings are printed for the packager. Lintian leaves cache files in
+    # its temporary folder, so it gets one that goes with the rest.
+    mkdir "$work/tmp"
+    TMPDIR="$work/tmp" lintian --tag-display-limit 0 "$work"/debs/*.deb >"$work/lintian.log" 2>&1 ||
+      true
     cat "$work/lintian.log"
     if grep -q '^E:' "$work/lintian.log"; then exit 1; fi
   fi
