@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "support/TempDir.h"
+
 namespace testing_support {
 
 // Runs `body` in a forked child that leaves with _exit(body's return value; 99 on an exception),
@@ -66,6 +68,22 @@ ProgramResult RunProgram(const std::vector<std::string>& argv, const RunOptions&
 // Whether the test run is root, the only one who may choose RunOptions::groups or run as other
 // users.
 bool RunsAsRoot();
+
+// A dbus-daemon of the test's own on a socket in a temporary folder; DBUS_SESSION_BUS_ADDRESS
+// points at it while the object lives, and is unset after. Throws std::runtime_error when it
+// cannot start.
+class PrivateSessionBus {
+ public:
+  PrivateSessionBus();
+  ~PrivateSessionBus();
+  PrivateSessionBus(const PrivateSessionBus&) = delete;
+  PrivateSessionBus& operator=(const PrivateSessionBus&) = delete;
+
+ private:
+  TempDir mTemp;
+  pid_t mDaemon = -1;
+  std::string mAddress;
+};
 
 }  // namespace testing_support
 

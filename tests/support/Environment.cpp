@@ -1,3 +1,6 @@
+// What TempDir.h and TestEnv.h declare: folders, files, lock files, private mounts, the
+// test's Env.
+
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>

@@ -1,3 +1,6 @@
+// What ChildProcess.h, MultiUser.h and UpdaterSandbox.h declare: children, programs, other
+// users, the private session bus, the fake updater and the sandbox it is installed in.
+
 #include <fcntl.h>
 #include <grp.h>
 #include <plist/plist.h>

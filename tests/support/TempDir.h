@@ -1,8 +1,7 @@
 #ifndef TESTS_SUPPORT_TEMPDIR_H
 #define TESTS_SUPPORT_TEMPDIR_H
 
-// What tests set up around them: temporary folders and files, lock files, private mounts, a
-// session bus of their own.
+// What tests set up around them: temporary folders and files, lock files, private mounts.
 
 #include <sys/types.h>
 
@@ -75,22 +74,6 @@ bool MountReadOnly(const std::string& folder, std::string& why);
 
 // An empty /dev/shm of the namespace's own.
 bool UsePrivateSemaphores(std::string& why);
-
-// A dbus-daemon of the test's own on a socket in a temporary folder; DBUS_SESSION_BUS_ADDRESS
-// points at it while the object lives, and is unset after. Throws std::runtime_error when it
-// cannot start.
-class PrivateSessionBus {
- public:
-  PrivateSessionBus();
-  ~PrivateSessionBus();
-  PrivateSessionBus(const PrivateSessionBus&) = delete;
-  PrivateSessionBus& operator=(const PrivateSessionBus&) = delete;
-
- private:
-  TempDir mTemp;
-  pid_t mDaemon = -1;
-  std::string mAddress;
-};
 
 }  // namespace testing_support
 
